@@ -1,0 +1,70 @@
+#pragma once
+
+// The application registry: the system of record for which plug-ins are installed. It scans the applications
+// of all data roots, watches them, keeps UUIDs and registrations in state/Hollin/Registry.sqlite, answers
+// queries from indexes in memory and announces installs and uninstalls on its own thread. All operations: any
+// thread; no registry lock is held while an observer or a filter runs, nor over file or database I/O.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/hollin/HLProxies.h"
+#include "platform/value/Error.h"
+
+namespace platform {
+
+using HLProxyList = std::vector<std::shared_ptr<const HLAmbrelProxy>>;
+
+class HLApplicationWorkspaceObserverProtocol {
+ public:
+  virtual ~HLApplicationWorkspaceObserverProtocol() = default;
+  virtual void pluginsDidInstall(const HLProxyList& proxies) = 0;
+  virtual void pluginsWillUninstall(const HLProxyList& proxies) = 0;
+};
+
+class HLApplicationWorkspace {
+ public:
+  /// Opens the registry of this process's directories: takes the state directory's lock, reads the stored
+  /// registrations, scans every data root and starts watching. An error when the lock is taken by another
+  /// daemon or the state directory cannot be used. Once, before defaultWorkspace().
+  static std::optional<Error> open();
+  /// The shared workspace. REQUIRES: open() succeeded.
+  static HLApplicationWorkspace& defaultWorkspace();
+
+  virtual ~HLApplicationWorkspace() = default;
+
+  /// Observers are called on the registry's own thread, in order of events; what was known before is not
+  /// announced. The observer outlives the workspace's thread or calls removeObserver(), which waits for a
+  /// running call to end.
+  virtual void addObserver(HLApplicationWorkspaceObserverProtocol* observer) = 0;
+  virtual void removeObserver(HLApplicationWorkspaceObserverProtocol* observer) = 0;
+
+  /// Proxies of all registered plug-ins, or none when the registry cannot answer. One shared snapshot:
+  /// nothing is copied per call.
+  virtual std::shared_ptr<const HLProxyList> installedPlugins() const = 0;
+
+  using Filter = std::function<bool(const String& identifier, const Value& entitlements)>;
+  /// Proxies of the plug-ins whose identifier is in `identifiers` (when given) and that can be found under an
+  /// extension-point name in `protocols` (when given), of any version, keeping those for which `filter` (when
+  /// given) returns true; none on failure. Literals are compared as whole strings; an empty list matches
+  /// nothing.
+  virtual std::optional<HLProxyList> pluginsWithIdentifiers(const std::vector<std::string>* identifiers,
+                                                            const std::vector<std::string>* protocols,
+                                                            const std::string* version,
+                                                            const Filter& filter) const = 0;
+
+  /// Registers the plug-in bundle at a file URL; a repeated registration only renews the registration time.
+  /// When this returns true, every later query sees the plug-in.
+  virtual bool registerPlugin(const URL& url) = 0;
+  /// Unregisters; works for bundles that are gone. System plug-ins cannot be unregistered.
+  virtual bool unregisterPlugin(const URL& url) = 0;
+
+  /// Drops every parsed Info and SDK dictionary held by the layer (index rows stay).
+  virtual void HLClearSchemaCaches() = 0;
+};
+
+}  // namespace platform

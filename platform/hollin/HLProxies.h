@@ -1,0 +1,71 @@
+#pragma once
+
+// What the application registry says about one plug-in or one application, as it was when the proxy was made.
+// Immutable but for the uninstalled mark and values that are read on first use; shared; any thread.
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/value/Date.h"
+#include "platform/value/URL.h"
+#include "platform/value/UUID.h"
+#include "platform/value/Value.h"
+
+namespace platform {
+
+class HLAmbrelProxy;
+
+/// Base of every proxy: something that lies in a bundle.
+class HLBundleProxy {
+ public:
+  virtual ~HLBundleProxy() = default;
+  /// Canonical location of the bundle; none when the registry has lost it.
+  virtual std::optional<URL> bundleURL() const = 0;
+  /// Display name in the user's language; none when the bundle has none. Read from disk on each call.
+  virtual std::optional<std::string> localizedName() const = 0;
+};
+
+class HLApplicationProxy : public HLBundleProxy {
+ public:
+  /// The proxy of the application at `url`, or null when there is none there.
+  static std::shared_ptr<const HLApplicationProxy> applicationProxyForBundleURL(const URL& url);
+
+  /// Directory that holds the application and its metadata; none for an application without a container.
+  virtual std::optional<URL> bundleContainerURL() const = 0;
+  /// Proxies of all registered plug-ins inside the application, in order of path, then identifier.
+  virtual std::vector<std::shared_ptr<const HLAmbrelProxy>> ambrelPlugins() const = 0;
+  /// Whether the application is still being installed (contains a file "Placeholder"); looked up anew.
+  virtual bool isPlaceholder() const = 0;
+};
+
+class HLAmbrelProxy : public HLBundleProxy {
+ public:
+  /// The proxy of the plug-in with that UUID, or null.
+  static std::shared_ptr<const HLAmbrelProxy> ambrelProxyForUUID(const UUID& uuid);
+  /// The proxy with the lowest identifier of the bundle at that location, or null.
+  static std::shared_ptr<const HLAmbrelProxy> ambrelProxyForURL(const URL& url);
+
+  virtual UUID pluginUUID() const = 0;
+  virtual const String& pluginIdentifier() const = 0;
+  virtual const String& originalIdentifier() const = 0;
+  virtual Date registrationDate() const = 0;
+  virtual bool isOnSystemPartition() const = 0;
+  virtual std::optional<std::string> bundleIdentifier() const = 0;
+  virtual std::optional<std::string> bundleVersion() const = 0;
+  /// The containing application's proxy, or null.
+  virtual std::shared_ptr<const HLBundleProxy> containingBundle() const = 0;
+  /// The plug-in's own dictionary from its Info file as it is now, or none.
+  virtual Value ambrelDictionary() const = 0;
+  virtual std::optional<std::string> localizedShortName() const = 0;
+  /// The code-signing entitlements (a dictionary), or none.
+  virtual const Value& entitlements() const = 0;
+  virtual std::optional<URL> dataContainerURL() const = 0;
+  /// Whether the plug-in's uninstall was decided: a record made from this proxy must not be kept.
+  virtual bool isUninstalled() const = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,60 @@
+#pragma once
+
+// The platform's service launcher: which plug-ins a host process may start, and how busy this process is.
+// Registrations are files, runtime/Launcher/<host pid>/<plug-in UUID>.plist. Any thread.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "platform/queue/SerialQueue.h"
+#include "platform/value/UUID.h"
+#include "platform/value/Value.h"
+
+namespace platform {
+
+/// Key of the bundle identifier in extension properties.
+inline constexpr const char* kLauncherBundleIdentifierKey = "BundleIdentifier";
+
+/// Result codes of a removal.
+inline constexpr int32_t kRemovalDone = 0;
+inline constexpr int32_t kRemovalNoSuchService = 3;
+
+/// What the launcher is told besides the launch description, to find the registration again.
+struct ExternalService {
+  UUID plugInUUID;
+  std::string plugInIdentifier;
+  std::string bundleIdentifier;
+  std::string bundleVersion;
+};
+
+/// Lets process `host` start the executable as described. 0, or an error number: ESRCH for a host that is
+/// gone, ENOENT/EACCES for the executable, the write's own errors.
+int addExternalService(pid_t host, const std::string& executablePath, const Dictionary& launchDescription,
+                       const ExternalService& service);
+
+/// Removes every registration of that bundle identifier and version (and sweeps those of dead hosts);
+/// `completion` runs on `queue` with 0, 3 when there was none, or an error number. The file work is done on
+/// the platform's background thread.
+void removeExternalService(const std::string& bundleIdentifier, const std::string& bundleVersion,
+                           SerialQueue& queue, std::function<void(int32_t result)> completion);
+
+/// The host's side: the registration of a plug-in for process `host` (a dictionary), or none.
+std::optional<Dictionary> externalService(pid_t host, const UUID& plugInUUID);
+
+/// One open busy marking of this process; it counts while it lives. The count is shown in the service
+/// manager's status text (sd_notify(3)) when there is one.
+class BusyMarking {
+ public:
+  BusyMarking();
+  ~BusyMarking();
+  BusyMarking(const BusyMarking&) = delete;
+  BusyMarking& operator=(const BusyMarking&) = delete;
+  /// Open markings of the process.
+  static uint32_t count();
+};
+
+}  // namespace platform

@@ -1,0 +1,37 @@
+#pragma once
+
+// Durable, atomic replacement of a whole file, and the identity by which a file counts as unchanged. Any
+// thread.
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/value/Error.h"
+
+struct stat;
+
+namespace platform {
+
+/// Writes `bytes` to a temporary file beside `path` (permissions 0666 less the process's umask), syncs it,
+/// renames it over `path` and syncs the directory, in that order; when this returns no error the contents
+/// survive power loss. On an error (domain "POSIX") the old file is intact and the temporary one is removed.
+std::optional<Error> replaceFile(const std::string& path, std::string_view bytes);
+
+/// Removes temporary files that a killed replaceFile() of `path` left behind.
+void sweepTemporaryFiles(const std::string& path);
+
+/// Device, inode, size, modification and change time: two equal identities mean unchanged contents.
+struct FileIdentity {
+  uint64_t device = 0, inode = 0, size = 0;
+  int64_t modificationNanoseconds = 0, changeNanoseconds = 0;
+
+  static FileIdentity of(const struct stat& status);
+  /// None when the file is missing or is not a regular file (symbolic links are followed).
+  static std::optional<FileIdentity> ofFile(const std::string& path);
+  friend auto operator<=>(const FileIdentity&, const FileIdentity&) = default;
+};
+
+}  // namespace platform

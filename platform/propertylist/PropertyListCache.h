@@ -1,0 +1,33 @@
+#pragma once
+
+// Parsed dictionaries of property-list files that are looked up anew on every call but parsed only when their
+// file changed. Bounded: the least recently used entry makes room. Any thread.
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/value/Value.h"
+
+namespace platform {
+
+class PropertyListCache {
+ public:
+  explicit PropertyListCache(size_t capacity);
+  ~PropertyListCache();
+  PropertyListCache(const PropertyListCache&) = delete;
+  PropertyListCache& operator=(const PropertyListCache&) = delete;
+
+  /// The dictionary in the file at `path` as it is now; none when there is none. No lock is held while
+  /// reading.
+  std::optional<Dictionary> dictionary(const std::string& path);
+  /// Forgets every parsed dictionary.
+  void clear();
+
+ private:
+  struct Implementation;
+  std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace platform

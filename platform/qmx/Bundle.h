@@ -1,0 +1,52 @@
+#pragma once
+
+// The platform's bundle object: a directory with an "Info.plist", flat. Answers questions about a bundle by
+// property number. Immutable; any thread.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/value/Value.h"
+
+namespace platform::qmx {
+
+class Bundle {
+ public:
+  /// How a path is read.
+  enum Mode { directory = 1, executable = 2 };
+  enum Property { bundlePath = 2, executablePathProperty = 3, supportPathProperty = 9 };
+
+  /// Mode `directory`: `path` names a bundle directory; null when it is no directory. Mode `executable`: the
+  /// bundle is the innermost enclosing directory with an Info.plist and the suffix ".app" or ".appex"; when
+  /// there is none the result has no properties at all.
+  static std::shared_ptr<const Bundle> create(const std::string& path, Mode mode);
+  /// The bundle of the running process.
+  static std::shared_ptr<const Bundle> mainBundle();
+
+  /// The property as a string, or none.
+  std::optional<std::string> property(int number) const;
+  /// The Info dictionary as it is on disk now; none when it cannot be read. Unchanged files are not parsed
+  /// again.
+  std::optional<Dictionary> infoDictionary() const;
+  /// Drops what is cached for this bundle, so that the next question sees the disk.
+  void flush() const;
+  const std::string& path() const { return path_; }
+  std::string description() const;
+
+  /// Drops every parsed Info dictionary of the process.
+  static void clearCaches();
+
+ private:
+  Bundle() = default;
+  std::string path_;
+  bool isRecognised_ = false;
+};
+
+/// Display and short name of the bundle at `path` with Info dictionary `info`, in the user's language: of
+/// "BWBundleDisplayName" and "BWBundleName" the first, and the second; `Localizations/<language>.plist` of
+/// the bundle may override both keys.
+std::optional<std::string> localizedBundleName(const std::string& path, const Dictionary& info);
+std::optional<std::string> localizedBundleShortName(const std::string& path, const Dictionary& info);
+
+}  // namespace platform::qmx

@@ -1,0 +1,24 @@
+#pragma once
+
+// The registered extension-point SDKs: data/SDKs/<name>.plist; a user's file wins over the system's. Looked
+// up anew on every call, parsed only when the file changed. Any thread.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/value/Value.h"
+
+namespace platform::qmx {
+
+/// The registered entry of an SDK, or none. A name that cannot be a file name is not registered.
+std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name);
+
+/// The entry of `name` in the directory named by ABTEST_SDK (a file of exactly that name), when the variable
+/// is set and the file holds a dictionary.
+std::optional<Dictionary> testSDKEntry(std::string_view name);
+
+/// Drops every parsed SDK dictionary.
+void clearSDKCache();
+
+}  // namespace platform::qmx

@@ -1,0 +1,30 @@
+#pragma once
+
+// Read tokens for files, and whether a process is confined. Any thread.
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+namespace platform {
+
+/// Issues a token that lets its holder ask the platform's broker to read the file or directory at `path`.
+/// Self-contained, fresh each time, bound to the canonical path, device and inode, authenticated with the key
+/// in state/Sandbox.key. None, with errno set, when the path does not exist or cannot be read, or the key
+/// cannot be had.
+std::optional<std::string> issueReadToken(const std::string& path);
+
+/// The same for a path that was named relative to the bundle at `root`: when its canonical form leads out of
+/// `root` there is no token and errno is EACCES... (EXDEV is not used).
+std::optional<std::string> issueReadTokenInside(const std::string& root, const std::string& path);
+
+/// The broker's side: the canonical path that `token` is for, when it is authentic and the file is still the
+/// same; none, with errno set (EBADMSG: not authentic; ESTALE: the file is another one), otherwise.
+std::optional<std::string> verifyReadToken(const std::string& token);
+
+/// Whether the process is confined: more seccomp filters than this process, or another user, mount or pid
+/// namespace; when in doubt, true.
+bool isSandboxed(pid_t pid);
+
+}  // namespace platform

@@ -1,0 +1,36 @@
+#pragma once
+
+// Named notifications across processes: runtime/Notifications/<name>. A post appends one byte to the file, so
+// its size is the number of posts; observers watch it with inotify(7) and count by differences.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/queue/RunLoop.h"
+
+namespace platform {
+
+/// Posts `name` once; any thread. A failure to write is logged and otherwise ignored.
+void postNotification(const std::string& name);
+
+class NotificationObserver {
+ public:
+  /// Calls `handler` on `loop`'s thread with the number of posts since the last call (at least 1). Posts from
+  /// before this constructor are not reported.
+  NotificationObserver(const std::string& name, RunLoop& loop, std::function<void(uint64_t posts)> handler);
+  /// REQUIRES: called on the loop's thread, or with the loop not running.
+  ~NotificationObserver();
+  NotificationObserver(const NotificationObserver&) = delete;
+  NotificationObserver& operator=(const NotificationObserver&) = delete;
+
+  /// Whether the notification can be watched at all (the runtime directory exists and inotify has room).
+  bool isWatching() const;
+
+ private:
+  struct Implementation;
+  std::shared_ptr<Implementation> implementation_;
+};
+
+}  // namespace platform

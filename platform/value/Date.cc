@@ -1,0 +1,27 @@
+#include "platform/value/Date.h"
+
+#include <cmath>
+#include <ctime>
+
+namespace platform {
+
+Date Date::now() {
+  timespec time{};
+  clock_gettime(CLOCK_REALTIME, &time);
+  return Date{static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9};
+}
+
+std::string Date::description() const {
+  // gmtime_r takes any time_t, but a double holds more than that.
+  constexpr double kLimit = 1e15;
+  if (!(secondsSince1970 > -kLimit && secondsSince1970 < kLimit)) {
+    return std::to_string(secondsSince1970) + " seconds since 1970";
+  }
+  const auto whole = static_cast<time_t>(std::floor(secondsSince1970));
+  tm parts{};
+  if (gmtime_r(&whole, &parts) == nullptr) return std::to_string(whole) + " seconds since 1970";
+  char text[64];
+  return std::string(text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts));
+}
+
+}  // namespace platform
