@@ -47,7 +47,6 @@ class EncodedListBuilder {
   EncodedPropertyList finish();
 
  private:
-  void appendHead(uint8_t majorType, uint64_t argument);
   struct Part {
     Data kept;  // empty: a range of fresh_
     size_t offset = 0, size = 0;

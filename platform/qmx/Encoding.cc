@@ -1,0 +1,401 @@
+#include "platform/qmx/Encoding.h"
+
+// The decoder takes one item head after the other from the library's streaming decoder and builds values
+// itself. Model: `owed_` is the number of bytes that the containers begun so far need at least for what they
+// still declare (one per item); a count that would raise it above the bytes left is malformed. So every
+// declared count can be trusted with exact storage, and all storage of a message together is bounded by its
+// size, however the counts are nested.
+
+#include <cbor/callbacks.h>
+#include <cbor/encoding.h>
+#include <cbor/streaming.h>
+
+#include <cstring>
+
+#include "platform/qmx/Limits.h"
+#include "platform/value/UTF8.h"
+
+namespace platform::qmx {
+
+namespace {
+
+constexpr uint64_t kDateTag = 1;
+constexpr uint64_t kEncodedTag = 24;
+constexpr uint64_t kUUIDTag = 37;
+
+constexpr size_t kMaximumHead = 9;
+
+// --- Decoding ---
+
+/// One item as the library's decoder reports it: a scalar, or the head of something.
+struct Item {
+  enum class Kind : uint8_t {
+    malformed,
+    unsignedInteger,
+    negativeInteger,
+    data,
+    text,
+    array,
+    map,
+    tag,
+    real,
+    boolean,
+    null,
+  };
+  Kind kind = Kind::malformed;
+  /// The integer (of a negative one -1 - argument), count, tag or boolean.
+  uint64_t argument = 0;
+  double real = 0;
+  std::span<const uint8_t> bytes;
+};
+
+template <Item::Kind kind, typename T>
+void takeArgument(void* item, T argument) {
+  static_cast<Item*>(item)->kind = kind;
+  static_cast<Item*>(item)->argument = argument;
+}
+
+template <Item::Kind kind>
+void takeBytes(void* item, cbor_data bytes, size_t size) {
+  static_cast<Item*>(item)->kind = kind;
+  static_cast<Item*>(item)->bytes = {bytes, size};
+}
+
+template <typename T>
+void takeReal(void* item, T real) {
+  static_cast<Item*>(item)->kind = Item::Kind::real;
+  static_cast<Item*>(item)->real = static_cast<double>(real);
+}
+
+void takeNull(void* item) {
+  static_cast<Item*>(item)->kind = Item::Kind::null;
+}
+
+void takeMalformed(void* item) {
+  static_cast<Item*>(item)->kind = Item::Kind::malformed;
+}
+
+constexpr cbor_callbacks kCallbacks = {
+    .uint8 = takeArgument<Item::Kind::unsignedInteger, uint8_t>,
+    .uint16 = takeArgument<Item::Kind::unsignedInteger, uint16_t>,
+    .uint32 = takeArgument<Item::Kind::unsignedInteger, uint32_t>,
+    .uint64 = takeArgument<Item::Kind::unsignedInteger, uint64_t>,
+    .negint64 = takeArgument<Item::Kind::negativeInteger, uint64_t>,
+    .negint32 = takeArgument<Item::Kind::negativeInteger, uint32_t>,
+    .negint16 = takeArgument<Item::Kind::negativeInteger, uint16_t>,
+    .negint8 = takeArgument<Item::Kind::negativeInteger, uint8_t>,
+    .byte_string_start = takeMalformed,
+    .byte_string = takeBytes<Item::Kind::data>,
+    .string = takeBytes<Item::Kind::text>,
+    .string_start = takeMalformed,
+    .indef_array_start = takeMalformed,
+    .array_start = takeArgument<Item::Kind::array, size_t>,
+    .indef_map_start = takeMalformed,
+    .map_start = takeArgument<Item::Kind::map, size_t>,
+    .tag = takeArgument<Item::Kind::tag, uint64_t>,
+    .float2 = takeReal<float>,
+    .float4 = takeReal<float>,
+    .float8 = takeReal<double>,
+    .undefined = takeMalformed,
+    .null = takeNull,
+    .boolean = takeArgument<Item::Kind::boolean, bool>,
+    .indef_break = takeMalformed,
+};
+
+class Decoder {
+ public:
+  explicit Decoder(std::span<const uint8_t> bytes) : at_(bytes.data()), end_(at_ + bytes.size()) {}
+
+  bool isAtEnd() const { return at_ == end_; }
+
+  /// Decodes one item into `value`, which is none for a null. False: malformed.
+  bool decode(Value& value, int nesting) {
+    Item item;
+    if (!take(item)) return false;
+    switch (item.kind) {
+      case Item::Kind::unsignedInteger:
+        value = Value(item.argument);
+        return true;
+      case Item::Kind::negativeInteger:
+        if (item.argument > static_cast<uint64_t>(INT64_MAX)) return false;
+        value = Value(-1 - static_cast<int64_t>(item.argument));
+        return true;
+      case Item::Kind::data:
+        value = Value(Data(item.bytes));
+        return true;
+      case Item::Kind::text:
+        if (!isValidText(text(item))) return false;
+        value = Value(String(text(item)));
+        return true;
+      case Item::Kind::array:
+        return decodeArray(item.argument, value, nesting);
+      case Item::Kind::map:
+        return decodeMap(item.argument, value, nesting);
+      case Item::Kind::tag:
+        return decodeTagged(item.argument, value);
+      case Item::Kind::real:
+        value = Value(item.real);
+        return true;
+      case Item::Kind::boolean:
+        value = Value(item.argument != 0);
+        return true;
+      case Item::Kind::null:
+        value = Value();
+        return true;
+      case Item::Kind::malformed:
+        break;
+    }
+    return false;
+  }
+
+ private:
+  bool take(Item& item) {
+    const cbor_decoder_result result = cbor_stream_decode(at_, bytesLeft(), &kCallbacks, &item);
+    if (result.status != CBOR_DECODER_FINISHED) return false;
+    at_ += result.read;
+    return item.kind != Item::Kind::malformed;
+  }
+
+  size_t bytesLeft() const { return static_cast<size_t>(end_ - at_); }
+
+  static std::string_view text(const Item& item) {
+    return {reinterpret_cast<const char*>(item.bytes.data()), item.bytes.size()};
+  }
+
+  /// Enters a container of `count` elements of `itemsEach` items each.
+  bool enter(uint64_t count, size_t itemsEach, int nesting) {
+    if (nesting <= 0 || owed_ > bytesLeft()) return false;
+    if (count > (bytesLeft() - owed_) / itemsEach) return false;
+    owed_ += static_cast<size_t>(count) * itemsEach;
+    return true;
+  }
+
+  bool decodeArray(uint64_t count, Value& value, int nesting) {
+    if (!enter(count, 1, nesting)) return false;
+    std::vector<Value> values(static_cast<size_t>(count));
+    for (Value& element : values) {
+      --owed_;
+      if (!decode(element, nesting - 1) || element.isNone()) return false;
+    }
+    value = Array(std::move(values));
+    return true;
+  }
+
+  bool decodeMap(uint64_t count, Value& value, int nesting) {
+    if (!enter(count, 2, nesting)) return false;
+    std::vector<Dictionary::Entry> entries(static_cast<size_t>(count));
+    for (Dictionary::Entry& entry : entries) {
+      owed_ -= 2;
+      Item key;
+      if (!take(key) || key.kind != Item::Kind::text || !isValidText(text(key))) return false;
+      entry.key = String(text(key));
+      if (!decode(entry.value, nesting - 1)) return false;
+    }
+    std::optional<Dictionary> dictionary = Dictionary::fromEntries(std::move(entries));
+    if (!dictionary) return false;
+    value = std::move(*dictionary);
+    return true;
+  }
+
+  bool decodeTagged(uint64_t tag, Value& value) {
+    Item item;
+    if (!take(item)) return false;
+    if (tag == kDateTag) {
+      if (item.kind == Item::Kind::real) {
+        value = Date{item.real};
+      } else if (item.kind == Item::Kind::unsignedInteger) {
+        value = Date{static_cast<double>(item.argument)};
+      } else if (item.kind == Item::Kind::negativeInteger) {
+        value = Date{-1.0 - static_cast<double>(item.argument)};
+      } else {
+        return false;
+      }
+      return true;
+    }
+    if (item.kind != Item::Kind::data) return false;
+    if (tag == kUUIDTag) {
+      value = UUID::fromBytes(item.bytes);
+      return !value.isNone();
+    }
+    if (tag != kEncodedTag) return false;
+    const Data contents(item.bytes);
+    value = EncodedPropertyList({{contents, contents.bytes()}});
+    return true;
+  }
+
+  const uint8_t* at_;
+  const uint8_t* end_;
+  size_t owed_ = 0;
+};
+
+// --- Encoding ---
+
+template <typename Encode, typename T>
+void append(std::string& out, Encode encode, T argument) {
+  unsigned char head[kMaximumHead];
+  out.append(reinterpret_cast<const char*>(head), encode(argument, head, sizeof head));
+}
+
+void appendText(std::string& out, std::string_view text) {
+  append(out, cbor_encode_string_start, text.size());
+  out += text;
+}
+
+void appendBytes(std::string& out, std::span<const uint8_t> bytes) {
+  out.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+void appendEntries(std::string& out, const Dictionary& dictionary) {
+  for (const auto& [key, value] : dictionary) {
+    appendText(out, key);
+    encode(value, out);
+  }
+}
+
+}  // namespace
+
+void encode(const Value& value, std::string& out) {
+  switch (value.kind()) {
+    case Value::Kind::none:
+      out += static_cast<char>(0xF6);
+      break;
+    case Value::Kind::boolean:
+      append(out, cbor_encode_bool, *value.boolean());
+      break;
+    case Value::Kind::integer: {
+      const int64_t integer = value.integerValue();
+      if (integer >= 0) {
+        append(out, cbor_encode_uint, static_cast<uint64_t>(integer));
+      } else {
+        append(out, cbor_encode_negint, static_cast<uint64_t>(-1 - integer));
+      }
+      break;
+    }
+    case Value::Kind::unsignedInteger:
+      append(out, cbor_encode_uint, value.unsignedValue());
+      break;
+    case Value::Kind::real:
+      append(out, cbor_encode_double, *value.real());
+      break;
+    case Value::Kind::string:
+      appendText(out, *value.string());
+      break;
+    case Value::Kind::data:
+      append(out, cbor_encode_bytestring_start, value.data()->size());
+      appendBytes(out, value.data()->bytes());
+      break;
+    case Value::Kind::date:
+      append(out, cbor_encode_tag, kDateTag);
+      append(out, cbor_encode_double, value.date()->secondsSince1970);
+      break;
+    case Value::Kind::uuid: {
+      const UUID uuid = *value.uuid();
+      append(out, cbor_encode_tag, kUUIDTag);
+      append(out, cbor_encode_bytestring_start, uuid.bytes().size());
+      appendBytes(out, uuid.bytes());
+      break;
+    }
+    case Value::Kind::array:
+      append(out, cbor_encode_array_start, value.array()->size());
+      for (const Value& element : *value.array()) encode(element, out);
+      break;
+    case Value::Kind::dictionary:
+      append(out, cbor_encode_map_start, value.dictionary()->size());
+      appendEntries(out, *value.dictionary());
+      break;
+    case Value::Kind::encoded:
+      append(out, cbor_encode_tag, kEncodedTag);
+      append(out, cbor_encode_bytestring_start, value.encoded()->size());
+      for (const auto& piece : value.encoded()->pieces()) appendBytes(out, piece.bytes);
+      break;
+  }
+}
+
+Data encoded(const Value& value) {
+  std::string out;
+  encode(value, out);
+  return Data(out);
+}
+
+std::optional<Value> decode(std::span<const uint8_t> bytes, int nesting) {
+  Decoder decoder(bytes);
+  Value value;
+  if (!decoder.decode(value, nesting) || !decoder.isAtEnd() || value.isNone()) return std::nullopt;
+  return value;
+}
+
+std::optional<Value> decodePropertyList(const EncodedPropertyList& list) {
+  const auto pieces = list.pieces();
+  if (pieces.size() == 1) return decode(pieces.front().bytes, kMaximumNesting);
+  const std::string all = list.joined();
+  return decode(std::span(reinterpret_cast<const uint8_t*>(all.data()), all.size()), kMaximumNesting);
+}
+
+EncodedPropertyList encodePropertyList(const Value& value) {
+  const Data contents = encoded(value);
+  return EncodedPropertyList({{contents, contents.bytes()}});
+}
+
+Data encodeEntries(const Dictionary& dictionary) {
+  std::string out;
+  appendEntries(out, dictionary);
+  return Data(out);
+}
+
+// --- EncodedListBuilder ---
+
+void EncodedListBuilder::beginArray(size_t count) {
+  const size_t from = fresh_.size();
+  append(fresh_, cbor_encode_array_start, count);
+  extendFresh(from);
+}
+
+void EncodedListBuilder::beginMap(size_t count) {
+  const size_t from = fresh_.size();
+  append(fresh_, cbor_encode_map_start, count);
+  extendFresh(from);
+}
+
+void EncodedListBuilder::value(const Value& value) {
+  const size_t from = fresh_.size();
+  encode(value, fresh_);
+  extendFresh(from);
+}
+
+void EncodedListBuilder::entry(std::string_view key, const Value& value) {
+  const size_t from = fresh_.size();
+  appendText(fresh_, key);
+  encode(value, fresh_);
+  extendFresh(from);
+}
+
+void EncodedListBuilder::kept(const Data& part) {
+  if (!part.empty()) parts_.push_back({.kept = part});
+}
+
+void EncodedListBuilder::extendFresh(size_t from) {
+  // Fresh bytes that follow one another are one part.
+  if (!parts_.empty() && parts_.back().kept.empty()) {
+    parts_.back().size += fresh_.size() - from;
+  } else {
+    parts_.push_back({.kept = {}, .offset = from, .size = fresh_.size() - from});
+  }
+}
+
+EncodedPropertyList EncodedListBuilder::finish() {
+  const Data fresh{std::string_view(fresh_)};
+  std::vector<EncodedPropertyList::Piece> pieces;
+  pieces.reserve(parts_.size());
+  for (const Part& part : parts_) {
+    if (part.kept.empty()) {
+      pieces.push_back({fresh, fresh.bytes().subspan(part.offset, part.size)});
+    } else {
+      pieces.push_back({part.kept, part.kept.bytes()});
+    }
+  }
+  fresh_.clear();
+  parts_.clear();
+  return EncodedPropertyList(std::move(pieces));
+}
+
+}  // namespace platform::qmx
