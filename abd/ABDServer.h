@@ -1,0 +1,113 @@
+#pragma once
+
+// The daemon's one server: the plug-in database and its delegate, the daemon's queues, the listener, the
+// hold list and the two logging operations. Made by the process's entry before any queue has work; lives as
+// long as the process.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "abd/database/ABDUserPrefs.h"
+#include "abd/database/ABDatabase.h"
+#include "platform/log/Format.h"
+#include "platform/qmx/Listener.h"
+#include "platform/queue/SerialQueue.h"
+#include "platform/value/UUID.h"
+
+namespace abd {
+
+class ABDPlugIn;
+class ABDPlugInHold;
+class ABDQmxClient;
+
+class ABDServer : public ABDatabase, public ABDatabaseDelegate {
+ public:
+  /// initForService:database:. Null, with the reason logged, when the registry or the service's socket cannot
+  /// be had. `database` is the annotation file's path; none: the default location.
+  static std::shared_ptr<ABDServer> initForService(const std::string& service,
+                                                   const std::optional<std::string>& database);
+  /// The singleton; null before the first initialisation.
+  static const std::shared_ptr<ABDServer>& server();
+  /// Ends the singleton's reference.
+  static void releaseServer();
+  ~ABDServer() override;
+
+  /// Resumes the listener and runs the main run loop.
+  void run();
+
+  uint32_t verbose() const { return verbose_; }
+  /// REQUIRES: run() was not called yet.
+  void setVerbose(uint32_t verbose) { verbose_ = verbose; }
+  SerialQueue& qmxQueue() { return qmxQueue_; }
+  SerialQueue& mainQueue() { return mainQueue_; }
+  SerialQueue& syncQueue() { return syncQueue_; }
+  qmx::Listener& service() { return *service_; }
+  ABDUserPrefs& userPrefs() { return *userPrefs_; }
+
+  static constexpr int32_t kLogLevel = 5;    // syslog's notice
+  static constexpr int32_t kDebugLevel = 6;  // syslog's info
+
+  /// Writes one entry to the system log.
+  template <typename... Args>
+  void log(Format<Args...> text, const Args&... args) {
+    logArguments(kLogLevel, text.text(), args...);
+  }
+  /// The same, but only when `verbose` is not 0; otherwise nothing is formatted.
+  template <typename... Args>
+  void debug(Format<Args...> text, const Args&... args) {
+    if (verbose_ != 0) logArguments(kDebugLevel, text.text(), args...);
+  }
+  /// log:format:arguments:. The level travels with the call and changes nothing of what is written.
+  void log(int32_t level, std::string_view text, std::span<const FormatArgument> arguments);
+
+  /// Queues `work` on the service queue.
+  void submitWork(SerialQueue::Work work) { mainQueue_.async(std::move(work)); }
+
+  // The hold list. From any queue but "serverSync", which each of these enters.
+
+  /// Whether a live hold blocks the plug-in.
+  bool holdOnPlugIn(const ABDPlugIn& plugIn);
+  /// Takes up a new hold. One whose client has died meanwhile is released at once.
+  void addHold(const std::shared_ptr<ABDPlugInHold>& hold);
+  /// Releases the hold with that token; an unknown token is ignored.
+  void unholdToken(const UUID& token);
+  /// Releases every hold of the client, and every one that is still to come.
+  void unholdClient(ABDQmxClient& client);
+
+  /// Has the service launcher forget uninstalled plug-ins. Any thread.
+  void removedPlugIns(const HLProxyList& proxies) override;
+
+ private:
+  explicit ABDServer(const std::optional<std::string>& database);
+  bool listen(const std::string& serviceName);
+  template <typename... Args>
+  void logArguments(int32_t level, std::string_view text, const Args&... args) {
+    const FormatArgument arguments[] = {FormatArgument(args)..., FormatArgument(0)};
+    log(level, text, std::span(arguments, sizeof...(Args)));
+  }
+
+  using Holds = std::vector<std::shared_ptr<ABDPlugInHold>>;
+  Holds::iterator removeHold(Holds::iterator hold);
+  void releaseHoldsOfDeadClient(const ABDQmxClient& client);
+
+  // Set before the first request.
+  uint32_t verbose_ = 0;
+  SerialQueue qmxQueue_{"qmx", RunLoop::main()};
+  SerialQueue mainQueue_{"service", RunLoop::main(), QualityOfService::userInitiated};
+  SerialQueue syncQueue_{"serverSync", RunLoop::main()};
+  std::unique_ptr<qmx::Listener> service_;
+  std::unique_ptr<ABDUserPrefs> userPrefs_;
+
+  // Only on "serverSync".
+  Holds holds_;                                        // in creation order
+  std::unordered_map<UUID, uint32_t> blockedPlugIns_;  // how many of holds_ block each plug-in
+};
+
+}  // namespace abd
