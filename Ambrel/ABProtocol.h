@@ -1,0 +1,82 @@
+#pragma once
+
+// The daemon's protocol in one table: service name, versions, request names, message keys and flag bits. The
+// error codes are in ABErrors.h. Constants only.
+
+#include <cstdint>
+
+#include "Ambrel/ABErrors.h"
+
+namespace ambrel {
+
+inline constexpr const char* kDefaultServiceName = "com.veltra.ambrel.abd";
+/// The version that a client of today speaks, and the only one with property-list message values. The daemon
+/// also serves version 2.
+inline constexpr int64_t kProtocolVersion = 3;
+/// Posted when an annotation or a hold has changed.
+inline constexpr const char* kAnnotationChangeNotification = "com.veltra.ambrel.annotation-change";
+
+/// Values of key::request.
+namespace request {
+inline constexpr const char* add = "add";
+inline constexpr const char* remove = "remove";
+inline constexpr const char* bulk = "bulk";
+inline constexpr const char* match = "match";
+inline constexpr const char* ready = "ready";
+inline constexpr const char* access = "access";
+inline constexpr const char* annotate = "annotate";
+inline constexpr const char* lock = "lock";
+}  // namespace request
+
+/// Keys of requests and replies.
+namespace key {
+inline constexpr const char* request = "request";          // string: a request name
+inline constexpr const char* version = "version";          // unsigned: protocol version of the sender
+inline constexpr const char* paths = "paths";              // array of strings
+inline constexpr const char* rules = "rules";              // dictionary: rule key to pattern
+inline constexpr const char* flags = "flags";              // unsigned: option bits of the request
+inline constexpr const char* uuids = "uuids";              // array of UUIDs; a granted hold's token: one UUID
+inline constexpr const char* annotations = "annotations";  // dictionary: annotation entries
+inline constexpr const char* errorCode = "errorcode";      // unsigned: absent or 0 on success
+inline constexpr const char* error = "error";              // string: description of the error
+inline constexpr const char* matches = "matches";          // property-list message value: array of forms
+inline constexpr const char* conflicts = "conflicts";      // array of dictionaries: busy instances
+inline constexpr const char* extensions = "extensions";    // array of strings: read tokens
+}  // namespace key
+
+/// Keys of an annotation record.
+namespace annotation {
+inline constexpr const char* election = "election";    // number; 0 or absent: no election
+inline constexpr const char* extension = "extension";  // dictionary of a client's own
+}  // namespace annotation
+
+/// Bits of a "match" request's flags.
+enum DiscoveryFlags : uint64_t {
+  ABDiscoverAllVersions = 0x1,
+  ABDiscoverDuplicates = 0x4,
+  ABDiscoverSystemOnly = 0x8,
+  ABDiscoverAll = 0x200,
+};
+
+/// Flags of a "lock" request that holds: what its paths name.
+enum HoldFlags : uint64_t {
+  ABHoldApplications = 1,  // applications: every plug-in inside, refused while one is busy
+  ABHoldPlugIns = 2,       // plug-in bundles, busy or not
+};
+
+/// Elections that people make: any other value counts as made, too.
+enum Election : int64_t {
+  ABElectionDefault = 0,
+  ABElectionUse = 1,
+  ABElectionIgnore = 2,
+};
+
+/// Entitlements that the daemon reads.
+namespace entitlement {
+inline constexpr const char* manager = "com.veltra.private.ambrel.manager";
+inline constexpr const char* allowedPlugIns = "com.veltra.developer.ambrel.allowedplugins";
+inline constexpr const char* replacePlugIn = "com.veltra.developer.replace-plugin";
+inline constexpr const char* autoElectPlugIn = "com.veltra.developer.auto-elect-plugin";
+}  // namespace entitlement
+
+}  // namespace ambrel

@@ -1,0 +1,55 @@
+#pragma once
+
+// What clients have said about plug-ins, kept across restarts: a table from annotation key to annotation
+// record (a dictionary with "election" and "extension"), held in memory and written to one XML property-list
+// file after every change. Made once with the database, which is its only caller; it has no lock: the
+// database orders the calls. The file is read once, when the store is made.
+
+#include <optional>
+#include <string>
+
+#include "platform/value/Error.h"
+#include "platform/value/URL.h"
+#include "platform/value/Value.h"
+
+namespace abd {
+
+using namespace platform;
+
+class ABDPlugIn;
+
+class ABDAnnotationStore {
+ public:
+  /// The only file version that is read or written.
+  static constexpr int32_t kFileVersion = 16;
+
+  /// initWithDatabase: loads the file at `path` (a relative one is resolved now), or at the default location.
+  /// A file that cannot be loaded is logged, left as it is, and the table starts empty.
+  explicit ABDAnnotationStore(const std::optional<std::string>& path);
+
+  /// The default file, "com.veltra.ambrel/Annotations" in the per-user directory; makes its directory. Raises
+  /// InternalInconsistency when there is no place for it.
+  static URL defaultDatabaseURL();
+
+  const URL& annotationsURL() const { return annotationsURL_; }
+  /// Annotation key to annotation record.
+  const Dictionary& annotations() const { return annotations_; }
+
+  /// Replaces the table by the file's; the error when that fails.
+  std::optional<Error> loadDb();
+  /// Replaces the file by the table, durably; the error when that fails.
+  std::optional<Error> saveDb() const;
+
+  /// The record under `key` (a dictionary), or a none value.
+  const Value& annotationForIdentifier(std::string_view key) const;
+  const Value& annotationForPlugIn(const ABDPlugIn& plugIn) const;
+  /// Merges `annotation` into the plug-in's record (none removes the record), then saves. A failed save is
+  /// logged; the change is kept in memory and written with the next one.
+  void setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn);
+
+ private:
+  URL annotationsURL_;
+  Dictionary annotations_;
+};
+
+}  // namespace abd

@@ -1,0 +1,108 @@
+#pragma once
+
+// The daemon's view of all registered plug-ins: turns the registry's proxies into records, keeps them in a
+// cache of bounded count keyed by plug-in UUID, answers look-ups, passes registrations on, fronts the
+// annotation store and elects plug-ins that ask for it. Made once, as the base of the server; lives as long
+// as the process and observes the registry all that time.
+//
+// Look-ups and annotation calls come from the service queue, announcements from the registry's thread. The
+// serial queue "ABDatabase" guards the cache and orders the store's calls; it is only entered synchronously
+// and its work waits for no other queue.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "abd/database/ABDAnnotationStore.h"
+#include "abd/plugin/ABDPlugIn.h"
+#include "platform/hollin/HLApplicationWorkspace.h"
+#include "platform/queue/SerialQueue.h"
+
+namespace abd {
+
+using namespace platform;
+using namespace ambrel;
+
+class ABDatabaseDelegate {
+ public:
+  virtual ~ABDatabaseDelegate() = default;
+  /// The plug-ins of these proxies are being uninstalled. On the registry's thread.
+  virtual void removedPlugIns(const HLProxyList& proxies) = 0;
+};
+
+class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
+ public:
+  ABDatabase();
+  ~ABDatabase() override;
+  ABDatabase(const ABDatabase&) = delete;
+  ABDatabase& operator=(const ABDatabase&) = delete;
+
+  /// Opens the registry, loads the annotations and begins to observe. False, with the reason logged, when the
+  /// registry cannot be opened. `path` is the annotation file's; none: the default location.
+  bool initWithDatabase(const std::optional<std::string>& path);
+
+  ABDatabaseDelegate* delegate() const { return delegate_.load(std::memory_order_acquire); }
+  /// Not owned; set to null before the delegate goes.
+  void setDelegate(ABDatabaseDelegate* delegate) { delegate_.store(delegate, std::memory_order_release); }
+  /// Records above which the cache is emptied.
+  uint32_t cacheLimit() const { return cacheLimit_.load(std::memory_order_relaxed); }
+  void setCacheLimit(uint32_t limit) { cacheLimit_.store(limit, std::memory_order_relaxed); }
+  HLApplicationWorkspace& workspace() const { return *workspace_; }
+  ABDAnnotationStore& annotations() const { return *annotations_; }
+
+  // Look-ups. Each answers null (or nothing) for plug-ins whose record cannot be built.
+  std::shared_ptr<ABDPlugIn> plugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
+  /// Candidates for `rules`, narrowed by what the registry can look up; the caller still matches each. None
+  /// when the registry cannot answer.
+  std::optional<ABDPlugInSet> findPlugIns(const std::optional<Dictionary>& rules);
+  std::shared_ptr<ABDPlugIn> findPlugIn(const UUID& uuid);
+  std::shared_ptr<ABDPlugIn> findPlugInAtPath(const URL& url);
+  /// In the registry's order; none when there is no such application or it has no plug-ins.
+  std::optional<std::vector<std::shared_ptr<ABDPlugIn>>> plugInsWithinApplication(const URL& url);
+
+  // Registration.
+  std::optional<Error> addPlugIn(const URL& url);
+  std::optional<Error> removePlugIn(const URL& url);
+
+  // Annotations.
+  /// The plug-in's annotation record (a dictionary), or a none value.
+  Value annotationForPlugIn(const ABDPlugIn& plugIn);
+  /// Merges into the plug-in's record (none removes it), saves, and posts the change. Always none.
+  std::optional<Error> setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn);
+
+  // Announcements.
+  void pluginsDidInstall(const HLProxyList& proxies) override;
+  void pluginsWillUninstall(const HLProxyList& proxies) override;
+
+  // The search's literals, shared with whoever explains a search.
+  /// The string that a pattern can only be the same as, or none.
+  static std::optional<std::string> literalOfPattern(const Value& pattern);
+  /// The literals of a rule's value; none when one of its patterns has none.
+  static std::optional<std::vector<std::string>> literalList(const Value& value);
+
+ private:
+  std::shared_ptr<ABDPlugIn> cachedOrCreated(const std::shared_ptr<const HLAmbrelProxy>& proxy);
+  std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
+  void purgeCachesToLimit(int64_t limit);
+  void autoElect(const ABDPlugIn& plugIn);
+  bool electionPreFilter(const std::optional<std::vector<std::string>>& elections, const String& identifier,
+                         const Value& entitlements) const;
+
+  std::atomic<ABDatabaseDelegate*> delegate_{nullptr};
+  std::atomic<uint32_t> cacheLimit_{0};
+
+  // Set by initWithDatabase().
+  HLApplicationWorkspace* workspace_ = nullptr;
+  std::unique_ptr<ABDAnnotationStore> annotations_;
+
+  SerialQueue sync_{"ABDatabase", RunLoop::main()};
+
+  // Only on "ABDatabase".
+  std::unordered_map<UUID, std::shared_ptr<ABDPlugIn>> cache_;
+};
+
+}  // namespace abd

@@ -1,0 +1,113 @@
+#pragma once
+
+// The daemon's record of one plug-in: a core record built from the registry's proxy, with the matching
+// engine, the access policy and launch preparation. Built on the database queue, then shared between the
+// cache and the requests that use it. After that it is only read, but for what is filled on first use and
+// never refreshed (localized names, age rank, the kept encoding of its form), which any thread may do.
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Ambrel/ABPlugInCore.h"
+#include "abd/plugin/PlugInForm.h"
+#include "platform/hollin/HLProxies.h"
+
+namespace abd {
+
+using namespace platform;
+using namespace ambrel;
+
+class ABDQmxClient;
+
+class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPlugIn> {
+ public:
+  /// A set-up, resolved and acceptable record, or null (the reason is logged, but for a lost bundle).
+  static std::shared_ptr<ABDPlugIn> initWithHLData(std::shared_ptr<const HLAmbrelProxy> proxy);
+
+  /// `info` without the entries of build tools (keys that begin with "DT"); the same dictionary when it has
+  /// none of them, an empty one when `info` is absent. Values are shared.
+  static Dictionary prunedInfoDictionaryFor(const std::optional<Dictionary>& info);
+
+  const std::shared_ptr<const HLAmbrelProxy>& hlproxy() const { return hlproxy_; }
+
+  std::optional<String> localizedName() const override;
+  std::optional<String> localizedShortName() const override;
+  std::optional<String> localizedContainingName() const override;
+  void setLocalizedName(std::optional<String> name) override;
+  void setLocalizedShortName(std::optional<String> name) override;
+  void setLocalizedContainingName(std::optional<String> name) override;
+
+  /// A dictionary, or none.
+  const Value& entitlements() const { return hlproxy_->entitlements(); }
+  const Value& valueForEntitlement(std::string_view name) const { return entitlements()[name]; }
+  /// Whether the entitlement is there with a value that is not equal to false.
+  bool hasEntitlement(std::string_view name) const;
+  /// The key of this plug-in's annotation record: of the plug-in that it replaces, else its own identifier.
+  const String& annotationKey() const;
+  /// The same rule for registry data. Answers one of its arguments' storage.
+  static const String& annotationKey(const String& identifier, const Value& entitlements);
+
+  std::optional<Error> diagnose() const override;
+
+  /// This record's form for one request, with empty annotations and without "extensions".
+  PlugInForm requestForm() const;
+
+  // Matching (ABDPlugInMatching.cc).
+
+  /// Whether every entry of `rules` holds.
+  bool match(const Dictionary& rules) const;
+  bool matchKey(std::string_view key, const Value& pattern) const;
+  static bool matchValue(const Value& value, const Value& patterns);
+  static bool matchString(std::string_view value, std::string_view pattern);
+  static bool matchDictionary(const Value& value, const Dictionary& pattern);
+
+  // Access policy (ABDPlugInAccess.cc).
+
+  /// None when the host may use the plug-in, else the reason.
+  std::optional<std::string> allowForClient(ABDQmxClient& client) const;
+  /// The consent services that the user has granted to the containing application, read anew.
+  std::set<std::string> allowedQSVServices() const;
+  bool ageRestricted() const;
+  /// The containing application's rank; -1 when it is unknown.
+  int64_t containerAgeRestriction() const;
+
+  // Launch (ABDPlugInLaunch.cc).
+
+  /// Read tokens for shared resources (one string, or an array): resource as written to token.
+  Dictionary issueResourceExtensions(const Value& shared) const;
+  /// Adds the tokens of the plug-in's shared resources to its form.
+  void augmentForm(PlugInForm& form) const;
+  /// Lets process `pid` start the plug-in.
+  std::optional<Error> enableForPid(pid_t pid) const;
+  /// The description of a busy instance, or none.
+  std::optional<Dictionary> checkBusy() const;
+
+ private:
+  struct Name;
+  Value valueForRuleKey(std::string_view key) const;
+  std::shared_ptr<const PlugInForm::KeptPart> keptPart(uint8_t names) const;
+  Dictionary serviceDescription(const char* profile) const;
+  const char* sandboxProfile() const;
+
+  std::shared_ptr<const HLAmbrelProxy> hlproxy_;  // set before the record is shared
+
+  mutable std::atomic<int64_t> containerAgeRestriction_;
+
+  mutable std::mutex mutex_;  // guards what follows; nothing is read or asked while it is held
+  mutable std::optional<String> names_[3];
+  mutable std::shared_ptr<const PlugInForm::KeptPart> kept_;
+};
+
+/// Each record once, in no particular order.
+using ABDPlugInSet = std::vector<std::shared_ptr<ABDPlugIn>>;
+
+}  // namespace abd

@@ -1,0 +1,46 @@
+#pragma once
+
+// One plug-in's form on its way into a reply: the kept encoding of the record's unchanging entries and the
+// few entries that belong to this request. Reading by key answers what the whole form would. A value of one
+// request; copies share the kept part.
+
+#include <memory>
+#include <string_view>
+
+#include "platform/qmx/Encoding.h"
+#include "platform/value/Value.h"
+
+namespace abd {
+
+using namespace platform;
+
+class ABDPlugIn;
+
+class PlugInForm {
+ public:
+  /// The encoding of some entries of a form, without a map head.
+  struct KeptPart {
+    Data entries;
+    size_t count = 0;
+  };
+
+  /// `late` are the entries that are not in the kept part of `plugIn`.
+  PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept, Dictionary late);
+
+  /// The value under `key`, or a none value.
+  Value operator[](std::string_view key) const;
+  /// Sets an entry that belongs to this request. REQUIRES: `key` is "annotations", "extensions", "overrider"
+  /// or "overriding".
+  void set(String key, Value value) { late_.set(std::move(key), std::move(value)); }
+  const std::shared_ptr<const ABDPlugIn>& plugIn() const { return plugIn_; }
+
+  /// Appends the whole form as the next element of `builder`'s list.
+  void encodeInto(qmx::EncodedListBuilder& builder) const;
+
+ private:
+  std::shared_ptr<const ABDPlugIn> plugIn_;
+  std::shared_ptr<const KeptPart> kept_;
+  Dictionary late_;
+};
+
+}  // namespace abd
