@@ -27,8 +27,9 @@ template <typename T>
 using Result = std::variant<T, Error>;
 
 /// Parses an XML or binary property list, whichever `bytes` is. Errors: domain "File", code kFileReadCorrupt.
-/// Strings come back exactly, blank ones included; a key twice in one dictionary keeps its last value (XML)
-/// like its first in binary form; UID values of binary lists are errors.
+/// Strings come back exactly, blank ones included. Of a key that stands twice in one dictionary the last
+/// value counts. UIDs and sets of binary lists are errors, and so is a binary list that names its objects so
+/// often that what it stands for is larger than any file.
 Result<Value> parsePropertyList(std::string_view bytes);
 
 /// Reads a whole regular file of at most `limit` bytes, without ever blocking on a FIFO or a device. Errors:

@@ -71,25 +71,6 @@ bool isMadeOf(std::string_view text, Accepts accepts) {
   return true;
 }
 
-void appendCodePoint(uint32_t point, std::string& out) {
-  const auto append = [&](uint32_t byte) { out += static_cast<char>(static_cast<unsigned char>(byte)); };
-  if (point < 0x80) {
-    append(point);
-  } else if (point < 0x800) {
-    append(0xC0 | point >> 6);
-    append(0x80 | (point & 0x3F));
-  } else if (point < 0x10000) {
-    append(0xE0 | point >> 12);
-    append(0x80 | (point >> 6 & 0x3F));
-    append(0x80 | (point & 0x3F));
-  } else {
-    append(0xF0 | point >> 18);
-    append(0x80 | (point >> 12 & 0x3F));
-    append(0x80 | (point >> 6 & 0x3F));
-    append(0x80 | (point & 0x3F));
-  }
-}
-
 }  // namespace
 
 bool isValidUTF8(std::string_view text) {
@@ -105,6 +86,27 @@ bool isValidXMLText(std::string_view text) {
     if (length == 1) return *at >= 0x20 || *at == '\t' || *at == '\n' || *at == '\r';
     return !(length == 3 && at[0] == 0xEF && at[1] == 0xBF && at[2] >= 0xBE);
   });
+}
+
+bool appendCodePoint(uint32_t point, std::string& out) {
+  const auto append = [&](uint32_t byte) { out += static_cast<char>(static_cast<unsigned char>(byte)); };
+  if (point > 0x10FFFF || (point >= 0xD800 && point < 0xE000)) return false;
+  if (point < 0x80) {
+    append(point);
+  } else if (point < 0x800) {
+    append(0xC0 | point >> 6);
+    append(0x80 | (point & 0x3F));
+  } else if (point < 0x10000) {
+    append(0xE0 | point >> 12);
+    append(0x80 | (point >> 6 & 0x3F));
+    append(0x80 | (point & 0x3F));
+  } else {
+    append(0xF0 | point >> 18);
+    append(0x80 | (point >> 12 & 0x3F));
+    append(0x80 | (point >> 6 & 0x3F));
+    append(0x80 | (point & 0x3F));
+  }
+  return true;
 }
 
 bool appendUTF16(std::span<const uint8_t> bigEndian, std::string& out) {

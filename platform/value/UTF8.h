@@ -20,6 +20,9 @@ bool isValidText(std::string_view text);
 /// without U+FFFE and U+FFFF.
 bool isValidXMLText(std::string_view text);
 
+/// Appends one character as UTF-8. False when `point` is a surrogate or above U+10FFFF.
+bool appendCodePoint(uint32_t point, std::string& out);
+
 /// Appends big-endian UTF-16 as UTF-8. False (and nothing useful appended) when it is not well-formed.
 bool appendUTF16(std::span<const uint8_t> bigEndian, std::string& out);
 

@@ -184,12 +184,27 @@ Dictionary::Dictionary(std::initializer_list<std::pair<std::string_view, Value>>
 }
 
 std::optional<Dictionary> Dictionary::fromEntries(std::vector<Entry> entries) {
-  std::erase_if(entries, [](const Entry& entry) { return entry.value.isNone(); });
   const auto less = [](const Entry& a, const Entry& b) { return a.key < b.key; };
+  const auto notLess = [](const Entry& a, const Entry& b) { return !(a.key < b.key); };
   // What we write ourselves arrives sorted.
-  if (!std::is_sorted(entries.begin(), entries.end(), less)) std::sort(entries.begin(), entries.end(), less);
+  if (std::adjacent_find(entries.begin(), entries.end(), notLess) != entries.end()) {
+    std::sort(entries.begin(), entries.end(), less);
+    if (std::adjacent_find(entries.begin(), entries.end(), notLess) != entries.end()) return std::nullopt;
+  }
+  std::erase_if(entries, [](const Entry& entry) { return entry.value.isNone(); });
+  Dictionary dictionary;
+  if (!entries.empty()) dictionary.mutableEntries() = std::move(entries);
+  return dictionary;
+}
+
+Dictionary Dictionary::fromEntriesKeepingLast(std::vector<Entry> entries) {
+  const auto less = [](const Entry& a, const Entry& b) { return a.key < b.key; };
+  std::stable_sort(entries.begin(), entries.end(), less);
   const auto same = [](const Entry& a, const Entry& b) { return a.key == b.key; };
-  if (std::adjacent_find(entries.begin(), entries.end(), same) != entries.end()) return std::nullopt;
+  // Backwards, the last of equal keys comes first and stays.
+  const auto rest = std::unique(entries.rbegin(), entries.rend(), same);
+  entries.erase(entries.begin(), rest.base());
+  std::erase_if(entries, [](const Entry& entry) { return entry.value.isNone(); });
   Dictionary dictionary;
   if (!entries.empty()) dictionary.mutableEntries() = std::move(entries);
   return dictionary;

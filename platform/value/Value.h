@@ -182,6 +182,8 @@ class Dictionary {
   /// From entries in any order, in n log n; none when a key stands there twice. Entries with none values are
   /// left out.
   static std::optional<Dictionary> fromEntries(std::vector<Entry> entries);
+  /// The same, but of several entries of one key the last is kept.
+  static Dictionary fromEntriesKeepingLast(std::vector<Entry> entries);
 
   size_t size() const;
   bool empty() const { return size() == 0; }

@@ -1,0 +1,289 @@
+// XML property lists, on top of pugixml. The library keeps references ("&amp;") and does not look at the
+// encoding; both are done here, strictly: what is not well-formed is an error, never repaired. Its parser and
+// its destructor do not recurse; our walk recurses once per container of the list, which is bounded.
+
+#include <charconv>
+#include <cstring>
+#include <pugixml.hpp>
+
+#include "platform/propertylist/Readers.h"
+#include "platform/value/UTF8.h"
+
+namespace platform::detail {
+
+namespace {
+
+constexpr std::string_view kBlanks = " \t\n\r";
+
+std::string_view trimmed(std::string_view text) {
+  const size_t first = text.find_first_not_of(kBlanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+/// The character that the reference named `name` ("amp", "#38", "#x26") stands for; 0 when there is none.
+uint32_t referencedCharacter(std::string_view name) {
+  if (name == "lt") return '<';
+  if (name == "gt") return '>';
+  if (name == "amp") return '&';
+  if (name == "quot") return '"';
+  if (name == "apos") return '\'';
+  if (!name.starts_with('#')) return 0;
+  name.remove_prefix(1);
+  const int base = name.starts_with('x') ? 16 : 10;
+  if (base == 16) name.remove_prefix(1);
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number, base);
+  return error == std::errc() && end == name.data() + name.size() ? number : 0;
+}
+
+/// Replaces the references in `text`. False when one is malformed or stands for nothing that XML can carry.
+bool appendWithoutReferences(std::string_view text, std::string& out) {
+  for (size_t at = text.find('&'); at != std::string_view::npos; at = text.find('&')) {
+    out.append(text, 0, at);
+    const size_t end = text.find(';', at);
+    if (end == std::string_view::npos) return false;
+    const uint32_t point = referencedCharacter(text.substr(at + 1, end - at - 1));
+    const size_t before = out.size();
+    if (!appendCodePoint(point, out) || !isValidXMLText(std::string_view(out).substr(before))) return false;
+    text.remove_prefix(end + 1);
+  }
+  out += text;
+  return true;
+}
+
+/// "0x1F", "-12" or "+12"; the ranges of both 64-bit types together.
+std::optional<Value> parseInteger(std::string_view text) {
+  const bool isNegative = text.starts_with('-');
+  if (isNegative || text.starts_with('+')) text.remove_prefix(1);
+  const int base = text.starts_with("0x") || text.starts_with("0X") ? 16 : 10;
+  if (base == 16) text.remove_prefix(2);
+  uint64_t magnitude = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (!isNegative) return Value(magnitude);
+  if (magnitude > static_cast<uint64_t>(INT64_MAX) + 1) return std::nullopt;
+  return Value(static_cast<int64_t>(-magnitude));
+}
+
+std::optional<Value> parseReal(std::string_view text) {
+  if (text.starts_with('+')) text.remove_prefix(1);
+  if (text.starts_with('+')) return std::nullopt;
+  double real = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), real);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return Value(real);
+}
+
+/// The six bits of each base64 digit; 64: blank; 65: padding; 66: anything else.
+constexpr auto kBase64 = [] {
+  std::array<uint8_t, 256> table{};
+  table.fill(66);
+  for (const char c : kBlanks) table[static_cast<uint8_t>(c)] = 64;
+  table['='] = 65;
+  for (uint8_t i = 0; i < 26; ++i) {
+    table[static_cast<uint8_t>('A' + i)] = i;
+    table[static_cast<uint8_t>('a' + i)] = static_cast<uint8_t>(26 + i);
+  }
+  for (uint8_t i = 0; i < 10; ++i) table[static_cast<uint8_t>('0' + i)] = static_cast<uint8_t>(52 + i);
+  table['+'] = 62;
+  table['/'] = 63;
+  return table;
+}();
+
+std::optional<Value> parseData(std::string_view text, std::string& scratch) {
+  scratch.clear();
+  uint32_t bits = 0;
+  unsigned digits = 0, padding = 0;
+  for (const char c : text) {
+    const uint8_t digit = kBase64[static_cast<uint8_t>(c)];
+    if (digit == 64) continue;
+    if (digit == 65) {
+      ++padding;
+      continue;
+    }
+    if (digit == 66 || padding > 0) return std::nullopt;
+    bits = bits << 6 | digit;
+    if (++digits % 4 != 0) continue;
+    scratch += static_cast<char>(bits >> 16 & 0xFF);
+    scratch += static_cast<char>(bits >> 8 & 0xFF);
+    scratch += static_cast<char>(bits & 0xFF);
+  }
+  // A last group of two or three digits is padded to four.
+  if ((digits + padding) % 4 != 0 || padding > 2 || digits % 4 == 1) return std::nullopt;
+  if (digits % 4 >= 2) scratch += static_cast<char>(bits >> (digits % 4 == 2 ? 4 : 10) & 0xFF);
+  if (digits % 4 == 3) scratch += static_cast<char>(bits >> 2 & 0xFF);
+  return Value(Data(std::string_view(scratch)));
+}
+
+class Walk {
+ public:
+  /// Why the walk failed.
+  const char* why() const { return why_; }
+
+  bool read(const pugi::xml_node& element, Value& value, int nesting) {
+    const std::string_view name = element.name();
+    if (name == "string") {
+      std::string_view text;
+      if (!contents(element, text)) return false;
+      value = Value(String(text));
+      return true;
+    }
+    if (name == "dict") return nesting > 0 ? readDictionary(element, value, nesting - 1) : tooDeep();
+    if (name == "array") return nesting > 0 ? readArray(element, value, nesting - 1) : tooDeep();
+    return readScalar(element, name, value);
+  }
+
+ private:
+  bool fail(const char* why) {
+    why_ = why;
+    return false;
+  }
+  bool tooDeep() { return fail("containers are nested too deeply"); }
+
+  /// The text of `element`, valid until the next call: parts of text and CDATA sections one after the other.
+  bool contents(const pugi::xml_node& element, std::string_view& text) {
+    const char* const embedded = element.value();
+    const pugi::xml_node child = element.first_child();
+    if (!child) {
+      text = embedded;
+      if (text.find('&') == std::string_view::npos) return true;
+    }
+    joined_.clear();
+    if (!appendWithoutReferences(embedded, joined_)) return fail("a malformed reference");
+    for (pugi::xml_node part = child; part; part = part.next_sibling()) {
+      if (part.type() == pugi::node_cdata) {
+        joined_ += part.value();
+      } else if (part.type() != pugi::node_pcdata) {
+        return fail("an element inside a scalar");
+      } else if (!appendWithoutReferences(part.value(), joined_)) {
+        return fail("a malformed reference");
+      }
+    }
+    text = joined_;
+    return true;
+  }
+
+  /// Whether `node` (or the text that stands first in an element) is only blanks between elements.
+  static bool isBlank(const char* text) { return text[std::strspn(text, kBlanks.data())] == 0; }
+
+  /// The first element at or after `node`; text between elements is an error.
+  bool nextElement(pugi::xml_node& node) {
+    while (node && node.type() != pugi::node_element) {
+      if (node.type() != pugi::node_pcdata || !isBlank(node.value())) return fail("text between elements");
+      node = node.next_sibling();
+    }
+    return true;
+  }
+
+  bool readArray(const pugi::xml_node& element, Value& value, int nesting) {
+    if (!isBlank(element.value())) return fail("text between elements");
+    std::vector<Value> values;
+    for (pugi::xml_node child = element.first_child(); nextElement(child) && child;
+         child = child.next_sibling()) {
+      if (!read(child, values.emplace_back(), nesting)) return false;
+    }
+    if (why_ != nullptr) return false;
+    value = Array(std::move(values));
+    return true;
+  }
+
+  bool readDictionary(const pugi::xml_node& element, Value& value, int nesting) {
+    if (!isBlank(element.value())) return fail("text between elements");
+    std::vector<Dictionary::Entry> entries;
+    for (pugi::xml_node child = element.first_child(); nextElement(child) && child;
+         child = child.next_sibling()) {
+      if (std::strcmp(child.name(), "key") != 0) return fail("a dictionary entry without a key");
+      Dictionary::Entry& entry = entries.emplace_back();
+      std::string_view key;
+      if (!contents(child, key)) return false;
+      entry.key = String(key);
+      child = child.next_sibling();
+      if (!nextElement(child)) return false;
+      if (!child) return fail("a key without a value");
+      if (!read(child, entry.value, nesting)) return false;
+    }
+    if (why_ != nullptr) return false;
+    value = Dictionary::fromEntriesKeepingLast(std::move(entries));
+    return true;
+  }
+
+  bool readScalar(const pugi::xml_node& element, std::string_view name, Value& value) {
+    std::string_view text;
+    if (!contents(element, text)) return false;
+    if (name == "data") {
+      std::string bytes;
+      return take(parseData(text, bytes), "malformed data", value);
+    }
+    text = trimmed(text);
+    if (name == "integer") return take(parseInteger(text), "a malformed integer", value);
+    if (name == "real") return take(parseReal(text), "a malformed real", value);
+    if (name == "date") return take(Value(parseDate(text)), "a malformed date", value);
+    if ((name == "true" || name == "false") && text.empty()) {
+      value = Value(name == "true");
+      return true;
+    }
+    return fail("an unknown element");
+  }
+
+  bool take(std::optional<Value> parsed, const char* why, Value& value) {
+    if (!parsed || parsed->isNone()) return fail(why);
+    value = std::move(*parsed);
+    return true;
+  }
+
+  const char* why_ = nullptr;
+  std::string joined_;
+};
+
+/// UTF-16 (with a byte order mark) becomes UTF-8. False when it is malformed.
+bool toUTF8(std::string& text) {
+  const bool isBigEndian = text.starts_with("\xFE\xFF");
+  if (!isBigEndian && !text.starts_with("\xFF\xFE")) return true;
+  if (text.size() % 2 != 0) return false;
+  if (!isBigEndian) {
+    for (size_t i = 0; i < text.size(); i += 2) std::swap(text[i], text[i + 1]);
+  }
+  std::string converted;
+  converted.reserve(text.size() / 2);
+  if (!appendUTF16({reinterpret_cast<const uint8_t*>(text.data()) + 2, text.size() - 2}, converted))
+    return false;
+  text = std::move(converted);
+  return true;
+}
+
+/// Blanks beside comments, processing instructions and CDATA belong to strings too; without these the library
+/// need not make nodes for all the blanks between elements.
+unsigned blankOption(std::string_view text) {
+  if (text.starts_with("<?xml")) text.remove_prefix(5);
+  const bool isPlain = text.find("<?") == std::string_view::npos &&
+                       text.find("<!-") == std::string_view::npos &&
+                       text.find("<![") == std::string_view::npos;
+  return isPlain ? pugi::parse_ws_pcdata_single : pugi::parse_ws_pcdata;
+}
+
+}  // namespace
+
+Result<Value> parseXMLPropertyList(std::string& text) {
+  if (!toUTF8(text) || !isValidXMLText(text)) return corrupt("malformed text encoding");
+  const unsigned options = pugi::parse_cdata | pugi::parse_eol | pugi::parse_embed_pcdata | blankOption(text);
+  pugi::xml_document document;
+  const pugi::xml_parse_result parsed =
+      document.load_buffer_inplace(text.data(), text.size(), options, pugi::encoding_utf8);
+  if (!parsed) return corrupt(parsed.description());
+
+  const pugi::xml_node root = document.first_child();
+  if (std::strcmp(root.name(), "plist") != 0 || root.next_sibling()) return corrupt("no plist element");
+  // One value, and nothing else but blanks.
+  Value list;
+  for (const pugi::xml_node child : root.children()) {
+    if (child.type() != pugi::node_element) continue;
+    if (!list.isNone()) return corrupt("more than one value");
+    Walk walk;
+    if (!walk.read(child, list, kMaximumFileNesting)) return corrupt(walk.why());
+  }
+  if (list.isNone()) return corrupt("no value");
+  return list;
+}
+
+}  // namespace platform::detail
