@@ -1,5 +1,6 @@
 #include "platform/log/Format.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace platform {
@@ -21,18 +22,46 @@ void appendPrintf(std::string& out, const std::string& conversion, T value) {
 }
 
 void appendInteger(std::string& out, const detail::Conversion& conversion, const FormatArgument& argument) {
-  const bool isUnsigned = argument.kind() == FormatArgument::Kind::unsignedInteger;
+  const bool isSigned = argument.kind() == FormatArgument::Kind::integer &&
+                        (conversion.letter == 'd' || conversion.letter == 'i');
   if (conversion.letter == 'c') {
     out += static_cast<char>(argument.unsignedInteger());
   } else if (conversion.flags.empty() &&
              (conversion.letter == 'd' || conversion.letter == 'u' || conversion.letter == 'i')) {
-    out += isUnsigned ? std::to_string(argument.unsignedInteger()) : std::to_string(argument.integer());
+    out += isSigned ? std::to_string(argument.integer()) : std::to_string(argument.unsignedInteger());
   } else {
     // The argument's own type decides the length, never the format.
-    std::string text = "%" + std::string(conversion.flags) + "ll";
-    text += (conversion.letter == 'd' || conversion.letter == 'i') && isUnsigned ? 'u' : conversion.letter;
-    appendPrintf(out, text, argument.unsignedInteger());
+    const std::string text = "%" + std::string(conversion.flags) + "ll";
+    if (isSigned) {
+      appendPrintf(out, text + 'd', argument.integer());
+    } else {
+      const char letter = conversion.letter == 'd' || conversion.letter == 'i' ? 'u' : conversion.letter;
+      appendPrintf(out, text + letter, argument.unsignedInteger());
+    }
   }
+}
+
+/// Text with the width and the precision (its largest number of bytes) of "%-10.3s".
+void appendText(std::string& out, std::string_view flags, std::string_view text) {
+  if (flags.empty()) {
+    out += text;
+    return;
+  }
+  const auto number = [](std::string_view digits) {
+    size_t value = 0;
+    for (const char digit : digits)
+      value = std::min<size_t>(value * 10 + static_cast<size_t>(digit - '0'), 4096);
+    return value;
+  };
+  const size_t point = std::min(flags.find('.'), flags.size());
+  const size_t begin = std::min(flags.find_first_not_of("-+ #0"), point);
+  if (point < flags.size()) text = text.substr(0, number(flags.substr(point + 1)));
+  const size_t width = number(flags.substr(begin, point - begin));
+  const std::string padding(width > text.size() ? width - text.size() : 0, ' ');
+  const bool isLeft = flags.substr(0, begin).find('-') != std::string_view::npos;
+  if (!isLeft) out += padding;
+  out += text;
+  if (isLeft) out += padding;
 }
 
 void appendArgument(std::string& out, const detail::Conversion& conversion, const FormatArgument& argument) {
@@ -50,13 +79,13 @@ void appendArgument(std::string& out, const detail::Conversion& conversion, cons
       appendPrintf(out, "%" + std::string(conversion.flags) + conversion.letter, argument.real());
       break;
     case Kind::text:
-      out += argument.text();
+      appendText(out, conversion.flags, argument.text());
       break;
     case Kind::pointer:
       appendPrintf(out, "%p", argument.pointer());
       break;
     case Kind::object:
-      out += argument.description();
+      appendText(out, conversion.flags, argument.description());
       break;
   }
 }

@@ -1,9 +1,8 @@
 #pragma once
 
-// printf-style formatting (printf(3)) with one more conversion, "%@", which prints an object's description
-// and
-// "(null)" for none. Formats are literals and are checked against their arguments at compile time; arguments
-// are typed, so no length modifier is ever trusted. Pure functions, usable from any thread.
+// printf-style formatting (printf(3)) with one more conversion, "%@", which prints an object's description,
+// and "(null)" for none. Formats are literals and are checked against their arguments at compile time;
+// arguments are typed, so no length modifier is ever trusted. Pure functions, usable from any thread.
 
 #include <concepts>
 #include <cstdint>
@@ -28,7 +27,8 @@ class FormatArgument {
 
   Kind kind() const { return kind_; }
   int64_t integer() const { return integer_; }
-  uint64_t unsignedInteger() const { return unsigned_; }
+  /// The integer as an unsigned one of its own size: what "%x" of a negative int prints has 8 digits.
+  uint64_t unsignedInteger() const { return unsigned_ & (~uint64_t{0} >> (64 - 8 * size_)); }
   double real() const { return real_; }
   const void* pointer() const { return pointer_; }
   std::string_view text() const { return text_; }
@@ -41,6 +41,7 @@ class FormatArgument {
 
  private:
   Kind kind_;
+  uint8_t size_ = sizeof(uint64_t);  // of an integer, in bytes
   union {
     int64_t integer_;
     uint64_t unsigned_;

@@ -110,13 +110,18 @@ template <typename T>
 FormatArgument::FormatArgument(const T& value) : kind_(kindOf<T>()) {
   if constexpr (kindOf<T>() == Kind::integer) {
     integer_ = static_cast<int64_t>(value);
+    size_ = sizeof(T);
   } else if constexpr (kindOf<T>() == Kind::unsignedInteger) {
     unsigned_ = value;
   } else if constexpr (kindOf<T>() == Kind::real) {
     real_ = static_cast<double>(value);
   } else if constexpr (kindOf<T>() == Kind::text) {
     pointer_ = nullptr;
-    text_ = value;
+    if constexpr (std::is_pointer_v<T>) {
+      text_ = value == nullptr ? std::string_view("(null)") : std::string_view(value);
+    } else {
+      text_ = value;
+    }
   } else if constexpr (kindOf<T>() == Kind::pointer) {
     pointer_ = value;
   } else {

@@ -12,6 +12,8 @@ namespace platform {
 namespace {
 
 constexpr const char* kLogSocket = "/dev/log";
+/// A longer entry does not fit the log socket's datagrams; the copy on standard error is always whole.
+constexpr size_t kLongestLogDatagram = 96 * 1024;
 
 bool copiesToStandardError() {
   const char* choice = std::getenv("ABD_LOG");
@@ -19,19 +21,23 @@ bool copiesToStandardError() {
   return isatty(STDERR_FILENO) == 1 || access(kLogSocket, W_OK) != 0;
 }
 
-/// One entry is one line, whatever the text holds.
+/// One entry is one line, whatever the text holds, and nothing in it commands a terminal: the control
+/// characters above ASCII (U+0080 to U+009F, in UTF-8 the byte C2 and one of 80 to 9F) are escaped too.
 std::string escapeControlCharacters(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  for (const char c : text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
     const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7F) {
+    const bool isHighControl = byte >= 0x80 && byte < 0xA0 && i > 0 && text[i - 1] == '\xC2';
+    if (byte >= 0x20 && byte != 0x7F && !isHighControl) {
       out += c;
     } else if (c == '\n') {
       out += "\\n";
     } else if (c == '\t') {
       out += "\\t";
     } else {
+      if (isHighControl) out.pop_back();
       constexpr char kDigits[] = "0123456789abcdef";
       out += "\\x";
       out += kDigits[byte >> 4];
@@ -49,7 +55,12 @@ void writeLogEntry(std::string_view text) {
     return copiesToStandardError();
   }();
   const std::string line = escapeControlCharacters(text);
-  syslog(LOG_NOTICE, "%s", line.c_str());
+  if (line.size() <= kLongestLogDatagram) {
+    syslog(LOG_NOTICE, "%s", line.c_str());
+  } else {
+    syslog(LOG_NOTICE, "%.*s... (%zu bytes)", static_cast<int>(kLongestLogDatagram), line.c_str(),
+           line.size());
+  }
   if (!toStandardError) return;
   const std::string copy = format("%s[%d]: %s\n", program_invocation_short_name, getpid(), line);
   // One write, so that entries of several threads and processes do not mix; a failure has nowhere to go.

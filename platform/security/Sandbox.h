@@ -10,13 +10,14 @@
 namespace platform {
 
 /// Issues a token that lets its holder ask the platform's broker to read the file or directory at `path`.
-/// Self-contained, fresh each time, bound to the canonical path, device and inode, authenticated with the key
-/// in state/Sandbox.key. None, with errno set, when the path does not exist or cannot be read, or the key
-/// cannot be had.
+/// Printable ASCII, self-contained, fresh each time, bound to the canonical path, device and inode,
+/// authenticated with the key in state/Sandbox.key (made when missing, read once). None, with errno set, when
+/// the path does not exist or cannot be read, or the key cannot be had (EPERM when its file is not this
+/// user's alone, EINVAL when it holds no key).
 std::optional<std::string> issueReadToken(const std::string& path);
 
-/// The same for a path that was named relative to the bundle at `root`: when its canonical form leads out of
-/// `root` there is no token and errno is EACCES... (EXDEV is not used).
+/// The same for a path that was named relative to the bundle at `root` (absolute, or relative to `root`):
+/// when its canonical form leads out of `root` there is no token and errno is EACCES.
 std::optional<std::string> issueReadTokenInside(const std::string& root, const std::string& path);
 
 /// The broker's side: the canonical path that `token` is for, when it is authentic and the file is still the

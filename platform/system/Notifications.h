@@ -18,7 +18,8 @@ void postNotification(const std::string& name);
 class NotificationObserver {
  public:
   /// Calls `handler` on `loop`'s thread with the number of posts since the last call (at least 1). Posts from
-  /// before this constructor are not reported.
+  /// before this constructor are not reported; those from after it are, however late the loop begins to run.
+  /// The handler may destroy the observer. A file that was removed meanwhile begins to count anew.
   NotificationObserver(const std::string& name, RunLoop& loop, std::function<void(uint64_t posts)> handler);
   /// REQUIRES: called on the loop's thread, or with the loop not running.
   ~NotificationObserver();

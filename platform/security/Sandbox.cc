@@ -1,0 +1,156 @@
+#include "platform/security/Sandbox.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <variant>
+
+#include "platform/propertylist/PropertyList.h"
+#include "platform/security/TokenSeal.h"
+#include "platform/system/Directories.h"
+#include "platform/system/FileDescriptor.h"
+
+namespace platform {
+
+namespace {
+
+/// The file at `path`, opened for nothing but to be asked about.
+struct OpenedFile {
+  FileDescriptor descriptor;
+  std::string canonicalPath;
+  uint64_t device = 0, inode = 0;
+};
+
+/// One open, and everything else is asked of what was opened, so that nobody can swap the file in between.
+/// Far fewer system calls than resolving each component of the path. errno on failure.
+std::optional<OpenedFile> openFile(const std::string& path) {
+  OpenedFile file;
+  file.descriptor = FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
+  struct stat status {};
+  if (!file.descriptor || fstat(file.descriptor.get(), &status) != 0) return std::nullopt;
+  file.device = status.st_dev;
+  file.inode = status.st_ino;
+  char link[32] = "/proc/self/fd/";
+  *std::to_chars(link + 14, link + sizeof link - 1, file.descriptor.get()).ptr = '\0';
+  char target[PATH_MAX + 1];
+  const ssize_t length = readlink(link, target, sizeof target);
+  if (length < 0) return std::nullopt;
+  if (status.st_nlink == 0 || length > PATH_MAX || target[0] != '/') {
+    errno = length > PATH_MAX ? ENAMETOOLONG : ENOENT;
+    return std::nullopt;
+  }
+  file.canonicalPath.assign(target, static_cast<size_t>(length));
+  return file;
+}
+
+std::optional<std::string> issueToken(const OpenedFile& file) {
+  if (faccessat(file.descriptor.get(), "", R_OK, AT_EMPTY_PATH | AT_EACCESS) != 0) return std::nullopt;
+  return TokenSeal::seal({file.canonicalPath, file.device, file.inode});
+}
+
+/// What /proc says of a process's confinement.
+struct Confinement {
+  int seccompMode = 0;
+  std::optional<long> seccompFilters;  // none: this kernel does not count them
+  std::string user, mount, pid;        // namespaces
+  bool isKnown = false;
+};
+
+std::optional<long> statusNumber(const std::string& status, std::string_view field) {
+  const size_t found = status.find("\n" + std::string(field) + ":");
+  if (found == std::string::npos) return std::nullopt;
+  const size_t digits = status.find_first_not_of(" \t", found + field.size() + 2);
+  long number = 0;
+  if (digits == std::string::npos) return std::nullopt;
+  const auto end = std::from_chars(status.data() + digits, status.data() + status.size(), number);
+  if (end.ec != std::errc()) return std::nullopt;
+  return number;
+}
+
+bool readLink(const std::string& path, std::string& target) {
+  char buffer[64];
+  const ssize_t length = readlink(path.c_str(), buffer, sizeof buffer);
+  if (length <= 0) return false;
+  target.assign(buffer, static_cast<size_t>(length));
+  return true;
+}
+
+/// Files of /proc have no size to be read by.
+std::optional<std::string> readProcFile(const std::string& path) {
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return std::nullopt;
+  std::string contents;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t count = read(file.get(), buffer, sizeof buffer);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    if (count == 0) return contents;
+    contents.append(buffer, static_cast<size_t>(count));
+  }
+}
+
+Confinement confinementOf(const std::string& process) {
+  Confinement out;
+  const std::string directory = "/proc/" + process;
+  const auto status = readProcFile(directory + "/status");
+  if (!status) return out;
+  const auto mode = statusNumber(*status, "Seccomp");
+  out.seccompMode = static_cast<int>(mode.value_or(0));
+  out.seccompFilters = statusNumber(*status, "Seccomp_filters");
+  if (!out.seccompFilters && out.seccompMode == 0) out.seccompFilters = 0;
+  out.isKnown = readLink(directory + "/ns/user", out.user) && readLink(directory + "/ns/mnt", out.mount) &&
+                readLink(directory + "/ns/pid", out.pid);
+  return out;
+}
+
+}  // namespace
+
+std::optional<std::string> issueReadToken(const std::string& path) {
+  const auto file = openFile(path);
+  return file ? issueToken(*file) : std::nullopt;
+}
+
+std::optional<std::string> issueReadTokenInside(const std::string& root, const std::string& path) {
+  const auto file = openFile(path.starts_with('/') ? path : root + "/" + path);
+  if (!file) return std::nullopt;
+  // A root that is named by another than its canonical path is the rare case.
+  if (!isInside(file->canonicalPath, root)) {
+    const std::string canonicalRoot = canonicalPath(root);
+    if (canonicalRoot.empty() || !isInside(file->canonicalPath, canonicalRoot)) {
+      errno = EACCES;
+      return std::nullopt;
+    }
+  }
+  return issueToken(*file);
+}
+
+std::optional<std::string> verifyReadToken(const std::string& token) {
+  const auto sealed = TokenSeal::open(token);
+  if (!sealed) return std::nullopt;
+  const auto file = openFile(sealed->path);
+  if (!file) return std::nullopt;
+  if (file->device != sealed->device || file->inode != sealed->inode) {
+    errno = ESTALE;
+    return std::nullopt;
+  }
+  return sealed->path;
+}
+
+bool isSandboxed(pid_t pid) {
+  if (pid <= 0) return true;
+  const Confinement theirs = confinementOf(std::to_string(pid));
+  const Confinement ours = confinementOf("self");
+  if (!theirs.isKnown || !ours.isKnown) return true;
+  if (theirs.user != ours.user || theirs.mount != ours.mount || theirs.pid != ours.pid) return true;
+  if (theirs.seccompMode == 0) return false;
+  // Strict mode has no filters to count, and some kernels count none.
+  if (theirs.seccompMode != ours.seccompMode) return true;
+  return !theirs.seccompFilters || !ours.seccompFilters || *theirs.seccompFilters > *ours.seccompFilters;
+}
+
+}  // namespace platform
