@@ -34,9 +34,8 @@ std::string uuidsFrame(std::string_view name, const std::vector<platform::UUID>&
 
 Dictionary replyBody(std::string_view frame) {
   const std::string_view item = frame.substr(4);
-  const auto value =
-      platform::qmx::decode({reinterpret_cast<const uint8_t*>(item.data()), item.size()},
-                            platform::qmx::kMaximumNesting);
+  const auto value = platform::qmx::decode({reinterpret_cast<const uint8_t*>(item.data()), item.size()},
+                                           platform::qmx::kMaximumNesting);
   const Array* array = value ? value->array() : nullptr;
   if (array == nullptr || array->size() != 3 || !(*array)[2].isDictionary()) giveUp("a malformed reply");
   const Dictionary body = *(*array)[2].dictionary();
@@ -58,6 +57,8 @@ Dictionary identifierRules(size_t from, size_t count) {
   return {{"ZQExtensionIdentifier", identifiers}};
 }
 
-Dictionary pointRules(std::string_view point) { return {{"ZQExtensionPointName", point}}; }
+Dictionary pointRules(std::string_view point) {
+  return {{"ZQExtensionPointName", point}};
+}
 
 }  // namespace bench

@@ -210,7 +210,9 @@ std::string plugInIdentifier(size_t index) {
          std::to_string(index);
 }
 
-std::vector<std::string> sdkNames() { return {kPoints, kPoints + kPointsWithSDK}; }
+std::vector<std::string> sdkNames() {
+  return {kPoints, kPoints + kPointsWithSDK};
+}
 
 const Population& population(size_t count) {
   static std::map<size_t, Population> made;

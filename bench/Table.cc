@@ -66,9 +66,13 @@ std::string bytes(double value) {
   return withUnit(value / 1e6, "MB");
 }
 
-std::string bytesPerSecond(double value) { return bytes(value) + "/s"; }
+std::string bytesPerSecond(double value) {
+  return bytes(value) + "/s";
+}
 
-std::string requestsPerSecond(double value) { return withUnit(value, "/s"); }
+std::string requestsPerSecond(double value) {
+  return withUnit(value, "/s");
+}
 
 void report(Figure figure) {
   fprintf(stderr, "  %s: %s, baseline %s, ratio %s\n", figure.name.c_str(), figure.value.c_str(),
@@ -92,7 +96,9 @@ void reportRate(const std::string& name, const Pairs& pairs, double amount, std:
   report(std::move(figure));
 }
 
-const std::vector<Figure>& figures() { return table(); }
+const std::vector<Figure>& figures() {
+  return table();
+}
 
 void printTable(const std::vector<Figure>& figures) {
   size_t width = 6;
@@ -113,8 +119,7 @@ void printTable(const std::vector<Figure>& figures) {
   }
   printf("%zu of %zu aims are missed:\n", missed, aims);
   for (const Figure& figure : figures) {
-    if (figure.isMissed())
-      printf("  %s: %.2f, aim %.2f\n", figure.name.c_str(), figure.ratio, *figure.aim);
+    if (figure.isMissed()) printf("  %s: %.2f, aim %.2f\n", figure.name.c_str(), figure.ratio, *figure.aim);
   }
 }
 
@@ -122,9 +127,10 @@ void printJSON(const std::vector<Figure>& figures) {
   printf("[\n");
   for (size_t i = 0; i < figures.size(); i++) {
     const Figure& figure = figures[i];
-    printf("  {\"figure\": %s, \"value\": %s, \"baseline\": %s, \"ratio\": %.4f, \"min\": %.4f, \"max\": %.4f",
-           quoted(figure.name).c_str(), quoted(figure.value).c_str(), quoted(figure.baseline).c_str(),
-           figure.ratio, figure.least, figure.most);
+    printf(
+        "  {\"figure\": %s, \"value\": %s, \"baseline\": %s, \"ratio\": %.4f, \"min\": %.4f, \"max\": %.4f",
+        quoted(figure.name).c_str(), quoted(figure.value).c_str(), quoted(figure.baseline).c_str(),
+        figure.ratio, figure.least, figure.most);
     if (figure.aim) printf(", \"aim\": %.4f, \"met\": %s", *figure.aim, figure.isMissed() ? "false" : "true");
     printf("}%s\n", i + 1 < figures.size() ? "," : "");
   }

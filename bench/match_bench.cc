@@ -1,0 +1,168 @@
+// "match" over many plug-ins: with every record in the daemon's cache against a bare server that issues the
+// same read tokens and sends the same bytes; with the default cache limit against reading, parsing and
+// merging the same files.
+
+#include <map>
+#include <memory>
+
+#include "Ambrel/ABInfoKeys.h"
+#include "Ambrel/ABPlugInCore.h"
+#include "bench/Benches.h"
+#include "bench/Client.h"
+#include "bench/Frames.h"
+#include "bench/Pairs.h"
+#include "bench/Plugins.h"
+#include "bench/Processes.h"
+#include "platform/propertylist/PropertyList.h"
+#include "platform/security/Sandbox.h"
+
+namespace bench {
+
+namespace {
+
+using platform::Dictionary;
+
+constexpr size_t kSizes[] = {100, 1000, 10000};
+constexpr int kUnlimited = 20000;
+
+/// One question about one population, and who else can answer with the same bytes.
+struct Question {
+  Question(const Daemon& daemon, std::string request)
+      : frame(std::move(request)), subject(daemon.socketPath()) {
+    reply = subject.roundTrip(frame);
+    for (const platform::Value& form : matches(reply)) {
+      forms++;
+      if (form["extensions"].dictionary() != nullptr && !form["extensions"].dictionary()->empty())
+        sharedPaths.emplace_back(form["path"].string().value());
+    }
+  }
+
+  std::string frame, reply;
+  size_t forms = 0;
+  std::vector<std::string> sharedPaths;
+  Client subject;
+
+  BareAnswer answer() const {
+    return {reply, [paths = sharedPaths] {
+              for (const std::string& path : paths) {
+                if (!platform::issueReadToken(path)) giveUp("no token for " + path);
+              }
+            }};
+  }
+};
+
+std::string plugInsText(size_t count) {
+  std::string text = std::to_string(count);
+  if (text.size() > 4) text.insert(text.size() - 3, ",");
+  return text;
+}
+
+/// Seconds of one question, asked `repeats` times.
+double ask(Client& client, std::string_view frame, size_t repeats) {
+  return secondsOf([&] {
+           for (size_t i = 0; i < repeats; i++) client.roundTrip(frame);
+         }) /
+         static_cast<double>(repeats);
+}
+
+void benchAgainstBare(Question& question, const std::string& name, size_t repeats, size_t pairs) {
+  const BareServer bare({question.answer()});
+  pin(bare.pid(), true);
+  Client baseline(bare.socketPath());
+  const std::string bareFrame = bareRequest(question.frame.size());
+  report(name,
+         measurePairs(
+             pairs, [&] { return ask(baseline, bareFrame, repeats); },
+             [&] { return ask(question.subject, question.frame, repeats); }),
+         2.0);
+}
+
+/// A device whose daemon has every record in its cache, and the questions put to it.
+struct WarmDevice {
+  explicit WarmDevice(size_t count)
+      : device(population(count)),
+        daemon(device.dataHome, device.place + "/warm", kUnlimited),
+        all(daemon, matchFrame({})),
+        byIdentifier(daemon, matchFrame(identifierRules(count / 2, 10))),
+        byPoint(daemon, matchFrame(pointRules(kNarrowPoint))) {
+    if (all.forms != count || byIdentifier.forms != 10 || byPoint.forms != 10)
+      giveUp("match over " + std::to_string(count) + " plug-ins answered " + std::to_string(all.forms) +
+             ", " + std::to_string(byIdentifier.forms) + " and " + std::to_string(byPoint.forms) + " forms");
+    pin(daemon.pid(), true);
+  }
+
+  const Population& device;
+  Daemon daemon;
+  Question all, byIdentifier, byPoint;
+};
+
+/// What building the records of a whole population cannot do without.
+double readParseAndMerge(const Population& device) {
+  return secondsOf([&] {
+    std::map<std::string, Dictionary, std::less<>> sdks;
+    for (const std::string& name : sdkNames()) {
+      auto sdk = platform::readDictionaryFile(device.dataHome + "/veltra/SDKs/" + name + ".plist");
+      if (sdk) sdks.emplace(name, std::move(*sdk));
+    }
+    for (const std::string& bundle : device.plugInPaths) {
+      const auto info = platform::readDictionaryFile(bundle + "/Info.plist");
+      if (!info) giveUp("an Info file cannot be read");
+      const platform::Value& point = (*info)[ambrel::bundlekey::plugIn][ambrel::plugInkey::pointIdentifier];
+      const auto sdk = sdks.find(point.string().value_or(""));
+      if (sdk == sdks.end()) continue;
+      if (ambrel::ABPlugInCore::mergeDictionary(sdk->second, *info).empty()) giveUp("nothing merged");
+    }
+  });
+}
+
+void benchDefaultLimit(size_t count, size_t repeats) {
+  const Population& device = population(count);
+  const Daemon daemon(device.dataHome, device.place + "/default", -1);
+  pin(daemon.pid(), true);
+  Client client(daemon.socketPath());
+  const std::string frame = matchFrame({});
+  report("(b) all of " + plugInsText(count) + ", default cache, against read+parse+merge",
+         measurePairs(
+             5,
+             [&] {
+               double spent = 0;
+               for (size_t i = 0; i < repeats; i++) spent += readParseAndMerge(device);
+               return spent / static_cast<double>(repeats);
+             },
+             [&] { return ask(client, frame, repeats); }),
+         1.5);
+}
+
+}  // namespace
+
+void benchMatch() {
+  pin(0, true);
+  std::map<size_t, std::unique_ptr<WarmDevice>> warm;
+  for (const size_t count : kSizes) {
+    WarmDevice& device = *warm.emplace(count, std::make_unique<WarmDevice>(count)).first->second;
+    const std::string text = plugInsText(count);
+    benchAgainstBare(device.all, "(b) all of " + text + ", warm, against sending", 10000 / count, 5);
+    benchAgainstBare(device.byIdentifier, "(b) 10 of " + text + " by identifier, warm, against sending", 100,
+                     7);
+    benchAgainstBare(device.byPoint, "(b) 10 of " + text + " by point, warm, against sending", 100, 7);
+  }
+  // Narrowed searches cost the same whatever is installed; 1.2 leaves room for caches of the processor.
+  for (const size_t count : {kSizes[1], kSizes[2]}) {
+    for (const bool byPoint : {false, true}) {
+      const auto question = [&](size_t size) -> Question& {
+        return byPoint ? warm[size]->byPoint : warm[size]->byIdentifier;
+      };
+      report("(b) 10 of " + plugInsText(count) + (byPoint ? " by point" : " by identifier") +
+                 ", against 10 of 100",
+             measurePairs(
+                 7, [&] { return ask(question(100).subject, question(100).frame, 100); },
+                 [&] { return ask(question(count).subject, question(count).frame, 100); }),
+             1.2);
+    }
+  }
+  warm.clear();
+  benchDefaultLimit(1000, 4);
+  benchDefaultLimit(10000, 1);
+}
+
+}  // namespace bench
