@@ -26,6 +26,7 @@ using namespace platform;
 using namespace ambrel;
 
 class ABDServer;
+class Transaction;
 
 class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
  public:
@@ -65,6 +66,7 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
   void identify();
   void handleEvent(qmx::Event&& event);
   void handleMessage(qmx::Message&& message);
+  void serve(Transaction& transaction);
 
   // Set before the first event.
   const std::weak_ptr<qmx::Connection> connection_;

@@ -51,6 +51,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   qmx::Listener& service() { return *service_; }
   ABDUserPrefs& userPrefs() { return *userPrefs_; }
 
+  /// From this verbosity on every message and every reply is written out in full.
+  static constexpr uint32_t kVerboseMessages = 2;
   static constexpr int32_t kLogLevel = 5;    // syslog's notice
   static constexpr int32_t kDebugLevel = 6;  // syslog's info
 
@@ -85,8 +87,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   void removedPlugIns(const HLProxyList& proxies) override;
 
  private:
-  explicit ABDServer(const std::optional<std::string>& database);
-  bool listen(const std::string& serviceName);
+  ABDServer() = default;
+  void installConnectionHandler();
   template <typename... Args>
   void logArguments(int32_t level, std::string_view text, const Args&... args) {
     const FormatArgument arguments[] = {FormatArgument(args)..., FormatArgument(0)};

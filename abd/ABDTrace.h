@@ -4,8 +4,8 @@
 // a test of its semaphore; texts that exist only for a probe are built only while it is enabled. Any thread.
 
 #include <cstdint>
+#include <optional>
 #include <string>
-#include <string_view>
 
 #include "platform/value/UUID.h"
 
@@ -13,8 +13,9 @@ namespace abd::trace {
 
 void clientNew(int32_t pid);
 void clientDone(int32_t pid);
-/// `name` is null when the request has none; it is NUL-terminated.
-void request(int32_t pid, const char* name);
+bool requestIsEnabled();
+/// `name` is none when the request has none.
+void request(int32_t pid, const std::optional<std::string>& name);
 void pluginAdd(const std::string& resolvedPath);
 void pluginRemove(const std::string& path, bool resolved);
 void pluginReady(const platform::UUID& uuid);

@@ -23,6 +23,7 @@ using namespace platform;
 class ABDPlugIn;
 class ABDQmxClient;
 class ABDServer;
+class PlugInForm;
 
 class Transaction {
  public:
@@ -39,6 +40,9 @@ class Transaction {
   const qmx::Message& request() const { return request_; }
   /// The request's "version"; set by dispatch().
   uint64_t version() const { return version_; }
+
+  /// Puts the plug-in's stored annotations, or empty ones, into its form.
+  static void addAnnotationForPlugIn(ABDServer& server, const ABDPlugIn& plugIn, PlugInForm& form);
 
  private:
   struct Request;

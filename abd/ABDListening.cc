@@ -1,0 +1,76 @@
+// How peers and their messages reach the server: a new connection becomes a client on the listener's queue,
+// a message becomes a transaction on the connection's queue, and the transaction runs on the service queue.
+// This file stands above server, client and transaction, which know each other by name only.
+
+#include "abd/ABDQmxClient.h"
+#include "abd/ABDServer.h"
+#include "abd/ABDTrace.h"
+#include "abd/requests/Transaction.h"
+
+namespace abd {
+
+namespace {
+
+constexpr uint32_t kRequestsPerCountLine = 1000;
+
+/// A message of the wire's kinds that is no dictionary, for the log.
+struct Unexpected {
+  const Value& object;
+  std::string description() const { return object.description(); }
+};
+
+}  // namespace
+
+void ABDServer::installConnectionHandler() {
+  service_->setConnectionHandler([server = server()](std::shared_ptr<qmx::Connection> connection) {
+    ABDQmxClient::initWithConnection(connection, *server);
+  });
+}
+
+std::shared_ptr<ABDQmxClient> ABDQmxClient::initWithConnection(
+    const std::shared_ptr<qmx::Connection>& connection, ABDServer& server) {
+  const std::shared_ptr<ABDQmxClient> client(new ABDQmxClient(connection, server));
+  client->identify();
+  connection->setContext(client);
+  connection->setEventHandler([client](qmx::Event&& event) { client->handleEvent(std::move(event)); });
+  connection->resume();
+  return client;
+}
+
+void ABDQmxClient::handleEvent(qmx::Event&& event) {
+  if (auto* message = std::get_if<qmx::Message>(&event)) {
+    handleMessage(std::move(*message));
+  } else if (const auto* error = std::get_if<qmx::ConnectionError>(&event)) {
+    switch (*error) {
+      case qmx::ConnectionError::terminationImminent:
+        dying();
+        break;
+      case qmx::ConnectionError::connectionInvalid:
+        dead();
+        break;
+      default:
+        server_.log("unexpected error %@", qmx::description(*error));
+    }
+  } else {
+    const Unexpected unexpected{std::get<qmx::UnexpectedObject>(event).object};
+    server_.log("unexpected message %@ on connection %@", unexpected, connection());
+  }
+}
+
+void ABDQmxClient::handleMessage(qmx::Message&& message) {
+  if (server_.verbose() >= ABDServer::kVerboseMessages) server_.debug("incoming request %@", message);
+  if (trace::requestInputIsEnabled()) trace::requestInput(pid(), message.description());
+  auto transaction = std::make_shared<Transaction>(std::move(message), shared_from_this());
+  server_.submitWork([transaction = std::move(transaction)] { transaction->client().serve(*transaction); });
+}
+
+void ABDQmxClient::serve(Transaction& transaction) {
+  if (const std::shared_ptr<qmx::Connection> peerConnection = connection())
+    peerConnection->requestDispatched();
+  if (++requestCount_ % kRequestsPerCountLine == 0)
+    server_.debug("client %d used %u requests so far", pid(), requestCount_);
+  entitlements_.clear();
+  transaction.dispatch();
+}
+
+}  // namespace abd

@@ -1,0 +1,58 @@
+// "annotate" records a client's choices about plug-ins; and the annotations that forms carry.
+
+#include "Ambrel/ABCollections.h"
+#include "Ambrel/ABInfoKeys.h"
+#include "Ambrel/ABProtocol.h"
+#include "abd/ABDQmxClient.h"
+#include "abd/ABDServer.h"
+#include "abd/plugin/ABDPlugIn.h"
+#include "abd/requests/Transaction.h"
+#include "platform/log/Log.h"
+#include "platform/propertylist/PropertyList.h"
+
+namespace abd {
+
+namespace {
+
+/// Containers of the annotation file around an annotation's value: the file's dictionary, its table, the
+/// record.
+constexpr int kContainersAroundValue = 3;
+
+bool canBeStored(const Value& value) {
+  return canBeWritten(value, kMaximumFileNesting - kContainersAroundValue);
+}
+
+}  // namespace
+
+void Transaction::annotatePlugIns() {
+  const std::optional<Dictionary> request = qmx_dictionary_get_dictionary(request_.body, key::annotations);
+  if (!request) return fail(kABErrorRequest, "invalid request format (bad annotations dictionary)");
+  Dictionary annotation;
+  if (const Value& election = (*request)[annotation::election]; !election.isNone()) {
+    // A number that is not finite would keep the annotation file from ever being written again.
+    if (!election.isNumber() || !canBeStored(election))
+      return fail(kABErrorRequest, "invalid request format (annotation election)");
+    annotation.set(annotation::election, election);
+  }
+  if (const Value& extension = (*request)[annotation::extension]; !extension.isNone()) {
+    if (!extension.isDictionary() || !canBeStored(extension))
+      return fail(kABErrorRequest, "invalid request format (annotation extension)");
+    annotation.set(annotation::extension, extension);
+  }
+  if (annotation.empty()) return done();
+
+  const bool allAnnotated = processUuidList([&](const std::shared_ptr<ABDPlugIn>& plugIn) {
+    systemLog("client %d plug-in %@ election := %@", client_->pid(), plugIn->identifier(),
+              annotation[annotation::election]);
+    server().setAnnotation(annotation, *plugIn);
+    return true;
+  });
+  if (allAnnotated) done();
+}
+
+void Transaction::addAnnotationForPlugIn(ABDServer& server, const ABDPlugIn& plugIn, PlugInForm& form) {
+  Value stored = server.annotationForPlugIn(plugIn);
+  form.set(formkey::annotations, stored.isNone() ? Value(Dictionary()) : std::move(stored));
+}
+
+}  // namespace abd

@@ -1,0 +1,61 @@
+#pragma once
+
+// Decides which plug-ins of one identifier a "match" request returns. Candidates are admitted one by one, and
+// the outcome is that of scanning the accepted ones in order of acceptance: the scan ends at the first one
+// that the candidate displaces or is dropped for. Finding that one takes no scan. A value of one request.
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/value/Value.h"
+
+namespace abd {
+
+class DuplicateResolver {
+ public:
+  struct Candidate {
+    platform::String identifier;
+    std::optional<platform::String> version;
+    bool onSystemVolume = false;
+    int64_t lastModified = 0;
+  };
+  struct Verdict {
+    bool accepted = false;
+    /// The accepted candidate that this one displaces, by its number in order of acceptance.
+    std::optional<size_t> displaced;
+  };
+
+  /// `flags` are the discovery flags of the request.
+  explicit DuplicateResolver(uint64_t flags);
+
+  Verdict admit(Candidate candidate);
+
+ private:
+  struct VersionOrder {
+    bool operator()(std::string_view a, std::string_view b) const;
+  };
+  /// The accepted candidates of one identifier, by their numbers in order of acceptance.
+  struct Group {
+    std::vector<size_t> members;  // those before `first` were displaced
+    size_t first = 0;
+    // Only when all versions are wanted; displaced ones are taken out.
+    std::map<std::string_view, std::vector<size_t>, VersionOrder> byVersion;
+    std::vector<size_t> withoutVersion;
+  };
+
+  std::optional<size_t> firstRival(Group& group, const Candidate& candidate);
+  std::vector<size_t>& sameVersion(Group& group, const Candidate& candidate);
+
+  const bool keepsAllVersions_;
+  const bool keepsEverything_;
+  std::vector<Candidate> accepted_;
+  std::vector<bool> isDisplaced_;
+  std::unordered_map<std::string_view, Group> groups_;  // keys lie in accepted_
+};
+
+}  // namespace abd

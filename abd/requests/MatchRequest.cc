@@ -1,0 +1,175 @@
+// "match": discovery. Candidates from the database are filtered one by one (visibility, rules, exclusions,
+// access, duplicates); what remains is joined into the reply from the records' kept encodings.
+
+#include <unordered_map>
+#include <vector>
+
+#include "Ambrel/ABBundle.h"
+#include "Ambrel/ABInfoKeys.h"
+#include "Ambrel/ABProtocol.h"
+#include "abd/ABDQmxClient.h"
+#include "abd/ABDServer.h"
+#include "abd/ABDTrace.h"
+#include "abd/plugin/ABDPlugIn.h"
+#include "abd/requests/DuplicateResolver.h"
+#include "abd/requests/Transaction.h"
+
+namespace abd {
+
+namespace {
+
+/// What one request asks for, and who asks.
+struct Search {
+  ABDServer& server;
+  ABDQmxClient& client;
+  const std::optional<Dictionary>& rules;
+  const uint64_t flags;
+  const Value exclusions;                        // an array of rule dictionaries, or anything
+  const std::optional<std::string> plugInsPath;  // where the client's own plug-ins are
+
+  bool isPrivileged() const { return (flags & ABDiscoverAll) != 0; }
+  bool isVisible(const ABDPlugIn& plugIn) const;
+  bool isExcluded(const ABDPlugIn& plugIn) const;
+  bool isAllowed(const ABDPlugIn& plugIn) const;
+  /// Every test but the one for duplicates.
+  bool finds(const ABDPlugIn& plugIn) const;
+};
+
+bool Search::isVisible(const ABDPlugIn& plugIn) const {
+  if (!plugIn.onSystemVolume() && (!plugIn.containingUrl() || (flags & ABDiscoverSystemOnly) != 0))
+    return false;
+  if (plugIn.isDedicated() && (!plugInsPath || !plugIn.path().starts_with(*plugInsPath))) return false;
+  return !server.holdOnPlugIn(plugIn);
+}
+
+bool Search::isExcluded(const ABDPlugIn& plugIn) const {
+  const Array* list = exclusions.array();
+  if (list == nullptr) return false;
+  for (const Value& exclusion : *list) {
+    const Dictionary* exclusionRules = exclusion.dictionary();
+    if (exclusionRules == nullptr || !plugIn.match(*exclusionRules)) continue;
+    server.debug("client %d plugin %@ excluded", client.pid(), plugIn.identifier());
+    return true;
+  }
+  return false;
+}
+
+bool Search::isAllowed(const ABDPlugIn& plugIn) const {
+  const std::optional<std::string> reason = plugIn.allowForClient(client);
+  if (!reason) return true;
+  server.debug("client %d cannot use plugin %@: %@", client.pid(), plugIn.identifier(), *reason);
+  return false;
+}
+
+bool Search::finds(const ABDPlugIn& plugIn) const {
+  if (!isPrivileged() && !isVisible(plugIn)) return false;
+  if (rules && !plugIn.match(*rules)) return false;
+  return !isExcluded(plugIn) && (isPrivileged() || isAllowed(plugIn));
+}
+
+/// The forms that the reply will carry. Displaced duplicates stay in the list, marked, because the table of
+/// overrides may still name them.
+class Matches {
+ public:
+  Matches(ABDServer& server, uint64_t flags) : server_(server), duplicates_(flags) {}
+
+  void add(const ABDPlugIn& plugIn);
+  void markOverrides();
+  EncodedPropertyList encoded() const;
+
+ private:
+  struct Accepted {
+    PlugInForm form;
+    bool isDisplaced = false;
+  };
+  void noteReplacements(const ABDPlugIn& plugIn, size_t number);
+
+  ABDServer& server_;
+  DuplicateResolver duplicates_;
+  std::vector<Accepted> accepted_;
+  size_t displacedCount_ = 0;
+  std::unordered_map<std::string, size_t> overrides_;  // replaced identifier to the replacing form
+};
+
+void Matches::add(const ABDPlugIn& plugIn) {
+  const String* version = plugIn.version().sharedString();
+  const DuplicateResolver::Verdict verdict =
+      duplicates_.admit({.identifier = plugIn.identifier(),
+                         .version = version != nullptr ? std::optional(*version) : std::nullopt,
+                         .onSystemVolume = plugIn.onSystemVolume(),
+                         .lastModified = plugIn.lastModified()});
+  if (!verdict.accepted) return;
+  if (verdict.displaced) {
+    accepted_[*verdict.displaced].isDisplaced = true;
+    ++displacedCount_;
+  }
+  accepted_.push_back({.form = plugIn.requestForm()});
+  PlugInForm& form = accepted_.back().form;
+  Transaction::addAnnotationForPlugIn(server_, plugIn, form);
+  plugIn.augmentForm(form);
+  noteReplacements(plugIn, accepted_.size() - 1);
+}
+
+void Matches::noteReplacements(const ABDPlugIn& plugIn, size_t number) {
+  const Value& replaced = plugIn.valueForEntitlement(entitlement::replacePlugIn);
+  if (const auto identifier = replaced.string()) {
+    overrides_[std::string(*identifier)] = number;
+  } else if (const Array* identifiers = replaced.array()) {
+    for (const Value& each : *identifiers)
+      if (const auto one = each.string()) overrides_[std::string(*one)] = number;
+  }
+}
+
+void Matches::markOverrides() {
+  if (overrides_.empty()) return;
+  for (Accepted& each : accepted_) {
+    if (each.isDisplaced) continue;
+    const String& identifier = each.form.plugIn()->identifier();
+    const auto entry = overrides_.find(std::string(identifier.view()));
+    if (entry == overrides_.end()) continue;
+    PlugInForm& replacing = accepted_[entry->second].form;
+    each.form.set(formkey::overrider, replacing[formkey::uuid]);
+    replacing.set(formkey::overriding, identifier);
+  }
+}
+
+EncodedPropertyList Matches::encoded() const {
+  qmx::EncodedListBuilder builder;
+  builder.beginArray(accepted_.size() - displacedCount_);
+  for (const Accepted& each : accepted_)
+    if (!each.isDisplaced) each.form.encodeInto(builder);
+  return builder.finish();
+}
+
+}  // namespace
+
+void Transaction::matchPlugIns() {
+  const Value& requestedRules = request_.body[key::rules];
+  if (!requestedRules.isNone() && !requestedRules.isDictionary())
+    return fail(kABErrorRequest, "invalid request format (bad rules dictionary)");
+  std::optional<Dictionary> rules;
+  if (const Dictionary* dictionary = requestedRules.dictionary()) rules = *dictionary;
+  const uint64_t flags = request_.unsignedValue(key::flags);
+  if ((flags & ABDiscoverAll) != 0 &&
+      !(client_->hasEntitlement(entitlement::manager) && client_->isUnsandboxed()))
+    return fail(kABErrorAccess, "unauthorized discovery flag (ABDiscoverAll)");
+
+  const Search search{
+      .server = server(),
+      .client = *client_,
+      .rules = rules,
+      .flags = flags,
+      .exclusions = server().userPrefs().exclusions(),
+      .plugInsPath = client_->bundle() != nullptr ? client_->bundle()->plugInsPath() : std::nullopt};
+  const ABDPlugInSet candidates = server().findPlugIns(rules).value_or(ABDPlugInSet{});
+  trace::discoverRaw(static_cast<uint32_t>(candidates.size()));
+
+  Matches matches(server(), flags);
+  for (const std::shared_ptr<ABDPlugIn>& plugIn : candidates)
+    if (search.finds(*plugIn)) matches.add(*plugIn);
+  matches.markOverrides();
+  if (version_ == static_cast<uint64_t>(kProtocolVersion)) setReply(key::matches, matches.encoded());
+  done();
+}
+
+}  // namespace abd
