@@ -2,9 +2,10 @@
 
 // A serial work queue: its work runs one piece at a time, first come, first served over async() and sync()
 // both. Asynchronous work runs on the thread of the run loop that the queue is bound to, during that loop's
-// turns; synchronous work runs on the calling thread when its turn comes (running what is queued before it,
-// when nobody else does, so a loop's own thread may enter its queues). The uncontended sync() takes no lock
-// longer than a few instructions and allocates nothing.
+// turns; synchronous work runs on the calling thread when its turn comes. Where asynchronous work stands
+// before it, the caller of sync() runs that first when it is the loop's own thread (so a loop may enter its
+// queues), or when nobody runs the loop. The uncontended sync() is two atomic operations and allocates
+// nothing.
 
 #include <functional>
 #include <memory>
@@ -19,17 +20,20 @@ enum class QualityOfService { unspecified, userInitiated };
 
 class SerialQueue {
  public:
-  using Work = std::function<void()>;
+  using Work = platform::Work;
 
+  /// `label` and `loop` outlive the queue.
   explicit SerialQueue(const char* label, RunLoop& loop = RunLoop::background(),
                        QualityOfService quality = QualityOfService::unspecified);
-  /// Work that has not begun is dropped. REQUIRES: nobody is inside sync().
+  /// Work that has not begun is dropped; work that runs on another thread is waited for. REQUIRES: nobody is
+  /// inside sync().
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
   const char* label() const;
   QualityOfService qualityOfService() const;
+  RunLoop& loop() const;
 
   /// Queues `work` and returns at once. Any thread.
   void async(Work work);
