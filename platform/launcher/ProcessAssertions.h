@@ -1,13 +1,15 @@
 #pragma once
 
-// Which plug-in instances are busy: runtime/Assertions/<bundle identifier>/<instance> with a write lock held
-// by the busy instance (open file description lock, fcntl(2)). Any thread.
+// Which plug-in instances are busy: runtime/Assertions/<bundle identifier>/<instance>, a property list with
+// "BundleIdentifier", with a write lock held by the busy instance (open file description lock, fcntl(2)).
+// Files without a lock do not count. Any thread.
 
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "platform/system/FileDescriptor.h"
 #include "platform/value/Value.h"
 
 namespace platform {
@@ -16,18 +18,19 @@ namespace platform {
 /// file says so). Never takes a lock.
 std::vector<Dictionary> busyExtensionInstances(const std::set<std::string>& bundleIdentifiers);
 
-/// The plug-in's side: marks one instance of `bundleIdentifier` busy while it lives.
+/// The plug-in's side: marks one instance of `bundleIdentifier` busy while it lives, and at the latest until
+/// the process ends.
 class BusyAssertion {
  public:
-  /// Null, with errno set, when it cannot be taken.
+  /// Null, with errno set, when it cannot be taken. Removes the files of dead instances on the way.
   static std::unique_ptr<BusyAssertion> take(const std::string& bundleIdentifier);
   ~BusyAssertion();
   BusyAssertion(const BusyAssertion&) = delete;
   BusyAssertion& operator=(const BusyAssertion&) = delete;
 
  private:
-  BusyAssertion() = default;
-  int fd_ = -1;
+  BusyAssertion(FileDescriptor file, std::string path);
+  FileDescriptor file_;
   std::string path_;
 };
 

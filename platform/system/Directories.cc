@@ -71,7 +71,8 @@ std::string runtimeDirectory() {
 }  // namespace
 
 const Directories& Directories::shared() {
-  static const Directories directories = fromEnvironment();
+  // Never destroyed: the platform's own threads may still ask while the process exits.
+  static const Directories& directories = *new Directories(fromEnvironment());
   return directories;
 }
 

@@ -1,0 +1,47 @@
+#pragma once
+
+// The files behind the service launcher: one directory of registrations for each host process. The launcher's
+// own; any thread.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/value/UUID.h"
+
+namespace platform {
+
+/// When process `pid` began, in clock ticks since boot; none when it is gone (a zombie is). Together with the
+/// pid it names one process for good.
+std::optional<uint64_t> processStartTime(pid_t pid);
+
+/// Every write has a number, and who removes names the number up to which he knows what he removes: a
+/// registration that is written anew while it is being judged stays.
+using WriteNumber = uint64_t;
+
+class RegistrationFiles {
+ public:
+  /// runtime/Launcher of this process's directories; empty when there is no runtime directory.
+  static std::string directory();
+  static std::string path(pid_t host, const UUID& plugIn);
+
+  /// Writes a registration whole or not at all; an error number, or 0. Nothing is synced: a registration does
+  /// not outlive its host, let alone a crash of the machine. `isNewHost` tells whether it is the host's
+  /// first.
+  static int write(pid_t host, const UUID& plugIn, const std::string& bytes, bool& isNewHost);
+  /// The number of the last write.
+  static WriteNumber lastWrite();
+
+  struct Removal {
+    bool removedAny = false;
+    int error = 0;  // the first one
+  };
+  /// Removes the registrations of dead hosts and, when `bundleIdentifier` is given, those of that bundle
+  /// identifier and version; `removedAny` tells of the latter only.
+  static Removal remove(const std::string* bundleIdentifier, const std::string* bundleVersion,
+                        WriteNumber upTo);
+};
+
+}  // namespace platform
