@@ -1,0 +1,117 @@
+#pragma once
+
+// The real daemon process on a device root, its log, and processes that connect to it from bundles. Child
+// processes die with the test. A daemon that ends by itself, or whose log holds a sanitizer's report, fails
+// the test.
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/DeviceRoot.h"
+#include "tests/support/WireClient.h"
+
+namespace testsupport {
+
+/// A child process. Its standard error goes to a file.
+class Process {
+ public:
+  /// `standardInput`: a descriptor for the child's standard input and output, or -1 for none.
+  Process(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
+          const std::string& errorFile, int standardInput = -1, const std::string& directory = {});
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t pid() const { return pid_; }
+  /// Whether it has not ended yet.
+  bool isRunning();
+  void signal(int number) const;
+  /// Kills it (SIGKILL) and waits for its end.
+  void kill();
+  /// Its exit status (128 and the number of the signal that ended it); -1 when it does not end in time.
+  int waitForExit(std::chrono::milliseconds timeout = kPatience);
+
+ private:
+  pid_t pid_ = -1;
+  int status_ = -1;
+};
+
+class Daemon {
+ public:
+  struct Options {
+    std::vector<std::string> arguments = {"-v"};
+    std::vector<std::string> environment = {};
+    std::string service = "abd.test";
+    std::string directory = {};
+  };
+  explicit Daemon(const DeviceRoot& root) : Daemon(root, Options()) {}
+  Daemon(const DeviceRoot& root, Options options);
+  ~Daemon();
+
+  /// Starts it anew and waits until it accepts connections. A fresh log.
+  void start();
+  /// Ends it without warning, as a crash or a power switch does.
+  void kill();
+  pid_t pid() const { return process_->pid(); }
+  bool isRunning() { return process_ != nullptr && process_->isRunning(); }
+  std::string socketPath() const { return root_.runtime() + "/" + options_.service; }
+  WireClient connect() const { return WireClient::connect(socketPath()); }
+
+  /// The log's entries without their prefixes. What was logged before a reply was sent is there when the
+  /// reply arrives.
+  std::vector<std::string> log() const;
+  size_t logCount(std::string_view text) const;
+  bool logs(std::string_view text) const { return logCount(text) > 0; }
+  /// Waits until an entry that contains `text` was written `count` times.
+  bool waitForLog(std::string_view text, size_t count = 1,
+                  std::chrono::milliseconds timeout = kPatience) const;
+
+ private:
+  void checkLog() const;
+  const DeviceRoot& root_;
+  const Options options_;
+  std::string logFile_;
+  int starts_ = 0;
+  std::unique_ptr<Process> process_;
+};
+
+/// A process that runs from a bundle and passes on what its client says: to the daemon the bundle's process
+/// is the peer.
+class Host {
+ public:
+  struct Options {
+    bool isConfined = false;
+  };
+  /// Copies the host program into the bundle at `bundle` (as "main") and starts it from there.
+  Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle)
+      : Host(root, daemon, bundle, Options()) {}
+  Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, Options options);
+
+  WireClient& client() { return *client_; }
+  pid_t pid() const { return process_->pid(); }
+  void kill() { process_->kill(); }
+
+ private:
+  std::unique_ptr<Process> process_;
+  std::optional<WireClient> client_;
+};
+
+/// Waits until `condition` holds.
+template <typename F>
+bool eventually(F condition, std::chrono::milliseconds timeout = kPatience) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    usleep(2000);
+  }
+  return true;
+}
+
+}  // namespace testsupport
