@@ -1,0 +1,139 @@
+// abctl hold and release: keeping plug-ins from being used for a while.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Ambrel/ABInfoKeys.h"
+#include "Ambrel/ABProtocol.h"
+#include "platform/launcher/ServiceLauncher.h"
+#include "platform/value/UUID.h"
+#include "tools/abctl/Commands.h"
+#include "tools/abctl/Json.h"
+#include "tools/abctl/PlugIns.h"
+#include "tools/abctl/Waiting.h"
+
+namespace abctl {
+namespace {
+
+using platform::Array;
+using platform::Dictionary;
+using platform::UUID;
+using platform::Value;
+
+struct HoldOptions {
+  std::vector<std::string> applications, plugIns;
+};
+
+std::vector<std::string> pathsToHold(Daemon& daemon, const HoldOptions& options) {
+  std::vector<std::string> paths;
+  for (const std::string& application : options.applications) paths.push_back(absolutePath(application));
+  for (const std::string& plugIn : options.plugIns) {
+    if (isPath(plugIn)) {
+      paths.push_back(absolutePath(plugIn));
+      continue;
+    }
+    for (const Dictionary& form : findPlugIns(daemon, plugIn))
+      paths.push_back(text(form, ambrel::formkey::path));
+  }
+  return paths;
+}
+
+/// Which plug-ins are in the way; the refusal itself names only their bundles.
+std::string conflictTable(Daemon& daemon, const Array& conflicts, const Screen& screen) {
+  std::set<std::string> bundles;
+  for (const Value& conflict : conflicts)
+    bundles.insert(
+        std::string(conflict[platform::kLauncherBundleIdentifierKey].string().value_or("(unknown)")));
+  Table table({"BUSY BUNDLE", "PLUG-IN", "NAME", "APPLICATION"});
+  for (const std::string& bundle : bundles) {
+    const std::vector<Dictionary> forms = daemon.match(
+        Dictionary{{ambrel::bundlekey::identifier, "=" + bundle}}, ambrel::ABDiscoverAllVersions);
+    if (forms.empty()) table.add({bundle, "-", "-", "-"});
+    for (const Dictionary& form : forms)
+      table.add({bundle, text(form, ambrel::formkey::identifier), nameOf(form), applicationOf(form)});
+  }
+  return table.lines(screen);
+}
+
+UUID takeHold(const Context& context, Daemon& daemon, const HoldOptions& options) {
+  const uint64_t flags = options.plugIns.empty() ? ambrel::ABHoldApplications : ambrel::ABHoldPlugIns;
+  try {
+    return daemon.hold(pathsToHold(daemon, options), flags);
+  } catch (const Failure& failure) {
+    const Value& conflicts = failure.details[ambrel::key::conflicts];
+    if (!context.json && conflicts.isArray())
+      std::printf("%s", conflictTable(daemon, *conflicts.array(), context.screen).c_str());
+    throw;
+  }
+}
+
+ExitCode hold(const Context& context, const HoldOptions& options) {
+  Waiting waiting;  // before the first thread
+  Daemon daemon(context);
+  const UUID token = takeHold(context, daemon, options);
+  if (context.json)
+    std::printf("%s\n", jsonText(Dictionary{{"token", token.string()}}, false).c_str());
+  else
+    std::printf("%s\n", token.string().c_str());
+  std::fflush(stdout);
+  waiting.watchDaemon(context.service);
+  if (!context.json)
+    std::fprintf(stderr, "held until this ends (Ctrl-C) or: abctl release %s\n", token.string().c_str());
+  if (waiting.wait().event == Waiting::Event::lost)
+    throw Failure(kUnreachable, "the daemon has gone, and the hold with it");
+  return kSuccess;
+}
+
+ExitCode release(const Context& context, const std::string& name) {
+  const std::optional<UUID> token = UUID::fromString(name);
+  if (!token)
+    throw Failure(kUsage, "\"" + name + "\" is no hold token",
+                  "a token is the UUID that `abctl hold` printed");
+  Daemon(context).release(*token);
+  if (context.json)
+    std::printf("%s\n", jsonText(Dictionary{{"released", token->string()}}).c_str());
+  else
+    std::printf("released %s\n", token->string().c_str());
+  return kSuccess;
+}
+
+}  // namespace
+
+void addHoldCommands(CLI::App& app, Context& context) {
+  const auto options = std::make_shared<HoldOptions>();
+  CLI::App* const holdCommand = app.add_subcommand("hold", "Keep plug-ins from being offered and launched");
+  CLI::Option* const applications = holdCommand->add_option(
+      "--application", options->applications, "Every plug-in of these applications, unless one is busy");
+  applications->type_name("PATH...");
+  CLI::Option* const plugIns = holdCommand->add_option(
+      "--plugin", options->plugIns, "These plug-ins (path, identifier or UUID), busy or not");
+  plugIns->type_name("PLUG-IN...")->excludes(applications);
+  holdCommand->require_option(1, 1);
+  holdCommand->footer(
+      "Prints the hold's token and keeps the hold while it runs; ending it (Ctrl-C) releases the hold, and "
+      "so\n"
+      "does `abctl release TOKEN` from elsewhere. When plug-ins of an application are busy the hold is "
+      "refused\n"
+      "(exit status 5) with a table of what is in the way.\n\n"
+      "Examples:\n"
+      "  abctl hold --application ~/.local/share/veltra/Applications/Courier.app\n"
+      "  abctl hold --plugin org.example.courier.share");
+  holdCommand->callback(
+      [&context, options] { context.command = [&context, options] { return hold(context, *options); }; });
+
+  const auto token = std::make_shared<std::string>();
+  CLI::App* const releaseCommand = app.add_subcommand("release", "Release a hold");
+  releaseCommand->add_option("TOKEN", *token, "What `abctl hold` printed")->required();
+  releaseCommand->footer(
+      "A token that is not held (any more) is no error.\n\n"
+      "Example:\n  abctl release 6C0F2A7E-0B7B-4B43-9E0C-6C6E7F1D2A55");
+  releaseCommand->callback(
+      [&context, token] { context.command = [&context, token] { return release(context, *token); }; });
+}
+
+}  // namespace abctl

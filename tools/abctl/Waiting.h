@@ -1,0 +1,61 @@
+#pragma once
+
+// Waiting for whatever comes first: a signal to stop, the loss of the daemon, posts of a notification. Made
+// and waited on by the main thread; the rest may report from any thread.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/qmx/Connection.h"
+#include "platform/queue/SerialQueue.h"
+
+namespace abctl {
+
+class Waiting {
+ public:
+  /// From here on SIGINT, SIGTERM and SIGHUP are events of wait(), not ends of the process.
+  /// REQUIRES: no other thread runs yet (they inherit the blocked signals).
+  Waiting();
+  ~Waiting();
+  Waiting(const Waiting&) = delete;
+  Waiting& operator=(const Waiting&) = delete;
+
+  /// Reports the end of the daemon behind `service`, by a connection of its own on which nothing is sent.
+  void watchDaemon(const std::string& service);
+  void reportPosts(uint64_t posts);
+
+  enum class Event { stop, lost, posts, timeout };
+  struct Result {
+    Event event = Event::timeout;
+    uint64_t posts = 0;
+  };
+  /// Waits at most `seconds`, without a limit when there is none.
+  Result wait(std::optional<double> seconds = std::nullopt);
+
+ private:
+  class Descriptor {
+   public:
+    explicit Descriptor(int fd);
+    ~Descriptor();
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+
+   private:
+    int fd_;
+  };
+  /// Counters that other threads raise; shared with closures that may outlive this object.
+  struct Counters {
+    Counters();
+    Descriptor posts, lost;
+  };
+
+  Descriptor signals_;
+  std::shared_ptr<Counters> counters_;
+  std::unique_ptr<platform::SerialQueue> queue_;
+  std::shared_ptr<platform::qmx::Connection> connection_;
+};
+
+}  // namespace abctl
