@@ -222,7 +222,7 @@ class Reader {
       if (element == nullptr) return false;
       values.push_back(*element);
     }
-    object.value = Array(std::move(values));
+    object.value = Array::taking(values);
     return true;
   }
 
@@ -233,12 +233,12 @@ class Reader {
       const Value* key = part(object, at + i * referenceSize_, depth);
       if (key == nullptr) return false;
       if (!key->isString()) return fail("a key that is not a string");
-      String name = *key->sharedString();
+      String name = String::interned(*key->string());
       const Value* value = part(object, at + (count + i) * referenceSize_, depth);
       if (value == nullptr) return false;
       entries.push_back({std::move(name), *value});
     }
-    object.value = Dictionary::fromEntriesKeepingLast(std::move(entries));
+    object.value = Dictionary::takingLast(entries);
     return true;
   }
 

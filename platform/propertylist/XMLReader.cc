@@ -178,33 +178,37 @@ class Walk {
 
   bool readArray(const pugi::xml_node& element, Value& value, int nesting) {
     if (!isBlank(element.value())) return fail("text between elements");
-    std::vector<Value> values;
-    for (pugi::xml_node child = element.first_child(); nextElement(child) && child;
-         child = child.next_sibling()) {
-      if (!read(child, values.emplace_back(), nesting)) return false;
+    const size_t base = values_.size();
+    pugi::xml_node child = element.first_child();
+    for (; nextElement(child) && child; child = child.next_sibling()) {
+      Value read;
+      if (!this->read(child, read, nesting)) return false;
+      values_.push_back(std::move(read));
     }
-    if (why_ != nullptr) return false;
-    value = Array(std::move(values));
+    if (child) return false;
+    value = Array::taking(std::span(values_).subspan(base));
+    values_.resize(base);
     return true;
   }
 
   bool readDictionary(const pugi::xml_node& element, Value& value, int nesting) {
     if (!isBlank(element.value())) return fail("text between elements");
-    std::vector<Dictionary::Entry> entries;
-    for (pugi::xml_node child = element.first_child(); nextElement(child) && child;
-         child = child.next_sibling()) {
+    const size_t base = entries_.size();
+    pugi::xml_node child = element.first_child();
+    for (; nextElement(child) && child; child = child.next_sibling()) {
       if (std::strcmp(child.name(), "key") != 0) return fail("a dictionary entry without a key");
-      Dictionary::Entry& entry = entries.emplace_back();
       std::string_view key;
       if (!contents(child, key)) return false;
-      entry.key = String(key);
+      Dictionary::Entry entry{String::interned(key), {}};
       child = child.next_sibling();
       if (!nextElement(child)) return false;
       if (!child) return fail("a key without a value");
       if (!read(child, entry.value, nesting)) return false;
+      entries_.push_back(std::move(entry));
     }
-    if (why_ != nullptr) return false;
-    value = Dictionary::fromEntriesKeepingLast(std::move(entries));
+    if (child) return false;
+    value = Dictionary::takingLast(std::span(entries_).subspan(base));
+    entries_.resize(base);
     return true;
   }
 
@@ -234,6 +238,9 @@ class Walk {
 
   const char* why_ = nullptr;
   std::string joined_;
+  // What the containers that are being read hold so far, the inner ones' last.
+  std::vector<Value> values_;
+  std::vector<Dictionary::Entry> entries_;
 };
 
 /// UTF-16 (with a byte order mark) becomes UTF-8. False when it is malformed.

@@ -2,9 +2,8 @@
 
 // The decoder takes one item head after the other from the library's streaming decoder and builds values
 // itself. Model: `owed_` is the number of bytes that the containers begun so far need at least for what they
-// still declare (one per item); a count that would raise it above the bytes left is malformed. So every
-// declared count can be trusted with exact storage, and all storage of a message together is bounded by its
-// size, however the counts are nested.
+// still declare (one per item); a count that would raise it above the bytes left is malformed, however the
+// counts are nested. Storage is made when a container is complete, of the exact size.
 
 #include <cbor/callbacks.h>
 #include <cbor/encoding.h>
@@ -172,27 +171,32 @@ class Decoder {
 
   bool decodeArray(uint64_t count, Value& value, int nesting) {
     if (!enter(count, 1, nesting)) return false;
-    std::vector<Value> values(static_cast<size_t>(count));
-    for (Value& element : values) {
+    const size_t base = values_.size();
+    for (; count > 0; --count) {
       --owed_;
+      Value element;
       if (!decode(element, nesting - 1) || element.isNone()) return false;
+      values_.push_back(std::move(element));
     }
-    value = Array(std::move(values));
+    value = Array::taking(std::span(values_).subspan(base));
+    values_.resize(base);
     return true;
   }
 
   bool decodeMap(uint64_t count, Value& value, int nesting) {
     if (!enter(count, 2, nesting)) return false;
-    std::vector<Dictionary::Entry> entries(static_cast<size_t>(count));
-    for (Dictionary::Entry& entry : entries) {
+    const size_t base = entries_.size();
+    for (; count > 0; --count) {
       owed_ -= 2;
       Item key;
       if (!take(key) || key.kind != Item::Kind::text || !isValidText(text(key))) return false;
-      entry.key = String(text(key));
+      Dictionary::Entry entry{String::interned(text(key)), {}};
       if (!decode(entry.value, nesting - 1)) return false;
+      entries_.push_back(std::move(entry));
     }
-    std::optional<Dictionary> dictionary = Dictionary::fromEntries(std::move(entries));
+    std::optional<Dictionary> dictionary = Dictionary::taking(std::span(entries_).subspan(base));
     if (!dictionary) return false;
+    entries_.resize(base);
     value = std::move(*dictionary);
     return true;
   }
@@ -226,6 +230,9 @@ class Decoder {
   const uint8_t* at_;
   const uint8_t* end_;
   size_t owed_ = 0;
+  // What the containers begun so far hold already, the inner ones' last.
+  std::vector<Value> values_;
+  std::vector<Dictionary::Entry> entries_;
 };
 
 // --- Encoding ---

@@ -1,65 +1,94 @@
 #include "platform/value/Value.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <memory>
 #include <new>
+#include <stdexcept>
 
 namespace platform {
 
 const Value kNone;
 
+// Moving a value moves its bits and leaves a none; that holds only as long as each kind is one word.
+static_assert(sizeof(Value) == 16 && sizeof(String) == 8 && sizeof(Dictionary::Entry) == 24);
+
 namespace detail {
-
-struct BytesNode : Counted {
-  explicit BytesNode(size_t byteCount) : size(byteCount) {}
-  size_t size;
-
-  uint8_t* bytes() { return reinterpret_cast<uint8_t*>(this + 1); }
-
-  /// Header and contents are one allocation.
-  static BytesNode* create(const void* bytes, size_t size) {
-    void* memory = ::operator new(sizeof(BytesNode) + size);
-    auto* node = new (memory) BytesNode(size);
-    std::memcpy(node->bytes(), bytes, size);
-    return node;
-  }
-};
-
-struct ArrayNode : Counted {
-  std::vector<Value> values;
-};
-
-struct DictionaryNode : Counted {
-  std::vector<Dictionary::Entry> entries;
-};
 
 struct EncodedNode : Counted {
   size_t size = 0;
   std::vector<EncodedPropertyList::Piece> pieces;
 };
 
-struct UUIDNode : Counted {
-  explicit UUIDNode(const UUID& value) : uuid(value) {}
-  UUID uuid;
-};
+namespace {
 
-void destroyNode(Counted* node, const BytesNode*) {
-  static_cast<BytesNode*>(node)->~BytesNode();
+/// An empty block with room for `capacity` elements.
+template <typename Node, typename T>
+Node* newBlock(size_t capacity) {
+  if (capacity > UINT32_MAX) throw std::length_error("a container of more than 2^32 elements");
+  auto* node = new (::operator new(sizeof(Node) + capacity * sizeof(T))) Node;
+  node->capacity = static_cast<uint32_t>(capacity);
+  return node;
+}
+
+template <typename Node>
+void destroyBlock(Node* node) noexcept {
+  std::destroy(node->begin(), node->end());
+  node->~Node();
   ::operator delete(node);
 }
-void destroyNode(Counted* node, const ArrayNode*) {
-  delete static_cast<ArrayNode*>(node);
+
+/// Appends elements, copied or (from move iterators) moved. REQUIRES: there is room.
+template <typename Node, typename Iterator>
+void appendTo(Node* node, Iterator from, size_t count) {
+  std::uninitialized_copy_n(from, count, node->end());
+  node->count += static_cast<uint32_t>(count);
 }
-void destroyNode(Counted* node, const DictionaryNode*) {
-  delete static_cast<DictionaryNode*>(node);
+
+/// Makes `shared` storage of its own with room for `room` more elements.
+template <typename T, typename Node>
+Node& makeChangeable(Shared<Node>& shared, size_t room) {
+  const size_t count = shared.isNull() ? 0 : shared->count;
+  const bool isUnique = !shared.isNull() && shared.isUnique();
+  if (isUnique && shared->capacity - count >= room) return *shared.get();
+  size_t capacity = count + room;
+  if (isUnique && room > 0) capacity = std::max(capacity, count + count / 2 + 1);
+  Shared<Node> changed(newBlock<Node, T>(capacity));
+  if (isUnique) {
+    appendTo(changed.get(), std::move_iterator(shared->begin()), count);
+  } else if (count > 0) {
+    appendTo(changed.get(), std::as_const(*shared.get()).begin(), count);
+  }
+  shared = std::move(changed);
+  return *shared.get();
 }
-void destroyNode(Counted* node, const EncodedNode*) {
+
+BytesNode* newBytes(const void* bytes, size_t size) {
+  if (size > UINT32_MAX) throw std::length_error("data of more than 4 GiB");
+  auto* node = new (::operator new(sizeof(BytesNode) + size)) BytesNode;
+  node->size = static_cast<uint32_t>(size);
+  std::memcpy(node->bytes(), bytes, size);
+  return node;
+}
+
+}  // namespace
+
+void destroyNode(Counted* node, const BytesNode*) noexcept {
+  ::operator delete(static_cast<BytesNode*>(node));
+}
+void destroyNode(Counted* node, const ArrayNode*) noexcept {
+  destroyBlock(static_cast<ArrayNode*>(node));
+}
+void destroyNode(Counted* node, const DictionaryNode*) noexcept {
+  destroyBlock(static_cast<DictionaryNode*>(node));
+}
+void destroyNode(Counted* node, const EncodedNode*) noexcept {
   delete static_cast<EncodedNode*>(node);
 }
-void destroyNode(Counted* node, const UUIDNode*) {
+void destroyNode(Counted* node, const UUIDNode*) noexcept {
   delete static_cast<UUIDNode*>(node);
 }
 
@@ -70,22 +99,11 @@ using detail::Shared;
 // --- Data ---
 
 Data::Data(std::span<const uint8_t> bytes) {
-  if (!bytes.empty())
-    node_ = Shared<detail::BytesNode>(detail::BytesNode::create(bytes.data(), bytes.size()));
+  if (!bytes.empty()) node_ = Shared<detail::BytesNode>(detail::newBytes(bytes.data(), bytes.size()));
 }
 
 Data::Data(std::string_view bytes)
     : Data(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())) {}
-
-std::span<const uint8_t> Data::bytes() const {
-  if (node_.isNull()) return {};
-  return {node_->bytes(), node_->size};
-}
-
-std::string_view Data::view() const {
-  const auto all = bytes();
-  return {reinterpret_cast<const char*>(all.data()), all.size()};
-}
 
 // --- EncodedPropertyList ---
 
@@ -115,49 +133,36 @@ std::string EncodedPropertyList::joined() const {
 
 // --- Array ---
 
-Array::Array(std::initializer_list<Value> values) : Array(std::vector<Value>(values)) {}
-
-Array::Array(std::vector<Value> values) {
-  if (!values.empty()) mutableValues() = std::move(values);
+Array::Array(std::initializer_list<Value> values) {
+  if (values.size() > 0) detail::appendTo(&changing(values.size()), values.begin(), values.size());
 }
 
-size_t Array::size() const {
-  return node_.isNull() ? 0 : node_->values.size();
-}
+Array::Array(std::vector<Value> values) : Array(taking(values)) {}
 
-const Value& Array::operator[](size_t index) const {
-  return node_->values[index];
-}
-
-const Value* Array::begin() const {
-  return node_.isNull() ? nullptr : node_->values.data();
-}
-
-const Value* Array::end() const {
-  return node_.isNull() ? nullptr : node_->values.data() + node_->values.size();
-}
-
-std::vector<Value>& Array::mutableValues() {
-  if (node_.isNull()) {
-    node_ = Shared<detail::ArrayNode>(new detail::ArrayNode);
-  } else if (!node_.isUnique()) {
-    auto* copy = new detail::ArrayNode;
-    copy->values = node_->values;
-    node_ = Shared<detail::ArrayNode>(copy);
+Array Array::taking(std::span<Value> values) {
+  Array array;
+  if (!values.empty()) {
+    detail::appendTo(&array.changing(values.size()), std::move_iterator(values.begin()), values.size());
   }
-  return node_->values;
+  return array;
+}
+
+detail::ArrayNode& Array::changing(size_t room) {
+  return detail::makeChangeable<Value>(node_, room);
 }
 
 void Array::reserve(size_t count) {
-  if (count > 0) mutableValues().reserve(count);
+  if (count > size()) changing(count - size());
 }
 
 void Array::append(Value value) {
-  mutableValues().push_back(std::move(value));
+  detail::ArrayNode& node = changing(1);
+  new (node.end()) Value(std::move(value));
+  ++node.count;
 }
 
 void Array::set(size_t index, Value value) {
-  mutableValues()[index] = std::move(value);
+  changing(0).begin()[index] = std::move(value);
 }
 
 bool operator==(const Array& a, const Array& b) {
@@ -168,101 +173,126 @@ bool operator==(const Array& a, const Array& b) {
 
 namespace {
 
-/// Where `key` is, or where it would stand.
-template <typename Entries>
-auto position(Entries& entries, std::string_view key) {
-  return std::lower_bound(
-      entries.begin(), entries.end(), key,
-      [](const Dictionary::Entry& entry, std::string_view k) { return entry.key.view() < k; });
+bool isLess(const Dictionary::Entry& a, const Dictionary::Entry& b) {
+  return a.key < b.key;
+}
+
+/// The first of the sorted entries whose key is not less than `key`.
+template <typename Entry>
+Entry* position(Entry* begin, Entry* end, std::string_view key) {
+  return std::lower_bound(begin, end, key, [](const Dictionary::Entry& entry, std::string_view k) {
+    return entry.key.view() < k;
+  });
+}
+
+/// Whether each key is less than the next, as in what we write ourselves.
+bool isStrictlySorted(std::span<const Dictionary::Entry> entries) {
+  return std::adjacent_find(entries.begin(), entries.end(),
+                            [](const auto& a, const auto& b) { return !isLess(a, b); }) == entries.end();
+}
+
+/// Sorts; equal keys keep their order.
+void sortStably(std::span<Dictionary::Entry> entries) {
+  // Most dictionaries are small, and the library's sort allocates.
+  constexpr size_t kSmall = 24;
+  if (entries.size() > kSmall) return std::stable_sort(entries.begin(), entries.end(), isLess);
+  for (size_t i = 1; i < entries.size(); ++i) {
+    size_t to = i;
+    while (to > 0 && isLess(entries[i], entries[to - 1])) --to;
+    if (to == i) continue;
+    Dictionary::Entry entry = std::move(entries[i]);
+    std::move_backward(entries.begin() + static_cast<ptrdiff_t>(to),
+                       entries.begin() + static_cast<ptrdiff_t>(i),
+                       entries.begin() + static_cast<ptrdiff_t>(i) + 1);
+    entries[to] = std::move(entry);
+  }
 }
 
 }  // namespace
 
 Dictionary::Dictionary(std::initializer_list<std::pair<std::string_view, Value>> entries) {
   reserve(entries.size());
-  for (const auto& [key, value] : entries) set(key, value);
+  for (const auto& [key, value] : entries) set(String::interned(key), value);
 }
 
 std::optional<Dictionary> Dictionary::fromEntries(std::vector<Entry> entries) {
-  const auto less = [](const Entry& a, const Entry& b) { return a.key < b.key; };
-  const auto notLess = [](const Entry& a, const Entry& b) { return !(a.key < b.key); };
-  // What we write ourselves arrives sorted.
-  if (std::adjacent_find(entries.begin(), entries.end(), notLess) != entries.end()) {
-    std::sort(entries.begin(), entries.end(), less);
-    if (std::adjacent_find(entries.begin(), entries.end(), notLess) != entries.end()) return std::nullopt;
+  return taking(entries);
+}
+
+std::optional<Dictionary> Dictionary::taking(std::span<Entry> entries) {
+  if (!isStrictlySorted(entries)) {
+    std::sort(entries.begin(), entries.end(), isLess);
+    if (!isStrictlySorted(entries)) return std::nullopt;
   }
-  std::erase_if(entries, [](const Entry& entry) { return entry.value.isNone(); });
-  Dictionary dictionary;
-  if (!entries.empty()) dictionary.mutableEntries() = std::move(entries);
-  return dictionary;
+  return fromSorted(entries);
 }
 
-Dictionary Dictionary::fromEntriesKeepingLast(std::vector<Entry> entries) {
-  const auto less = [](const Entry& a, const Entry& b) { return a.key < b.key; };
-  std::stable_sort(entries.begin(), entries.end(), less);
-  const auto same = [](const Entry& a, const Entry& b) { return a.key == b.key; };
-  // Backwards, the last of equal keys comes first and stays.
-  const auto rest = std::unique(entries.rbegin(), entries.rend(), same);
-  entries.erase(entries.begin(), rest.base());
-  std::erase_if(entries, [](const Entry& entry) { return entry.value.isNone(); });
-  Dictionary dictionary;
-  if (!entries.empty()) dictionary.mutableEntries() = std::move(entries);
-  return dictionary;
+Dictionary Dictionary::takingLast(std::span<Entry> entries) {
+  if (!isStrictlySorted(entries)) {
+    sortStably(entries);
+    // Backwards, the last of equal keys comes first and stays.
+    const auto same = [](const Entry& a, const Entry& b) { return a.key == b.key; };
+    const auto rest = std::unique(entries.rbegin(), entries.rend(), same);
+    entries = entries.subspan(static_cast<size_t>(entries.rend() - rest));
+  }
+  return fromSorted(entries);
 }
 
-size_t Dictionary::size() const {
-  return node_.isNull() ? 0 : node_->entries.size();
+Dictionary Dictionary::fromSorted(std::span<Entry> entries) {
+  const auto isAbsent = [](const Entry& entry) { return entry.value.isNone(); };
+  const auto kept = std::remove_if(entries.begin(), entries.end(), isAbsent);
+  const auto count = static_cast<size_t>(kept - entries.begin());
+  Dictionary dictionary;
+  if (count > 0) detail::appendTo(&dictionary.changing(count), std::move_iterator(entries.begin()), count);
+  return dictionary;
 }
 
 const Value& Dictionary::operator[](std::string_view key) const {
-  if (node_.isNull()) return kNone;
-  const auto& entries = node_->entries;
-  const auto found = position(entries, key);
-  return found != entries.end() && found->key.view() == key ? found->value : kNone;
+  const Entry* const found = position(begin(), end(), key);
+  return found != end() && found->key.view() == key ? found->value : kNone;
 }
 
 bool Dictionary::contains(std::string_view key) const {
   return !(*this)[key].isNone();
 }
 
-const Dictionary::Entry* Dictionary::begin() const {
-  return node_.isNull() ? nullptr : node_->entries.data();
-}
-
-const Dictionary::Entry* Dictionary::end() const {
-  return node_.isNull() ? nullptr : node_->entries.data() + node_->entries.size();
-}
-
-std::vector<Dictionary::Entry>& Dictionary::mutableEntries() {
-  if (node_.isNull()) {
-    node_ = Shared<detail::DictionaryNode>(new detail::DictionaryNode);
-  } else if (!node_.isUnique()) {
-    auto* copy = new detail::DictionaryNode;
-    copy->entries = node_->entries;
-    node_ = Shared<detail::DictionaryNode>(copy);
-  }
-  return node_->entries;
+detail::DictionaryNode& Dictionary::changing(size_t room) {
+  return detail::makeChangeable<Entry>(node_, room);
 }
 
 void Dictionary::reserve(size_t count) {
-  if (count > 0) mutableEntries().reserve(count);
+  if (count > size()) changing(count - size());
 }
 
 void Dictionary::set(String key, Value value) {
   if (value.isNone()) return remove(key);
-  auto& entries = mutableEntries();
-  const auto found = position(entries, key);
-  if (found != entries.end() && found->key == key) {
-    found->value = std::move(value);
-  } else {
-    entries.insert(found, Entry{std::move(key), std::move(value)});
+  const Entry* const found = position(begin(), end(), key.view());
+  const auto index = found - begin();
+  if (found != end() && found->key == key) {
+    changing(0).begin()[index].value = std::move(value);
+    return;
   }
+  detail::DictionaryNode& node = changing(1);
+  Entry* const place = node.begin() + index;
+  Entry entry{std::move(key), std::move(value)};
+  if (place == node.end()) {
+    new (place) Entry(std::move(entry));
+  } else {
+    new (node.end()) Entry(std::move(node.end()[-1]));
+    std::move_backward(place, node.end() - 1, node.end());
+    *place = std::move(entry);
+  }
+  ++node.count;
 }
 
 void Dictionary::remove(std::string_view key) {
-  if (!contains(key)) return;
-  auto& entries = mutableEntries();
-  entries.erase(position(entries, key));
+  const Entry* const found = position(begin(), end(), key);
+  if (found == end() || found->key.view() != key) return;
+  const auto index = found - begin();
+  detail::DictionaryNode& node = changing(0);
+  std::move(node.begin() + index + 1, node.end(), node.begin() + index);
+  --node.count;
+  std::destroy_at(node.end());
 }
 
 bool operator==(const Dictionary& a, const Dictionary& b) {
@@ -302,38 +332,14 @@ void Value::copyFrom(const Value& other) noexcept {
     case Kind::encoded:
       new (&encoded_) EncodedPropertyList(other.encoded_);
       break;
+    case Kind::real:
+    case Kind::date:
+      real_ = other.real_;
+      break;
     default:
       unsigned_ = other.unsigned_;
       break;
   }
-}
-
-void Value::moveFrom(Value& other) noexcept {
-  kind_ = other.kind_;
-  switch (kind_) {
-    case Kind::string:
-      new (&string_) String(std::move(other.string_));
-      break;
-    case Kind::data:
-      new (&data_) Data(std::move(other.data_));
-      break;
-    case Kind::uuid:
-      new (&uuid_) Shared<detail::UUIDNode>(std::move(other.uuid_));
-      break;
-    case Kind::array:
-      new (&array_) Array(std::move(other.array_));
-      break;
-    case Kind::dictionary:
-      new (&dictionary_) Dictionary(std::move(other.dictionary_));
-      break;
-    case Kind::encoded:
-      new (&encoded_) EncodedPropertyList(std::move(other.encoded_));
-      break;
-    default:
-      unsigned_ = other.unsigned_;
-      return;
-  }
-  other.reset();
 }
 
 void Value::release() noexcept {

@@ -7,9 +7,10 @@
 // Threads: distinct Value objects that share storage may be used from different threads freely (the counts
 // are atomic); one Value object is changed by one thread at a time, like an int.
 
-#include <atomic>
+#include <compare>
 #include <concepts>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <optional>
 #include <span>
@@ -19,66 +20,14 @@
 #include <vector>
 
 #include "platform/value/Date.h"
+#include "platform/value/Storage.h"
 #include "platform/value/UUID.h"
 
 namespace platform {
 
 class Value;
 
-namespace detail {
-
-struct BytesNode;
-struct ArrayNode;
-struct DictionaryNode;
-struct EncodedNode;
-struct UUIDNode;
-
-/// The head of every piece of shared storage.
-struct Counted {
-  std::atomic<uint32_t> references{1};
-};
-
-// The second argument only selects the overload.
-void destroyNode(Counted* node, const BytesNode*);
-void destroyNode(Counted* node, const ArrayNode*);
-void destroyNode(Counted* node, const DictionaryNode*);
-void destroyNode(Counted* node, const EncodedNode*);
-void destroyNode(Counted* node, const UUIDNode*);
-
-/// Counts the holders of one piece of shared storage; the last one destroys it.
-template <typename T>
-class Shared {
- public:
-  Shared() = default;
-  /// Takes over the one reference that `node` was made with.
-  explicit Shared(T* node) noexcept : node_(node) {}
-  Shared(const Shared& other) noexcept : node_(other.node_) {
-    if (node_ != nullptr) node_->references.fetch_add(1, std::memory_order_relaxed);
-  }
-  Shared(Shared&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
-  Shared& operator=(const Shared& other) noexcept { return *this = Shared(other); }
-  Shared& operator=(Shared&& other) noexcept {
-    std::swap(node_, other.node_);
-    return *this;
-  }
-  ~Shared() {
-    if (node_ != nullptr && node_->references.fetch_sub(1, std::memory_order_acq_rel) == 1)
-      destroyNode(node_, static_cast<const T*>(nullptr));
-  }
-  /// REQUIRES: T is complete where this is used.
-  T* get() const { return static_cast<T*>(node_); }
-  T* operator->() const { return get(); }
-  bool isNull() const { return node_ == nullptr; }
-  bool isUnique() const { return node_->references.load(std::memory_order_acquire) == 1; }
-  bool isSame(const Shared& other) const { return node_ == other.node_; }
-
- private:
-  Counted* node_ = nullptr;
-};
-
-}  // namespace detail
-
-/// Immutable shared bytes. The default is empty.
+/// Immutable shared bytes, less than 4 GiB. The default is empty.
 class Data {
  public:
   Data() = default;
@@ -86,12 +35,20 @@ class Data {
   explicit Data(std::span<const uint8_t> bytes);
   explicit Data(std::string_view bytes);
 
-  std::span<const uint8_t> bytes() const;
-  std::string_view view() const;
-  size_t size() const { return bytes().size(); }
+  std::span<const uint8_t> bytes() const {
+    if (node_.isNull()) return {};
+    return {node_->bytes(), node_->size};
+  }
+  std::string_view view() const {
+    if (node_.isNull()) return {};
+    return {reinterpret_cast<const char*>(node_->bytes()), node_->size};
+  }
+  size_t size() const { return node_.isNull() ? 0 : node_->size; }
   bool empty() const { return size() == 0; }
 
-  friend bool operator==(const Data& a, const Data& b) { return a.view() == b.view(); }
+  friend bool operator==(const Data& a, const Data& b) {
+    return a.node_.isSame(b.node_) || a.view() == b.view();
+  }
 
  private:
   friend class Value;
@@ -107,12 +64,16 @@ class String {
   String(const char* text) : data_(std::string_view(text)) {}         // NOLINT
   String(const std::string& text) : data_(std::string_view(text)) {}  // NOLINT
 
+  /// `text`, sharing the storage of an equal string that was asked for lately where there is one. For
+  /// dictionary keys: few different ones stand in very many dictionaries.
+  static String interned(std::string_view text);
+
   /// Valid while any holder of this string's storage lives.
   std::string_view view() const { return data_.view(); }
   operator std::string_view() const { return view(); }  // NOLINT
-  size_t size() const { return view().size(); }
+  size_t size() const { return data_.size(); }
 
-  friend bool operator==(const String& a, const String& b) { return a.view() == b.view(); }
+  friend bool operator==(const String& a, const String& b) { return a.data_ == b.data_; }
   friend auto operator<=>(const String& a, const String& b) { return a.view() <=> b.view(); }
 
  private:
@@ -147,6 +108,8 @@ class Array {
   Array() = default;
   Array(std::initializer_list<Value> values);
   explicit Array(std::vector<Value> values);
+  /// Moves the values out of `values`; the storage has no room to spare.
+  static Array taking(std::span<Value> values);
 
   size_t size() const;
   bool empty() const { return size() == 0; }
@@ -161,12 +124,13 @@ class Array {
   void set(size_t index, Value value);
 
   /// Whether both are the very same storage (two empty arrays are).
-  bool isSameObject(const Array& other) const { return node_.isSame(other.node_); }
+  bool isSameObject(const Array& other) const;
   friend bool operator==(const Array& a, const Array& b);
 
  private:
   friend class Value;
-  std::vector<Value>& mutableValues();
+  /// Storage of our own with room for `room` more values.
+  detail::ArrayNode& changing(size_t room);
   detail::Shared<detail::ArrayNode> node_;
 };
 
@@ -182,8 +146,10 @@ class Dictionary {
   /// From entries in any order, in n log n; none when a key stands there twice. Entries with none values are
   /// left out.
   static std::optional<Dictionary> fromEntries(std::vector<Entry> entries);
-  /// The same, but of several entries of one key the last is kept.
-  static Dictionary fromEntriesKeepingLast(std::vector<Entry> entries);
+  /// The same, moving the entries out of `entries`; the storage has no room to spare.
+  static std::optional<Dictionary> taking(std::span<Entry> entries);
+  /// The same, but of several entries of one key the last counts.
+  static Dictionary takingLast(std::span<Entry> entries);
 
   size_t size() const;
   bool empty() const { return size() == 0; }
@@ -199,12 +165,14 @@ class Dictionary {
   void remove(std::string_view key);
 
   /// Whether both are the very same storage (two empty dictionaries are).
-  bool isSameObject(const Dictionary& other) const { return node_.isSame(other.node_); }
+  bool isSameObject(const Dictionary& other) const;
   friend bool operator==(const Dictionary& a, const Dictionary& b);
 
  private:
   friend class Value;
-  std::vector<Entry>& mutableEntries();
+  static Dictionary fromSorted(std::span<Entry> entries);
+  /// Storage of our own with room for `room` more entries.
+  detail::DictionaryNode& changing(size_t room);
   detail::Shared<detail::DictionaryNode> node_;
 };
 
@@ -262,18 +230,17 @@ class Value {
 
   Value(const Value& other) noexcept { copyFrom(other); }
   Value(Value&& other) noexcept { moveFrom(other); }
-  Value& operator=(const Value& other) noexcept {
-    if (this != &other) *this = Value(other);
-    return *this;
-  }
+  Value& operator=(const Value& other) noexcept { return *this = Value(other); }
   Value& operator=(Value&& other) noexcept {
-    if (this != &other) {
-      reset();
-      moveFrom(other);
-    }
+    if (this == &other) return *this;
+    // What this held goes last: `other` may be a part of it.
+    const Value old(std::move(*this));
+    moveFrom(other);
     return *this;
   }
-  ~Value() { reset(); }
+  ~Value() {
+    if (isShared()) release();
+  }
 
   Kind kind() const { return kind_; }
   bool isNone() const { return kind_ == Kind::none; }
@@ -324,12 +291,13 @@ class Value {
   std::string description() const;
 
  private:
-  void reset() noexcept {
-    if (kind_ >= Kind::string && kind_ != Kind::date) release();
-    kind_ = Kind::none;
-  }
+  bool isShared() const { return kind_ >= Kind::string && kind_ != Kind::date; }
   void copyFrom(const Value& other) noexcept;
-  void moveFrom(Value& other) noexcept;
+  /// Every kind is a scalar or one counted reference, so moving is moving the bits.
+  void moveFrom(Value& other) noexcept {
+    std::memcpy(static_cast<void*>(this), static_cast<const void*>(&other), sizeof *this);
+    other.kind_ = Kind::none;
+  }
   void release() noexcept;
 
   Kind kind_;
@@ -353,5 +321,41 @@ struct Dictionary::Entry {
 
 /// The none value that look-ups answer by reference.
 extern const Value kNone;
+
+namespace detail {
+
+struct ArrayNode : Block<Value> {};
+struct DictionaryNode : Block<Dictionary::Entry> {};
+
+}  // namespace detail
+
+inline size_t Array::size() const {
+  return node_.isNull() ? 0 : node_->count;
+}
+inline const Value* Array::begin() const {
+  return node_.isNull() ? nullptr : std::as_const(*node_.get()).begin();
+}
+inline const Value* Array::end() const {
+  return node_.isNull() ? nullptr : std::as_const(*node_.get()).end();
+}
+inline const Value& Array::operator[](size_t index) const {
+  return begin()[index];
+}
+inline bool Array::isSameObject(const Array& other) const {
+  return node_.isSame(other.node_) || (empty() && other.empty());
+}
+
+inline size_t Dictionary::size() const {
+  return node_.isNull() ? 0 : node_->count;
+}
+inline const Dictionary::Entry* Dictionary::begin() const {
+  return node_.isNull() ? nullptr : std::as_const(*node_.get()).begin();
+}
+inline const Dictionary::Entry* Dictionary::end() const {
+  return node_.isNull() ? nullptr : std::as_const(*node_.get()).end();
+}
+inline bool Dictionary::isSameObject(const Dictionary& other) const {
+  return node_.isSame(other.node_) || (empty() && other.empty());
+}
 
 }  // namespace platform
