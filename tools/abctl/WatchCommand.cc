@@ -128,10 +128,7 @@ class Observing {
   explicit Observing(Waiting& waiting)
       : observer_(std::make_shared<platform::NotificationObserver>(
             ambrel::kAnnotationChangeNotification, loop_,
-            [&waiting](uint64_t posts) { waiting.reportPosts(posts); })) {
-    if (!observer_->isWatching())
-      throw Failure(kRefused, "change notifications cannot be watched", "inotify may be out of watches");
-  }
+            [&waiting](uint64_t posts) { waiting.reportPosts(posts); })) {}
   /// An observer is destroyed where its handler runs.
   ~Observing() {
     std::promise<void> gone;
@@ -143,6 +140,7 @@ class Observing {
   }
   Observing(const Observing&) = delete;
   Observing& operator=(const Observing&) = delete;
+  bool isWatching() const { return observer_->isWatching(); }
 
  private:
   platform::RunLoop& loop_ = platform::RunLoop::background();
@@ -154,6 +152,8 @@ ExitCode watch(const Context& context, const WatchOptions& options) {
   Waiting waiting;  // before the first thread
   Daemon daemon(context);
   const Observing observing(waiting);
+  if (!observing.isWatching())
+    throw Failure(kRefused, "change notifications cannot be watched", "inotify may be out of watches");
   Snapshot known = snapshot(daemon, rules, options.match.flags());
   waiting.watchDaemon(context.service);
   if (!context.json)

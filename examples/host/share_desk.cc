@@ -1,0 +1,170 @@
+// share-desk: a host program in its simplest form, on libambrel. It asks the daemon which share plug-ins
+// accept two items, makes one of them ready, reads the launch registration that this made, starts the plug-in
+// with the environment it was given, hands it the items and prints what it answers.
+//
+//   share-desk [--service NAME] [--plugin IDENTIFIER] [--keep SECONDS] [TYPE=TEXT...]
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "Ambrel/ABDaemonClient.h"
+#include "Ambrel/ABPlugInCore.h"
+#include "examples/host/PlugInProcess.h"
+#include "platform/launcher/ServiceLauncher.h"
+
+namespace {
+
+using ambrel::ABDaemonClient;
+using ambrel::ABPlugInCore;
+using namespace platform;
+
+struct Item {
+  std::string type, text;
+};
+
+struct Options {
+  std::string service = ambrel::kDefaultServiceName;
+  std::string plugIn;
+  unsigned keepSeconds = 0;
+  std::vector<Item> items;
+};
+
+Options parse(int argc, char** argv) {
+  Options options;
+  for (int index = 1; index < argc; ++index) {
+    const std::string word = argv[index];
+    const auto next = [&] {
+      if (++index == argc) throw std::invalid_argument(word + " needs a value");
+      return std::string(argv[index]);
+    };
+    if (word == "--service") {
+      options.service = next();
+    } else if (word == "--plugin") {
+      options.plugIn = next();
+    } else if (word == "--keep") {
+      options.keepSeconds = static_cast<unsigned>(std::stoul(next()));
+    } else if (const size_t separator = word.find('='); separator != std::string::npos) {
+      options.items.push_back({word.substr(0, separator), word.substr(separator + 1)});
+    } else {
+      throw std::invalid_argument(
+          "usage: share-desk [--service NAME] [--plugin IDENTIFIER] [--keep SECONDS] [TYPE=TEXT...]");
+    }
+  }
+  if (options.items.empty())
+    options.items = {{"image/png", "sunset.png"}, {"text/plain", "Greetings from the coast"}};
+  return options;
+}
+
+/// Sends one request and waits for its reply; throws what the daemon says against it.
+template <typename Send>
+Dictionary ask(Send&& send) {
+  const auto arrived = std::make_shared<std::promise<ABDaemonClient::Reply>>();
+  send([arrived](ABDaemonClient::Reply&& reply) { arrived->set_value(std::move(reply)); });
+  const ABDaemonClient::Reply reply = arrived->get_future().get();
+  if (const auto error = ABDaemonClient::errorInReply(reply))
+    throw std::runtime_error(error->localizedDescription());
+  return std::get<qmx::Message>(reply).body;
+}
+
+/// Share plug-ins whose activation rule accepts all the items.
+std::vector<std::shared_ptr<ABPlugInCore>> discover(ABDaemonClient& client, const std::vector<Item>& items) {
+  Array types;
+  for (const Item& item : items) types.append(Dictionary{{"types", Array{item.type}}});
+  const Dictionary rules{{"ZQExtensionPointName", "com.veltra.share-service"},
+                         {"ZQExtensionActivationRule", Dictionary{{"items", types}}}};
+  const Dictionary reply = ask([&](auto done) { client.matchPlugIns(rules, 0, std::move(done)); });
+  const Value matches = client.convertFromQMX(reply[ambrel::key::matches]);
+  std::vector<std::shared_ptr<ABPlugInCore>> plugIns;
+  if (matches.array() == nullptr) return plugIns;
+  for (const Value& form : *matches.array()) {
+    if (auto plugIn = form.isDictionary() ? ABPlugInCore::initWithForm(*form.dictionary()) : nullptr)
+      plugIns.push_back(std::move(plugIn));
+  }
+  return plugIns;
+}
+
+int64_t election(const ABPlugInCore& plugIn) {
+  return plugIn.annotations()[ambrel::annotation::election].integerValue();
+}
+
+/// The one asked for; else one that the user chose; else any that the user does not want ignored.
+std::shared_ptr<ABPlugInCore> choose(const std::vector<std::shared_ptr<ABPlugInCore>>& plugIns,
+                                     const std::string& wanted) {
+  std::shared_ptr<ABPlugInCore> best;
+  for (const auto& plugIn : plugIns) {
+    std::printf("  found %s %s (%s)%s\n", std::string(plugIn->identifier()).c_str(),
+                std::string(plugIn->version().string().value_or("")).c_str(),
+                std::string(plugIn->localizedName().value_or("")).c_str(),
+                election(*plugIn) == ambrel::ABElectionUse      ? ", chosen by the user"
+                : election(*plugIn) == ambrel::ABElectionIgnore ? ", ignored by the user"
+                                                                : "");
+    if (!wanted.empty()) {
+      if (plugIn->identifier().view() == wanted) best = plugIn;
+    } else if (election(*plugIn) != ambrel::ABElectionIgnore &&
+               (best == nullptr || election(*plugIn) == ambrel::ABElectionUse)) {
+      best = plugIn;
+    }
+  }
+  return best;
+}
+
+void share(const Options& options, const ABPlugInCore& plugIn) {
+  const std::optional<Dictionary> registration = externalService(::getpid(), plugIn.uuid());
+  if (!registration) throw std::runtime_error("the launcher has no registration for this process");
+  const std::string executable((*registration)["ExecutablePath"].string().value_or(""));
+  const Value& service = (*registration)["LaunchDescription"]["QMXService"];
+  std::printf("  launch registration: %s in sandbox \"%s\"\n", executable.c_str(),
+              std::string(service["_SandboxProfile"].string().value_or("")).c_str());
+
+  PlugInProcess process(executable, service["EnvironmentVariables"]);
+  for (const Item& item : options.items) process.write(item.type + '\t' + item.text + '\n');
+  if (options.keepSeconds > 0) {
+    std::printf("  keeping the plug-in running for %u s\n", options.keepSeconds);
+    std::fflush(stdout);
+    std::this_thread::sleep_for(std::chrono::seconds(options.keepSeconds));
+  }
+  const auto [answer, status] = process.finish();
+  std::printf("  answer, exit status %d:\n%s", status, answer.c_str());
+}
+
+int run(int argc, char** argv) {
+  const Options options = parse(argc, argv);
+  ABDaemonClient client(options.service.c_str());
+  std::printf("share-desk (process %d): who can take %zu item(s)?\n", static_cast<int>(::getpid()),
+              options.items.size());
+  const auto plugIn = choose(discover(client, options.items), options.plugIn);
+  if (plugIn == nullptr) {
+    std::printf("  nobody\n");
+    return 1;
+  }
+  std::printf("  making %s ready\n", std::string(plugIn->identifier()).c_str());
+  ask([&](auto done) { client.readyPlugIns({plugIn->uuid()}, 0, std::move(done)); });
+  share(options, *plugIn);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);  // a plug-in may end before it has read everything
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "share-desk: %s\n", error.what());
+    return 5;
+  }
+}
