@@ -120,7 +120,7 @@ class ABPlugInCore {
   bool oldStyle() const;
 
   /// Always absent in the core record.
-  virtual Value augmentInterface(const Value& interface) const;
+  virtual Value augmentInterface(const Value& description) const;
 
   // The form (ABPlugInForm.cc).
 

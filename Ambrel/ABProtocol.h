@@ -51,25 +51,19 @@ inline constexpr const char* extension = "extension";  // dictionary of a client
 }  // namespace annotation
 
 /// Bits of a "match" request's flags.
-enum DiscoveryFlags : uint64_t {
-  ABDiscoverAllVersions = 0x1,
-  ABDiscoverDuplicates = 0x4,
-  ABDiscoverSystemOnly = 0x8,
-  ABDiscoverAll = 0x200,
-};
+inline constexpr uint64_t ABDiscoverAllVersions = 0x1;
+inline constexpr uint64_t ABDiscoverDuplicates = 0x4;
+inline constexpr uint64_t ABDiscoverSystemOnly = 0x8;
+inline constexpr uint64_t ABDiscoverAll = 0x200;
 
 /// Flags of a "lock" request that holds: what its paths name.
-enum HoldFlags : uint64_t {
-  ABHoldApplications = 1,  // applications: every plug-in inside, refused while one is busy
-  ABHoldPlugIns = 2,       // plug-in bundles, busy or not
-};
+inline constexpr uint64_t ABHoldApplications = 1;  // applications: every plug-in inside, none of them busy
+inline constexpr uint64_t ABHoldPlugIns = 2;       // plug-in bundles, busy or not
 
-/// Elections that people make: any other value counts as made, too.
-enum Election : int64_t {
-  ABElectionDefault = 0,
-  ABElectionUse = 1,
-  ABElectionIgnore = 2,
-};
+/// The elections that people make; any other value counts as made, too.
+inline constexpr int64_t ABElectionDefault = 0;
+inline constexpr int64_t ABElectionUse = 1;
+inline constexpr int64_t ABElectionIgnore = 2;
 
 /// Entitlements that the daemon reads.
 namespace entitlement {

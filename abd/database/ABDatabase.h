@@ -78,18 +78,12 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   void pluginsDidInstall(const HLProxyList& proxies) override;
   void pluginsWillUninstall(const HLProxyList& proxies) override;
 
-  // The search's literals, shared with whoever explains a search.
-  /// The string that a pattern can only be the same as, or none.
-  static std::optional<std::string> literalOfPattern(const Value& pattern);
-  /// The literals of a rule's value; none when one of its patterns has none.
-  static std::optional<std::vector<std::string>> literalList(const Value& value);
-
  private:
-  std::shared_ptr<ABDPlugIn> cachedOrCreated(const std::shared_ptr<const HLAmbrelProxy>& proxy);
   std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
+  ABDPlugInSet recordsForProxies(const HLProxyList& proxies);
   void purgeCachesToLimit(int64_t limit);
   void autoElect(const ABDPlugIn& plugIn);
-  bool electionPreFilter(const std::optional<std::vector<std::string>>& elections, const String& identifier,
+  bool electionPreFilter(const std::vector<std::string>& elections, const String& identifier,
                          const Value& entitlements) const;
 
   std::atomic<ABDatabaseDelegate*> delegate_{nullptr};

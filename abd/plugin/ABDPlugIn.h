@@ -92,18 +92,24 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   std::optional<Dictionary> checkBusy() const;
 
  private:
-  struct Name;
+  enum Name : uint8_t { displayName, shortName, containingName, nameCount };
+  using RegistryAnswer = std::optional<std::string> (*)(const HLAmbrelProxy&);
+  std::optional<String> name(Name which, RegistryAnswer ask) const;
+  void setName(Name which, std::optional<String> name);
+  std::shared_ptr<const HLApplicationProxy> containingApplication() const;
+  std::shared_ptr<const PlugInForm::KeptPart> keptPart() const;
   Value valueForRuleKey(std::string_view key) const;
-  std::shared_ptr<const PlugInForm::KeptPart> keptPart(uint8_t names) const;
-  Dictionary serviceDescription(const char* profile) const;
+  Dictionary environment() const;
   const char* sandboxProfile() const;
+  Dictionary launchDescription(Dictionary environment, const char* profile) const;
 
   std::shared_ptr<const HLAmbrelProxy> hlproxy_;  // set before the record is shared
 
-  mutable std::atomic<int64_t> containerAgeRestriction_;
+  static constexpr int64_t kRankNotRead = INT64_MIN;
+  mutable std::atomic<int64_t> containerAgeRestriction_{kRankNotRead};
 
   mutable std::mutex mutex_;  // guards what follows; nothing is read or asked while it is held
-  mutable std::optional<String> names_[3];
+  mutable std::optional<String> names_[nameCount];
   mutable std::shared_ptr<const PlugInForm::KeptPart> kept_;
 };
 

@@ -4,6 +4,8 @@
 // few entries that belong to this request. Reading by key answers what the whole form would. A value of one
 // request; copies share the kept part.
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
@@ -22,6 +24,7 @@ class PlugInForm {
   struct KeptPart {
     Data entries;
     size_t count = 0;
+    uint8_t names = 0;  // which localized names are among them
   };
 
   /// `late` are the entries that are not in the kept part of `plugIn`.

@@ -1,0 +1,131 @@
+// Resolution of a record against its SDK, canonicalization and diagnosis. An SDK is a dictionary shaped like
+// a bundle's Info dictionary; the plug-in's own values win but for the keys that the SDK decides.
+
+#include <unordered_set>
+
+#include "Ambrel/ABPlugInCore.h"
+#include "platform/log/Log.h"
+#include "platform/qmx/Encoding.h"
+#include "platform/qmx/SDKRegistry.h"
+
+namespace ambrel {
+
+namespace {
+
+constexpr const char* kObjectClass = "ZQObject";
+
+/// A text that two elements of a list share exactly when they are equal. (Two numbers nested in containers
+/// count as different when one is a real and the other is not.)
+std::string identityOf(const Value& element) {
+  if (const auto string = element.string()) return "s" + std::string(*string);
+  std::string text = "e";
+  const double real = element.realValue();
+  const bool isWhole =
+      element.isNumber() && real >= -0x1p53 && real <= 0x1p53 && Value(element.integerValue()) == element;
+  qmx::encode(isWhole ? Value(element.integerValue()) : element, text);
+  return text;
+}
+
+/// The elements of a list of resources; one string counts as a list of itself. False for anything else.
+bool appendElements(const Value& list, Array& elements, std::unordered_set<std::string>& seen) {
+  if (list.isString()) {
+    if (seen.insert(identityOf(list)).second) elements.append(list);
+    return true;
+  }
+  const Array* array = list.array();
+  if (array == nullptr) return false;
+  for (const Value& element : *array)
+    if (seen.insert(identityOf(element)).second) elements.append(element);
+  return true;
+}
+
+}  // namespace
+
+void ABPlugInCore::resolveSDK() {
+  const Value& sdk = sdkSpec();
+  if (!sdk.isNone()) {
+    const auto name = sdk.string();
+    if (!name) {
+      systemLog("invalid SDK key:%@", sdk);
+      return;
+    }
+    const auto definition = readSDKDictionary(*name);
+    const Dictionary* info = bundleInfoDictionary_.dictionary();
+    if (definition && info != nullptr) setDictionaries(mergeDictionary(*definition, *info));
+  }
+  canonicalize();
+}
+
+std::optional<Dictionary> ABPlugInCore::readSDKDictionary(std::string_view name) {
+  if (auto entry = qmx::testSDKEntry(name)) return entry;
+  if (auto entry = qmx::copyExtensionSDKEntry(name)) return entry;
+  systemLog("plug-in sdk \"%@\" not registered", name);
+  return std::nullopt;
+}
+
+Dictionary ABPlugInCore::mergeDictionary(const Dictionary& sdk, const Dictionary& info) {
+  Dictionary merged = info;
+  for (const auto& [key, value] : sdk) {
+    const Value& own = merged[key];
+    if (own.isNone() || sdkOverridesKey(key)) {
+      merged.set(key, value);
+    } else if (key.view() == plugInkey::shared) {
+      merged.set(key, mergeSharedResources(value, own));
+    } else if (const Dictionary* section = value.dictionary()) {
+      const Dictionary* ownSection = own.dictionary();
+      if (ownSection == nullptr) continue;
+      Dictionary mergedSection = mergeDictionary(*section, *ownSection);
+      if (!mergedSection.isSameObject(*ownSection)) merged.set(key, std::move(mergedSection));
+    }
+  }
+  return merged;
+}
+
+Value ABPlugInCore::mergeSharedResources(const Value& sdk, const Value& info) {
+  Array merged;
+  std::unordered_set<std::string> seen;
+  if (!appendElements(info, merged, seen) || !appendElements(sdk, merged, seen)) return info;
+  return merged;
+}
+
+// The copies are finished before they are put in place; nobody looks at the views in between.
+void ABPlugInCore::canonicalize() {
+  const Dictionary* own = plugInDictionary_.dictionary();
+  if (own == nullptr) return;
+  Dictionary plugIn = *own;
+  Dictionary attributeDictionary;
+  if (const Dictionary* given = attributes().dictionary()) attributeDictionary = *given;
+
+  if (isAppExtension()) {
+    if (!plugIn.contains(plugInkey::protocol)) plugIn.set(plugInkey::protocol, kObjectClass);
+    if (!plugIn.contains(plugInkey::principalClass)) plugIn.set(plugInkey::principalClass, kObjectClass);
+    plugIn.set(plugInkey::shared, Array{"."});
+  }
+  attributeDictionary.set(attributekey::format,
+                          plugIn.contains(plugInkey::embeddedCode) ? "hybrid" : "standard");
+  if (!attributeDictionary.contains(attributekey::version)) {
+    const Value& shortVersion = bundleInfoDictionary_[bundlekey::shortVersion];
+    attributeDictionary.set(attributekey::version, shortVersion.isNone() ? Value("1") : shortVersion);
+  }
+  plugIn.set(plugInkey::attributes, std::move(attributeDictionary));
+  setPlugInDictionary(std::move(plugIn));
+}
+
+std::optional<Error> ABPlugInCore::diagnose() const {
+  if (!identifier_)
+    return ABError(kABErrorMisconfigured,
+                   "missing identifier (no ZQExtensionIdentifier, nor even BWBundleIdentifier)");
+  for (const char* required : {plugInkey::protocol, plugInkey::attributes})
+    if (plugInDictionary_[required].isNone())
+      return ABErrorWithFormat(kABErrorMisconfigured, "missing \"%@\" key in Info.plist or SDK", required);
+  if (isAppExtension() && plugInDictionary_[plugInkey::principalClass].string() != kObjectClass)
+    return ABErrorWithFormat(kABErrorMisconfigured, "Application Extensions may not use the \"%@\" key",
+                             plugInkey::principalClass);
+  if (!plugInDictionary_[plugInkey::passProxy].isNone())
+    return ABErrorWithFormat(kABErrorMisconfigured, "the \"%@\" key is not supported on this platform",
+                             plugInkey::passProxy);
+  if (isHybrid()) return ABError(kABErrorMisconfigured, "hybrid plug-ins are not supported on this platform");
+  return std::nullopt;
+}
+
+}  // namespace ambrel

@@ -1,0 +1,129 @@
+#include "abd/database/ABDAnnotationStore.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <utility>
+
+#include "Ambrel/ABErrors.h"
+#include "abd/ABDTrace.h"
+#include "abd/plugin/ABDPlugIn.h"
+#include "platform/log/Failure.h"
+#include "platform/log/Log.h"
+#include "platform/propertylist/FileReplacement.h"
+#include "platform/propertylist/PropertyList.h"
+#include "platform/system/Directories.h"
+
+namespace abd {
+
+namespace {
+
+constexpr const char* kVersionKey = "version";
+constexpr const char* kDataKey = "data";
+
+/// A relative path means the directory that the daemon was started in, whatever becomes of it later.
+URL annotationFile(const std::string& path) {
+  if (path.starts_with('/')) return URL::file(path);
+  char directory[PATH_MAX];
+  if (getcwd(directory, sizeof directory) == nullptr) return URL::file("/" + path);
+  return URL::file(directory, true).appending(path);
+}
+
+/// Of a string the number that its leading digits write.
+int64_t versionNumber(const Value& version) {
+  const auto text = version.string();
+  if (!text) return version.integerValue();
+  int64_t number = 0;
+  for (const char c : *text) {
+    if (c < '0' || c > '9') break;
+    number = std::min<int64_t>(number * 10 + (c - '0'), INT32_MAX);
+  }
+  return number;
+}
+
+Error malformedFile(const char* what) {
+  return Error{.domain = std::string(kFileErrorDomain), .code = kFileReadCorrupt, .text = what};
+}
+
+Result<Dictionary> tableOfFile(const Value& file) {
+  const Dictionary* top = file.dictionary();
+  if (top == nullptr) return malformedFile("the file does not hold a dictionary");
+  const int64_t version = versionNumber((*top)[kVersionKey]);
+  if (version != ABDAnnotationStore::kFileVersion)
+    return ABErrorWithFormat(kABErrorVersion, "found database version %d needed version %d", version,
+                             ABDAnnotationStore::kFileVersion);
+  const Dictionary* table = (*top)[kDataKey].dictionary();
+  if (table == nullptr) return malformedFile("\"data\" is not a dictionary");
+  return *table;
+}
+
+Result<Dictionary> readTable(const std::string& path) {
+  auto file = readPropertyListFile(path, kMaximumAnnotationFile);
+  if (auto* error = std::get_if<Error>(&file)) return std::move(*error);
+  return tableOfFile(std::get<Value>(file));
+}
+
+}  // namespace
+
+ABDAnnotationStore::ABDAnnotationStore(const std::optional<std::string>& path)
+    : annotationsURL_(path ? annotationFile(*path) : defaultDatabaseURL()) {
+  sweepTemporaryFiles(annotationsURL_.path());
+  const auto error = loadDb();
+  if (!error) return;
+  if (error->code != kFileReadNoSuchFile)
+    systemLog("unable to load annotation database:%@ error:%@ (resetting)", annotationsURL_, *error);
+  annotations_ = Dictionary();
+}
+
+URL ABDAnnotationStore::defaultDatabaseURL() {
+  const std::string& state = Directories::shared().state;
+  if (state.empty()) raiseInternalInconsistency("unable to locate user directory: errno %d", errno);
+  const URL directory = URL::file(state, true).appending("com.veltra.ambrel", true);
+  if (const int number = makeDirectories(directory.path(), 0700); number != 0)
+    raiseInternalInconsistency("unable to create plugin annotations directory:%@ error:%@", directory,
+                               Error::posix(number));
+  return directory.appending("Annotations");
+}
+
+std::optional<Error> ABDAnnotationStore::loadDb() {
+  auto table = readTable(annotationsURL_.path());
+  if (auto* error = std::get_if<Error>(&table)) {
+    trace::dbLoad(error->domain, static_cast<uint64_t>(error->code));
+    return std::move(*error);
+  }
+  annotations_ = std::move(std::get<Dictionary>(table));
+  return std::nullopt;
+}
+
+std::optional<Error> ABDAnnotationStore::saveDb() const {
+  auto bytes = serializePropertyList(Dictionary{{kVersionKey, kFileVersion}, {kDataKey, annotations_}});
+  if (auto* error = std::get_if<Error>(&bytes)) return std::move(*error);
+  return replaceFile(annotationsURL_.path(), std::get<std::string>(bytes));
+}
+
+const Value& ABDAnnotationStore::annotationForIdentifier(std::string_view key) const {
+  const Value& record = annotations_[key];
+  return record.isDictionary() ? record : kNone;
+}
+
+const Value& ABDAnnotationStore::annotationForPlugIn(const ABDPlugIn& plugIn) const {
+  return annotationForIdentifier(plugIn.annotationKey());
+}
+
+void ABDAnnotationStore::setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn) {
+  const String& key = plugIn.annotationKey();
+  if (annotation) {
+    Dictionary record;
+    if (const Dictionary* stored = annotationForIdentifier(key).dictionary()) record = *stored;
+    for (const auto& [name, value] : *annotation) record.set(name, value);
+    annotations_.set(key, std::move(record));
+  } else {
+    annotations_.remove(key);
+  }
+  if (const auto error = saveDb())
+    systemLog("unable to save annotations:%@ error:%@", annotationsURL_, *error);
+}
+
+}  // namespace abd

@@ -1,0 +1,220 @@
+#include "abd/database/ABDatabase.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Ambrel/ABCollections.h"
+#include "Ambrel/ABProtocol.h"
+#include "abd/database/SearchLiterals.h"
+#include "platform/log/Failure.h"
+#include "platform/log/Log.h"
+#include "platform/system/Notifications.h"
+
+namespace abd {
+
+namespace {
+
+constexpr const char* kSource = "abd/ABDatabase";
+
+std::optional<std::string> pathOf(const HLAmbrelProxy& proxy) {
+  const auto url = proxy.bundleURL();
+  if (!url) return std::nullopt;
+  return url->path();
+}
+
+}  // namespace
+
+ABDatabase::ABDatabase() = default;
+
+ABDatabase::~ABDatabase() {
+  if (workspace_ != nullptr) workspace_->removeObserver(this);
+}
+
+bool ABDatabase::initWithDatabase(const std::optional<std::string>& path) {
+  if (const auto error = HLApplicationWorkspace::open()) {
+    systemLog("unable to open the plug-in registry: %@", *error);
+    return false;
+  }
+  annotations_ = std::make_unique<ABDAnnotationStore>(path);
+  workspace_ = &HLApplicationWorkspace::defaultWorkspace();
+  workspace_->addObserver(this);
+  return true;
+}
+
+// --- Records ---
+
+std::shared_ptr<ABDPlugIn> ABDatabase::plugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy) {
+  return sync_.sync([this, &proxy]() -> std::shared_ptr<ABDPlugIn> {
+    const auto cached = cache_.find(proxy->pluginUUID());
+    return cached != cache_.end() ? cached->second : createPlugInForProxy(proxy);
+  });
+}
+
+std::shared_ptr<ABDPlugIn> ABDatabase::createPlugInForProxy(
+    const std::shared_ptr<const HLAmbrelProxy>& proxy) {
+  if (!sync_.isCurrent())
+    assertionFailure("on the database queue", "-[ABDatabase createPlugInForProxy:]", kSource, __LINE__);
+  auto record = ABDPlugIn::initWithHLData(proxy);
+  if (record == nullptr) return nullptr;
+  if (record->hasEntitlement(entitlement::autoElectPlugIn)) autoElect(*record);
+  purgeCachesToLimit(cacheLimit());
+  // An uninstall marks the proxy before it is announced: what is kept after this test was not marked yet, and
+  // the announcement, which waits for this queue, takes it out again.
+  if (!proxy->isUninstalled()) cache_.insert_or_assign(record->uuid(), record);
+  return record;
+}
+
+void ABDatabase::purgeCachesToLimit(int64_t limit) {
+  if (std::cmp_less_equal(cache_.size(), limit)) return;
+  systemLog("purging cache for %d > %d", cache_.size(), limit);
+  cache_.clear();
+  workspace_->HLClearSchemaCaches();
+}
+
+void ABDatabase::autoElect(const ABDPlugIn& plugIn) {
+  if (!sync_.isCurrent())
+    assertionFailure("on the database queue", "-[ABDatabase autoElect:]", kSource, __LINE__);
+  Dictionary record;
+  if (const Dictionary* stored = annotations_->annotationForPlugIn(plugIn).dictionary()) record = *stored;
+  if (record[annotation::election].integerValue() != 0) return;
+  annotations_->setAnnotation(dictionaryChanging(record, annotation::election, ABElectionUse), plugIn);
+}
+
+// --- Search ---
+
+namespace {
+
+/// The application that `container` is; plug-ins lie in nothing else.
+const HLApplicationProxy& applicationOf(const HLBundleProxy& container) {
+  const auto* application = dynamic_cast<const HLApplicationProxy*>(&container);
+  if (application == nullptr)
+    assertionFailure("HL reported containingBundle is not an application", "-[ABDatabase findPlugIns:]",
+                     kSource, 171);
+  return *application;
+}
+
+}  // namespace
+
+std::optional<ABDPlugInSet> ABDatabase::findPlugIns(const std::optional<Dictionary>& rules) {
+  const Value given = rules;
+  const auto elections = literalList(given["ZQUserElection"]);
+  const auto identifiers = literalList(given["ZQExtensionIdentifier"]);
+  const auto points = literalList(given[attributekey::pointName]);
+
+  if (identifiers || points) {
+    HLApplicationWorkspace::Filter filter;
+    if (elections)
+      filter = [this, &elections](const String& identifier, const Value& entitlements) {
+        return electionPreFilter(*elections, identifier, entitlements);
+      };
+    if (const auto narrowed = workspace_->pluginsWithIdentifiers(
+            identifiers ? &*identifiers : nullptr, points ? &*points : nullptr, nullptr, filter))
+      return recordsForProxies(*narrowed);
+  }
+  const auto installed = workspace_->installedPlugins();
+  if (installed == nullptr) return std::nullopt;
+  return recordsForProxies(*installed);
+}
+
+ABDPlugInSet ABDatabase::recordsForProxies(const HLProxyList& proxies) {
+  ABDPlugInSet records;
+  records.reserve(proxies.size());
+  // Plug-ins of one application stand together and are judged together.
+  std::shared_ptr<const HLBundleProxy> container;
+  bool isPlaceholder = false;
+  for (const auto& proxy : proxies) {
+    if (!proxy->bundleURL()) continue;
+    auto containing = proxy->containingBundle();
+    if (containing != container) {
+      container = std::move(containing);
+      isPlaceholder = container != nullptr && applicationOf(*container).isPlaceholder();
+    }
+    if (isPlaceholder) continue;
+    if (auto record = plugInForProxy(proxy)) records.push_back(std::move(record));
+  }
+  return records;
+}
+
+bool ABDatabase::electionPreFilter(const std::vector<std::string>& elections, const String& identifier,
+                                   const Value& entitlements) const {
+  const String& key = ABDPlugIn::annotationKey(identifier, entitlements);
+  const Value& stored = annotations_->annotationForIdentifier(key)[annotation::election];
+  int64_t election = stored.integerValue();
+  if (stored.isNone()) {
+    const Value& isAutoElected = entitlements[entitlement::autoElectPlugIn];
+    election = isAutoElected.isNumber() && isAutoElected.booleanValue() ? ABElectionUse : ABElectionDefault;
+  }
+  return std::find(elections.begin(), elections.end(), std::to_string(election & 0xFF)) != elections.end();
+}
+
+// --- Other look-ups ---
+
+std::shared_ptr<ABDPlugIn> ABDatabase::findPlugIn(const UUID& uuid) {
+  return sync_.sync([this, &uuid]() -> std::shared_ptr<ABDPlugIn> {
+    if (const auto cached = cache_.find(uuid); cached != cache_.end()) return cached->second;
+    if (const auto proxy = HLAmbrelProxy::ambrelProxyForUUID(uuid)) return createPlugInForProxy(proxy);
+    systemLog("Hollin cannot find plug-in with UUID:%@", uuid.string());
+    return nullptr;
+  });
+}
+
+std::shared_ptr<ABDPlugIn> ABDatabase::findPlugInAtPath(const URL& url) {
+  if (const auto proxy = HLAmbrelProxy::ambrelProxyForURL(url)) return findPlugIn(proxy->pluginUUID());
+  systemLog("Hollin cannot find plug-in at path:%@", url.path());
+  return nullptr;
+}
+
+std::optional<std::vector<std::shared_ptr<ABDPlugIn>>> ABDatabase::plugInsWithinApplication(const URL& url) {
+  const auto application = HLApplicationProxy::applicationProxyForBundleURL(url);
+  if (application == nullptr) return std::nullopt;
+  const auto proxies = application->ambrelPlugins();
+  if (proxies.empty()) return std::nullopt;
+  return arrayWithValues(
+      proxies, [this](const std::shared_ptr<const HLAmbrelProxy>& proxy) { return plugInForProxy(proxy); });
+}
+
+// --- Registration ---
+
+std::optional<Error> ABDatabase::addPlugIn(const URL& url) {
+  if (workspace_->registerPlugin(url)) return std::nullopt;
+  return ABError(kABErrorRegistration, "Hollin failed to register the plug-in");
+}
+
+std::optional<Error> ABDatabase::removePlugIn(const URL& url) {
+  if (workspace_->unregisterPlugin(url)) return std::nullopt;
+  return ABError(kABErrorRegistration, "Hollin failed to deregister the plug-in");
+}
+
+// --- Annotations ---
+
+Value ABDatabase::annotationForPlugIn(const ABDPlugIn& plugIn) {
+  return sync_.sync([this, &plugIn] { return annotations_->annotationForPlugIn(plugIn); });
+}
+
+std::optional<Error> ABDatabase::setAnnotation(const std::optional<Dictionary>& annotation,
+                                               const ABDPlugIn& plugIn) {
+  sync_.sync([this, &annotation, &plugIn] { annotations_->setAnnotation(annotation, plugIn); });
+  postNotification(kAnnotationChangeNotification);
+  return std::nullopt;
+}
+
+// --- Announcements ---
+
+void ABDatabase::pluginsDidInstall(const HLProxyList& proxies) {
+  for (const auto& proxy : proxies)
+    systemLog("INSTALLED:%@ %@(%@) %@ %@", proxy->bundleIdentifier(), proxy->pluginIdentifier().view(),
+              proxy->bundleVersion(), proxy->pluginUUID(), pathOf(*proxy));
+}
+
+void ABDatabase::pluginsWillUninstall(const HLProxyList& proxies) {
+  sync_.sync([this, &proxies] {
+    for (const auto& proxy : proxies) {
+      systemLog("UNINSTALLED:%@ %@(%@) %@ %@", proxy->bundleIdentifier(), proxy->pluginIdentifier().view(),
+                proxy->bundleVersion(), proxy->pluginUUID().string(), pathOf(*proxy));
+      cache_.erase(proxy->pluginUUID());
+    }
+  });
+  if (ABDatabaseDelegate* observer = delegate()) observer->removedPlugIns(proxies);
+}
+
+}  // namespace abd
