@@ -65,8 +65,6 @@ void ABDQmxClient::handleMessage(qmx::Message&& message) {
 }
 
 void ABDQmxClient::serve(Transaction& transaction) {
-  if (const std::shared_ptr<qmx::Connection> peerConnection = connection())
-    peerConnection->requestDispatched();
   if (++requestCount_ % kRequestsPerCountLine == 0)
     server_.debug("client %d used %u requests so far", pid(), requestCount_);
   entitlements_.clear();

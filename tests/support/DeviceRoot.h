@@ -56,9 +56,6 @@ class DeviceRoot {
   /// do. `place` is relative to "Applications" ("Notes.app", "container/Notes.app"). Answers its path.
   std::string install(const std::string& place, const std::vector<PlugInBundle>& plugIns,
                       bool onSystemVolume = false) const;
-  std::string install(const std::string& place, const PlugInBundle& plugIn) const {
-    return install(place, std::vector{plugIn});
-  }
   /// The path of a plug-in in an application that install() made.
   static std::string plugInPath(const std::string& application, std::string_view identifier) {
     return application + "/PlugIns/" + std::string(identifier) + ".appex";
