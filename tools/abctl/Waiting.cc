@@ -17,12 +17,21 @@
 namespace abctl {
 namespace {
 
-int signalDescriptor() {
+platform::FileDescriptor opened(int fd) {
+  if (fd < 0) throw Failure(kRefused, std::string("cannot wait for events: ") + std::strerror(errno));
+  return platform::FileDescriptor(fd);
+}
+
+platform::FileDescriptor signalDescriptor() {
   sigset_t stops;
   sigemptyset(&stops);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stops, number);
   pthread_sigmask(SIG_BLOCK, &stops, nullptr);
-  return ::signalfd(-1, &stops, SFD_CLOEXEC);
+  return opened(::signalfd(-1, &stops, SFD_CLOEXEC));
+}
+
+platform::FileDescriptor counter() {
+  return opened(::eventfd(0, EFD_CLOEXEC));
 }
 
 void raiseCounter(int fd, uint64_t count) {
@@ -35,15 +44,7 @@ int milliseconds(std::optional<double> seconds) {
 
 }  // namespace
 
-Waiting::Descriptor::Descriptor(int fd) : fd_(fd) {
-  if (fd_ < 0) throw Failure(kRefused, std::string("cannot wait for events: ") + std::strerror(errno));
-}
-
-Waiting::Descriptor::~Descriptor() {
-  ::close(fd_);
-}
-
-Waiting::Counters::Counters() : posts(::eventfd(0, EFD_CLOEXEC)), lost(::eventfd(0, EFD_CLOEXEC)) {}
+Waiting::Counters::Counters() : posts(counter()), lost(counter()) {}
 
 Waiting::Waiting() : signals_(signalDescriptor()), counters_(std::make_shared<Counters>()) {}
 

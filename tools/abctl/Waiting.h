@@ -10,6 +10,7 @@
 
 #include "platform/qmx/Connection.h"
 #include "platform/queue/SerialQueue.h"
+#include "platform/system/FileDescriptor.h"
 
 namespace abctl {
 
@@ -35,24 +36,13 @@ class Waiting {
   Result wait(std::optional<double> seconds = std::nullopt);
 
  private:
-  class Descriptor {
-   public:
-    explicit Descriptor(int fd);
-    ~Descriptor();
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-   private:
-    int fd_;
-  };
   /// Counters that other threads raise; shared with closures that may outlive this object.
   struct Counters {
     Counters();
-    Descriptor posts, lost;
+    platform::FileDescriptor posts, lost;
   };
 
-  Descriptor signals_;
+  platform::FileDescriptor signals_;
   std::shared_ptr<Counters> counters_;
   std::unique_ptr<platform::SerialQueue> queue_;
   std::shared_ptr<platform::qmx::Connection> connection_;

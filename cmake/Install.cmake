@@ -1,0 +1,37 @@
+# cmake --install: the daemon, abctl in its bundle, the client library with its headers, units and documents.
+include(GNUInstallDirs)
+
+install(TARGETS abd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# abctl's entitlements are those of the bundle around it; people type the link.
+set(ABCTL_BUNDLE ${CMAKE_INSTALL_LIBDIR}/ambrel/abctl.app)
+install(TARGETS abctl RUNTIME DESTINATION ${ABCTL_BUNDLE})
+install(FILES packaging/abctl.app/Info.plist packaging/abctl.app/Entitlements.plist DESTINATION ${ABCTL_BUNDLE}
+  PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+file(RELATIVE_PATH ABCTL_LINK /${CMAKE_INSTALL_BINDIR} /${ABCTL_BUNDLE}/abctl)
+install(CODE "
+  set(links \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+  file(MAKE_DIRECTORY \"\${links}\")
+  file(CREATE_LINK \"${ABCTL_LINK}\" \"\${links}/abctl\" SYMBOLIC)
+  message(STATUS \"Installing: \${links}/abctl -> ${ABCTL_LINK}\")")
+
+install(TARGETS ambrel ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+set(AMBREL_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/ambrel-1)
+install(DIRECTORY Ambrel DESTINATION ${AMBREL_HEADERS} FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY platform DESTINATION ${AMBREL_HEADERS} FILES_MATCHING PATTERN "*.h" PATTERN "*.inl"
+  PATTERN hollin EXCLUDE)
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(AMBREL_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+else()
+  set(AMBREL_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${AMBREL_HEADERS}")
+  set(AMBREL_PC_INCLUDEDIR "${AMBREL_HEADERS}")
+else()
+  set(AMBREL_PC_INCLUDEDIR "\${prefix}/${AMBREL_HEADERS}")
+endif()
+configure_file(packaging/ambrel.pc.in ambrel.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/ambrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+configure_file(packaging/abd.service.in abd.service @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/abd.service packaging/abd.socket DESTINATION lib/systemd/user)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
