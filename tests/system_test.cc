@@ -1,0 +1,390 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/qmx/Bundle.h"
+#include "platform/qmx/SDKRegistry.h"
+#include "platform/queue/RunLoop.h"
+#include "platform/system/Directories.h"
+#include "platform/system/Notifications.h"
+#include "platform/system/Preferences.h"
+#include "platform/system/Probes.h"
+#include "tests/support/OwnDevice.h"
+
+PLATFORM_DECLARE_PROBE(abd, system__test);
+PLATFORM_DEFINE_PROBE(abd, system__test);
+
+namespace {
+
+using namespace platform;
+using namespace testsupport;
+namespace fs = std::filesystem;
+
+/// Environment variables that have other values while this lives.
+class ScopedEnvironment {
+ public:
+  using Values = std::map<std::string, std::optional<std::string>>;
+  explicit ScopedEnvironment(const Values& values) {
+    for (const auto& [name, value] : values) {
+      const char* old = getenv(name.c_str());
+      saved_[name] = old != nullptr ? std::optional<std::string>(old) : std::nullopt;
+    }
+    apply(values);
+  }
+  ~ScopedEnvironment() { apply(saved_); }
+
+ private:
+  static void apply(const Values& values) {
+    for (const auto& [name, value] : values)
+      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+  }
+  Values saved_;
+};
+
+class DirectoriesTest : public testing::Test {
+ protected:
+  DirectoriesTest() { fs::create_directories(base_); }
+  ~DirectoriesTest() override { fs::remove_all(base_); }
+  const std::string base_ = ownDevice.path() + "/directories";
+};
+
+TEST_F(DirectoriesTest, WhatTheVariablesDoNotNameLiesInTheHomeDirectory) {
+  const ScopedEnvironment environment({{"HOME", base_},
+                                       {"XDG_DATA_HOME", std::nullopt},
+                                       {"XDG_CONFIG_HOME", ""},
+                                       {"XDG_STATE_HOME", "relative/state"},
+                                       {"XDG_DATA_DIRS", ""},
+                                       {"XDG_CONFIG_DIRS", std::nullopt}});
+  const Directories directories = Directories::fromEnvironment();
+  EXPECT_EQ(directories.dataUser, base_ + "/.local/share/veltra");
+  EXPECT_EQ(directories.configUser, base_ + "/.config/veltra");
+  EXPECT_EQ(directories.state, base_ + "/.local/state/veltra");
+  EXPECT_EQ(directories.dataSystem,
+            (std::vector<std::string>{"/usr/local/share/veltra", "/usr/share/veltra"}));
+  EXPECT_EQ(directories.configDevice, std::vector<std::string>{"/etc/xdg/veltra"});
+  EXPECT_EQ(directories.mimeData.front(), base_ + "/.local/share/mime");
+}
+
+TEST_F(DirectoriesTest, WithoutAHomeThereAreNoDirectoriesOfTheUser) {
+  for (const auto& home : {std::optional<std::string>(), std::optional<std::string>("not/absolute")}) {
+    const ScopedEnvironment environment({{"HOME", home},
+                                         {"XDG_DATA_HOME", std::nullopt},
+                                         {"XDG_CONFIG_HOME", std::nullopt},
+                                         {"XDG_STATE_HOME", std::nullopt}});
+    const Directories directories = Directories::fromEnvironment();
+    EXPECT_EQ(directories.dataUser + directories.configUser + directories.state, "");
+    EXPECT_EQ(directories.dataRoots(), directories.dataSystem);
+  }
+}
+
+TEST_F(DirectoriesTest, ARootThatIsNamedTwiceCountsOnceAndInCanonicalForm) {
+  fs::create_directories(base_ + "/real");
+  fs::create_directory_symlink(base_ + "/real", base_ + "/link");
+  const ScopedEnvironment environment(
+      {{"XDG_DATA_HOME", base_ + "/link"},
+       {"XDG_DATA_DIRS", "/one:" + base_ + "/real/:relative:/two:/one/:" + base_ + "/real/./"}});
+  const Directories directories = Directories::fromEnvironment();
+  EXPECT_EQ(directories.dataUser, base_ + "/real/veltra");
+  EXPECT_EQ(directories.dataSystem, (std::vector<std::string>{"/one/veltra", "/two/veltra"}));
+  EXPECT_EQ(directories.mimeData, (std::vector<std::string>{base_ + "/real/mime", "/one/mime", "/two/mime"}));
+}
+
+TEST_F(DirectoriesTest, APrivateDirectoryIsRefusedUnlessItIsOursAlone) {
+  const std::string path = base_ + "/private";
+  ASSERT_EQ(makePrivateDirectory(path), 0);
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(makePrivateDirectory(path), 0);
+  chmod(path.c_str(), 0710);
+  EXPECT_EQ(makePrivateDirectory(path), EACCES);
+  fs::create_directory_symlink(base_, base_ + "/link");
+  EXPECT_EQ(makePrivateDirectory(base_ + "/link"), ENOTDIR);
+  writeText(base_ + "/file", "");
+  EXPECT_EQ(makePrivateDirectory(base_ + "/file"), ENOTDIR);
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a directory away";
+  chmod(path.c_str(), 0700);
+  ASSERT_EQ(chown(path.c_str(), 12345, 12345), 0);
+  EXPECT_EQ(makePrivateDirectory(path), EPERM);
+}
+
+TEST_F(DirectoriesTest, MissingParentsAreMadeAndFilesInTheWayAreErrors) {
+  EXPECT_EQ(makeDirectories(base_ + "/a//b/c/"), 0);
+  EXPECT_EQ(fs::status(base_ + "/a/b").permissions(), fs::perms::owner_all);
+  EXPECT_EQ(makeDirectories(base_ + "/a/b/c"), 0);
+  writeText(base_ + "/file", "");
+  EXPECT_EQ(makeDirectories(base_ + "/file"), ENOTDIR);
+  EXPECT_EQ(makeDirectories(base_ + "/file/below"), ENOTDIR);
+  EXPECT_EQ(makeDirectories(""), ENOENT);
+}
+
+TEST_F(DirectoriesTest, APathThatMayStillComeIsCanonicalAsFarAsItExists) {
+  fs::create_directories(base_ + "/real");
+  fs::create_directory_symlink("real", base_ + "/link");
+  fs::create_symlink("nowhere", base_ + "/dangling");
+  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/link/x/./y/"), base_ + "/real/x/y");
+  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/link/../new"), base_ + "/new");
+  EXPECT_EQ(canonicalPathOfFutureFile("/new-thing"), "/new-thing");
+  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/missing/../other"), "");
+  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/dangling"), "");
+  EXPECT_TRUE(isInside("/a/b", "/a"));
+  EXPECT_TRUE(isInside("/a", "/a"));
+  EXPECT_TRUE(isInside("/a", "/"));
+  EXPECT_FALSE(isInside("/ab", "/a"));
+}
+
+TEST_F(DirectoriesTest, NamesThatAreNoFileNamesAreRefused) {
+  for (const std::string& name : {std::string("com.example.a"), std::string("..."), std::string(200, 'x')})
+    EXPECT_TRUE(isSafeFileName(name)) << name;
+  for (const std::string& name : {std::string(), std::string("."), std::string(".."), std::string("a/b"),
+                                  std::string("a\0b", 3), std::string(201, 'x')})
+    EXPECT_FALSE(isSafeFileName(name)) << name;
+}
+
+class BundleTest : public testing::Test {
+ protected:
+  BundleTest() {
+    clearOwnDevice();
+    writeText(app_ + "/bin/main", "", 0755);
+    writeInfo("bin/main");
+  }
+  void writeInfo(const Value& executable) {
+    writePropertyList(app_ + "/Info.plist",
+                      Dictionary{{"BWBundleIdentifier", "app"}, {"BWBundleExecutable", executable}});
+  }
+  std::shared_ptr<const qmx::Bundle> open() const {
+    return qmx::Bundle::create(app_, qmx::Bundle::directory);
+  }
+  std::optional<std::string> executable() const {
+    return open()->property(qmx::Bundle::executablePathProperty);
+  }
+  const std::string app_ = ownDevice.dataUser() + "/Applications/A.app";
+};
+
+TEST_F(BundleTest, AnExecutableBelongsToTheInnermostBundleAroundIt) {
+  const std::string inner = app_ + "/PlugIns/P.appex";
+  writeText(inner + "/main", "", 0755);
+  const auto bundleOf = [](const std::string& path) {
+    return qmx::Bundle::create(path, qmx::Bundle::executable)->property(qmx::Bundle::bundlePath);
+  };
+  EXPECT_EQ(bundleOf(inner + "/main"), app_) << "a directory without an Info file is no bundle";
+  writePropertyList(inner + "/Info.plist", Dictionary());
+  EXPECT_EQ(bundleOf(inner + "/main"), inner);
+  fs::create_symlink(inner + "/main", ownDevice.runtime() + "/link");
+  EXPECT_EQ(bundleOf(ownDevice.runtime() + "/link"), inner);
+  EXPECT_EQ(bundleOf("/bin/sh"), std::nullopt);
+  EXPECT_EQ(bundleOf(app_ + "/missing"), std::nullopt);
+  EXPECT_EQ(qmx::Bundle::mainBundle()->property(qmx::Bundle::bundlePath), std::nullopt);
+}
+
+TEST_F(BundleTest, ADirectoryIsABundleWhateverItHoldsAndAFileIsNone) {
+  EXPECT_EQ(qmx::Bundle::create(app_ + "/Info.plist", qmx::Bundle::directory), nullptr);
+  EXPECT_EQ(qmx::Bundle::create(app_ + "/missing", qmx::Bundle::directory), nullptr);
+  const auto bundle = qmx::Bundle::create(app_ + "/bin/../bin/", qmx::Bundle::directory);
+  ASSERT_NE(bundle, nullptr);
+  EXPECT_EQ(bundle->property(qmx::Bundle::bundlePath), app_ + "/bin");
+  EXPECT_EQ(bundle->property(qmx::Bundle::supportPathProperty), app_ + "/bin");
+  EXPECT_EQ(bundle->property(qmx::Bundle::executablePathProperty), std::nullopt);
+  EXPECT_EQ(bundle->infoDictionary(), std::nullopt);
+}
+
+TEST_F(BundleTest, TheExecutableStaysInTheBundle) {
+  EXPECT_EQ(executable(), app_ + "/bin/main");
+  writeInfo("not-there");
+  EXPECT_EQ(executable(), app_ + "/not-there") << "who starts it learns that it is missing";
+  fs::create_symlink("bin/main", app_ + "/inside");
+  writeInfo("inside");
+  EXPECT_EQ(executable(), app_ + "/bin/main");
+  fs::create_symlink("/bin/sh", app_ + "/outside");
+  for (const Value& escape :
+       {Value("outside"), Value("../../../bin/sh"), Value("/bin/sh"), Value("bin/../.."), Value("."),
+        Value(""), Value(7), Value("missing/../../../x")}) {
+    writeInfo(escape);
+    EXPECT_EQ(executable(), std::nullopt) << escape.description();
+  }
+}
+
+TEST_F(BundleTest, AnInfoFileIsSeenAsItIsNow) {
+  const auto bundle = open();
+  ASSERT_TRUE(bundle->infoDictionary());
+  const Dictionary before = *bundle->infoDictionary();
+  EXPECT_TRUE(before.isSameObject(*bundle->infoDictionary())) << "an unchanged file is not parsed again";
+  writePropertyList(app_ + "/Info.plist", Dictionary{{"BWBundleIdentifier", "changed"}});
+  EXPECT_EQ((*bundle->infoDictionary())["BWBundleIdentifier"], Value("changed"));
+  bundle->flush();
+  EXPECT_EQ((*bundle->infoDictionary())["BWBundleIdentifier"], Value("changed"));
+  writeText(app_ + "/Info.plist", "no property list");
+  EXPECT_EQ(bundle->infoDictionary(), std::nullopt);
+}
+
+// The language is read once, so the names in another one need a process of their own.
+TEST_F(BundleTest, NamesAreInTheUsersLanguageWhereTheBundleKnowsIt) {
+  const Dictionary info{{"BWBundleDisplayName", "Pictures of All"}, {"BWBundleName", "Pictures"}};
+  const std::string words = app_ + "/Localizations/";
+  writePropertyList(words + "de.plist", Dictionary{{"BWBundleDisplayName", "Alle Bilder"}});
+  writePropertyList(words + "pt-BR.plist", Dictionary{{"BWBundleName", "Fotos"}});
+  writePropertyList(words + "pt.plist", Dictionary{{"BWBundleName", "Fotografias"}});
+  const auto namesIn = [&](const std::string& language) {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      setenv("LC_ALL", language.c_str(), 1);
+      const std::string names = qmx::localizedBundleName(app_, info).value_or("(none)") + "|" +
+                                qmx::localizedBundleShortName(app_, info).value_or("(none)");
+      _exit(write(ends[1], names.data(), names.size()) > 0 ? 0 : 1);
+    }
+    close(ends[1]);
+    char text[256];
+    const ssize_t length = read(ends[0], text, sizeof text);
+    close(ends[0]);
+    waitpid(child, nullptr, 0);
+    return std::string(text, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+  };
+  EXPECT_EQ(namesIn("C"), "Pictures of All|Pictures");
+  EXPECT_EQ(namesIn("de_AT.UTF-8@euro"), "Alle Bilder|Pictures");
+  EXPECT_EQ(namesIn("pt_BR.UTF-8"), "Pictures of All|Fotos");
+  EXPECT_EQ(namesIn("pt_PT"), "Pictures of All|Fotografias");
+  EXPECT_EQ(namesIn("../../x"), "Pictures of All|Pictures");
+}
+
+TEST(SDKRegistry, AUsersDefinitionWinsAndEveryQuestionSeesTheFilesOfNow) {
+  clearOwnDevice();
+  EXPECT_EQ(qmx::copyExtensionSDKEntry("share"), std::nullopt);
+  const auto from = [] {
+    const auto entry = qmx::copyExtensionSDKEntry("share");
+    return entry ? std::string((*entry)["from"].string().value_or("?")) : std::string("none");
+  };
+  writePropertyList(ownDevice.dataSystem() + "/SDKs/share.plist", Dictionary{{"from", "system"}});
+  EXPECT_EQ(from(), "system");
+  const std::string own = ownDevice.dataUser() + "/SDKs/share.plist";
+  writePropertyList(own, Dictionary{{"from", "user"}});
+  EXPECT_EQ(from(), "user");
+  writeText(own, "damaged");
+  EXPECT_EQ(from(), "system");
+  writePropertyList(ownDevice.dataUser() + "/escape.plist", Dictionary{{"from", "elsewhere"}});
+  EXPECT_EQ(qmx::copyExtensionSDKEntry("../escape"), std::nullopt);
+}
+
+TEST(SDKRegistry, TheTestDirectoryHoldsFilesOfExactlyTheName) {
+  const std::string directory = ownDevice.path() + "/test-sdks";
+  writePropertyList(directory + "/share", Dictionary{{"from", "test"}});
+  writePropertyList(directory + "/list", Array{"no dictionary"});
+  EXPECT_EQ(qmx::testSDKEntry("share"), std::nullopt) << "without the variable there is none";
+  const ScopedEnvironment environment({{"ABTEST_SDK", directory}});
+  ASSERT_TRUE(qmx::testSDKEntry("share"));
+  EXPECT_EQ((*qmx::testSDKEntry("share"))["from"], Value("test"));
+  for (const char* name : {"list", "missing", "", "..", "../test-sdks/share"})
+    EXPECT_EQ(qmx::testSDKEntry(name), std::nullopt) << name;
+}
+
+/// Runs `loop` until `isDone` or two seconds have passed.
+bool runUntil(RunLoop& loop, const std::function<bool()>& isDone) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (!isDone() && std::chrono::steady_clock::now() < deadline) {
+    loop.after(std::chrono::milliseconds(5), [&loop] { loop.stop(); });
+    loop.run();
+  }
+  return isDone();
+}
+
+class NotificationsTest : public testing::Test {
+ protected:
+  NotificationsTest() { clearOwnDevice(); }
+  std::string file(const std::string& name) const { return ownDevice.runtime() + "/Notifications/" + name; }
+  RunLoop loop_;
+};
+
+TEST_F(NotificationsTest, EveryPostAfterTheObserverWasMadeIsCounted) {
+  postNotification("change");
+  uint64_t posts = 0;
+  NotificationObserver observer("change", loop_, [&posts](uint64_t count) { posts += count; });
+  ASSERT_TRUE(observer.isWatching());
+  // Before the loop has ever run, by several threads, and beside another notification.
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([] {
+      for (int j = 0; j < 50; ++j) postNotification("change");
+    });
+  for (auto& thread : threads) thread.join();
+  postNotification("other");
+  EXPECT_TRUE(runUntil(loop_, [&posts] { return posts == 200; })) << posts;
+  postNotification("change");
+  EXPECT_TRUE(runUntil(loop_, [&posts] { return posts == 201; })) << posts;
+  EXPECT_EQ(fs::file_size(file("change")), 202u);
+}
+
+TEST_F(NotificationsTest, AFileThatIsMadeAnewCountsFromItsBeginning) {
+  for (int i = 0; i < 3; ++i) postNotification("change");
+  uint64_t posts = 0;
+  NotificationObserver observer("change", loop_, [&posts](uint64_t count) { posts += count; });
+  fs::remove(file("change"));
+  postNotification("change");
+  EXPECT_TRUE(runUntil(loop_, [&posts] { return posts == 1; })) << posts;
+}
+
+TEST_F(NotificationsTest, AnObserverMayEndItselfInItsHandler) {
+  std::unique_ptr<NotificationObserver> observer;
+  int calls = 0;
+  observer = std::make_unique<NotificationObserver>("change", loop_, [&](uint64_t) {
+    ++calls;
+    observer.reset();
+  });
+  postNotification("change");
+  EXPECT_TRUE(runUntil(loop_, [&calls] { return calls == 1; }));
+  postNotification("change");
+  runUntil(loop_, [round = 0]() mutable { return ++round > 5; });
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(NotificationsTest, ANameThatIsNoFileNameIsNeitherPostedNorWatched) {
+  postNotification("../escape");
+  EXPECT_FALSE(fs::exists(ownDevice.runtime() + "/escape"));
+  const NotificationObserver observer("a/b", loop_, [](uint64_t) {});
+  EXPECT_FALSE(observer.isWatching());
+}
+
+TEST(Preferences, OnlyTheHostsOwnScopeIsSeenAndAlwaysAsItIsNow) {
+  clearOwnDevice();
+  const std::string domain = "com.example.prefs";
+  EXPECT_TRUE(hostPreference(domain, "exclusions").isNone());
+  writePropertyList(ownDevice.configUser() + "/Preferences/" + domain + ".plist",
+                    Dictionary{{"exclusions", Array{"any host"}}});
+  EXPECT_TRUE(hostPreference(domain, "exclusions").isNone());
+  const std::string file = hostPreferencesPath(domain);
+  EXPECT_EQ(file,
+            ownDevice.configUser() + "/Preferences/ByHost/" + domain + "." + hostIdentifier() + ".plist");
+  writePropertyList(file, Dictionary{{"exclusions", Array{"this host"}}});
+  const Value first = hostPreference(domain, "exclusions");
+  EXPECT_EQ(first, Value(Array{"this host"}));
+  EXPECT_TRUE(first.isSameObject(hostPreference(domain, "exclusions")));
+  writePropertyList(file, Dictionary{{"other", 1}});
+  EXPECT_TRUE(hostPreference(domain, "exclusions").isNone());
+  EXPECT_TRUE(hostPreference("../x", "exclusions").isNone());
+}
+
+#ifdef PLATFORM_HAS_PROBES
+TEST(Probes, AProbeIsEnabledWhileATracerHoldsItsSemaphore) {
+  EXPECT_FALSE(PLATFORM_PROBE_ENABLED(abd, system__test));
+  abd_system__test_semaphore = 1;  // as tracers do in the process that they watch
+  EXPECT_TRUE(PLATFORM_PROBE_ENABLED(abd, system__test));
+  const char* text = "text";
+  PLATFORM_PROBE3(abd, system__test, 1, text, true);
+  abd_system__test_semaphore = 0;
+  EXPECT_NE(readText("/proc/self/exe").find(std::string("abd\0system__test\0", 17)), std::string::npos)
+      << "the probe's note names provider and probe";
+}
+#endif
+
+}  // namespace
