@@ -4,9 +4,15 @@
 // client connections (made by connect()) behave the same: events go to the event handler on the loop that
 // drives the connection, replies to the closure of their request.
 //
-// A connection is created suspended; nothing is read before resume(). It dies once: the event handler gets
-// connectionInvalid as its last event, pending replies get the same error, the context is released, and the
-// loop drops its own reference. Whoever holds a weak reference then finds it gone.
+// A connection is created suspended; nothing is read before resume(). A peer connection dies once: the event
+// handler gets what had arrived and then connectionInvalid as its last event, and is released; the loop drops
+// its own reference, and whoever holds a weak one then finds it gone. Replies that were sent before are still
+// written. A client connection lives as long as its owner keeps it: when the service cannot be reached or
+// goes away, the event handler and every pending reply get the error, and the next send connects anew.
+//
+// Peer connections hand over one message at a time, in the order of arrival, between pieces of work of the
+// loop's queues: what the event handler submits to a queue of the same loop has run before the next message
+// comes. Messages beyond that wait inside the connection (kMaximumPendingRequests, kMaximumUnsentBytes).
 
 #include <sys/types.h>
 
@@ -23,7 +29,9 @@
 
 namespace platform::qmx {
 
-/// The service's error objects.
+/// The service's error objects. terminationImminent: the peer's process is gone, the stream is not.
+/// connectionInvalid: a peer connection has died, or the service cannot be reached. interrupted: the
+/// service went away; the client connection can be used again.
 enum class ConnectionError : uint8_t { terminationImminent, connectionInvalid, interrupted };
 /// What an error object prints as.
 std::string description(ConnectionError error);
@@ -49,7 +57,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   virtual ~Connection() = default;
 
-  /// Set before resume(); released when the connection has died.
+  /// Set before resume(); released when the connection has died. Runs on the loop's thread for peer
+  /// connections, on the connection's queue for client connections.
   virtual void setEventHandler(Handler handler) = 0;
   /// One strong reference that the connection holds for its owner until it is destroyed.
   virtual void setContext(std::shared_ptr<void> context) = 0;
@@ -61,13 +70,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   virtual void send(Message message) = 0;
   /// Sends a request; `handler` runs once, on the connection's queue. Client connections; any thread.
   virtual void sendWithReply(Dictionary body, ReplyHandler handler) = 0;
-  /// Drops the connection as if the peer had gone. Any thread.
+  /// Drops the connection as if the peer had gone, but for what is unsent or not handed over. Any thread.
   virtual void cancel() = 0;
-
-  /// Peer connections: how many requests were handed to the handler and are not answered or dropped yet
-  /// counts against kMaximumPendingRequests; the dispatcher says here that one more was taken up. On the
-  /// loop's thread.
-  virtual void requestDispatched() = 0;
 
   /// The peer's identity; null on client connections.
   virtual const std::shared_ptr<const PeerIdentity>& peer() const = 0;

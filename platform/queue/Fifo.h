@@ -16,6 +16,8 @@ class Fifo {
   size_t size() const { return items_.size() - next_; }
   T* begin() { return items_.data() + next_; }
   T* end() { return items_.data() + items_.size(); }
+  const T* begin() const { return items_.data() + next_; }
+  const T* end() const { return items_.data() + items_.size(); }
   /// REQUIRES: not empty.
   T& front() { return items_[next_]; }
   /// REQUIRES: not empty.

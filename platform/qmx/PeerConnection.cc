@@ -1,0 +1,288 @@
+#include "platform/qmx/PeerConnection.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "platform/log/Failure.h"
+#include "platform/log/Log.h"
+#include "platform/qmx/Frame.h"
+#include "platform/qmx/Limits.h"
+
+namespace platform::qmx {
+
+namespace {
+
+constexpr RunLoop::Events kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
+
+/// What was due to a peer when its connection died: written as far as the peer takes it in time, then closed.
+class LastWords : public std::enable_shared_from_this<LastWords> {
+ public:
+  LastWords(RunLoop& loop, FileDescriptor socket, OutputQueue output, std::shared_ptr<void> admission)
+      : loop_(loop),
+        admission_(std::move(admission)),
+        socket_(std::move(socket)),
+        output_(std::move(output)),
+        limit_(loop, kSendTimeout, [this] { finish(); }) {}
+
+  void start() {
+    const int fd = socket_.get();
+    const bool isWatched =
+        loop_.add(fd, EPOLLOUT, [words = shared_from_this()](RunLoop::Events events) { words->go(events); });
+    if (isWatched) limit_.start();
+  }
+
+ private:
+  void go(RunLoop::Events events) {
+    const uint64_t before = output_.written();
+    const auto outcome =
+        (events & EPOLLERR) != 0 ? OutputQueue::Outcome::failed : output_.write(socket_.get());
+    if (outcome == OutputQueue::Outcome::everything || outcome == OutputQueue::Outcome::failed) {
+      finish();
+    } else if (output_.written() != before) {
+      limit_.start();
+    }
+  }
+  void finish() {
+    // The registration holds the last reference.
+    loop_.remove(socket_.get());
+  }
+
+  RunLoop& loop_;
+  std::shared_ptr<void> admission_;  // released after the socket was closed
+  FileDescriptor socket_;
+  OutputQueue output_;
+  TimeLimit limit_;
+};
+
+}  // namespace
+
+PeerConnection::PeerConnection(RunLoop& loop, FileDescriptor socket, std::shared_ptr<const PeerIdentity> peer,
+                               std::shared_ptr<void> admission)
+    : loop_(loop),
+      admission_(std::move(admission)),
+      socket_(std::move(socket)),
+      number_(socket_.get()),
+      peer_(std::move(peer)),
+      reader_(kMaximumRequestFrame, 0),
+      frameLimit_(loop, kFrameTimeout, [this] { die(Ending::flush, "a frame did not end in time"); }),
+      sendLimit_(loop, kSendTimeout, [this] { die(Ending::drop, "the peer takes no replies"); }) {}
+
+PeerConnection::~PeerConnection() = default;
+
+std::string PeerConnection::description() const {
+  return format("<connection %p fd=%d pid=%d>", static_cast<const void*>(this), number_, peer_->pid());
+}
+
+void PeerConnection::resume() {
+  if (state_ != State::suspended) return;
+  state_ = State::live;
+  kept_ = self();
+  if (!loop_.add(number_, interest_, [this](RunLoop::Events events) { handleEvents(events); })) {
+    dieSoon(Ending::drop);
+    return;
+  }
+  const int process = peer_->pidfd();
+  if (process >= 0)
+    isProcessWatched_ = loop_.add(process, EPOLLIN, [this](RunLoop::Events) { handleProcessExit(); });
+}
+
+void PeerConnection::handleEvents(RunLoop::Events events) {
+  const auto keep = kept_;
+  if ((events & EPOLLOUT) != 0) flush();
+  bool hasEnded = (events & kEnd) != 0;
+  if ((events & EPOLLIN) != 0 && (interest_ & EPOLLIN) != 0 && !readAvailable(hasEnded)) hasEnded = true;
+  if (hasEnded) die(Ending::deliverAndFlush);
+}
+
+/// False: the stream has ended. Reads once, or with `untilEnd` what there is.
+bool PeerConnection::readAvailable(bool untilEnd) {
+  bool isOpen = true;
+  do {
+    // The loop returns at once while frames wait, so this pause needs no change of interest.
+    if (reader_.count() >= kMaximumPendingRequests || reader_.isOversized()) break;
+    const auto space = reader_.space();
+    const ssize_t count = read(number_, space.data(), space.size());
+    if (count > 0) {
+      reader_.received(static_cast<size_t>(count));
+    } else if (count < 0 && errno == EINTR) {
+      continue;
+    } else {
+      isOpen = count < 0 && (errno == EAGAIN || errno == ENOMEM);
+      break;
+    }
+  } while (untilEnd);
+  noteArrival();
+  return isOpen;
+}
+
+void PeerConnection::noteArrival() {
+  reader_.releaseIfEmpty();
+  if (!reader_.isInsideFrame()) {
+    frameLimit_.stop();
+  } else if (!frameLimit_.isRunning() || reader_.total() != begunFrame_) {
+    begunFrame_ = reader_.total();
+    frameLimit_.start();
+  }
+  enlistWhenReady();
+}
+
+void PeerConnection::enlistWhenReady() {
+  if (isEnlisted_ || (reader_.count() == 0 && !reader_.isOversized())) return;
+  isEnlisted_ = true;
+  loop_.enlist(std::shared_ptr<RunLoop::Source>(self(), this));
+}
+
+bool PeerConnection::supply() {
+  isEnlisted_ = false;
+  // Room for replies brings it back (flush()).
+  if (state_ != State::live || output_.size() > kMaximumUnsentBytes) return false;
+  if (reader_.count() == 0) {
+    if (reader_.isOversized()) die(Ending::flush, "an oversized frame");
+    return false;
+  }
+  if (!deliverFront()) {
+    die(Ending::flush, "a malformed frame");
+    return false;
+  }
+  isEnlisted_ = state_ == State::live && (reader_.count() > 0 || reader_.isOversized());
+  return isEnlisted_;
+}
+
+/// Hands the first frame over; false when it is malformed.
+bool PeerConnection::deliverFront() {
+  std::optional<Frame> frame = decodeFrame(reader_.front());
+  reader_.pop();
+  // A reply was never asked for here.
+  if (!frame || frame->kind == FrameKind::reply) return false;
+  if (!handler_) return true;
+  if (const Dictionary* body = frame->body.dictionary())
+    handler_(Event(Message{.body = *body, .kind = frame->kind, .id = frame->id}));
+  else
+    handler_(Event(UnexpectedObject{std::move(frame->body)}));
+  return true;
+}
+
+void PeerConnection::send(Message message) {
+  if (state_ == State::dead || isWritingOver_) return;
+  if (!output_.append(message)) {
+    systemLog("%@: a reply is too large for a frame", *this);
+    dieSoon(Ending::drop);
+    return;
+  }
+  if (isTurnNoted_) return;
+  isTurnNoted_ = true;
+  loop_.tellEndOfTurn(std::shared_ptr<RunLoop::Source>(self(), this));
+}
+
+void PeerConnection::sendWithReply(Dictionary, ReplyHandler) {
+  raiseInternalInconsistency("%@: requests are not sent to peers", *this);
+}
+
+void PeerConnection::finishTurn() {
+  isTurnNoted_ = false;
+  if (state_ == State::dead) return;
+  if (isBlocked_)
+    updateInterest();
+  else
+    flush();
+}
+
+void PeerConnection::flush() {
+  if (isWritingOver_) return;
+  const uint64_t before = output_.written();
+  const OutputQueue::Outcome outcome = output_.write(number_);
+  if (outcome == OutputQueue::Outcome::failed) {
+    isWritingOver_ = true;
+    output_.clear();
+    sendLimit_.stop();
+    dieSoon(Ending::deliverAndFlush);
+    return;
+  }
+  const bool wasBlocked = std::exchange(isBlocked_, outcome != OutputQueue::Outcome::everything);
+  if (!isBlocked_)
+    sendLimit_.stop();
+  else if (!wasBlocked || output_.written() != before)
+    sendLimit_.start();
+  updateInterest();
+}
+
+void PeerConnection::updateInterest() {
+  if (state_ != State::live) return;
+  const bool mayRead = output_.size() <= kMaximumUnsentBytes;
+  RunLoop::Events interest = EPOLLRDHUP;
+  if (mayRead) interest |= EPOLLIN;
+  if (isBlocked_) interest |= EPOLLOUT;
+  if (mayRead) enlistWhenReady();
+  if (interest == interest_) return;
+  const bool couldRead = (interest_ & EPOLLIN) != 0;
+  interest_ = interest;
+  loop_.change(number_, interest);
+  if (couldRead == mayRead) return;
+  // The clock of a begun frame stands while its rest is not read.
+  if (!mayRead)
+    frameLimit_.stop();
+  else
+    noteArrival();
+}
+
+void PeerConnection::cancel() {
+  loop_.async([weak = weak_from_this()] {
+    if (const auto connection = std::static_pointer_cast<PeerConnection>(weak.lock()))
+      connection->die(Ending::drop);
+  });
+}
+
+void PeerConnection::dieSoon(Ending ending) {
+  loop_.async([connection = self(), ending] { connection->die(ending); });
+}
+
+void PeerConnection::die(Ending ending, const char* reason) {
+  if (state_ == State::dead) return;
+  if (reason != nullptr) systemLog("closing %@: %s", *this, reason);
+  const bool wasLive = state_ == State::live;
+  const auto keep = std::move(kept_);
+  // What had arrived comes before the end, as it came.
+  if (ending == Ending::deliverAndFlush)
+    while (reader_.count() > 0 && deliverFront()) {
+    }
+  state_ = State::dead;
+  frameLimit_.stop();
+  sendLimit_.stop();
+  stopWatchingProcess();
+  if (wasLive) loop_.remove(number_);
+  if (ending == Ending::drop) output_.clear();
+
+  Handler handler = std::move(handler_);
+  handler_ = nullptr;
+  if (handler) handler(Event(ConnectionError::connectionInvalid));
+  settleOutput();
+}
+
+/// Writes what is due, now or later, and closes the socket.
+void PeerConnection::settleOutput() {
+  std::shared_ptr<void> admission = std::move(admission_);
+  FileDescriptor socket = std::move(socket_);
+  if (output_.empty() || isWritingOver_) return;
+  const OutputQueue::Outcome outcome = output_.write(socket.get());
+  if (outcome == OutputQueue::Outcome::everything || outcome == OutputQueue::Outcome::failed) return;
+  std::make_shared<LastWords>(loop_, std::move(socket), std::move(output_), std::move(admission))->start();
+}
+
+void PeerConnection::handleProcessExit() {
+  const auto keep = kept_;
+  stopWatchingProcess();
+  // An exit closes the stream first, as a rule; then the end of the stream says it all.
+  pollfd stream{.fd = number_, .events = POLLRDHUP, .revents = 0};
+  if (poll(&stream, 1, 0) == 1) return;
+  if (handler_) handler_(Event(ConnectionError::terminationImminent));
+}
+
+void PeerConnection::stopWatchingProcess() {
+  if (std::exchange(isProcessWatched_, false)) loop_.remove(peer_->pidfd());
+}
+
+}  // namespace platform::qmx

@@ -1,0 +1,90 @@
+#pragma once
+
+// The daemon's end of a connection, made by a Listener for each peer. Everything happens on the loop's
+// thread. After resume() the loop keeps the connection until it dies.
+//
+// Bytes are read when the descriptor is readable; whole frames wait in the reader and are handed to the event
+// handler one at a time, when the loop asks its sources (RunLoop::enlist). Replies are collected and written
+// when the turn ends. Reading pauses while kMaximumPendingRequests frames wait, reading and handing over
+// while more than kMaximumUnsentBytes are unsent; the end of the stream is watched for all the time.
+
+#include <sys/epoll.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/qmx/Connection.h"
+#include "platform/qmx/FrameReader.h"
+#include "platform/qmx/OutputQueue.h"
+#include "platform/qmx/TimeLimit.h"
+#include "platform/queue/RunLoop.h"
+#include "platform/system/FileDescriptor.h"
+
+namespace platform::qmx {
+
+class PeerConnection final : public Connection, private RunLoop::Source {
+ public:
+  /// `socket` is connected and non-blocking. `admission` is released when the socket is closed.
+  PeerConnection(RunLoop& loop, FileDescriptor socket, std::shared_ptr<const PeerIdentity> peer,
+                 std::shared_ptr<void> admission);
+  ~PeerConnection() override;
+
+  void setEventHandler(Handler handler) override { handler_ = std::move(handler); }
+  void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
+  void resume() override;
+  void send(Message message) override;
+  void sendWithReply(Dictionary body, ReplyHandler handler) override;
+  void cancel() override;
+  const std::shared_ptr<const PeerIdentity>& peer() const override { return peer_; }
+  std::string description() const override;
+
+ private:
+  enum class State : uint8_t { suspended, live, dead };
+  /// What becomes of what has arrived and was not handed over, and of what is unsent.
+  enum class Ending : uint8_t { deliverAndFlush, flush, drop };
+
+  bool supply() override;
+  void finishTurn() override;
+
+  std::shared_ptr<PeerConnection> self() {
+    return std::static_pointer_cast<PeerConnection>(shared_from_this());
+  }
+  void handleEvents(RunLoop::Events events);
+  void handleProcessExit();
+  bool readAvailable(bool untilEnd);
+  void noteArrival();
+  bool deliverFront();
+  void enlistWhenReady();
+  void flush();
+  void updateInterest();
+  /// A reason is logged.
+  void die(Ending ending, const char* reason = nullptr);
+  void dieSoon(Ending ending);
+  void stopWatchingProcess();
+  void settleOutput();
+
+  RunLoop& loop_;
+  std::shared_ptr<void> admission_;  // released after the socket was closed
+  FileDescriptor socket_;
+  const int number_;  // of the socket, for descriptions
+  const std::shared_ptr<const PeerIdentity> peer_;
+  Handler handler_;
+  std::shared_ptr<void> context_;
+
+  State state_ = State::suspended;
+  FrameReader reader_;
+  OutputQueue output_;
+  RunLoop::Events interest_ = EPOLLIN | EPOLLRDHUP;
+  bool isEnlisted_ = false;     // among the loop's sources
+  bool isTurnNoted_ = false;    // finishTurn() will come
+  bool isBlocked_ = false;      // the socket takes no more for now
+  bool isWritingOver_ = false;  // a write has failed
+  bool isProcessWatched_ = false;
+  uint64_t begunFrame_ = 0;  // total() of the reader when the frame clock was started
+  TimeLimit frameLimit_, sendLimit_;
+  /// The loop's reference.
+  std::shared_ptr<PeerConnection> kept_;
+};
+
+}  // namespace platform::qmx
