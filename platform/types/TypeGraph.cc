@@ -19,7 +19,8 @@ std::optional<TypeGraph::Node> TypeGraph::find(std::string_view name) const {
 
 void TypeGraph::addParent(std::string_view type, std::string_view parent) {
   const Node child = node(type);
-  parents_[child].push_back(node(parent));
+  const Node above = node(parent);
+  parents_[child].push_back(above);
 }
 
 void TypeGraph::addDeclarations(const Dictionary& declarations) {

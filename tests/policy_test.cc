@@ -1,0 +1,195 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "platform/policy/Consent.h"
+#include "platform/policy/Restrictions.h"
+#include "platform/types/ActivationRules.h"
+#include "platform/types/TypeConformance.h"
+#include "platform/types/TypeGraph.h"
+#include "tests/support/OwnDevice.h"
+
+namespace {
+
+using namespace platform;
+using namespace testsupport;
+namespace fs = std::filesystem;
+
+class ConsentTest : public testing::Test {
+ protected:
+  ConsentTest() {
+    clearOwnDevice();
+    writePropertyList(app_ + "/Info.plist", Dictionary{{"BWBundleIdentifier", "com.example.app"}});
+  }
+  std::optional<std::map<std::string, std::optional<bool>>> decisions() const {
+    const auto bundle = qmx::Bundle::create(app_, qmx::Bundle::directory);
+    const auto entries = QSVAccessCopyInformationForBundle(*bundle);
+    if (!entries) return std::nullopt;
+    std::map<std::string, std::optional<bool>> out;
+    for (const ConsentEntry& entry : *entries) out[entry.service] = entry.granted;
+    return out;
+  }
+  using Decisions = std::map<std::string, std::optional<bool>>;
+  const std::string app_ = ownDevice.dataUser() + "/Applications/A.app";
+  const std::string file_ = ownDevice.configUser() + "/Consent.plist";
+};
+
+TEST_F(ConsentTest, TheUsersDecisionsAboutTheApplicationAreReadAnewEachTime) {
+  EXPECT_EQ(decisions(), Decisions()) << "no file";
+  writePropertyList(file_, Dictionary{{"com.example.other", Dictionary{{"service", true}}}});
+  EXPECT_EQ(decisions(), Decisions()) << "no entry";
+  writePropertyList(file_, Dictionary{{"com.example.app", Dictionary{{kQSVServiceKeyboardNetwork, true},
+                                                                     {"refused", false},
+                                                                     {"number", 1},
+                                                                     {"undecided", "yes"}}}});
+  EXPECT_EQ(decisions(), (Decisions{{"kQSVServiceKeyboardNetwork", true},
+                                    {"refused", false},
+                                    {"number", true},
+                                    {"undecided", std::nullopt}}));
+  writePropertyList(file_, Dictionary{{"com.example.app", Dictionary{{kQSVServiceKeyboardNetwork, false}}}});
+  EXPECT_EQ(decisions(), (Decisions{{"kQSVServiceKeyboardNetwork", false}}));
+}
+
+TEST_F(ConsentTest, AFileThatCannotBeReadIsNothingAndNotAnEmptyList) {
+  writeText(file_, "<plist><dict><key>com.example.app");
+  EXPECT_EQ(decisions(), std::nullopt);
+  writePropertyList(file_, Array{"no dictionary"});
+  EXPECT_EQ(decisions(), std::nullopt);
+  fs::remove(file_);
+  fs::create_directory(file_);
+  EXPECT_EQ(decisions(), std::nullopt);
+}
+
+TEST_F(ConsentTest, AnApplicationWithoutAnIdentifierOrWithAMisshapenEntryDecidedNothing) {
+  writePropertyList(file_, Dictionary{{"com.example.app", "all"}});
+  EXPECT_EQ(decisions(), Decisions());
+  fs::remove(app_ + "/Info.plist");
+  EXPECT_EQ(decisions(), Decisions());
+}
+
+TEST(Restrictions, TheLowestOfAllRatingsThatAreSetIsEffective) {
+  clearOwnDevice();
+  const std::string device = ownDevice.configDevice() + "/Restrictions.plist";
+  const std::string user = ownDevice.configUser() + "/Restrictions.plist";
+  EXPECT_EQ(maximumAppsRating(), std::nullopt);
+  writePropertyList(device, Dictionary{{"maximumAppsRating", 300}});
+  EXPECT_EQ(maximumAppsRating(), 300);
+  writePropertyList(user, Dictionary{{"maximumAppsRating", 1000}});
+  EXPECT_EQ(maximumAppsRating(), 300) << "a user cannot lift the device's limit";
+  writePropertyList(user, Dictionary{{"maximumAppsRating", -1}});
+  EXPECT_EQ(maximumAppsRating(), -1);
+  for (const Value& none : {Value("200"), Value(true), Value(Array{200})}) {
+    writePropertyList(user, Dictionary{{"maximumAppsRating", none}});
+    EXPECT_EQ(maximumAppsRating(), 300) << none.description();
+  }
+  writeText(user, "damaged");
+  EXPECT_EQ(maximumAppsRating(), 300);
+}
+
+TEST(TypeGraph, ConformanceIsReflexiveTransitiveAndOutlivesCycles) {
+  TypeGraph graph;
+  graph.addDeclarations({{"a", Array{"b", "c"}}, {"b", Array{"d"}}, {"d", "a"}, {"e", Array{7, "a"}}});
+  EXPECT_TRUE(graph.conforms("unknown", "unknown"));
+  EXPECT_TRUE(graph.conforms("a", "d"));
+  EXPECT_TRUE(graph.conforms("d", "c"));
+  EXPECT_TRUE(graph.conforms("e", "c"));
+  EXPECT_FALSE(graph.conforms("c", "a"));
+  EXPECT_FALSE(graph.conforms("a", "e"));
+  EXPECT_FALSE(graph.conforms("a", "unknown"));
+  EXPECT_FALSE(graph.conforms("A", "a"));
+}
+
+TEST(TypeGraph, MIMETypesAreKnownUnderTheirAliasesInBothDirections) {
+  TypeGraph graph;
+  graph.addLines("text/x-c text/plain\n\nmalformed\nimage/svg+xml application/xml\n trailing \nx ", false);
+  graph.addLines("application/x-xml application/xml\ntext/xml application/xml", true);
+  EXPECT_TRUE(graph.conforms("text/x-c", "text/plain"));
+  EXPECT_TRUE(graph.conforms("image/svg+xml", "text/xml"));
+  EXPECT_TRUE(graph.conforms("text/xml", "application/x-xml"));
+  EXPECT_FALSE(graph.conforms("application/xml", "image/svg+xml"));
+}
+
+/// Past the time for which an answer may be an old one.
+void letTypeFilesBeLookedAtAgain() {
+  usleep(150'000);
+}
+
+TEST(TypeConformance, EveryRootDeclaresTypesAndChangesAreNoticed) {
+  clearOwnDevice();
+  const std::string mime = ownDevice.path() + "/share/mime";
+  writeText(mime + "/subclasses", "image/png public.image\n");
+  writeText(mime + "/aliases", "image/x-png image/png\n");
+  writePropertyList(ownDevice.dataSystem() + "/Types/base.plist",
+                    Dictionary{{"public.image", "public.data"}});
+  writePropertyList(ownDevice.dataUser() + "/Types/mine.plist",
+                    Dictionary{{"public.data", Array{"example.thing"}}});
+  writeText(ownDevice.dataUser() + "/Types/broken.plist", "no property list");
+  letTypeFilesBeLookedAtAgain();
+  EXPECT_TRUE(typeConformsTo("image/x-png", "example.thing"));
+  EXPECT_FALSE(typeConformsTo("image/x-png", "example.other"));
+
+  writePropertyList(ownDevice.dataUser() + "/Types/more.plist", Dictionary{{"image/png", "example.other"}});
+  fs::remove(ownDevice.dataUser() + "/Types/mine.plist");
+  letTypeFilesBeLookedAtAgain();
+  EXPECT_TRUE(typeConformsTo("image/x-png", "example.other"));
+  EXPECT_FALSE(typeConformsTo("image/x-png", "example.thing"));
+}
+
+class ActivationRulesTest : public testing::Test {
+ protected:
+  ActivationRulesTest() {
+    clearOwnDevice();
+    writePropertyList(ownDevice.dataUser() + "/Types/types.plist",
+                      Dictionary{{"photo", "image"}, {"image", "file"}, {"movie", "file"}});
+    letTypeFilesBeLookedAtAgain();
+  }
+  /// Items of one type each.
+  static Dictionary items(std::initializer_list<const char*> types) {
+    Array list;
+    for (const char* type : types) list.append(Dictionary{{"types", Array{type}}});
+    return {{"items", list}};
+  }
+};
+
+TEST_F(ActivationRulesTest, ABooleanAcceptsAnyItemsOrNone) {
+  EXPECT_TRUE(evaluateActivationRule(true, items({"anything"})));
+  EXPECT_FALSE(evaluateActivationRule(true, items({})));
+  EXPECT_FALSE(evaluateActivationRule(false, items({"anything"})));
+}
+
+TEST_F(ActivationRulesTest, EachItemCountsForEveryTypeThatItConformsTo) {
+  const Value rule = Dictionary{{"image", 2}, {"file", 3}};
+  EXPECT_TRUE(evaluateActivationRule(rule, items({"photo", "image"})));
+  EXPECT_FALSE(evaluateActivationRule(rule, items({"photo", "image", "photo"}))) << "three images";
+  EXPECT_TRUE(evaluateActivationRule(rule, items({"photo", "image", "movie"})));
+  EXPECT_FALSE(evaluateActivationRule(rule, items({"photo", "image", "movie", "movie"}))) << "four files";
+  EXPECT_FALSE(evaluateActivationRule(rule, items({"photo", "song"}))) << "one counts nowhere";
+  const Dictionary both{{"items", Array{Dictionary{{"types", Array{7, "song", "photo"}}}}}};
+  EXPECT_TRUE(evaluateActivationRule(rule, both)) << "one of an item's types is enough";
+}
+
+TEST_F(ActivationRulesTest, ALimitIsANumberOrTrueForAnyCount) {
+  const Dictionary three = items({"photo", "photo", "photo"});
+  EXPECT_TRUE(evaluateActivationRule(Dictionary{{"image", true}}, three));
+  EXPECT_FALSE(evaluateActivationRule(Dictionary{{"image", 1}}, three)) << "the number 1 is a count";
+  EXPECT_TRUE(evaluateActivationRule(Dictionary{{"image", 3.5}}, three));
+  for (const Value& none : {Value(false), Value(0), Value(-1), Value("3")})
+    EXPECT_FALSE(evaluateActivationRule(Dictionary{{"image", none}}, items({"photo"}))) << none.description();
+}
+
+TEST_F(ActivationRulesTest, AnythingOfAnotherShapeIsNotAccepted) {
+  const Dictionary good = items({"photo"});
+  for (const Value& rule : {Value(), Value("image"), Value(2), Value(Array{"image"}), Value(Dictionary())})
+    EXPECT_FALSE(evaluateActivationRule(rule, good)) << rule.description();
+  const Value rule = Dictionary{{"image", 5}};
+  for (const Value& list : {Value("photo"), Value(Dictionary()), Value(Array{"photo"}),
+                            Value(Array{Dictionary{{"types", "photo"}}}), Value(Array{Dictionary()})})
+    EXPECT_FALSE(evaluateActivationRule(rule, Dictionary{{"items", list}})) << list.description();
+  EXPECT_FALSE(evaluateActivationRule(rule, Dictionary()));
+}
+
+}  // namespace
