@@ -17,14 +17,16 @@ namespace {
 constexpr size_t kHeaderSize = 8;
 constexpr size_t kTrailerSize = 32;
 constexpr double k2001 = 978307200;  // 2001-01-01, from which dates count, in seconds since 1970
-/// What a list may expand to: an ordinary file, or as often the size of its own file as sharing can save
-/// honestly.
-constexpr uint64_t kExpansion = 4;
+/// What a list may expand to: in small files anything moderate, in others what naming keys and strings again
+/// and again saves at most, and never more than the largest file.
+constexpr uint64_t kModerateExpansion = 1 << 20;
+constexpr uint64_t kExpansionFactor = 64;
 
 class Reader {
  public:
   explicit Reader(std::span<const uint8_t> bytes)
-      : bytes_(bytes), largest_(std::max<uint64_t>(kMaximumPropertyListFile, kExpansion * bytes.size())) {}
+      : bytes_(bytes),
+        largest_(std::clamp(kExpansionFactor * bytes.size(), kModerateExpansion, kMaximumAnnotationFile)) {}
 
   Result<Value> read() {
     if (!readTrailer()) return corrupt("a malformed table of objects");
@@ -82,7 +84,7 @@ class Reader {
     object.size = 1;
     const bool isContainer = marker >> 4 == 0xA || marker >> 4 == 0xD;
     if (!(isContainer ? buildContainer(object, at, depth) : buildScalar(object, at))) return false;
-    if (object.size > largest_) return fail("it expands beyond the largest file");
+    if (object.size > largest_) return fail("it names its objects too often");
     object.state = Object::State::built;
     return true;
   }
@@ -197,7 +199,7 @@ class Reader {
     container.size += object.size;
     container.height = std::max<uint16_t>(container.height, object.height);
     if (container.size > largest_) {
-      fail("it expands beyond the largest file");
+      fail("it names its objects too often");
       return nullptr;
     }
     return &object.value;

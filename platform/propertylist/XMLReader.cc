@@ -67,8 +67,10 @@ std::optional<Value> parseInteger(std::string_view text) {
 }
 
 std::optional<Value> parseReal(std::string_view text) {
-  if (text.starts_with('+')) text.remove_prefix(1);
-  if (text.starts_with('+')) return std::nullopt;
+  if (text.starts_with('+')) {
+    text.remove_prefix(1);
+    if (text.starts_with('-')) return std::nullopt;
+  }
   double real = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), real);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;

@@ -15,6 +15,9 @@ namespace {
 constexpr std::string_view kHeader = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
 constexpr std::string_view kFooter = "</plist>\n";
 
+/// Deeper lines are not indented further, so that nesting does not multiply the size of a file.
+constexpr size_t kDeepestIndentation = 16;
+
 /// The seconds since 1970 at which the years 1 and 10000 begin.
 const int64_t kYear1 = detail::daysFromCivil(1, 1, 1) * 86400;
 const int64_t kYear10000 = detail::daysFromCivil(10000, 1, 1) * 86400;
@@ -117,7 +120,7 @@ class Writer {
   }
 
  private:
-  void indent() { out_.append(depth_, '\t'); }
+  void indent() { out_.append(std::min(depth_, kDeepestIndentation), '\t'); }
 
   bool writeArray(const Array& array, int nesting) {
     if (array.empty()) {

@@ -1,0 +1,255 @@
+// Values as bytes on the wire: what stands for what, and everything that makes a message malformed.
+
+#include "platform/qmx/Encoding.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "platform/qmx/Limits.h"
+#include "platform/qmx/Message.h"
+
+namespace platform::qmx {
+namespace {
+
+/// Bytes from hexadecimal text; blanks are skipped.
+std::string hex(std::string_view text) {
+  std::string bytes;
+  std::string digits;
+  for (const char c : text) {
+    if (c == ' ') continue;
+    digits += c;
+    if (digits.size() < 2) continue;
+    bytes += static_cast<char>(std::stoi(digits, nullptr, 16));
+    digits.clear();
+  }
+  return bytes;
+}
+
+std::span<const uint8_t> span(std::string_view bytes) {
+  return {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()};
+}
+
+std::optional<Value> decodeHex(std::string_view text, int nesting = kMaximumNesting) {
+  return decode(span(hex(text)), nesting);
+}
+
+std::string encodeToString(const Value& value) {
+  std::string out;
+  encode(value, out);
+  return out;
+}
+
+/// A value of any kind, random.
+Value randomValue(std::mt19937& random, int depth) {
+  const auto text = [&] { return std::string(random() % 40, static_cast<char>('a' + random() % 26)); };
+  switch (random() % (depth > 0 ? 10 : 8)) {
+    case 0:
+      return random() % 2 == 0;
+    case 1:
+      return static_cast<int64_t>(random()) >> random() % 32;
+    case 2:
+      return -static_cast<int64_t>(uint64_t{random()} << random() % 32);
+    case 3:
+      return std::numeric_limits<uint64_t>::max() - random();
+    case 4:
+      return std::ldexp(static_cast<double>(random()), static_cast<int>(random() % 100) - 50);
+    case 5:
+      return text();
+    case 6:
+      return Data(text());
+    case 7:
+      return random() % 2 == 0 ? Value(Date{static_cast<double>(random())}) : Value(UUID::random());
+    case 8: {
+      Array array;
+      for (size_t i = random() % 30; i > 0; --i) array.append(randomValue(random, depth - 1));
+      return array;
+    }
+    default: {
+      Dictionary dictionary;
+      for (size_t i = random() % 30; i > 0; --i) dictionary.set(text(), randomValue(random, depth - 1));
+      return dictionary;
+    }
+  }
+}
+
+TEST(Encoding, RestoresEveryValueExactlyWithItsKind) {
+  std::mt19937 random(11);
+  for (int i = 0; i < 300; ++i) {
+    const Value value = randomValue(random, 4);
+    const Data bytes = encoded(value);
+    const std::optional<Value> again = decode(bytes.bytes(), kMaximumNesting);
+    ASSERT_TRUE(again) << value.description();
+    EXPECT_EQ(*again, value);
+    EXPECT_EQ(again->kind(), value.kind());
+    EXPECT_EQ(encoded(*again), bytes);
+  }
+}
+
+TEST(Encoding, WritesWhatOtherProgramsExpect) {
+  EXPECT_EQ(encodeToString(Dictionary{{"b", -1}, {"a", Array{true, 1.5}}}),
+            hex("a2 6161 82 f5 fb3ff8000000000000 6162 20"));
+  EXPECT_EQ(encodeToString(std::numeric_limits<uint64_t>::max()), hex("1b ffffffffffffffff"));
+  EXPECT_EQ(encodeToString(std::numeric_limits<int64_t>::min()), hex("3b 7fffffffffffffff"));
+  EXPECT_EQ(encodeToString(Date{1.0}), hex("c1 fb3ff0000000000000"));
+  EXPECT_EQ(encodeToString(UUID()), hex("d825 50 00000000000000000000000000000000"));
+  EXPECT_EQ(encodeToString(Data("x")), hex("41 78"));
+  EXPECT_EQ(encodeToString(encodePropertyList(Array{1})), hex("d818 42 8101"));
+}
+
+TEST(Encoding, ReadsTheWiderFormsToo) {
+  EXPECT_EQ(decodeHex("f9 3e00"), Value(1.5));
+  EXPECT_EQ(decodeHex("fa 3fc00000"), Value(1.5));
+  EXPECT_EQ(decodeHex("c1 01"), Value(Date{1}));
+  EXPECT_EQ(decodeHex("c1 20"), Value(Date{-1}));
+  EXPECT_EQ(decodeHex("c1 f9 3e00"), Value(Date{1.5}));
+  EXPECT_EQ(decodeHex("a2 6161 f6 6162 01"), Value(Dictionary{{"b", 1}})) << "null reads as an absent key";
+}
+
+TEST(Encoding, RefusesEverythingElse) {
+  const char* const malformed[] = {
+      "",                     // nothing
+      "01 01",                // two items
+      "f6",                   // null where no key could be absent
+      "81 f6",                //
+      "f7",                   // undefined
+      "e0",                   // other simple values
+      "f8 20",                //
+      "9f 01 ff",             // indefinite lengths
+      "bf ff",                //
+      "7f 6161 ff",           //
+      "5f 4161 ff",           //
+      "ff",                   //
+      "1c",                   // reserved lengths
+      "3b 8000000000000000",  // below the signed range
+      "62 c328",              // not UTF-8
+      "61 00",                // U+0000
+      "a1 01 01",             // a key that is no text
+      "a1 6100 01",           //
+      "a1 6161",              // a key without a value
+      "a2 6161 01 6161 02",   // a key twice
+      "a2 6161 f6 6161 02",   // also when absent
+      "a3 6162 01 6161 02 6162 03",
+      "c0 6161",     // other tags
+      "c1 6161",     // no number
+      "c1 c1 01",    //
+      "d825 41 00",  // no UUID
+      "d825 70 00000000000000000000000000000000",
+      "d818 6161",  // no byte string
+      "82 01",      // truncated
+      "43 0102",    //
+      "19 01",      //
+  };
+  for (const char* text : malformed) EXPECT_FALSE(decodeHex(text)) << text;
+}
+
+TEST(Encoding, NeverBelievesCountsBeyondTheBytes) {
+  EXPECT_FALSE(decodeHex("9b ffffffffffffffff"));
+  EXPECT_FALSE(decodeHex("bb 7fffffffffffffff"));
+  EXPECT_FALSE(decodeHex("5b ffffffffffffffff 00"));
+  // Each count would fit the bytes that follow it, all together do not.
+  std::string nested;
+  for (int i = 0; i < kMaximumNesting; ++i) nested += hex("9a 003fffff");
+  nested.resize(4 << 20, '\x01');
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(decode(span(nested), kMaximumNesting));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+TEST(Encoding, NestingIsAcceptedUpToTheLimit) {
+  const auto arrays = [](int depth) { return std::string(static_cast<size_t>(depth), '\x81') + '\x01'; };
+  EXPECT_TRUE(decode(span(arrays(kMaximumNesting)), kMaximumNesting));
+  EXPECT_FALSE(decode(span(arrays(kMaximumNesting + 1)), kMaximumNesting));
+  std::string maps;
+  for (int i = 0; i < kMaximumNesting; ++i) maps += hex("a1 6161");
+  EXPECT_TRUE(decode(span(maps + '\x01'), kMaximumNesting));
+  EXPECT_FALSE(decode(span(hex("a1 6161") + maps + '\x01'), kMaximumNesting));
+  EXPECT_FALSE(decode(span(std::string(4 << 20, '\x81')), kMaximumNesting));
+  EXPECT_FALSE(decodeHex("80", 0));
+  EXPECT_TRUE(decodeHex("01", 0));
+}
+
+TEST(Encoding, AMapCostsLittleMoreThanSortingWhateverTheOrder) {
+  // Descending keys would cost the square of their number where each is inserted alone.
+  std::string map = hex("ba 00030d40");
+  for (int i = 200000; i > 0; --i) {
+    std::string key = std::to_string(1000000 + i);
+    map += static_cast<char>(0x60 + key.size()) + key + '\x01';
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  const std::optional<Value> value = decode(span(map), kMaximumNesting);
+  ASSERT_TRUE(value);
+  EXPECT_EQ(value->dictionary()->size(), 200000u);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TEST(EncodedPropertyList, IsCarriedUnreadAndUnpackedOnDemand) {
+  const Value forms = Array{Dictionary{{"path", "/a"}, {"since", Date{5}}}};
+  const Dictionary body{{"matches", encodePropertyList(forms)}};
+  const std::optional<Value> received = decode(encoded(body).bytes(), kMaximumNesting);
+  ASSERT_TRUE(received);
+  const EncodedPropertyList* list = (*received)["matches"].encoded();
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(decodePropertyList(*list), forms);
+
+  const std::optional<Value> broken = decodeHex("d818 42 8201");
+  ASSERT_TRUE(broken) << "contents are only looked at when they are asked for";
+  EXPECT_FALSE(decodePropertyList(*broken->encoded()));
+}
+
+TEST(EncodedListBuilder, JoinsKeptPartsAndFreshEntriesWithoutCopyingTheKept) {
+  const Dictionary unchanging{{"identifier", "org.example.a"}, {"path", std::string(1000, 'p')}};
+  const Data kept = encodeEntries(unchanging);
+  EncodedListBuilder builder;
+  builder.beginArray(3);
+  for (int i = 0; i < 2; ++i) {
+    builder.beginMap(unchanging.size() + 1);
+    builder.kept(kept);
+    builder.entry("annotations", Dictionary{{"election", i}});
+  }
+  builder.value(Dictionary{});
+  const EncodedPropertyList list = builder.finish();
+
+  Array expected;
+  for (int i = 0; i < 2; ++i) {
+    Dictionary form = unchanging;
+    form.set("annotations", Dictionary{{"election", i}});
+    expected.append(form);
+  }
+  expected.append(Dictionary{});
+  EXPECT_EQ(decodePropertyList(list), Value(expected));
+  size_t shared = 0;
+  for (const auto& piece : list.pieces()) shared += piece.bytes.data() == kept.bytes().data() ? 1 : 0;
+  EXPECT_EQ(shared, 2u);
+  EXPECT_EQ(list.size(), list.joined().size());
+
+  builder.beginArray(0);
+  EXPECT_EQ(decodePropertyList(builder.finish()), Value(Array{})) << "a builder starts anew";
+}
+
+TEST(Message, DescriptionWritesEncodedListsOut) {
+  const Message message{
+      .body = {{"error", "none"}, {"matches", encodePropertyList(Array{Dictionary{{"path", "/a"}}})}}};
+  EXPECT_EQ(message.description(), "{error = \"none\"; matches = ({path = \"/a\"})}");
+  const Message broken{.body = {{"matches", *decodeHex("d818 42 8201")}}};
+  EXPECT_EQ(broken.description(), "{matches = <property list, 2 bytes>}");
+}
+
+TEST(Message, IntegersThatAreNegativeOrOfAnotherKindReadAsZero) {
+  const Message message{.body = {{"good", std::numeric_limits<uint64_t>::max()},
+                                 {"negative", -3},
+                                 {"text", "3"},
+                                 {"real", 3.0},
+                                 {"yes", true}}};
+  EXPECT_EQ(message.unsignedValue("good"), std::numeric_limits<uint64_t>::max());
+  for (const char* key : {"negative", "text", "real", "yes", "missing"})
+    EXPECT_EQ(message.unsignedValue(key), 0u) << key;
+  EXPECT_EQ(message.string("good"), nullptr);
+  EXPECT_EQ(message.string("text")->view(), "3");
+}
+
+}  // namespace
+}  // namespace platform::qmx

@@ -1,0 +1,521 @@
+// Property lists from and to files: what is read, what is refused, what is written, and how files are
+// replaced.
+
+#include "platform/propertylist/PropertyList.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+
+#include "platform/propertylist/FileReplacement.h"
+#include "platform/propertylist/PropertyListCache.h"
+#include "platform/qmx/Encoding.h"
+#include "platform/qmx/Limits.h"
+
+namespace platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+Value parsed(std::string_view bytes) {
+  const Result<Value> result = parsePropertyList(bytes);
+  if (const Error* error = std::get_if<Error>(&result)) ADD_FAILURE() << error->description();
+  return std::holds_alternative<Value>(result) ? std::get<Value>(result) : Value();
+}
+
+bool isCorrupt(std::string_view bytes) {
+  const Result<Value> result = parsePropertyList(bytes);
+  const Error* error = std::get_if<Error>(&result);
+  return error != nullptr && error->domain == kFileErrorDomain && error->code == kFileReadCorrupt;
+}
+
+std::string plist(std::string_view body) {
+  return "<plist version=\"1.0\">" + std::string(body) + "</plist>";
+}
+
+TEST(XMLPropertyList, ReadsEveryKindOfValue) {
+  EXPECT_EQ(parsed(R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist SYSTEM "file:///etc/passwd" [<!ENTITY x "y">]>
+<!-- a comment --><plist version="1.0">
+<dict>
+  <key>truth</key> <array><true/><false /></array>
+  <key>numbers</key> <array> <integer> -12 </integer><integer>+7</integer><integer>0xfF</integer><real>-2.5e3</real> </array>
+  <key>date</key><date>2024-02-29T23:59:59Z</date>
+  <key>data</key><data> aGVs
+    bG8= </data>
+  <key>empty</key><array><dict/><array></array><string/><string></string><data/></array>
+</dict> </plist>)"),
+            Value(Dictionary{{"truth", Array{true, false}},
+                             {"numbers", Array{-12, 7, 255, -2500.0}},
+                             {"date", Date{1709251199}},
+                             {"data", Data("hello")},
+                             {"empty", Array{Dictionary{}, Array{}, "", "", Data()}}}));
+}
+
+TEST(XMLPropertyList, StringsComeBackExactly) {
+  EXPECT_EQ(parsed(plist("<string>  </string>")), Value("  "));
+  EXPECT_EQ(parsed(plist("<string>\n\t</string>")), Value("\n\t"));
+  EXPECT_EQ(parsed(plist("<string> a\r\nb </string>")), Value(" a\nb ")) << "line ends as XML says";
+  EXPECT_EQ(parsed(plist("<string>&lt;&gt;&amp;&quot;&apos;&#13;&#x1F600;</string>")),
+            Value("<>&\"'\r\xF0\x9F\x98\x80"));
+  EXPECT_EQ(parsed(plist("<string> <![CDATA[ <&amp;> ]]> b<!-- c --> </string>")), Value("  <&amp;>  b "));
+  EXPECT_EQ(parsed(plist("<dict><key> </key><string>x</string></dict>")), Value(Dictionary{{" ", "x"}}));
+  EXPECT_EQ(parsed("\xEF\xBB\xBF" + plist("<string>\xC3\xA9</string>")), Value("\xC3\xA9"));
+}
+
+TEST(XMLPropertyList, ReadsUTF16OfEitherByteOrder) {
+  const std::string text = plist("<string>x</string>");
+  std::string big = "\xFE\xFF", little = "\xFF\xFE";
+  for (const char c : text) {
+    // The letter becomes U+1F600.
+    big += c == 'x' ? "\xD8\x3D\xDE\x00"s : std::string{'\0', c};
+    little += c == 'x' ? "\x3D\xD8\x00\xDE"s : std::string{c, '\0'};
+  }
+  EXPECT_EQ(parsed(big), Value("\xF0\x9F\x98\x80"));
+  EXPECT_EQ(parsed(little), Value("\xF0\x9F\x98\x80"));
+  EXPECT_TRUE(isCorrupt(big + "\xD8"));
+  EXPECT_TRUE(isCorrupt("\xFE\xFF\xD8\x3D\x00<"s));
+}
+
+TEST(XMLPropertyList, IntegersReachOverBoth64BitRangesAndNotBeyond) {
+  const auto integer = [](std::string_view digits) {
+    return plist("<integer>" + std::string(digits) + "</integer>");
+  };
+  EXPECT_EQ(parsed(integer("18446744073709551615")), Value(std::numeric_limits<uint64_t>::max()));
+  EXPECT_EQ(parsed(integer("-9223372036854775808")), Value(std::numeric_limits<int64_t>::min()));
+  EXPECT_EQ(parsed(integer("0xFFFFFFFFFFFFFFFF")), Value(std::numeric_limits<uint64_t>::max()));
+  for (const char* wrong : {"18446744073709551616", "-9223372036854775809", "0x10000000000000000", "", " ",
+                            "1.0", "0x", "1 2", "--1", "+-1", "12a"}) {
+    EXPECT_TRUE(isCorrupt(integer(wrong))) << wrong;
+  }
+}
+
+TEST(XMLPropertyList, RefusesWhatIsNotOne) {
+  for (const char* body : {"",
+                           "<true/><true/>",
+                           "text",
+                           "<other/>",
+                           "<dict><string>x</string></dict>",
+                           "<dict><key>a</key></dict>",
+                           "<dict><key>a</key><key>b</key></dict>",
+                           "<dict>text<key>a</key><true/></dict>",
+                           "<array>text</array>",
+                           "<array><true/>text</array>",
+                           "<array><key>a</key></array>",
+                           "<true>x</true>",
+                           "<string><b/></string>",
+                           "<string>&unknown;</string>",
+                           "<string>&amp</string>",
+                           "<string>&</string>",
+                           "<string>&#0;</string>",
+                           "<string>&#1;</string>",
+                           "<string>&#xD800;</string>",
+                           "<string>&#x110000;</string>",
+                           "<string>&#4294967361;</string>",
+                           "<string>&#;</string>",
+                           "<string>\x01</string>",
+                           "<string>\xC3</string>",
+                           "<string>\xED\xA0\x80</string>",
+                           "<real>1,5</real>",
+                           "<real/>",
+                           "<real>+-1</real>",
+                           "<real>1e999</real>",
+                           "<data>a</data>",
+                           "<data>ab==cd</data>",
+                           "<data>a*b=</data>",
+                           "<data>YQ=</data>",
+                           "<date/>",
+                           "<date>2023-02-29T00:00:00Z</date>",
+                           "<date>2023-01-01T24:00:00Z</date>",
+                           "<date>2023-01-01 00:00:00</date>",
+                           "<date>0000-01-01T00:00:00Z</date>",
+                           "<date>2023-13-01T00:00:00Z</date>",
+                           "<array><true/></dict>",
+                           "<array>"}) {
+    EXPECT_TRUE(isCorrupt(plist(body))) << body;
+  }
+  for (const std::string& whole :
+       {""s, "x"s, "<plist>"s, "<dict/>"s, "<plist><true/></plist><plist/>"s,
+        "<plist><string>a\0b</string></plist>"s, "bplist"s, "bplist01"s, "{ a = b; }"s}) {
+    EXPECT_TRUE(isCorrupt(whole)) << whole;
+  }
+}
+
+TEST(XMLPropertyList, OfAKeyThatStandsTwiceTheLastValueCounts) {
+  EXPECT_EQ(
+      parsed(plist("<dict><key>b</key><true/><key>a</key><integer>1</integer><key>b</key><false/></dict>")),
+      Value(Dictionary{{"a", 1}, {"b", false}}));
+}
+
+std::string nested(int depth) {
+  std::string text;
+  for (int i = 0; i < depth; ++i) text += "<array>";
+  for (int i = 0; i < depth; ++i) text += "</array>";
+  return plist(text);
+}
+
+TEST(XMLPropertyList, WhateverCanBeReadCanBeWrittenAndSentInsideAForm) {
+  const Value deepest = parsed(nested(kMaximumFileNesting));
+  EXPECT_TRUE(isCorrupt(nested(kMaximumFileNesting + 1)));
+  EXPECT_TRUE(isCorrupt(nested(500000))) << "and costs no stack";
+  EXPECT_TRUE(isCorrupt("<plist>" + std::string(1 << 20, '<')));
+
+  EXPECT_TRUE(canBeWritten(deepest));
+  EXPECT_FALSE(canBeWritten(deepest, kMaximumFileNesting - 1));
+  const Value forms = Array{Dictionary{{"bundleInfo", deepest}}};
+  EXPECT_EQ(qmx::decodePropertyList(qmx::encodePropertyList(forms)), forms);
+  EXPECT_FALSE(canBeWritten(Array{deepest}));
+  EXPECT_TRUE(std::holds_alternative<Error>(serializePropertyList(Array{deepest})));
+}
+
+// --- Binary ---
+
+/// A binary list of the given objects, the first on top.
+std::string binary(const std::vector<std::string>& objects, int referenceSize = 1) {
+  std::string out = "bplist00";
+  std::string table;
+  const auto append = [](std::string& to, uint64_t number, int size) {
+    for (int i = size - 1; i >= 0; --i) to += static_cast<char>(number >> (8 * i) & 0xFF);
+  };
+  for (const std::string& object : objects) {
+    append(table, out.size(), 4);
+    out += object;
+  }
+  const size_t tableOffset = out.size();
+  out += table + std::string(6, '\0');
+  append(out, 4, 1);
+  append(out, static_cast<uint64_t>(referenceSize), 1);
+  append(out, objects.size(), 8);
+  append(out, 0, 8);
+  append(out, tableOffset, 8);
+  return out;
+}
+
+TEST(BinaryPropertyList, ReadsEveryKindOfValue) {
+  const std::string list =
+      binary({"\xDA\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E\x0F\x10\x11\x12\x13\x14"s,
+              "\x51"s
+              "a",
+              "\x51"s
+              "b",
+              "\x51"s
+              "c",
+              "\x51"s
+              "d",
+              "\x51"s
+              "e",
+              "\x51"s
+              "f",
+              "\x51"s
+              "g",
+              "\x51"s
+              "h",
+              "\x51"s
+              "i",
+              "\x51"s
+              "j",
+              "\x08",
+              "\x09",
+              "\x10\xFF",
+              "\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFE",
+              "\x14\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s,
+              "\x22\x3F\xC0\0\0"s,
+              "\x23\x3F\xF8\0\0\0\0\0\0"s,
+              "\x33\x3F\xF0\0\0\0\0\0\0"s,
+              "\x4F\x10\x10"
+              "0123456789abcdef",
+              "\x62\0\xE9\x4E\x2D"s});
+  EXPECT_EQ(parsed(list), Value(Dictionary{{"a", false},
+                                           {"b", true},
+                                           {"c", 255},
+                                           {"d", -2},
+                                           {"e", std::numeric_limits<uint64_t>::max()},
+                                           {"f", 1.5},
+                                           {"g", 1.5},
+                                           {"h", Date{978307201}},
+                                           {"i", Data("0123456789abcdef")},
+                                           {"j", "\xC3\xA9\xE4\xB8\xAD"}}));
+  EXPECT_EQ(parsed(list)["a"].kind(), Value::Kind::boolean);
+}
+
+TEST(BinaryPropertyList, RefusesMalformedObjects) {
+  const std::vector<std::vector<std::string>> malformed = {
+      {"\x80\x01"},                                  // a UID
+      {"\xC1\x01", "\x09"},                          // a set
+      {"\x00"s},                                     // null
+      {"\x0F"},                                      // fill
+      {"\x15" + std::string(32, '\0')},              // an integer of 32 bytes
+      {"\x14\0\0\0\0\0\0\0\x01\0\0\0\0\0\0\0\0"s},   // beyond 64 bits
+      {"\x21\0\0"s},                                 // a real of two bytes
+      {"\x32\0\0\0\0"s},                             // a date of four
+      {"\x51\xE9"},                                  // ASCII that is none
+      {"\x51\0"s},                                   // U+0000
+      {"\x61\xD8\x3D"},                              // half a surrogate pair
+      {"\x5F\x13\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"},  // longer than the file
+      {"\x4F\x14" + std::string(16, '\xFF')},        // a count of 16 bytes
+      {"\xAF\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"},  //
+      {"\xA1\x05"},                                  // a reference to nothing
+      {"\xD1\x01\x02", "\x09", "\x08"},              // a key that is no string
+      {"\xA1\x00"s},                                 // itself inside itself
+      {"\xA1\x01", "\xA1\x00"s},                     //
+  };
+  for (const auto& objects : malformed) EXPECT_TRUE(isCorrupt(binary(objects))) << objects.front();
+
+  const std::string good = binary({"\xA1\x01", "\x09"});
+  ASSERT_FALSE(isCorrupt(good));
+  for (size_t size = 0; size < good.size(); ++size) EXPECT_TRUE(isCorrupt(good.substr(0, size))) << size;
+  // Every byte of the trailer that counts, set to its largest.
+  for (size_t i = good.size() - 26; i < good.size(); ++i) {
+    std::string changed = good;
+    changed[i] = '\xFF';
+    EXPECT_TRUE(isCorrupt(changed)) << i;
+  }
+}
+
+TEST(BinaryPropertyList, SharedObjectsAreBuiltOnceAndMayNotExpandWithoutBound) {
+  const auto levels = [](int count) {
+    std::vector<std::string> objects;
+    for (int i = 0; i < count; ++i) objects.push_back("\xA2" + std::string(2, static_cast<char>(i + 1)));
+    objects.push_back("\x51x");
+    return binary(objects);
+  };
+  const Value shared = parsed(levels(12));
+  const Array& top = *shared.array();
+  EXPECT_TRUE(top[0].isSameObject(top[1]));
+  // Two to the power of a hundred values, in a file of a few hundred bytes.
+  EXPECT_TRUE(isCorrupt(levels(100)));
+}
+
+TEST(BinaryPropertyList, NestingCountsAlongTheLongestWayHoweverObjectsAreShared) {
+  const auto chain = [](int depth) {
+    std::vector<std::string> objects;
+    // The top also names the end of the chain, which is therefore built first.
+    for (int i = 0; i < depth; ++i) {
+      const auto reference = [](int to) {
+        return std::string{static_cast<char>(to >> 8), static_cast<char>(to)};
+      };
+      if (i == 0) {
+        objects.push_back("\xA2" + reference(depth / 2) + reference(1));
+      } else {
+        objects.push_back(i + 1 < depth ? "\xA1" + reference(i + 1) : "\xA0"s);
+      }
+    }
+    return binary(objects, 2);
+  };
+  EXPECT_FALSE(isCorrupt(chain(kMaximumFileNesting)));
+  EXPECT_TRUE(isCorrupt(chain(kMaximumFileNesting + 1)));
+  EXPECT_TRUE(isCorrupt(chain(30000)));
+}
+
+// --- Writing ---
+
+TEST(PropertyListWriting, ReadsBackEqualWithEveryKind) {
+  const Value value = Dictionary{
+      {"strings", Array{"", " ", " a\r\n\tb ", "<&>]]>\"'", "\xF0\x9F\x98\x80\x7F"}},
+      {"integers", Array{0, -1, std::numeric_limits<int64_t>::min(), std::numeric_limits<uint64_t>::max()}},
+      {"reals", Array{0.1, -0.0, 1e300, 5e-324, 1.0}},
+      {"booleans", Array{true, false}},
+      {"dates", Array{Date{0}, Date{-62135596800}, Date{253402300799}, Date{1795381200}}},
+      {"data", Array{Data(), Data("a"), Data("ab"), Data("abc"), Data("\xFF\x00\xFE"s)}},
+      {" <key>&\r", Dictionary{{"", Array{Dictionary{}}}}}};
+  const Result<std::string> text = serializePropertyList(value);
+  ASSERT_TRUE(std::holds_alternative<std::string>(text));
+  const Value again = parsed(std::get<std::string>(text));
+  EXPECT_EQ(again, value);
+  for (const char* key : {"integers", "reals", "booleans"}) {
+    for (size_t i = 0; i < value[key].array()->size(); ++i)
+      EXPECT_EQ((*again[key].array())[i].kind(), (*value[key].array())[i].kind()) << key << i;
+  }
+}
+
+TEST(PropertyListWriting, LooksLikeAPropertyListFile) {
+  const Result<std::string> text =
+      serializePropertyList(Dictionary{{"b", Array{1, "x<"}}, {"a", Dictionary{}}});
+  EXPECT_EQ(std::get<std::string>(text),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
+            "version=\"1.0\">\n<dict>\n\t<key>a</key>\n\t<dict/>\n"
+            "\t<key>b</key>\n\t<array>\n\t\t<integer>1</integer>\n\t\t<string>x&lt;</string>\n\t</array>\n</"
+            "dict>\n</plist>\n");
+}
+
+TEST(PropertyListWriting, RefusesWhatCannotBeRestored) {
+  const Value impossible[] = {Value(),
+                              UUID::random(),
+                              qmx::encodePropertyList(1),
+                              "\x01",
+                              "\xFF",
+                              "a\0b"s,
+                              "\xEF\xBF\xBF",
+                              std::nan(""),
+                              std::numeric_limits<double>::infinity(),
+                              Date{0.5},
+                              Date{-62135596801},
+                              Date{253402300800},
+                              Date{std::nan("")},
+                              Dictionary{{"\x02", 1}},
+                              Array{Array{UUID()}},
+                              Array{Value()}};
+  for (const Value& value : impossible) {
+    EXPECT_FALSE(canBeWritten(value)) << value.description();
+    const Result<std::string> text = serializePropertyList(value);
+    const Error* error = std::get_if<Error>(&text);
+    ASSERT_NE(error, nullptr) << value.description();
+    EXPECT_EQ(error->code, kPropertyListWriteInvalid);
+  }
+}
+
+// --- Files ---
+
+class PropertyListFiles : public testing::Test {
+ protected:
+  PropertyListFiles() {
+    char name[] = "/tmp/propertylist-XXXXXX";
+    root_ = mkdtemp(name);
+  }
+  ~PropertyListFiles() override { fs::remove_all(root_); }
+
+  std::string path(std::string_view name) const { return root_ / name; }
+  void write(std::string_view name, std::string_view text) const {
+    std::ofstream(path(name), std::ios::binary) << text;
+  }
+  std::string contents(std::string_view name) const { return std::get<std::string>(readFile(path(name))); }
+  size_t countOfFiles() const {
+    return static_cast<size_t>(std::distance(fs::directory_iterator(root_), fs::directory_iterator()));
+  }
+  Error readErrorOf(const std::string& file, uint64_t limit = kMaximumPropertyListFile) const {
+    const Result<Value> result = readPropertyListFile(file, limit);
+    const Error* error = std::get_if<Error>(&result);
+    return error != nullptr ? *error : Error{.domain = "none", .code = 0, .text = {}};
+  }
+
+  fs::path root_;
+};
+
+TEST_F(PropertyListFiles, OnlyRegularFilesOfBoundedSizeAreRead) {
+  const auto is = [](const Error& error, std::string_view domain, int64_t code) {
+    return error.domain == domain && error.code == code;
+  };
+  EXPECT_TRUE(is(readErrorOf(path("missing")), "File", 260));
+  EXPECT_TRUE(is(readErrorOf(root_), "POSIX", EINVAL));
+  EXPECT_TRUE(is(readErrorOf("/dev/zero"), "POSIX", EINVAL));
+  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+  EXPECT_TRUE(is(readErrorOf(path("fifo")), "POSIX", EINVAL)) << "and does not wait for a writer";
+  write("file", "x");
+  EXPECT_TRUE(is(readErrorOf(path("file/below")), "POSIX", ENOTDIR));
+  fs::create_symlink("loop", path("loop"));
+  EXPECT_TRUE(is(readErrorOf(path("loop")), "POSIX", ELOOP));
+
+  write("large", "");
+  ASSERT_EQ(truncate(path("large").c_str(), 100'000'000), 0);
+  EXPECT_TRUE(is(readErrorOf(path("large")), "POSIX", EFBIG));
+  const std::string list = plist("<true/>");
+  write("exact", list);
+  EXPECT_TRUE(is(readErrorOf(path("exact"), list.size() - 1), "POSIX", EFBIG));
+  EXPECT_TRUE(is(readErrorOf(path("exact"), list.size()), "none", 0));
+  write("empty", "");
+  EXPECT_TRUE(is(readErrorOf(path("empty")), "File", 259));
+  EXPECT_FALSE(readDictionaryFile(path("exact"))) << "a list, but no dictionary";
+}
+
+TEST_F(PropertyListFiles, ReplacingIsWholeOrNotAtAll) {
+  EXPECT_EQ(replaceFile(path("list"), "first"), std::nullopt);
+  EXPECT_EQ(replaceFile(path("list"), std::string(1 << 20, 'x')), std::nullopt);
+  EXPECT_EQ(contents("list").size(), size_t{1} << 20);
+  EXPECT_EQ(countOfFiles(), 1u);
+  struct stat status;
+  ASSERT_EQ(stat(path("list").c_str(), &status), 0);
+  const mode_t mask = umask(0);
+  umask(mask);
+  EXPECT_EQ(status.st_mode & 0777, 0666 & ~mask);
+
+  // A file that may not grow so far: the old one stays, and nothing lies beside it.
+  rlimit old;
+  getrlimit(RLIMIT_FSIZE, &old);
+  const auto ignored = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{1000, old.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  const std::optional<Error> tooLarge = replaceFile(path("list"), std::string(5000, 'y'));
+  setrlimit(RLIMIT_FSIZE, &old);
+  std::signal(SIGXFSZ, ignored);
+  ASSERT_TRUE(tooLarge);
+  EXPECT_EQ(tooLarge->domain, "POSIX");
+  EXPECT_EQ(tooLarge->code, EFBIG);
+  EXPECT_EQ(contents("list"), std::string(1 << 20, 'x'));
+  EXPECT_EQ(countOfFiles(), 1u);
+
+  fs::create_directory(path("directory"));
+  EXPECT_EQ(replaceFile(path("directory"), "x")->code, EISDIR);
+  EXPECT_EQ(replaceFile(path("missing/list"), "x")->code, ENOENT);
+  EXPECT_EQ(countOfFiles(), 2u);
+}
+
+TEST_F(PropertyListFiles, ReplacingKeepsALinkAndReplacesWhatItLeadsTo) {
+  fs::create_directory(path("elsewhere"));
+  fs::create_symlink("elsewhere/real", path("link"));
+  EXPECT_EQ(replaceFile(path("link"), "one"), std::nullopt);
+  EXPECT_TRUE(fs::is_symlink(path("link")));
+  EXPECT_EQ(contents("elsewhere/real"), "one");
+  EXPECT_EQ(replaceFile(path("link"), "two"), std::nullopt);
+  EXPECT_EQ(contents("elsewhere/real"), "two");
+}
+
+TEST_F(PropertyListFiles, SweepingRemovesOnlyLeftOverTemporaries) {
+  ASSERT_EQ(replaceFile(path("list"), "x"), std::nullopt);
+  for (const char* name : {".list.tmp-0123ABCD", ".list.tmp-FFFFFFFF", ".list.tmp-notes-of-mine",
+                           ".other.tmp-0123ABCD", "list.tmp"})
+    write(name, "");
+  sweepTemporaryFiles(path("list"));
+  EXPECT_FALSE(fs::exists(path(".list.tmp-0123ABCD")) || fs::exists(path(".list.tmp-FFFFFFFF")));
+  EXPECT_EQ(countOfFiles(), 4u);
+}
+
+TEST_F(PropertyListFiles, ACachedDictionaryIsTheFileAsItIsNow) {
+  PropertyListCache cache(2);
+  const auto value = [&](const char* name) {
+    const std::optional<Dictionary> dictionary = cache.dictionary(path(name));
+    return dictionary ? (*dictionary)["v"] : Value();
+  };
+  const auto store = [&](const char* name, int number) {
+    write(name, plist("<dict><key>v</key><integer>" + std::to_string(number) + "</integer></dict>"));
+  };
+  EXPECT_TRUE(value("a").isNone());
+  // Changed in place and by replacement, to the same size, faster than any clock of a file system.
+  for (int i = 1; i < 10; ++i) {
+    store("a", i);
+    ASSERT_EQ(value("a"), Value(i));
+    ASSERT_EQ(value("a"), Value(i));
+  }
+  store("b", 5);
+  fs::rename(path("b"), path("a"));
+  EXPECT_EQ(value("a"), Value(5));
+  fs::remove(path("a"));
+  EXPECT_TRUE(value("a").isNone());
+  for (const char* name : {"c", "d", "e"}) store(name, 7);
+  for (const char* name : {"c", "d", "e", "c"}) EXPECT_EQ(value(name), Value(7));
+  write("e", "damaged");
+  EXPECT_TRUE(value("e").isNone());
+}
+
+TEST_F(PropertyListFiles, AnUnchangedFileIsParsedOnce) {
+  PropertyListCache cache(4);
+  write("a", plist("<dict><key>v</key><array><true/></array></dict>"));
+  // Only a file that has been quiet for a moment is kept.
+  usleep(150'000);
+  const Value first = (*cache.dictionary(path("a")))["v"];
+  EXPECT_TRUE((*cache.dictionary(path("a")))["v"].isSameObject(first));
+  cache.clear();
+  EXPECT_FALSE((*cache.dictionary(path("a")))["v"].isSameObject(first));
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,264 @@
+// Values: sharing, equality, typed reading, dictionaries; UUIDs, dates, URLs and text checks beside them.
+
+#include "platform/value/Value.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "platform/value/URL.h"
+#include "platform/value/UTF8.h"
+
+namespace platform {
+namespace {
+
+TEST(Value, ChangingACopyOfAContainerLeavesEveryOtherHolderAlone) {
+  Dictionary original{{"a", 1}, {"inner", Dictionary{{"x", Array{1, 2}}}}};
+  Dictionary copy = original;
+  EXPECT_TRUE(copy.isSameObject(original));
+
+  copy.set("a", 2);
+  copy.remove("nothing");
+  EXPECT_EQ(original["a"], Value(1));
+  EXPECT_FALSE(copy.isSameObject(original));
+  EXPECT_TRUE(copy["inner"].isSameObject(original["inner"])) << "only the changed level is copied";
+
+  Array array = *original["inner"]["x"].array();
+  array.append(3);
+  array.set(0, "first");
+  EXPECT_EQ(original["inner"]["x"], Value(Array{1, 2}));
+  EXPECT_EQ(array, (Array{"first", 2, 3}));
+}
+
+TEST(Value, AContainerMayBeReplacedByAPartOfItselfOrStoredInItself) {
+  Value value = Dictionary{{"deep", Dictionary{{"deeper", "text"}}}};
+  value = value["deep"]["deeper"];
+  EXPECT_EQ(value, Value("text"));
+
+  Dictionary dictionary{{"a", 1}};
+  dictionary.set("self", dictionary);
+  EXPECT_EQ(dictionary["self"], Value(Dictionary{{"a", 1}}));
+
+  Array array{1, 2, 3};
+  array.append(array[0]);
+  array.set(0, array);
+  EXPECT_EQ(array[0], Value(Array{1, 2, 3, 1}));
+}
+
+TEST(Value, NumbersAndBooleansAreEqualByValueAndNeverByRounding) {
+  EXPECT_EQ(Value(true), Value(1));
+  EXPECT_EQ(Value(false), Value(0.0));
+  EXPECT_EQ(Value(-0.0), Value(0));
+  EXPECT_NE(Value(true), Value(2));
+  EXPECT_NE(Value(1), Value("1"));
+  EXPECT_NE(Value(0), Value());
+  EXPECT_NE(Value(Date{1}), Value(1));
+
+  // Where doubles are coarser than integers.
+  EXPECT_EQ(Value(0x1p53), Value(int64_t{1} << 53));
+  EXPECT_NE(Value(0x1p53), Value((int64_t{1} << 53) + 1));
+  EXPECT_NE(Value(0x1p63), Value(std::numeric_limits<int64_t>::max()));
+  EXPECT_EQ(Value(-0x1p63), Value(std::numeric_limits<int64_t>::min()));
+  EXPECT_EQ(Value(0x1p63), Value(uint64_t{1} << 63));
+  EXPECT_NE(Value(0x1p64), Value(std::numeric_limits<uint64_t>::max()));
+
+  // The two 64-bit types overlap in their bits, not in their values.
+  EXPECT_NE(Value(-1), Value(std::numeric_limits<uint64_t>::max()));
+  EXPECT_EQ(Value(uint64_t{5}), Value(5));
+  EXPECT_NE(Value(std::nan("")), Value(std::nan("")));
+}
+
+TEST(Value, ContainersAreEqualByContentsWhateverTheirStorage) {
+  const Value one = Dictionary{{"b", Array{1, true}}, {"a", Data("x")}};
+  const Value other = Dictionary{{"a", Data("x")}, {"b", Array{1.0, 1}}};
+  EXPECT_EQ(one, other);
+  EXPECT_FALSE(one.isSameObject(other));
+  EXPECT_NE(one, Value(Dictionary{{"a", Data("x")}}));
+  EXPECT_NE(Value(Array{1, 2}), Value(Array{1, 2, 3}));
+  EXPECT_NE(Value("x"), Value(Data("x")));
+
+  Array emptied;
+  emptied.reserve(8);
+  EXPECT_TRUE(emptied.isSameObject(Array{}));
+  Dictionary removed{{"a", 1}};
+  removed.remove("a");
+  EXPECT_TRUE(removed.isSameObject(Dictionary{}));
+}
+
+TEST(Value, TypedReadingAnswersNothingForOtherKinds) {
+  const Value number = 7;
+  EXPECT_FALSE(number.string() || number.boolean() || number.real() || number.date() || number.uuid());
+  EXPECT_EQ(number.array(), nullptr);
+  EXPECT_TRUE(number["key"].isNone());
+  const Value nested = Dictionary{{"a", Dictionary{{"b", "c"}}}};
+  EXPECT_EQ(nested["a"]["b"].string(), "c");
+  EXPECT_TRUE(nested["a"]["x"]["y"].isNone());
+}
+
+TEST(Value, NumbersConvertByTruncationAndClamping) {
+  EXPECT_EQ(Value(-1.9).integerValue(), -1);
+  EXPECT_EQ(Value(1e300).integerValue(), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(Value(-1e300).integerValue(), std::numeric_limits<int64_t>::min());
+  EXPECT_EQ(Value(std::nan("")).integerValue(), 0);
+  EXPECT_EQ(Value(std::nan("")).unsignedValue(), 0u);
+  EXPECT_EQ(Value(1e300).unsignedValue(), std::numeric_limits<uint64_t>::max());
+  EXPECT_EQ(Value(-1).unsignedValue(), std::numeric_limits<uint64_t>::max());
+  EXPECT_EQ(Value("12").integerValue(), 0);
+}
+
+TEST(Value, TheGenericBooleanReadingFollowsTheFirstTellingCharacter) {
+  for (const char* text : {"YES", "y", " \t+1", "-007", "true", "9x"})
+    EXPECT_TRUE(Value(text).booleanValue()) << text;
+  for (const char* text : {"", "  ", "NO", "0", "+", "-0", "x1"})
+    EXPECT_FALSE(Value(text).booleanValue()) << text;
+  EXPECT_TRUE(Value(-0.5).booleanValue());
+  EXPECT_FALSE(Value(Array{1}).booleanValue());
+}
+
+TEST(Dictionary, BehavesLikeASortedMapUnderRandomChanges) {
+  std::mt19937 random(7);
+  Dictionary dictionary;
+  std::map<std::string, int64_t> model;
+  std::vector<std::pair<Dictionary, std::map<std::string, int64_t>>> snapshots;
+  for (int i = 0; i < 4000; ++i) {
+    const std::string key = "k" + std::to_string(random() % 60);
+    if (random() % 3 == 0) {
+      dictionary.remove(key);
+      model.erase(key);
+    } else {
+      dictionary.set(key, i);
+      model[key] = i;
+    }
+    if (i % 100 == 99) snapshots.emplace_back(dictionary, model);
+  }
+  // What was copied on the way was changed by nothing that came later.
+  for (const auto& [copy, expected] : snapshots) {
+    ASSERT_EQ(copy.size(), expected.size());
+    auto entry = expected.begin();
+    for (const auto& [key, value] : copy) {
+      EXPECT_EQ(key.view(), entry->first);
+      EXPECT_EQ(copy[entry->first], Value(entry->second));
+      ++entry;
+    }
+    EXPECT_TRUE(copy["none such"].isNone());
+  }
+}
+
+TEST(Dictionary, EntriesInAnyOrderAreSortedAndKeysThatStandTwiceAreSeen) {
+  const auto entries = [](std::initializer_list<std::pair<const char*, Value>> list) {
+    std::vector<Dictionary::Entry> all;
+    for (const auto& [key, value] : list) all.push_back({key, value});
+    return all;
+  };
+  EXPECT_EQ(Dictionary::fromEntries(entries({{"b", 1}, {"a", 2}})), (Dictionary{{"a", 2}, {"b", 1}}));
+  EXPECT_FALSE(Dictionary::fromEntries(entries({{"a", 1}, {"b", 2}, {"a", 3}})));
+  EXPECT_FALSE(Dictionary::fromEntries(entries({{"a", Value()}, {"a", 3}})))
+      << "absent or not, it stands twice";
+  EXPECT_EQ(Dictionary::fromEntries(entries({{"b", Value()}, {"a", 3}})), (Dictionary{{"a", 3}}));
+
+  // Few entries and many are sorted differently.
+  for (const int count : {5, 500}) {
+    std::vector<Dictionary::Entry> twice;
+    for (int i = 0; i < 2 * count; ++i) twice.push_back({"k" + std::to_string(i % count), i});
+    const Dictionary last = Dictionary::takingLast(twice);
+    ASSERT_EQ(last.size(), static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) EXPECT_EQ(last["k" + std::to_string(i)], Value(count + i));
+  }
+}
+
+TEST(Value, ThreadsShareStorageWithoutHarm) {
+  const Value shared = Dictionary{{"list", Array{"a", "b"}}, {"text", "x"}};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([shared, t] {
+      for (int i = 0; i < 2000; ++i) {
+        Dictionary mine = *shared.dictionary();
+        mine.set("text", std::to_string(t));
+        Array list = *mine["list"].array();
+        list.append(String::interned("c"));
+        EXPECT_EQ(list.size(), 3u);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(shared["text"], Value("x"));
+}
+
+TEST(String, EqualKeysShareStorageOnceInternedHoweverManyComeBetween) {
+  const String key = String::interned("ZQExtensionAttributes");
+  EXPECT_EQ(String::interned("ZQExtensionAttributes").view().data(), key.view().data());
+  for (int i = 0; i < 100000; ++i) EXPECT_EQ(String::interned(std::to_string(i)).view(), std::to_string(i));
+  EXPECT_EQ(String::interned("ZQExtensionAttributes"), key);
+  const std::string tooLong(1000, 'x');
+  EXPECT_EQ(String::interned(tooLong).view(), tooLong);
+  EXPECT_EQ(String::interned("").size(), 0u);
+}
+
+TEST(Description, IsOneLineForPeople) {
+  const Value value = Dictionary{{"a", Array{1, true, "q\"\\"}}, {"b", 0.1}, {"c", Data("\x01\xFF")}};
+  EXPECT_EQ(value.description(), "{a = (1, true, \"q\\\"\\\\\"); b = 0.1; c = <01ff>}");
+  EXPECT_EQ(Value("plain").description(), "plain");
+  EXPECT_EQ(Value(Date{1795381200}).description(), "2026-11-22 21:00:00 +0000");
+  EXPECT_EQ(Value(Date{1e300}).description().find("nan"), std::string::npos);
+}
+
+TEST(UUID, ReadsOnlyTheCanonicalFormInEitherCase) {
+  const std::string text = "0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0";
+  const std::optional<UUID> uuid = UUID::fromString(text);
+  ASSERT_TRUE(uuid);
+  EXPECT_EQ(uuid->string(), text);
+  EXPECT_EQ(UUID::fromString("0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0"), uuid);
+  for (const char* wrong : {"", "0F1E2D3C4B5A69788796A5B4C3D2E1F0", "0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F",
+                            "0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1FG", "0F1E2D3C-4B5A-6978-8796A-5B4C3D2E1F0",
+                            "{0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0}"}) {
+    EXPECT_FALSE(UUID::fromString(wrong)) << wrong;
+  }
+  EXPECT_NE(UUID::random(), UUID::random());
+  EXPECT_EQ(UUID::random().string()[14], '4');
+}
+
+TEST(URL, JoinsAndSplitsPathsWithoutDoubledSlashes) {
+  const URL app = URL::file("/apps/X.app/");
+  EXPECT_EQ(app.path(), "/apps/X.app");
+  EXPECT_TRUE(app.isDirectory());
+  EXPECT_EQ(app.appending("/Info.plist").path(), "/apps/X.app/Info.plist");
+  EXPECT_EQ(URL::file("/").appending("a").path(), "/a");
+  EXPECT_EQ(app.lastComponent(), "X.app");
+  EXPECT_EQ(app.parent().parent().parent().path(), "/");
+  EXPECT_EQ(URL::file("/a b/%\xC3\xA9").description(), "file:///a%20b/%25%C3%A9");
+}
+
+TEST(Text, OnlyWellFormedTextIsAccepted) {
+  // Each case stands alone and behind and before enough plain text to be reached in whole words.
+  const auto everywhere = [](bool (*isValid)(std::string_view), std::string_view part) {
+    const std::string plain = "plain text, long";
+    const bool alone = isValid(part);
+    EXPECT_EQ(isValid(plain + std::string(part)), alone);
+    EXPECT_EQ(isValid(std::string(part) + plain), alone);
+    EXPECT_EQ(isValid("123" + std::string(part) + plain + plain), alone);
+    return alone;
+  };
+  using namespace std::string_view_literals;
+  for (const auto valid : {"\xC2\x80"sv, "\xDF\xBF"sv, "\xE0\xA0\x80"sv, "\xED\x9F\xBF"sv, "\xEE\x80\x80"sv,
+                           "\xF0\x90\x80\x80"sv, "\xF4\x8F\xBF\xBF"sv, "\x01"sv, "\x7F"sv}) {
+    EXPECT_TRUE(everywhere(isValidText, valid)) << valid;
+  }
+  for (const auto invalid :
+       {"\x80"sv, "\xC1\xBF"sv, "\xC2"sv, "\xE0\x9F\xBF"sv, "\xED\xA0\x80"sv, "\xF0\x8F\xBF\xBF"sv,
+        "\xF4\x90\x80\x80"sv, "\xF5\x80\x80\x80"sv, "\xE2\x82"sv, "\xFF"sv}) {
+    EXPECT_FALSE(everywhere(isValidUTF8, invalid)) << invalid;
+  }
+  EXPECT_TRUE(everywhere(isValidUTF8, "\0"sv));
+  EXPECT_FALSE(everywhere(isValidText, "\0"sv));
+  for (const auto invalid : {"\0"sv, "\x01"sv, "\x1F"sv, "\xEF\xBF\xBE"sv, "\xEF\xBF\xBF"sv})
+    EXPECT_FALSE(everywhere(isValidXMLText, invalid));
+  for (const auto valid : {"\t"sv, "\n"sv, "\r"sv, "\xEF\xBF\xBD"sv, "\x7F"sv})
+    EXPECT_TRUE(everywhere(isValidXMLText, valid));
+}
+
+}  // namespace
+}  // namespace platform
