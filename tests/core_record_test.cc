@@ -1,0 +1,282 @@
+// The record that daemon and clients share: set-up, its three views, its form; and the helpers beneath it.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Ambrel/ABCollections.h"
+#include "Ambrel/ABErrors.h"
+#include "Ambrel/ABPlugInCore.h"
+#include "platform/log/Failure.h"
+#include "tests/support/ThisProcess.h"
+
+namespace {
+
+using namespace ambrel;
+using testsupport::logOf;
+
+using Log = std::vector<std::string>;
+
+const URL kURL = URL::file("/apps/Notes.app/PlugIns/share.appex", true);
+
+Dictionary plugInSection() {
+  return {{"ZQExtensionProtocol", "Sharing"},
+          {"ZQExtensionAttributes", Dictionary{{"ZQExtensionVersion", "2"}}}};
+}
+
+std::shared_ptr<ABPlugInCore> recordOf(Dictionary section, const char* name = "org.notes.share") {
+  return ABPlugInCore::initWithName(name, kURL, Dictionary{{"ZQExtension", std::move(section)}}, {}, {});
+}
+
+class CoreRecord : public testing::Test {
+ protected:
+  void SetUp() override { testsupport::thisDevice(); }
+};
+
+TEST(VersionComparison, OrdersRunsOfDigitsByTheirNumber) {
+  // Each orders before the next.
+  const std::vector<std::string> ascending = {"",
+                                              "-1",
+                                              "/",
+                                              "0",
+                                              "0a",
+                                              "00b",
+                                              "1",
+                                              "1.0",
+                                              "1.0.0",
+                                              "1.2a",
+                                              "1.2b",
+                                              "1.9",
+                                              "1.10",
+                                              "1.10a",
+                                              "2.0",
+                                              "10.0",
+                                              "18446744073709551616",
+                                              "18446744073709551617",
+                                              "99999999999999999999999999999999999999",
+                                              ":",
+                                              "A1",
+                                              "A02",
+                                              "A3",
+                                              "a1",
+                                              "\xC3\xA9",
+                                              "\xEF\xBF\xBD",
+                                              "\xF0\x9F\x98\x80"};
+  for (size_t i = 0; i < ascending.size(); ++i) {
+    for (size_t j = 0; j < ascending.size(); ++j) {
+      EXPECT_TRUE(compareVersionString(ascending[i], ascending[j]) == (i <=> j))
+          << '"' << ascending[i] << "\" and \"" << ascending[j] << '"';
+    }
+  }
+}
+
+TEST(VersionComparison, IgnoresLeadingZeros) {
+  for (const auto& [a, b] :
+       {std::pair("01", "1"), std::pair("1.002", "1.2"), std::pair("000", "0"), std::pair("a007b0", "a7b00")})
+    EXPECT_TRUE(std::is_eq(compareVersionString(a, b))) << a << " and " << b;
+  EXPECT_TRUE(std::is_lt(compareVersionString("2.0", "2.0.0")));
+}
+
+TEST(Collections, TypedLookUpsNeverConvert) {
+  const Dictionary message = {
+      {"array", Array()}, {"dictionary", Dictionary()}, {"text", "a"}, {"list", Array{1, "b"}}};
+  EXPECT_EQ(qmx_dictionary_get_array(message, "array"), Array());
+  EXPECT_EQ(qmx_dictionary_get_array(message, "list"), (Array{1, "b"}));
+  EXPECT_EQ(qmx_dictionary_get_dictionary(message, "dictionary"), Dictionary());
+  for (const char* key : {"text", "dictionary", "missing"})
+    EXPECT_FALSE(qmx_dictionary_get_array(message, key)) << key;
+  for (const char* key : {"text", "array", "missing"})
+    EXPECT_FALSE(qmx_dictionary_get_dictionary(message, key)) << key;
+}
+
+TEST(Collections, AChangedDictionaryIsACopyAndNoneStaysNone) {
+  const Dictionary original = {{"a", 1}, {"b", 2}};
+  EXPECT_EQ(dictionaryChanging(original, "b", 3), (Dictionary{{"a", 1}, {"b", 3}}));
+  EXPECT_EQ(dictionaryChanging(original, "b", Value()), (Dictionary{{"a", 1}}));
+  EXPECT_EQ(dictionaryChanging(original, "c", Value()), original);
+  EXPECT_EQ(original, (Dictionary{{"a", 1}, {"b", 2}}));
+  EXPECT_TRUE(dictionaryChanging(Value(), "a", 1).isNone());
+}
+
+TEST(Collections, MappingDropsNullResults) {
+  const auto evenOnes = [](int number) { return number % 2 == 0 ? Value(number) : Value(); };
+  EXPECT_EQ(arrayWithValues(std::vector{1, 2, 3, 4}, evenOnes), (Array{2, 4}));
+  EXPECT_EQ(arrayWithValues(std::vector{1, 3}, evenOnes), Array());
+  EXPECT_EQ(arrayWithValues(std::vector<int>(), evenOnes), Array());
+}
+
+TEST(Errors, CarryADescriptionOnlyWhenOneIsGiven) {
+  EXPECT_EQ(ABError(4, "text"), (Error{.domain = "Ambrel", .code = 4, .text = "text"}));
+  EXPECT_EQ(ABError(4, std::nullopt).text, std::nullopt);
+  EXPECT_EQ(ABErrorWithFormat(9, "no plugin at %@", std::string("/a%d")).text, "no plugin at /a%d");
+  EXPECT_EQ(ABErrorWithFormat(9, nullptr).text, std::nullopt);
+}
+
+TEST_F(CoreRecord, SetUpFailsForEachMissingPartWithItsMessage) {
+  const Value info = Dictionary{{"ZQExtension", plugInSection()}};
+  const auto setUp = [](const std::optional<String>& name, const std::optional<URL>& url,
+                        const Value& bundleInfo) {
+    return logOf([&] { EXPECT_EQ(ABPlugInCore::initWithName(name, url, bundleInfo, {}, {}), nullptr); });
+  };
+  const std::string path = kURL.path();
+  EXPECT_EQ(setUp("a", {}, info), Log{});
+  EXPECT_EQ(setUp({}, kURL, info), Log{"missing identifier in plug-in at " + path});
+  EXPECT_EQ(setUp("a", kURL, {}), Log{"missing Info dictionary in plug-in a at " + path});
+  const std::string malformed = "malformed plug-in dictionary in plug-in a at " + path + ": ";
+  EXPECT_EQ(setUp("a", kURL, Dictionary{{"k", 1}}), Log{malformed + "{k = 1}"});
+  EXPECT_EQ(setUp("a", kURL, Dictionary{{"ZQExtension", "x"}}), Log{malformed + "{ZQExtension = \"x\"}"});
+  EXPECT_EQ(setUp("a", kURL, "text"), Log{malformed + "text"});
+  for (const Value& multiple :
+       {Value(Dictionary{{"b", Dictionary()}}), Value("x"), Value(Array{"a"}), Value(Dictionary{{"a", 5}})})
+    EXPECT_EQ(setUp("a", kURL, Dictionary{{"ZQExtension", Dictionary{{"Multiple", multiple}}}}).size(), 1u);
+}
+
+TEST_F(CoreRecord, TakesItsDictionaryFromTheBundleWhateverElseItIsGiven) {
+  const auto record = ABPlugInCore::initWithName("a", kURL, Dictionary{{"ZQExtension", plugInSection()}},
+                                                 Dictionary{{"Other", true}}, {});
+  EXPECT_EQ(record->plugInDictionary(), Value(plugInSection()));
+}
+
+TEST_F(CoreRecord, IdentityIsTheUUIDAlone) {
+  const auto uuid = UUID::random();
+  const Dictionary info = {{"ZQExtension", plugInSection()}};
+  const auto a = ABPlugInCore::initWithName("a", kURL, info, {}, uuid);
+  const auto b = ABPlugInCore::initWithName("b", URL::file("/b"), info, {}, uuid);
+  EXPECT_TRUE(a->isEqual(b.get()));
+  EXPECT_EQ(a->hash(), b->hash());
+  EXPECT_FALSE(recordOf(plugInSection())->isEqual(recordOf(plugInSection()).get()));
+  EXPECT_FALSE(a->isEqual(nullptr));
+  const ABPlugInCore empty;
+  EXPECT_FALSE(a->isEqual(&empty));
+  EXPECT_THROW((void)empty.isEqual(a.get()), InternalInconsistency);
+  EXPECT_THROW((void)empty.hash(), InternalInconsistency);
+}
+
+TEST_F(CoreRecord, AChangedViewAppearsInTheViewsAboveIt) {
+  auto record = recordOf(plugInSection());
+  const Dictionary changed = dictionaryChanging(plugInSection(), "Dedicated", true);
+  record->setPlugInDictionary(changed);
+  EXPECT_EQ(record->topDictionary(), Value(changed));
+  EXPECT_EQ(record->bundleInfoDictionary(), Value(Dictionary{{"ZQExtension", changed}}));
+
+  const Dictionary sibling = {{"Sibling", 1}};
+  auto multiplexed = recordOf(
+      {{"Multiple", Dictionary{{"org.notes.share", plugInSection()}, {"sibling", sibling}}}, {"Top", 7}});
+  EXPECT_TRUE(multiplexed->isMultiplexed());
+  multiplexed->setPlugInDictionary(changed);
+  const Dictionary expected = {{"Multiple", Dictionary{{"org.notes.share", changed}, {"sibling", sibling}}},
+                               {"Top", 7}};
+  EXPECT_EQ(multiplexed->topDictionary(), Value(expected));
+  EXPECT_EQ(multiplexed->bundleInfoDictionary()["ZQExtension"], Value(expected));
+
+  ABPlugInCore empty;  // nothing was there, so nothing propagates
+  empty.setTopDictionary(changed);
+  EXPECT_TRUE(empty.bundleInfoDictionary().isNone());
+}
+
+TEST_F(CoreRecord, DerivesItsStyleFromItsDictionaries) {
+  auto record = recordOf({{"ZQExtensionProtocol", "#Data"}, {"Dedicated", 1}, {"EmbeddedCode", false}});
+  EXPECT_TRUE(record->isData());
+  EXPECT_TRUE(record->isDedicated());
+  EXPECT_TRUE(record->isHybrid());
+  EXPECT_TRUE(record->isAppExtension());
+  EXPECT_FALSE(record->isMultiplexed());
+  EXPECT_FALSE(record->oldStyle());
+  EXPECT_EQ(record->embeddedProtocolSpec(), Value("#Data"));
+  EXPECT_EQ(record->timestamp(), Date{0});
+  EXPECT_EQ(record->embeddedCodePath(), std::nullopt);
+
+  auto other =
+      recordOf({{"ZQExtensionProtocol", Array{"#Data"}}, {"EmbeddedProtocol", "E"}, {"Multiple", Value()}});
+  EXPECT_FALSE(other->isData());
+  EXPECT_EQ(other->embeddedProtocolSpec(), Value("E"));
+  const auto upperCase = ABPlugInCore::initWithName("a", URL::file("/a.APPEX"),
+                                                    Dictionary{{"ZQExtension", Dictionary()}}, {}, {});
+  EXPECT_FALSE(upperCase->isAppExtension());
+
+  ABPlugInCore old;
+  EXPECT_FALSE(old.setDictionaries(Dictionary{{"Ambrel", "anything"}}));
+  EXPECT_TRUE(old.oldStyle());
+  EXPECT_THROW((void)ABPlugInCore().oldStyle(), InternalInconsistency);
+}
+
+TEST_F(CoreRecord, AnnotationsChangeOnlyWhenThereAreSome) {
+  auto record = recordOf(plugInSection());
+  record->setAnnotation("election", 1);
+  EXPECT_TRUE(record->annotations().isNone());
+  record->updateFromForm({{"annotations", Dictionary()}});
+  record->setAnnotation("election", 1);
+  EXPECT_EQ(record->annotations(), Value(Dictionary{{"election", 1}}));
+  record->setAnnotation("election", Value());
+  EXPECT_EQ(record->annotations(), Value(Dictionary()));
+  record->updateFromForm({});
+  EXPECT_TRUE(record->annotations().isNone());
+}
+
+TEST_F(CoreRecord, AFormRestoresTheRecord) {
+  auto record = recordOf(plugInSection());
+  record->setOriginalIdentifier("org.notes.first");
+  record->setContainingUrl(URL::file("/apps/Notes.app", true));
+  record->setOnSystemVolume(true);
+  record->setHubProtocolVersion(2);
+  record->setLastModified(-5);
+  record->setLocalizedName("Teilen");
+  record->updateFromForm({{"annotations", Dictionary{{"election", 2}}}});
+  const Dictionary form = record->exportForm();
+
+  const auto restored = ABPlugInCore::initWithForm(form);
+  ASSERT_NE(restored, nullptr);
+  EXPECT_TRUE(restored->isEqual(record.get()));
+  EXPECT_EQ(restored->exportForm(), form);
+  EXPECT_EQ(restored->version(), Value("2"));
+  EXPECT_EQ(restored->containingPath(), "/apps/Notes.app");
+  EXPECT_EQ(restored->localizedShortName(), std::nullopt);
+  EXPECT_FALSE(form.contains("localizedShortName"));
+  EXPECT_FALSE(form.contains("hash"));
+
+  Dictionary signedForm = form;
+  signedForm.set("hash", Data(std::string_view("h")));
+  signedForm.set("requirement", "anchor");
+  EXPECT_EQ(ABPlugInCore::initWithForm(signedForm)->cdhash(), Data(std::string_view("h")));
+  EXPECT_EQ(ABPlugInCore::initWithForm(signedForm)->requirement(), String("anchor"));
+}
+
+TEST_F(CoreRecord, AFormOfABareRecordHasOnlyWhatIsAlwaysThere) {
+  auto record = ABPlugInCore::initWithName(
+      "a", kURL, Dictionary{{"ZQExtension", Dictionary()}, {"BWBundleInfoPlistURL", "file:///x"}}, {}, {});
+  const Dictionary form = record->exportForm();
+  std::string keys;
+  for (const auto& [key, value] : form) keys += std::string(key.view()) + " ";
+  EXPECT_EQ(
+      keys,
+      "annotations bundleInfo hubProtocolVersion identifier info lastmodified path systemResident uuid ");
+  EXPECT_EQ(form["bundleInfo"], Value(Dictionary{{"ZQExtension", Dictionary()}}));
+  EXPECT_EQ(ABPlugInCore::initWithForm(form)->annotations(), Value(Dictionary()));
+}
+
+TEST_F(CoreRecord, ReadsWhatAFormLacksAsItsDefault) {
+  const Dictionary form = {{"path", "/a.appex"},
+                           {"identifier", "a"},
+                           {"uuid", "no UUID"},
+                           {"info", Dictionary{{"Dedicated", true}}},
+                           {"bundleInfo", Dictionary{{"ZQExtension", plugInSection()}}}};
+  const auto record = ABPlugInCore::initWithForm(form);
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->hubProtocolVersion(), 1u);
+  EXPECT_EQ(record->lastModified(), 0);
+  EXPECT_FALSE(record->onSystemVolume());
+  EXPECT_FALSE(record->isDedicated());
+  EXPECT_TRUE(record->annotations().isNone());
+  EXPECT_FALSE(record->isEqual(ABPlugInCore::initWithForm(form).get()));
+
+  for (const char* required : {"path", "identifier", "bundleInfo"}) {
+    Dictionary broken = form;
+    broken.remove(required);
+    const size_t messages = logOf([&] { EXPECT_EQ(ABPlugInCore::initWithForm(broken), nullptr); }).size();
+    EXPECT_EQ(messages, std::string_view(required) == "path" ? 0u : 1u) << required;
+  }
+  EXPECT_EQ(ABPlugInCore::initWithForm(dictionaryChanging(form, "path", "relative")), nullptr);
+}
+
+}  // namespace

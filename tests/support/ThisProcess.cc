@@ -1,0 +1,36 @@
+#include "tests/support/ThisProcess.h"
+
+#include <cstdlib>
+#include <sstream>
+
+namespace testsupport {
+
+const DeviceRoot& thisDevice() {
+  static const DeviceRoot* device = [] {
+    static const DeviceRoot root;
+    for (const std::string& variable : root.environment()) {
+      const size_t equals = variable.find('=');
+      setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
+    }
+    setenv("ABD_LOG", "stderr", 1);
+    return &root;
+  }();
+  return *device;
+}
+
+std::vector<std::string> logEntries(const std::string& standardError) {
+  std::vector<std::string> entries;
+  std::istringstream lines(standardError);
+  for (std::string line; std::getline(lines, line);) {
+    const size_t prefix = line.find("]: ");
+    entries.push_back(prefix == std::string::npos ? line : line.substr(prefix + 3));
+  }
+  return entries;
+}
+
+unsigned testSeed() {
+  const char* given = std::getenv("ABD_SEED");
+  return given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : 20261122u;
+}
+
+}  // namespace testsupport

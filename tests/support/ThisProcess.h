@@ -1,0 +1,32 @@
+#pragma once
+
+// The test process itself on a device root of its own, for tests that call the libraries directly. The first
+// use makes the device and sets this process's variables, before the platform layer reads them.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/DeviceRoot.h"
+
+namespace testsupport {
+
+const DeviceRoot& thisDevice();
+
+/// Lines of this process's log, without their prefixes, out of what was written to standard error.
+std::vector<std::string> logEntries(const std::string& standardError);
+
+/// What `work` writes to the log.
+template <typename F>
+std::vector<std::string> logOf(F work) {
+  testing::internal::CaptureStderr();
+  work();
+  return logEntries(testing::internal::GetCapturedStderr());
+}
+
+/// The seed of random tests; ABD_SEED sets another one.
+unsigned testSeed();
+
+}  // namespace testsupport
