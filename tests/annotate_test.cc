@@ -1,0 +1,306 @@
+// "annotate": what is stored, where it shows, and that what was answered survives kills, full disks and
+// directories that cannot be written.
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <random>
+
+#include "platform/propertylist/PropertyList.h"
+#include "tests/support/Daemon.h"
+
+namespace testsupport {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Annotate : public testing::Test {
+ protected:
+  void start(Daemon::Options options = {}) {
+    daemon.reset();
+    daemon.emplace(root, std::move(options));
+    client.emplace(daemon->connect());
+  }
+  Dictionary annotate(const std::vector<UUID>& uuids, const Value& annotations) {
+    Dictionary body = message("annotate", {{"uuids", uuidArray(uuids)}});
+    body.set("annotations", annotations);
+    return client->call(body);
+  }
+  std::string elect(const UUID& uuid, const Value& election) {
+    return errorOf(annotate({uuid}, Dictionary{{"election", election}}));
+  }
+  Value annotationsInForm(const char* identifier) {
+    return formOf(match(*client), identifier)["annotations"];
+  }
+  std::string elected(const char* pattern) {
+    return identifiers(match(*client, Dictionary{{"ZQUserElection", pattern}}));
+  }
+
+  const DeviceRoot root;
+  std::optional<Daemon> daemon;
+  std::optional<WireClient> client;
+};
+
+TEST_F(Annotate, AnElectionIsStoredLoggedAnnouncedAndShownInForms) {
+  root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}, {.identifier = "c"}});
+  start();
+  EXPECT_FALSE(fs::exists(root.annotationFile())) << "nothing is written before the first change";
+  const UUID a = uuidOf(*client, "a"), b = uuidOf(*client, "b");
+  EXPECT_EQ(Value(annotate({a, b}, Dictionary{{"election", 1}, {"Other", "dropped"}})), Value(Dictionary()));
+  const std::string line = "client " + std::to_string(getpid()) + " plug-in ";
+  EXPECT_TRUE(daemon->logs(line + "a election := 1") && daemon->logs(line + "b election := 1"));
+  EXPECT_EQ(root.changeNotifications(), 2u);
+  const Value record = Dictionary{{"election", 1}};
+  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"a", record}, {"b", record}}));
+  EXPECT_EQ(annotationsInForm("a"), record);
+  EXPECT_EQ(annotationsInForm("c"), Value(Dictionary()));
+  EXPECT_EQ(elected("1"), "a b");
+  EXPECT_EQ(elected("0"), "c");
+
+  const Value extension = Dictionary{{"Note", "kept ☃ \n"}, {"List", Array{1, 2.5, false, Dictionary()}}};
+  EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"extension", extension}})), "");
+  EXPECT_TRUE(daemon->logs(line + "a election := (null)"));
+  EXPECT_EQ(annotationsInForm("a"), Value(Dictionary{{"election", 1}, {"extension", extension}}));
+  EXPECT_EQ(elect(a, 257), "");
+  EXPECT_EQ(annotationsInForm("a"), Value(Dictionary{{"election", 257}, {"extension", extension}}));
+  EXPECT_EQ(elected("1"), "a b") << "only the low bits count";
+
+  start();
+  EXPECT_EQ(annotationsInForm("a"), Value(Dictionary{{"election", 257}, {"extension", extension}}));
+  struct stat file = {};
+  ASSERT_EQ(stat(root.annotationFile().c_str(), &file), 0);
+  EXPECT_EQ(file.st_mode & 0777, 0644u);
+  ASSERT_EQ(stat(fs::path(root.annotationFile()).parent_path().c_str(), &file), 0);
+  EXPECT_EQ(file.st_mode & 0777, 0700u);
+}
+
+TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
+  root.install("A.app", {{.identifier = "a"}});
+  start();
+  const UUID a = uuidOf(*client, "a");
+  const Value good = Dictionary{{"k", 1}};
+  for (const Value& wrong : {Value(), Value("text"), Value(Array{1}), Value(5)})
+    EXPECT_EQ(errorOf(annotate({a}, wrong)), "4: invalid request format (bad annotations dictionary)");
+  for (const Value& election : {Value("1"), Value(Dictionary()), Value(UUID::random()), Value(std::nan("")),
+                                Value(std::numeric_limits<double>::infinity())})
+    EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"election", election}, {"extension", good}})),
+              "4: invalid request format (annotation election)");
+  for (const Value& extension :
+       {Value("text"), Value(Array()), Value(1), Value(Dictionary{{"id", UUID::random()}}),
+        Value(Dictionary{{"bell", "\a"}}), Value(Dictionary{{"\x01", 1}}),
+        Value(Dictionary{{"deep", Array{std::nan("")}}})})
+    EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"election", 1}, {"extension", extension}})),
+              "4: invalid request format (annotation extension)")
+        << extension.description();
+  EXPECT_EQ(Value(client->call(message("annotate", {{"annotations", Dictionary{{"Else", 1}}}}))),
+            Value(Dictionary()))
+      << "without a known entry the list is not read";
+  EXPECT_FALSE(fs::exists(root.annotationFile()));
+  EXPECT_EQ(root.changeNotifications(), 0u);
+  EXPECT_FALSE(daemon->logs("election :="));
+
+  EXPECT_EQ(elect(a, true), "") << "a boolean is a number";
+  EXPECT_EQ(annotationsInForm("a")["election"], Value(1));
+  EXPECT_EQ(elect(a, -7), "");
+  EXPECT_EQ(elect(a, 2.0), "");
+  EXPECT_EQ(annotationsInForm("a")["election"], Value(2));
+}
+
+TEST_F(Annotate, WhatCameBeforeABadEntryStays) {
+  root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
+  start();
+  const UUID a = uuidOf(*client, "a"), b = uuidOf(*client, "b");
+  EXPECT_EQ(errorOf(annotate({a, UUID::random(), b}, Dictionary{{"election", 2}})),
+            "4: no such plugin (uuid not found)");
+  EXPECT_EQ(elected("2"), "a");
+  EXPECT_EQ(root.changeNotifications(), 1u);
+  EXPECT_EQ(errorOf(client->call(message(
+                "annotate", {{"uuids", Array{b, "text"}}, {"annotations", Dictionary{{"election", 2}}}}))),
+            "4: invalid request (bad uuid array)");
+  EXPECT_EQ(elected("2"), "a b");
+}
+
+TEST_F(Annotate, TheDeepestExtensionThatIsTakenIsReadBackAndOneDeeperIsRefused) {
+  root.install("A.app", {{.identifier = "a"}});
+  start();
+  const UUID a = uuidOf(*client, "a");
+  const auto nested = [](int depth) {
+    Value value = 1;
+    for (int i = 0; i < depth; ++i) value = Dictionary{{"k", value}};
+    return value;
+  };
+  EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"extension", nested(478)}})),
+            "4: invalid request format (annotation extension)");
+  EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"extension", nested(477)}})), "");
+  EXPECT_EQ(annotationsInForm("a")["extension"], nested(477));
+  start();
+  EXPECT_EQ(annotationsInForm("a")["extension"], nested(477));
+}
+
+TEST_F(Annotate, APlugInAndItsReplacementShareTheirElection) {
+  const std::string application = root.install(
+      "A.app", {{.identifier = "old"},
+                {.identifier = "new", .entitlements = {{"com.veltra.developer.replace-plugin", "old"}}}});
+  start();
+  EXPECT_EQ(elect(uuidOf(*client, "new"), 2), "");
+  EXPECT_EQ(elected("2"), "new old");
+  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"old", Dictionary{{"election", 2}}}}));
+  fs::rename(application, root.path() + "/away");
+  ASSERT_TRUE(eventually([&] { return match(*client).empty(); }));
+  fs::rename(root.path() + "/away", application);
+  ASSERT_TRUE(eventually([&] { return match(*client).size() == 2; }));
+  EXPECT_EQ(elected("2"), "new old") << "an uninstall touches no annotation";
+}
+
+TEST_F(Annotate, PlugInsThatElectThemselvesAreElectedWithoutAnnouncement) {
+  root.install("A.app",
+               {{.identifier = "auto", .entitlements = {{"com.veltra.developer.auto-elect-plugin", true}}}});
+  start();
+  EXPECT_EQ(elected("1"), "auto");
+  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"auto", Dictionary{{"election", 1}}}}));
+  EXPECT_EQ(root.changeNotifications(), 0u);
+  EXPECT_EQ(elect(uuidOf(*client, "auto"), 2), "");
+  start();
+  EXPECT_EQ(elected("2"), "auto") << "an election that was made stays";
+}
+
+TEST_F(Annotate, ARejectedFileIsReportedAndStaysUntilTheFirstChange) {
+  root.install("A.app", {{.identifier = "a"}});
+  const Value outdated =
+      Dictionary{{"version", 15}, {"data", Dictionary{{"a", Dictionary{{"election", 9}}}}}};
+  writePropertyList(root.annotationFile(), outdated);
+  start();
+  EXPECT_TRUE(daemon->logs("unable to load annotation database:file://" + root.annotationFile() + " error:"));
+  EXPECT_TRUE(daemon->logs("found database version 15 needed version 16"));
+  EXPECT_EQ(annotationsInForm("a"), Value(Dictionary()));
+  EXPECT_EQ(Value(*readDictionaryFile(root.annotationFile())), outdated);
+  EXPECT_EQ(elect(uuidOf(*client, "a"), 1), "");
+  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"a", Dictionary{{"election", 1}}}}));
+}
+
+TEST_F(Annotate, ARelativeFileLiesWhereTheDaemonWasStarted) {
+  root.install("A.app", {{.identifier = "a"}});
+  start({.arguments = {"-d", "mine.plist"}, .directory = root.path()});
+  EXPECT_EQ(elect(uuidOf(*client, "a"), 1), "");
+  EXPECT_EQ((*readDictionaryFile(root.path() + "/mine.plist"))["version"], Value(16));
+  EXPECT_FALSE(fs::exists(root.state() + "/com.veltra.ambrel"));
+}
+
+// What cannot be saved is kept, logged, and saved with the next change.
+
+class SavingFails : public Annotate {
+ protected:
+  ~SavingFails() override {
+    daemon.reset();
+    if (isMounted) umount2(directory.c_str(), MNT_DETACH);
+  }
+  /// A small file system of its own for the annotation file; false when this user may not make one.
+  bool mountSmall() {
+    fs::create_directories(directory);
+    isMounted = mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=64k") == 0;
+    return isMounted;
+  }
+  void expectKeptUntilItCanBeSaved(const std::function<void()>& breakIt,
+                                   const std::function<void()>& mendIt) {
+    root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
+    start();
+    const UUID a = uuidOf(*client, "a"), b = uuidOf(*client, "b");
+    ASSERT_EQ(elect(a, 1), "");
+    const std::string before = readText(root.annotationFile());
+    breakIt();
+    EXPECT_EQ(elect(a, 2), "") << "a failed save does not change the reply";
+    EXPECT_EQ(daemon->logCount("unable to save annotations:file://" + root.annotationFile() + " error:"), 1u);
+    EXPECT_EQ(annotationsInForm("a")["election"], Value(2));
+    EXPECT_EQ(readText(root.annotationFile()), before) << "the old file is intact";
+    mendIt();
+    EXPECT_EQ(elect(b, 3), "");
+    EXPECT_EQ(Value(root.storedAnnotations()),
+              Value(Dictionary{{"a", Dictionary{{"election", 2}}}, {"b", Dictionary{{"election", 3}}}}));
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1)
+        << "no temporary file is left";
+    EXPECT_EQ(daemon->logCount("unable to save annotations:"), 1u);
+  }
+  const std::string directory = fs::path(root.annotationFile()).parent_path();
+  bool isMounted = false;
+};
+
+TEST_F(SavingFails, OnAFullDisk) {
+  if (!mountSmall()) GTEST_SKIP() << "no file system can be mounted here";
+  const std::string filler = directory + "/filler";
+  expectKeptUntilItCanBeSaved([&] { writeText(filler, std::string(1 << 20, 'x')); },
+                              [&] { fs::remove(filler); });
+}
+
+TEST_F(SavingFails, InADirectoryThatCannotBeWritten) {
+  if (getuid() != 0) {
+    expectKeptUntilItCanBeSaved([&] { chmod(directory.c_str(), 0500); },
+                                [&] { chmod(directory.c_str(), 0700); });
+    return;
+  }
+  if (!mountSmall()) GTEST_SKIP() << "no file system can be mounted here";
+  const auto remount = [&](unsigned long flags) {
+    ASSERT_EQ(mount(nullptr, directory.c_str(), nullptr, MS_REMOUNT | flags, nullptr), 0);
+  };
+  expectKeptUntilItCanBeSaved([&] { remount(MS_RDONLY); }, [&] { remount(0); });
+}
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int kKills = 30;
+#else
+constexpr int kKills = 200;
+#endif
+
+TEST_F(Annotate, WhatWasAnsweredSurvivesAKillAtAnyMoment) {
+  const std::vector<std::string> names = {"a", "b", "c"};
+  root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}, {.identifier = "c"}});
+  start({.arguments = {}});
+  std::vector<UUID> uuids;
+  for (const std::string& name : names) uuids.push_back(uuidOf(*client, name));
+  std::mt19937 random(42);
+  std::map<std::string, int64_t> answered;
+  int64_t serial = 0;
+  size_t answers = 0;
+  for (int kill = 0; kill < kKills; ++kill) {
+    std::map<uint64_t, int64_t> sent;
+    for (int i = 0; i < 48; ++i) {
+      ++serial;
+      const uint64_t id = client->send(message(
+          "annotate", {{"uuids", uuidArray({uuids[static_cast<size_t>(serial % 3)]})},
+                       {"annotations",
+                        Dictionary{{"election", serial}, {"extension", Dictionary{{"Serial", serial}}}}}}));
+      sent[id] = serial;
+    }
+    usleep(static_cast<useconds_t>(random() % 15'000));
+    daemon->kill();
+    while (const std::optional<Frame> reply = client->receive(std::chrono::milliseconds(0))) {
+      const int64_t number = sent.at(reply->id);
+      answered[names[static_cast<size_t>(number % 3)]] = number;
+      ++answers;
+    }
+    const Dictionary stored = root.storedAnnotations();
+    for (const auto& [name, number] : answered) {
+      const Value& record = stored[name];
+      ASSERT_GE(record["election"].integerValue(), number) << name << " after kill " << kill;
+      ASSERT_EQ(record["extension"]["Serial"], record["election"]) << "a torn record";
+    }
+    daemon->start();
+    client.emplace(daemon->connect());
+    ASSERT_FALSE(daemon->logs("unable to load annotation database")) << "after kill " << kill;
+    ASSERT_EQ(std::distance(fs::directory_iterator(fs::path(root.annotationFile()).parent_path()),
+                            fs::directory_iterator()),
+              fs::exists(root.annotationFile()) ? 1 : 0)
+        << "left-over temporary files are swept";
+  }
+  EXPECT_GT(answers, static_cast<size_t>(kKills)) << "kills came while requests were being answered";
+  for (const std::string& name : names)
+    EXPECT_EQ(annotationsInForm(name.c_str()), root.storedAnnotations()[name]);
+}
+
+}  // namespace
+}  // namespace testsupport
