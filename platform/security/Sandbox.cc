@@ -1,15 +1,16 @@
 #include "platform/security/Sandbox.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <variant>
+#include <string_view>
 
-#include "platform/propertylist/PropertyList.h"
 #include "platform/security/TokenSeal.h"
 #include "platform/system/Directories.h"
 #include "platform/system/FileDescriptor.h"
@@ -25,25 +26,61 @@ struct OpenedFile {
   uint64_t device = 0, inode = 0;
 };
 
-/// One open, and everything else is asked of what was opened, so that nobody can swap the file in between.
-/// Far fewer system calls than resolving each component of the path. errno on failure.
-std::optional<OpenedFile> openFile(const std::string& path) {
-  OpenedFile file;
-  file.descriptor = FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
-  struct stat status {};
-  if (!file.descriptor || fstat(file.descriptor.get(), &status) != 0) return std::nullopt;
-  file.device = status.st_dev;
-  file.inode = status.st_ino;
+/// Whether no other text can be shorter for the same path: absolute, no empty component, no "." and "..".
+bool isPlain(std::string_view path) {
+  if (path.size() < 2 || path.front() != '/' || path.back() == '/') return false;
+  for (size_t slash = 0; slash != std::string_view::npos; slash = path.find('/', slash + 1)) {
+    const std::string_view rest = path.substr(slash + 1);
+    const std::string_view component = rest.substr(0, rest.find('/'));
+    if (component.empty() || component == "." || component == "..") return false;
+  }
+  return true;
+}
+
+/// Opens `path` unless a symbolic link stands in it, so that a plain path that opens is canonical.
+FileDescriptor openWithoutLinks(const std::string& path) {
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  return FileDescriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
+}
+
+/// The path that the kernel knows an open file by; "" and errno when there is none.
+std::string pathOfDescriptor(int fd) {
   char link[32] = "/proc/self/fd/";
-  *std::to_chars(link + 14, link + sizeof link - 1, file.descriptor.get()).ptr = '\0';
+  *std::to_chars(link + 14, link + sizeof link - 1, fd).ptr = '\0';
   char target[PATH_MAX + 1];
   const ssize_t length = readlink(link, target, sizeof target);
-  if (length < 0) return std::nullopt;
-  if (status.st_nlink == 0 || length > PATH_MAX || target[0] != '/') {
+  if (length < 0) return {};
+  if (length > PATH_MAX || target[0] != '/') {
     errno = length > PATH_MAX ? ENAMETOOLONG : ENOENT;
+    return {};
+  }
+  return std::string(target, static_cast<size_t>(length));
+}
+
+/// One open, and everything else is asked of what was opened, so that nobody can swap the file in between.
+/// The usual path is canonical already, which costs no further question. errno on failure.
+std::optional<OpenedFile> openFile(const std::string& path) {
+  OpenedFile file;
+  if (isPlain(path)) {
+    file.descriptor = openWithoutLinks(path);
+    if (file.descriptor) file.canonicalPath = path;
+  }
+  if (!file.descriptor) {
+    file.descriptor = FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
+    if (file.descriptor) file.canonicalPath = pathOfDescriptor(file.descriptor.get());
+  }
+  struct stat status {};
+  if (!file.descriptor || file.canonicalPath.empty() || fstat(file.descriptor.get(), &status) != 0)
+    return std::nullopt;
+  // The kernel's own mark on the path of a file that has lost its name.
+  if (status.st_nlink == 0 && file.canonicalPath.ends_with(" (deleted)")) {
+    errno = ENOENT;
     return std::nullopt;
   }
-  file.canonicalPath.assign(target, static_cast<size_t>(length));
+  file.device = status.st_dev;
+  file.inode = status.st_ino;
   return file;
 }
 
@@ -144,7 +181,8 @@ std::optional<std::string> verifyReadToken(const std::string& token) {
 bool isSandboxed(pid_t pid) {
   if (pid <= 0) return true;
   const Confinement theirs = confinementOf(std::to_string(pid));
-  const Confinement ours = confinementOf("self");
+  static const Confinement first = confinementOf("self");
+  const Confinement ours = first.isKnown ? first : confinementOf("self");
   if (!theirs.isKnown || !ours.isKnown) return true;
   if (theirs.user != ours.user || theirs.mount != ours.mount || theirs.pid != ours.pid) return true;
   if (theirs.seccompMode == 0) return false;

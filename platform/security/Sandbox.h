@@ -25,7 +25,7 @@ std::optional<std::string> issueReadTokenInside(const std::string& root, const s
 std::optional<std::string> verifyReadToken(const std::string& token);
 
 /// Whether the process is confined: more seccomp filters than this process, or another user, mount or pid
-/// namespace; when in doubt, true.
+/// namespace; when in doubt, true. This process is taken as it was when this was first asked.
 bool isSandboxed(pid_t pid);
 
 }  // namespace platform
