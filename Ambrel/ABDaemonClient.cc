@@ -18,8 +18,8 @@ std::string eventText(const qmx::Event& event) {
 
 }  // namespace
 
-// The queue belongs to the connection, too (through its context), so that both may outlive this object by the
-// last events.
+// The queue belongs to the connection, too (through its context): whoever else holds the connection keeps it
+// usable.
 ABDaemonClient::ABDaemonClient(const char* serviceName)
     : replyQueue_(std::make_shared<SerialQueue>("abd_client", RunLoop::background())),
       abd_(qmx::Connection::connect(serviceName != nullptr ? serviceName : kDefaultServiceName,
@@ -27,10 +27,6 @@ ABDaemonClient::ABDaemonClient(const char* serviceName)
   abd_->setContext(replyQueue_);
   abd_->setEventHandler([](qmx::Event&& event) { systemLog("Communications error: %@", eventText(event)); });
   abd_->resume();
-}
-
-ABDaemonClient::~ABDaemonClient() {
-  abd_->cancel();
 }
 
 Dictionary ABDaemonClient::request(const char* name) const {

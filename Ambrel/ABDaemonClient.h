@@ -4,8 +4,9 @@
 // request. Each call sends one message and hands the raw reply to the caller's closure on the library's own
 // serial queue "abd_client", in the order in which replies arrive; a closure must not wait for another reply
 // of the same client. Calls: any thread. The connection lives as long as this object; it connects anew with
-// the next request after it broke. Replies that have not come when the object is destroyed are answered with
-// connectionInvalid.
+// the next request after it broke. When the object is destroyed, what has not come yet is answered with
+// connectionInvalid or dropped, a running closure is waited for (unless it is the one that destroys the
+// object), and none runs afterwards.
 
 #include <atomic>
 #include <cstdint>
@@ -34,7 +35,6 @@ class ABDaemonClient {
 
   /// initWithServiceName: connects to the named service (null: the default one).
   explicit ABDaemonClient(const char* serviceName = nullptr);
-  ~ABDaemonClient();
   ABDaemonClient(const ABDaemonClient&) = delete;
   ABDaemonClient& operator=(const ABDaemonClient&) = delete;
 
