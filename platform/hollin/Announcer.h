@@ -1,0 +1,56 @@
+#pragma once
+
+// Delivers announcements to observers on a thread of its own, in the order in which they were enqueued. An
+// observer hears of what was enqueued after it was added. Lives as long as its registry; any thread.
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/hollin/HLApplicationWorkspace.h"
+
+namespace platform::hollin {
+
+class Announcer {
+ public:
+  Announcer() = default;
+  /// Announcements that were not delivered are dropped.
+  ~Announcer();
+  Announcer(const Announcer&) = delete;
+  Announcer& operator=(const Announcer&) = delete;
+
+  void addObserver(HLApplicationWorkspaceObserverProtocol* observer);
+  /// Waits for a running call of the observer, unless that call is where this is called from.
+  void removeObserver(HLApplicationWorkspaceObserverProtocol* observer);
+
+  /// Never waits for an observer. Uninstalls are told before installs.
+  void enqueue(HLProxyList uninstalled, HLProxyList installed);
+
+ private:
+  struct Announcement {
+    uint64_t number;
+    HLProxyList uninstalled, installed;
+  };
+  struct Observer {
+    HLApplicationWorkspaceObserverProtocol* observer;
+    uint64_t since;  // the number of the first announcement that it hears
+  };
+
+  void run();
+  void deliver(const Announcement& announcement, std::unique_lock<std::mutex>& lock);
+
+  std::mutex mutex_;
+  // Guarded by mutex_.
+  std::condition_variable changed_;
+  std::deque<Announcement> pending_;
+  std::vector<Observer> observers_;
+  HLApplicationWorkspaceObserverProtocol* called_ = nullptr;  // the observer that is being called
+  uint64_t next_ = 0;
+  bool isStopping_ = false;
+  std::thread thread_;  // started with the first observer
+};
+
+}  // namespace platform::hollin

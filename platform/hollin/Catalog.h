@@ -1,0 +1,155 @@
+#pragma once
+
+// All bundles that the registry knows, and the indexes over their registered plug-ins, in memory. Queries
+// hold the one lock only to copy references, never while a filter or an observer runs; nothing here touches
+// a file or the database. Changes are announced in the order in which they become visible, and become
+// visible before they are announced. Any thread; shared by the registry and its application proxies.
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/hollin/Announcer.h"
+#include "platform/hollin/Locations.h"
+#include "platform/hollin/Postings.h"
+#include "platform/hollin/Proxies.h"
+#include "platform/hollin/Registration.h"
+
+namespace platform::hollin {
+
+/// What was seen of a bundle on disk.
+struct Sighting {
+  String path;
+  std::shared_ptr<const BundleFacts> facts;  // null: there is no bundle
+  String entry;                              // where a scan found it; empty when none did
+};
+
+class Catalog : public std::enable_shared_from_this<Catalog> {
+ public:
+  /// What applying sightings led to.
+  struct Outcome {
+    std::vector<std::shared_ptr<const PlugInProxy>> registered;  // now, not restored
+    std::vector<Sighting> stale;  // the bundle was registered or unregistered since: look again
+  };
+
+  /// The announcer outlives the catalog.
+  Catalog(Announcer& announcer, std::shared_ptr<const Surroundings> surroundings);
+
+  // Queries.
+  std::shared_ptr<const HLProxyList> all() const;
+  HLProxyList find(const std::vector<std::string>* identifiers, const std::vector<std::string>* protocols,
+                   const std::string* version) const;
+  std::shared_ptr<const HLAmbrelProxy> withUUID(const UUID& uuid) const;
+  /// The plug-in with the lowest identifier of the bundle at a canonical path, or null.
+  std::shared_ptr<const HLAmbrelProxy> lowestAt(std::string_view path) const;
+  /// Plug-ins within an application, in order of path, then identifier.
+  HLProxyList within(std::string_view application) const;
+  /// The proxy of an application that contains registered plug-ins, or null.
+  std::shared_ptr<const HLApplicationProxy> application(std::string_view path) const;
+
+  // Changes. `now` is in seconds since 1970; `since` is the value that clock() had before the disk was read.
+  std::shared_ptr<const Locations> locations() const;
+  void setLocations(std::shared_ptr<const Locations> locations);
+  /// Takes over what was stored; the plug-ins appear when their bundles are sighted. Once, at first.
+  void restore(std::vector<Registration> registrations);
+  uint64_t clock() const;
+  /// The facts of a bundle that has not changed since it was last seen, or null.
+  std::shared_ptr<const BundleFacts> unchanged(std::string_view path, const FileIdentity& info,
+                                               const FileIdentity& entitlements) const;
+  /// Whether a sighting (facts as unchanged() found them, or null) would change anything.
+  bool isNews(const Sighting& sighting) const;
+  void apply(std::span<const Sighting> sightings, uint64_t since, double now, Outcome& outcome);
+  /// Registers a bundle on demand; by path unless `sighting.entry` says that scans find it too.
+  void registerBundle(const Sighting& sighting, uint64_t since, double now, Outcome& outcome);
+  /// False when nothing is registered at that path.
+  bool unregisterBundle(std::string_view path, double now);
+
+  struct Missing {
+    String path, entry;
+    bool isByPath;
+  };
+  /// Bundles that are not in `found`: all, or those that a scan found in one of `entries`.
+  std::vector<Missing> missing(const std::unordered_set<std::string_view>& found,
+                               const std::unordered_set<std::string_view>* entries) const;
+  /// Paths that are registered by path.
+  std::vector<String> registeredByPath() const;
+
+  // SDKs: their names count for the plug-ins that name them.
+  /// Which of the SDKs that `facts` name are not known yet, and the generation to hand to addSDK().
+  std::vector<String> unknownSDKs(const BundleFacts& facts, uint64_t& generation) const;
+  /// False when SDKs changed since: read it again.
+  bool addSDK(const String& name, SDKFacts facts, uint64_t generation);
+  /// Names of all SDKs in use; what others read until now does not count any more.
+  std::vector<String> beginSDKRefresh();
+  void setSDK(const String& name, SDKFacts facts);
+
+  // The store. What changed is taken, written, and given back when that failed.
+  std::vector<Registration> takeUnsaved(size_t most);
+  void giveBackUnsaved(const std::vector<Registration>& registrations);
+  /// Everything is to be written again.
+  void markAllUnsaved();
+
+ private:
+  struct State : Registration {
+    std::vector<std::shared_ptr<PlugInProxy>> proxies;  // in order of identifier; empty when not registered
+    String entry;                                       // where the last scan found it
+    uint64_t changed = 0;                               // on the clock
+    bool isUnsaved = false;
+  };
+  struct Application {
+    std::shared_ptr<const ApplicationProxy> proxy;
+    std::vector<const State*> bundles;  // with registered plug-ins
+  };
+  struct SDK {
+    SDKFacts facts;
+    bool isKnown = false;
+    Postings plugIns;
+  };
+  struct Change {
+    HLProxyList uninstalled, installed;
+    Outcome* outcome;
+    double now;
+  };
+
+  State* find(std::string_view path);
+  State& findOrAdd(const String& path);
+  void settle(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
+  void miss(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
+  void assignSlots(State& state, double now);
+  void wake(State& state, Change& change);
+  void retire(State& state, Change& change);
+  void enter(const std::shared_ptr<PlugInProxy>& proxy);
+  void remove(const PlugInProxy& proxy);
+  const std::shared_ptr<const ApplicationProxy>& applicationFor(const State& state, std::string_view path);
+  void touch(State& state);
+  void indexSDKNames();
+  bool hasName(const PlugInProxy& proxy, std::string_view name) const;
+  HLProxyList findByIdentifier(const std::vector<std::string>& identifiers) const;
+  HLProxyList findByName(const std::vector<std::string>& names) const;
+
+  Announcer& announcer_;
+  const std::shared_ptr<const Surroundings> surroundings_;
+
+  mutable std::mutex mutex_;
+  // Guarded by mutex_.
+  std::shared_ptr<const Locations> locations_;
+  StringMap<State> states_;  // by path
+  StringMap<Application> applications_;
+  std::unordered_map<UUID, std::shared_ptr<PlugInProxy>> byUUID_;
+  StringMap<Postings> byIdentifier_, byName_;
+  StringMap<SDK> sdks_;
+  StringMap<std::vector<String>> sdksByName_;
+  Postings plugIns_;                                // all
+  mutable std::shared_ptr<const HLProxyList> all_;  // made when asked for
+  uint64_t clock_ = 0, sdkGeneration_ = 0;
+  int64_t lastRow_ = 0;
+  std::vector<String> unsaved_;
+};
+
+}  // namespace platform::hollin

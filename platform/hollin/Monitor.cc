@@ -1,0 +1,345 @@
+// Events only mark what to look at: an entry of an "Applications" directory, a bundle registered by path, the
+// SDKs, or everything. What is marked is looked at when no event came for the quiet period, all that is due
+// at once, so that a thousand installs are one batch. Watches of an entry are renewed by the scan that looks
+// at it, each directory before it is listed, so that nothing happens unseen between listing and watching.
+
+#include "platform/hollin/Monitor.h"
+
+#include <fts.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "platform/hollin/PlatformThread.h"
+#include "platform/log/Failure.h"
+#include "platform/log/Log.h"
+
+namespace platform::hollin {
+
+namespace {
+
+/// A tree with more files than this is not asked for its activity to the end.
+constexpr int kMostFilesAsked = 20000;
+/// Slack between the times of files, which come from a coarser clock, and events.
+constexpr int64_t kBusyNanoseconds = std::chrono::nanoseconds(kQuietPeriod).count() * 5 / 6;
+
+int64_t nanoseconds(const timespec& time) {
+  return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+}
+
+int64_t wallClock() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return nanoseconds(now);
+}
+
+/// Whether something in the tree at `path` changed just now. Directories deep in an application are not
+/// watched; this is how copying into them is noticed.
+bool isActive(const std::string& path) {
+  std::string root = path;
+  char* const roots[] = {root.data(), nullptr};
+  const std::unique_ptr<FTS, int (*)(FTS*)> tree(
+      fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR | FTS_XDEV, nullptr), &fts_close);
+  if (tree == nullptr) return false;
+  const int64_t now = wallClock();
+  for (int i = 0; i < kMostFilesAsked; i++) {
+    const FTSENT* file = fts_read(tree.get());
+    if (file == nullptr) return false;
+    if (file->fts_info == FTS_NS || file->fts_info == FTS_DP || file->fts_info == FTS_ERR) continue;
+    const int64_t age = now - nanoseconds(file->fts_statp->st_ctim);
+    if (age >= 0 && age < kBusyNanoseconds) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Monitor::~Monitor() {
+  isStopping_ = true;
+  if (wake_) eventfd_write(wake_.get(), 1);
+  if (thread_.joinable()) thread_.join();
+}
+
+void Monitor::start(std::vector<std::shared_ptr<const PlugInProxy>> registered) {
+  registeredAtStart_ = std::move(registered);
+  wake_ = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake_) raiseInternalInconsistency("cannot make an event descriptor: %s", strerror(errno));
+  thread_ = startPlatformThread("hollin-watch", [this] { run(); });
+}
+
+void Monitor::registrationsChanged() {
+  haveRegistrationsChanged_ = true;
+  eventfd_write(wake_.get(), 1);
+}
+
+void Monitor::run() {
+  watchPlaces();
+  watchRegistered();
+  scanEverything();
+  registrar_.refreshSDKs();
+  makeDataContainers(std::exchange(registeredAtStart_, {}));
+  while (!isStopping_) {
+    wait();
+    readEvents();
+    work();
+  }
+}
+
+void Monitor::wait() {
+  int timeout = -1;
+  if (const auto due = nextDue()) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::now()).count();
+    timeout = static_cast<int>(std::max<int64_t>(left, 0));
+  }
+  pollfd descriptors[] = {{wake_.get(), POLLIN, 0}, {watches_.descriptor(), POLLIN, 0}};
+  if (poll(descriptors, 2, timeout) <= 0) return;
+  eventfd_t ignored;
+  if (descriptors[0].revents != 0) eventfd_read(wake_.get(), &ignored);
+}
+
+void Monitor::readEvents() {
+  const bool isComplete = watches_.read([this](Subject& subject, std::string_view name, bool isOnTheWay) {
+    handle(subject, name, isOnTheWay);
+  });
+  if (isComplete) return;
+  systemLog("events of the file system were lost: looking at all applications again");
+  schedule(placesDue_, kQuietPeriod);
+  schedule(sdksDue_, kQuietPeriod);
+}
+
+void Monitor::handle(Subject& subject, std::string_view name, bool isOnTheWay) {
+  switch (subject.kind) {
+    case Subject::Kind::applications:
+      if (isOnTheWay || name.empty()) {
+        schedule(placesDue_, kShortPeriod);
+      } else {
+        mark(pendingEntries_, subject.path + "/" + std::string(name));
+      }
+      return;
+    case Subject::Kind::entry:
+      mark(pendingEntries_, subject.path);
+      return;
+    case Subject::Kind::registered:
+      mark(pendingRegistered_, subject.path);
+      return;
+    case Subject::Kind::sdks:
+      if (isOnTheWay || name.empty()) schedule(placesDue_, kShortPeriod);
+      schedule(sdksDue_, kShortPeriod);
+      return;
+  }
+}
+
+/// Each event puts off the look, but not for ever.
+void Monitor::mark(PendingPaths& pending, const std::string& path) {
+  const auto now = Clock::now();
+  Pending& entry = pending.try_emplace(path, Pending{now, now}).first->second;
+  entry.due = std::min(now + kQuietPeriod, entry.since + kLongestWait);
+}
+
+void Monitor::schedule(std::optional<Clock::time_point>& due, Clock::duration delay) {
+  const auto time = Clock::now() + delay;
+  if (!due || time < *due) due = time;
+}
+
+std::optional<Monitor::Clock::time_point> Monitor::nextDue() const {
+  std::optional<Clock::time_point> next;
+  const auto consider = [&next](Clock::time_point due) {
+    if (!next || due < *next) next = due;
+  };
+  for (const auto* due : {&placesDue_, &sdksDue_, &everythingDue_})
+    if (*due) consider(**due);
+  for (const auto* pending : {&pendingEntries_, &pendingRegistered_})
+    for (const auto& [path, entry] : *pending) consider(entry.due);
+  return next;
+}
+
+std::vector<std::string> Monitor::takeDue(PendingPaths& pending) {
+  std::vector<std::string> due;
+  const auto now = Clock::now();
+  for (auto entry = pending.begin(); entry != pending.end();) {
+    if (entry->second.due > now) {
+      ++entry;
+      continue;
+    }
+    due.push_back(entry->first);
+    busySince_.try_emplace(entry->first, entry->second.since);
+    entry = pending.erase(entry);
+  }
+  return due;
+}
+
+void Monitor::work() {
+  const auto isDue = [now = Clock::now()](std::optional<Clock::time_point>& due) {
+    if (!due || *due > now) return false;
+    due.reset();
+    return true;
+  };
+  if (haveRegistrationsChanged_.exchange(false)) watchRegistered();
+  if (isDue(placesDue_)) {
+    watchPlaces();
+    watchRegistered();
+    everythingDue_ = Clock::now();
+  }
+  if (isDue(sdksDue_)) registrar_.refreshSDKs();
+  if (everythingDue_ && *everythingDue_ <= Clock::now()) {
+    everythingDue_.reset();
+    scanEverything();
+  }
+  if (const auto entries = takeDue(pendingEntries_); !entries.empty()) scanEntries(entries);
+  if (const auto paths = takeDue(pendingRegistered_); !paths.empty()) lookAtRegistered(paths);
+  judgeExhaustion();
+}
+
+Subject& Monitor::subjectOf(Subject::Kind kind, const std::string& path) {
+  auto& subjects = kind == Subject::Kind::entry        ? entries_
+                   : kind == Subject::Kind::registered ? registered_
+                                                       : places_;
+  auto& subject = subjects[path];
+  if (subject == nullptr) subject = std::make_unique<Subject>(Subject{kind, path});
+  return *subject;
+}
+
+/// Watches "Applications" and "SDKs" of all roots and the way to them, whether they exist or not.
+void Monitor::watchPlaces() {
+  catalog_.setLocations(Locations::current(directories_));
+  const auto watch = [this](Subject::Kind kind, const std::string& configured) {
+    const std::string canonical = canonicalPath(configured);
+    Subject& subject = subjectOf(kind, configured);
+    if (!canonical.empty()) subject.path = canonical;
+    watches_.begin(subject);
+    watches_.addWay(subject, configured);
+    if (!canonical.empty()) watches_.add(subject, canonical);
+    watches_.end(subject);
+  };
+  for (const std::string& root : directories_.dataRoots()) {
+    watch(Subject::Kind::applications, root + "/Applications");
+    watch(Subject::Kind::sdks, root + "/SDKs");
+  }
+  const char* tests = std::getenv("ABTEST_SDK");
+  if (tests != nullptr && *tests == '/') watch(Subject::Kind::sdks, tests);
+}
+
+/// Watches bundles registered by path and the way to them; the bundles may be gone.
+void Monitor::watchRegistered() {
+  std::unordered_map<std::string, std::unique_ptr<Subject>> before;
+  before.swap(registered_);
+  for (const String& path : catalog_.registeredByPath()) {
+    const std::string key(path.view());
+    if (auto known = before.extract(key)) {
+      registered_.insert(std::move(known));
+      continue;
+    }
+    Subject& subject = subjectOf(Subject::Kind::registered, key);
+    watches_.begin(subject);
+    watches_.addWay(subject, key);
+    watches_.add(subject, key);
+    watches_.end(subject);
+    mark(pendingRegistered_, key);  // it may have changed before it was watched
+  }
+  for (const auto& [path, subject] : before) watches_.drop(*subject);
+}
+
+void Monitor::visit(const std::string& directory, const std::string& entry,
+                    std::unordered_map<std::string, Subject*>& visited) {
+  Subject*& subject = visited[entry];
+  if (subject == nullptr) {
+    subject = &subjectOf(Subject::Kind::entry, entry);
+    watches_.begin(*subject);
+  }
+  watches_.add(*subject, directory);
+}
+
+void Monitor::scanEverything() {
+  const uint64_t since = catalog_.clock();
+  watches_.resetExhaustion();
+  std::unordered_map<std::string, Subject*> visited;
+  Scanner scanner([this, &visited](const std::string& directory, const std::string& entry) {
+    visit(directory, entry, visited);
+  });
+  const auto locations = catalog_.locations();
+  for (const Locations::Root& root : locations->roots())
+    if (!root.applications.empty()) scanner.scanApplications(root.applications);
+  for (const auto& [entry, subject] : visited) watches_.end(*subject);
+  std::erase_if(entries_, [this, &visited](const auto& entry) {
+    if (visited.contains(entry.first)) return false;
+    watches_.drop(*entry.second);
+    return true;
+  });
+  takeReport(
+      registrar_.applyScan(scanner.take(), true, since, [this](const std::string& p) { return isBusy(p); }));
+}
+
+void Monitor::scanEntries(const std::vector<std::string>& entries) {
+  const uint64_t since = catalog_.clock();
+  std::unordered_map<std::string, Subject*> visited;
+  Scanner scanner([this, &visited](const std::string& directory, const std::string& entry) {
+    visit(directory, entry, visited);
+  });
+  for (const std::string& entry : entries) scanner.scanEntry(entry);
+  for (const auto& [entry, subject] : visited) watches_.end(*subject);
+  for (const std::string& entry : entries) {
+    const auto known = entries_.find(entry);
+    if (known == entries_.end() || visited.contains(entry)) continue;
+    watches_.drop(*known->second);
+    entries_.erase(known);
+  }
+  takeReport(
+      registrar_.applyScan(scanner.take(), false, since, [this](const std::string& p) { return isBusy(p); }));
+  for (const std::string& entry : entries)
+    if (!pendingEntries_.contains(entry)) busySince_.erase(entry);
+}
+
+void Monitor::lookAtRegistered(const std::vector<std::string>& paths) {
+  // The directory may be another one now.
+  for (const std::string& path : paths) {
+    const auto subject = registered_.find(path);
+    if (subject == registered_.end()) continue;
+    watches_.begin(*subject->second);
+    watches_.addWay(*subject->second, path);
+    watches_.add(*subject->second, path);
+    watches_.end(*subject->second);
+  }
+  takeReport(registrar_.lookAt(paths, [this](const std::string& p) { return isBusy(p); }));
+  for (const std::string& path : paths)
+    if (!pendingRegistered_.contains(path)) busySince_.erase(path);
+}
+
+void Monitor::takeReport(Registrar::Report report) {
+  for (const auto* paths : {&report.postponed, &report.again})
+    for (const std::string& path : *paths) {
+      PendingPaths& pending = registered_.contains(path) ? pendingRegistered_ : pendingEntries_;
+      const auto known = busySince_.find(path);
+      const auto now = Clock::now();
+      const auto since = known == busySince_.end() ? now : known->second;
+      pending.try_emplace(path, Pending{since, now + kQuietPeriod});
+    }
+  if (report.isEverythingToBeScanned) schedule(everythingDue_, Clock::duration::zero());
+  makeDataContainers(report.registered);
+}
+
+bool Monitor::isBusy(const std::string& path) {
+  const auto since = busySince_.try_emplace(path, Clock::now()).first->second;
+  if (Clock::now() - since >= kLongestWait) return false;
+  return isActive(path);
+}
+
+void Monitor::judgeExhaustion() {
+  if (watches_.isExhausted()) {
+    if (!isPeriodic_)
+      systemLog("cannot watch all applications (%s): looking at them every %d seconds",
+                strerror(watches_.exhaustion()), static_cast<int>(kRescanInterval.count()));
+    isPeriodic_ = true;
+    schedule(everythingDue_, kRescanInterval);
+  } else if (isPeriodic_) {
+    isPeriodic_ = false;
+    systemLog("watching all applications again");
+  }
+}
+
+}  // namespace platform::hollin

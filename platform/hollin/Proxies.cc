@@ -1,0 +1,141 @@
+#include "platform/hollin/Proxies.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/hollin/Catalog.h"
+#include "platform/log/Log.h"
+#include "platform/qmx/Bundle.h"
+#include "platform/system/Directories.h"
+
+namespace platform::hollin {
+
+namespace {
+
+std::optional<std::string> copied(const std::optional<String>& text) {
+  return text ? std::optional<std::string>(text->view()) : std::nullopt;
+}
+
+std::optional<Dictionary> infoDictionaryAt(std::string_view path) {
+  const auto bundle = qmx::Bundle::create(std::string(path), qmx::Bundle::directory);
+  return bundle != nullptr ? bundle->infoDictionary() : std::nullopt;
+}
+
+/// 0 when `path` is a directory, which is made when nothing is there; a link is none.
+int makeOneDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), 0700) == 0) return 0;
+  if (errno != EEXIST) return errno;
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) return errno;
+  return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
+}
+
+int makeContainer(const std::string& containers, const std::string& path) {
+  int number = makeOneDirectory(path);
+  if (number == ENOENT) {
+    number = makeDirectories(containers);
+    if (number == 0) number = makeOneDirectory(path);
+  }
+  return number == 0 ? makeOneDirectory(path + "/tmp") : number;
+}
+
+bool isDataPlugIn(const PlugInFacts& plugIn) {
+  if (plugIn.protocol != Protocol::absent) return plugIn.protocol == Protocol::data;
+  return plugIn.sdk.size() != 0 && readSDKFacts(plugIn.sdk).isData;
+}
+
+}  // namespace
+
+std::optional<URL> ApplicationProxy::bundleURL() const {
+  return URL::file(path_, true);
+}
+
+std::optional<std::string> ApplicationProxy::localizedName() const {
+  const auto info = infoDictionaryAt(path_);
+  return info ? qmx::localizedBundleName(std::string(path_.view()), *info) : std::nullopt;
+}
+
+std::optional<URL> ApplicationProxy::bundleContainerURL() const {
+  if (container_.size() == 0) return std::nullopt;
+  return URL::file(container_, true);
+}
+
+std::vector<std::shared_ptr<const HLAmbrelProxy>> ApplicationProxy::ambrelPlugins() const {
+  const auto catalog = catalog_.lock();
+  if (catalog == nullptr) return {};
+  return catalog->within(path_);
+}
+
+bool ApplicationProxy::isPlaceholder() const {
+  const std::string_view path = path_.view();
+  return faccessat(AT_FDCWD, std::string(path).append("/Placeholder").c_str(), F_OK, AT_SYMLINK_NOFOLLOW) ==
+         0;
+}
+
+PlugInProxy::PlugInProxy(std::shared_ptr<const BundleFacts> facts, size_t index, const Slot& slot,
+                         std::shared_ptr<const ApplicationProxy> application, bool isOnSystemVolume,
+                         std::shared_ptr<const Surroundings> surroundings)
+    : facts_(std::move(facts)),
+      application_(std::move(application)),
+      surroundings_(std::move(surroundings)),
+      original_(slot.original),
+      uuid_(slot.uuid),
+      registered_(slot.registered),
+      index_(static_cast<uint32_t>(index)),
+      isOnSystemVolume_(isOnSystemVolume) {}
+
+std::optional<URL> PlugInProxy::bundleURL() const {
+  return URL::file(facts_->path, true);
+}
+
+std::optional<Dictionary> PlugInProxy::infoDictionary() const {
+  return infoDictionaryAt(facts_->path);
+}
+
+std::optional<std::string> PlugInProxy::localizedName() const {
+  const auto info = infoDictionary();
+  return info ? qmx::localizedBundleName(std::string(facts_->path.view()), *info) : std::nullopt;
+}
+
+std::optional<std::string> PlugInProxy::localizedShortName() const {
+  const auto info = infoDictionary();
+  return info ? qmx::localizedBundleShortName(std::string(facts_->path.view()), *info) : std::nullopt;
+}
+
+std::optional<std::string> PlugInProxy::bundleIdentifier() const {
+  return copied(facts_->bundleIdentifier);
+}
+
+std::optional<std::string> PlugInProxy::bundleVersion() const {
+  return copied(facts_->bundleVersion);
+}
+
+Value PlugInProxy::ambrelDictionary() const {
+  const auto info = infoDictionary();
+  if (!info) return {};
+  const Value& top = (*info)["ZQExtension"];
+  return facts_->isMultiplexed ? top["Multiple"][pluginIdentifier()] : top;
+}
+
+std::optional<URL> PlugInProxy::dataContainerURL() const {
+  const String& identifier = pluginIdentifier();
+  const std::string containers(surroundings_->containers.view());
+  if (containers.empty() || !isSafeFileName(identifier)) return std::nullopt;
+  const std::string path = containers + "/" + std::string(identifier.view());
+  if (!hasContainer_.load(std::memory_order_acquire)) {
+    if (isDataPlugIn(plugIn())) return std::nullopt;
+    const int number = makeContainer(containers, path);
+    if (number != 0) {
+      systemLog("cannot make data container %@: %s", path, strerror(number));
+      return std::nullopt;
+    }
+    hasContainer_.store(true, std::memory_order_release);
+  }
+  return URL::file(path, true);
+}
+
+}  // namespace platform::hollin

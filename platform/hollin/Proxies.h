@@ -1,0 +1,85 @@
+#pragma once
+
+// The registry's own proxies: one per plug-in that is registered, one per application that contains some.
+// Made by the catalog; shared; any thread.
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/hollin/BundleFacts.h"
+#include "platform/hollin/HLProxies.h"
+#include "platform/hollin/Registration.h"
+
+namespace platform::hollin {
+
+class Catalog;
+
+class ApplicationProxy final : public HLApplicationProxy {
+ public:
+  /// `container` is empty for an application without one.
+  ApplicationProxy(std::weak_ptr<const Catalog> catalog, String path, String container)
+      : catalog_(std::move(catalog)), path_(std::move(path)), container_(std::move(container)) {}
+
+  std::optional<URL> bundleURL() const override;
+  std::optional<std::string> localizedName() const override;
+  std::optional<URL> bundleContainerURL() const override;
+  std::vector<std::shared_ptr<const HLAmbrelProxy>> ambrelPlugins() const override;
+  bool isPlaceholder() const override;
+
+ private:
+  const std::weak_ptr<const Catalog> catalog_;
+  const String path_, container_;
+};
+
+/// What all plug-in proxies of one registry share.
+struct Surroundings {
+  String containers;  // the directory of all data containers
+};
+
+class PlugInProxy final : public HLAmbrelProxy {
+ public:
+  PlugInProxy(std::shared_ptr<const BundleFacts> facts, size_t index, const Slot& slot,
+              std::shared_ptr<const ApplicationProxy> application, bool isOnSystemVolume,
+              std::shared_ptr<const Surroundings> surroundings);
+
+  std::optional<URL> bundleURL() const override;
+  std::optional<std::string> localizedName() const override;
+  UUID pluginUUID() const override { return uuid_; }
+  const String& pluginIdentifier() const override { return plugIn().identifier; }
+  const String& originalIdentifier() const override { return original_; }
+  Date registrationDate() const override { return {registered_.load(std::memory_order_relaxed)}; }
+  bool isOnSystemPartition() const override { return isOnSystemVolume_; }
+  std::optional<std::string> bundleIdentifier() const override;
+  std::optional<std::string> bundleVersion() const override;
+  std::shared_ptr<const HLBundleProxy> containingBundle() const override { return application_; }
+  Value ambrelDictionary() const override;
+  std::optional<std::string> localizedShortName() const override;
+  const Value& entitlements() const override { return facts_->entitlements; }
+  std::optional<URL> dataContainerURL() const override;
+  bool isUninstalled() const override { return isUninstalled_.load(std::memory_order_acquire); }
+
+  const BundleFacts& bundle() const { return *facts_; }
+  const PlugInFacts& plugIn() const { return facts_->plugIns[index_]; }
+  void setRegistrationDate(double seconds) { registered_.store(seconds, std::memory_order_relaxed); }
+  void markUninstalled() { isUninstalled_.store(true, std::memory_order_release); }
+
+ private:
+  std::optional<Dictionary> infoDictionary() const;
+
+  const std::shared_ptr<const BundleFacts> facts_;
+  const std::shared_ptr<const ApplicationProxy> application_;
+  const std::shared_ptr<const Surroundings> surroundings_;
+  const String original_;
+  const UUID uuid_;
+  std::atomic<double> registered_;
+  const uint32_t index_;
+  const bool isOnSystemVolume_;
+  std::atomic<bool> isUninstalled_{false};
+  mutable std::atomic<bool> hasContainer_{false};  // it was made, or found, once
+};
+
+}  // namespace platform::hollin

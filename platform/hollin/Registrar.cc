@@ -1,0 +1,263 @@
+#include "platform/hollin/Registrar.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "platform/hollin/PlatformThread.h"
+#include "platform/log/Log.h"
+#include "platform/value/Date.h"
+
+namespace platform::hollin {
+
+namespace {
+
+/// Bundles that are applied, and rows that are written, at a time.
+constexpr size_t kBatch = 256;
+/// How often a registration is tried that others overtake.
+constexpr int kTries = 16;
+
+double secondsNow() {
+  return Date::now().secondsSince1970;
+}
+
+bool isRefused(const BundleFacts& facts) {
+  return facts.plugIns.empty();
+}
+
+}  // namespace
+
+/// What was seen, and what is yet to be read to know what was seen.
+struct Registrar::Sightings {
+  struct Item {
+    Sighting sighting;
+    // Identities of the files when facts are to be read.
+    FileIdentity info, entitlementsFile;
+    bool isToBeRead = false;
+    String entry;  // where it is, or was, found; empty when it is looked at by its path
+
+    /// What is looked at again together.
+    const String& unit() const { return entry.size() != 0 ? entry : sighting.path; }
+  };
+  std::vector<Item> items;
+};
+
+void makeDataContainers(const std::vector<std::shared_ptr<const PlugInProxy>>& proxies) {
+  for (const auto& proxy : proxies)
+    if (!proxy->isUninstalled()) static_cast<void>(proxy->dataContainerURL());
+}
+
+void Registrar::addFound(const Scan& scan, bool onlyNews, Sightings& sightings) const {
+  std::vector<String> entries;
+  entries.reserve(scan.entries.size());
+  for (const Scan::Entry& entry : scan.entries) entries.emplace_back(entry.path);
+  sightings.items.reserve(scan.bundles.size());
+  for (const FoundBundle& found : scan.bundles) {
+    auto facts = catalog_.unchanged(found.path, found.info, found.entitlementsFile);
+    const bool isToBeRead = facts == nullptr;
+    String path = isToBeRead ? String(found.path) : facts->path;
+    Sighting sighting{std::move(path), std::move(facts), entries[found.entry]};
+    if (onlyNews && !isToBeRead && !catalog_.isNews(sighting)) continue;
+    sightings.items.push_back(
+        {std::move(sighting), found.info, found.entitlementsFile, isToBeRead, entries[found.entry]});
+  }
+}
+
+void Registrar::addMissing(const Scan& scan, bool isEverything, Sightings& sightings, Report& report) {
+  std::unordered_set<std::string_view> found, entries;
+  found.reserve(scan.bundles.size());
+  for (const FoundBundle& bundle : scan.bundles) found.insert(bundle.path);
+  std::vector<std::string_view> incomplete;
+  for (const Scan::Entry& entry : scan.entries) {
+    if (entry.isIncomplete) {
+      incomplete.push_back(entry.path);
+      report.again.push_back(entry.path);
+    } else {
+      entries.insert(entry.path);
+    }
+  }
+  for (const Catalog::Missing& missing : catalog_.missing(found, isEverything ? nullptr : &entries)) {
+    const bool isUncertain =
+        std::any_of(incomplete.begin(), incomplete.end(),
+                    [&missing](std::string_view entry) { return isInside(missing.path, entry); });
+    if (isUncertain) continue;
+    if (hasAliases_ && !isEverything) report.isEverythingToBeScanned = true;
+    if (missing.isByPath) {
+      look(missing.path, sightings);
+    } else if (Sighting gone{missing.path, nullptr, {}}; catalog_.isNews(gone)) {
+      sightings.items.push_back({std::move(gone), {}, {}, false, missing.entry});
+    }
+  }
+}
+
+/// Looks at a bundle that no scan finds.
+void Registrar::look(const String& path, Sightings& sightings) const {
+  Sightings::Item item;
+  item.sighting.path = path;
+  identifyFiles(std::string(path.view()), item.info, item.entitlementsFile);
+  if (item.info != FileIdentity()) {
+    item.sighting.facts = catalog_.unchanged(path, item.info, item.entitlementsFile);
+    item.isToBeRead = item.sighting.facts == nullptr;
+  }
+  if (item.isToBeRead || catalog_.isNews(item.sighting)) sightings.items.push_back(std::move(item));
+}
+
+/// Puts off everything about what is still being written.
+void Registrar::postpone(const IsBusy& isBusy, Sightings& sightings, Report& report) {
+  if (!isBusy) return;
+  std::unordered_map<std::string_view, bool> busy;
+  for (const Sightings::Item& item : sightings.items) {
+    const std::string unit(item.unit().view());
+    if (unit.empty() || busy.contains(unit)) continue;
+    const bool isStillBusy = isBusy(unit);
+    busy.emplace(item.unit().view(), isStillBusy);
+    if (isStillBusy) report.postponed.push_back(unit);
+  }
+  // The keys of `busy` lie in the items, which move: by now only the report is needed.
+  busy.clear();
+  const std::unordered_set<std::string_view> postponed(report.postponed.begin(), report.postponed.end());
+  std::erase_if(sightings.items,
+                [&postponed](const Sightings::Item& item) { return postponed.contains(item.unit().view()); });
+}
+
+void Registrar::readMissingFacts(Sightings& sightings, Report& report) {
+  std::vector<Sightings::Item*> toRead;
+  for (Sightings::Item& item : sightings.items)
+    if (item.isToBeRead) toRead.push_back(&item);
+  forEachInParallel(toRead.size(), [&toRead](size_t i) {
+    Sightings::Item& item = *toRead[i];
+    item.sighting.facts =
+        readBundleFacts(std::string(item.sighting.path.view()), item.info, item.entitlementsFile);
+  });
+  std::erase_if(sightings.items, [&report](const Sightings::Item& item) {
+    if (!item.isToBeRead) return false;
+    const BundleFacts& facts = *item.sighting.facts;
+    if (facts.isTransient) report.again.emplace_back(item.unit().view());
+    if (isRefused(facts)) systemLog("ignoring bundle at %@: %@", facts.path, facts.refusal);
+    return facts.isTransient;
+  });
+}
+
+void Registrar::learnSDKs(const std::vector<std::shared_ptr<const BundleFacts>>& bundles) {
+  std::unordered_set<std::string_view> asked;
+  for (const auto& facts : bundles) {
+    const bool isAsked = std::all_of(
+        facts->plugIns.begin(), facts->plugIns.end(),
+        [&asked](const PlugInFacts& p) { return p.sdk.size() == 0 || asked.contains(p.sdk.view()); });
+    if (isAsked) continue;
+    uint64_t generation = 0;
+    for (std::vector<String> unknown = catalog_.unknownSDKs(*facts, generation); !unknown.empty();
+         unknown = catalog_.unknownSDKs(*facts, generation))
+      for (const String& name : unknown) catalog_.addSDK(name, readSDKFacts(name), generation);
+    for (const PlugInFacts& plugIn : facts->plugIns) asked.insert(plugIn.sdk.view());
+  }
+}
+
+void Registrar::apply(Sightings& sightings, uint64_t since, Report& report) {
+  std::vector<Sighting> all;
+  std::vector<std::shared_ptr<const BundleFacts>> bundles;
+  all.reserve(sightings.items.size());
+  for (Sightings::Item& item : sightings.items) {
+    if (item.sighting.facts != nullptr) bundles.push_back(item.sighting.facts);
+    all.push_back(std::move(item.sighting));
+  }
+  learnSDKs(bundles);
+  const double now = secondsNow();
+  Catalog::Outcome outcome;
+  for (size_t i = 0; i < all.size(); i += kBatch)
+    catalog_.apply(std::span(all).subspan(i, std::min(kBatch, all.size() - i)), since, now, outcome);
+  for (const Sighting& stale : outcome.stale)
+    report.again.emplace_back(stale.entry.size() != 0 ? stale.entry.view() : stale.path.view());
+  report.registered = std::move(outcome.registered);
+}
+
+Registrar::Report Registrar::applyScan(const Scan& scan, bool isEverything, uint64_t since,
+                                       const IsBusy& isBusy) {
+  Report report;
+  Sightings sightings;
+  if (isEverything) {
+    hasAliases_ = scan.hasAliases;
+  } else if (scan.hasAliases) {
+    hasAliases_ = true;
+  }
+  addFound(scan, static_cast<bool>(isBusy), sightings);
+  addMissing(scan, isEverything, sightings, report);
+  postpone(isBusy, sightings, report);
+  readMissingFacts(sightings, report);
+  apply(sightings, since, report);
+  save();
+  return report;
+}
+
+Registrar::Report Registrar::lookAt(const std::vector<std::string>& paths, const IsBusy& isBusy) {
+  const uint64_t since = catalog_.clock();
+  Report report;
+  Sightings sightings;
+  for (const std::string& path : paths) look(path, sightings);
+  postpone(isBusy, sightings, report);
+  readMissingFacts(sightings, report);
+  apply(sightings, since, report);
+  save();
+  return report;
+}
+
+bool Registrar::registerBundle(const std::string& path) {
+  const std::string canonical = canonicalPath(path);
+  if (canonical.empty()) return false;
+  Catalog::Outcome outcome;
+  for (int i = 0; i < kTries; i++) {
+    outcome = {};
+    const uint64_t since = catalog_.clock();
+    FileIdentity info, entitlements;
+    identifyFiles(canonical, info, entitlements);
+    auto facts = catalog_.unchanged(canonical, info, entitlements);
+    if (facts == nullptr) facts = readBundleFacts(canonical, info, entitlements);
+    if (facts->isTransient || isRefused(*facts)) {
+      systemLog("refusing to register bundle at %@: %@", canonical,
+                facts->refusal.empty() ? "its entitlements cannot be read" : facts->refusal);
+      return false;
+    }
+    learnSDKs({facts});
+    catalog_.registerBundle({facts->path, facts, catalog_.locations()->entryOf(canonical)}, since,
+                            secondsNow(), outcome);
+    if (outcome.stale.empty()) break;
+  }
+  if (!outcome.stale.empty()) return false;
+  makeDataContainers(outcome.registered);
+  save();
+  return true;
+}
+
+bool Registrar::unregisterBundle(const std::string& path) {
+  // The bundle may be gone, and what contained it too.
+  std::string canonical = canonicalPathOfFutureFile(path);
+  if (canonical.empty()) canonical = path;
+  if (catalog_.locations()->isOnSystemVolume(canonical)) {
+    systemLog("refusing to unregister bundle at %@: it is part of the system", canonical);
+    return false;
+  }
+  if (!catalog_.unregisterBundle(canonical, secondsNow())) return false;
+  save();
+  return true;
+}
+
+void Registrar::refreshSDKs() {
+  for (const String& name : catalog_.beginSDKRefresh()) catalog_.setSDK(name, readSDKFacts(name));
+}
+
+void Registrar::save() {
+  const std::lock_guard lock(storeMutex_);
+  std::vector<Registration> taken;
+  const auto next = [this, &taken] {
+    std::vector<Registration> batch = catalog_.takeUnsaved(kBatch);
+    taken.insert(taken.end(), batch.begin(), batch.end());
+    return batch;
+  };
+  Store::Saved saved = store_.save(next);
+  if (saved == Store::Saved::restart) {
+    catalog_.markAllUnsaved();
+    saved = store_.save(next);
+  }
+  if (saved != Store::Saved::yes) catalog_.giveBackUnsaved(taken);
+}
+
+}  // namespace platform::hollin

@@ -1,0 +1,136 @@
+#include "platform/hollin/Watches.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <unordered_set>
+
+namespace platform::hollin {
+
+namespace {
+
+constexpr uint32_t kArrivals = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+constexpr uint32_t kEverything =
+    kArrivals | IN_CLOSE_WRITE | IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
+/// A directory may be watched for several subjects: masks add up.
+constexpr uint32_t kAlways = IN_ONLYDIR | IN_MASK_ADD;
+
+constexpr size_t kEventBuffer = 64 << 10;
+/// Events that keep coming must not keep the thread from its work.
+constexpr int kReadsAtATime = 32;
+
+}  // namespace
+
+void Watches::open() {
+  inotify_ = FileDescriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  if (!inotify_) exhaustion_ = errno;
+}
+
+void Watches::resetExhaustion() {
+  exhaustion_ = 0;
+  if (!inotify_) open();
+}
+
+bool Watches::watch(Subject& subject, const std::string& directory, uint32_t mask, std::string_view awaited) {
+  if (!inotify_) return false;
+  const int watch = inotify_add_watch(inotify_.get(), directory.c_str(), mask | kAlways);
+  if (watch < 0) {
+    if (errno == ENOSPC || errno == ENOMEM) exhaustion_ = errno;
+    return false;
+  }
+  subject.watches.push_back(watch);
+  const auto [begin, end] = owners_.equal_range(watch);
+  const bool isKnown = std::any_of(begin, end, [&subject, awaited](const auto& entry) {
+    return entry.second.subject == &subject && entry.second.awaited == awaited;
+  });
+  if (!isKnown) owners_.emplace(watch, Owner{&subject, std::string(awaited)});
+  return true;
+}
+
+void Watches::begin(Subject& subject) {
+  subject.previous = std::move(subject.watches);
+  subject.watches.clear();
+}
+
+bool Watches::add(Subject& subject, const std::string& directory) {
+  return watch(subject, directory, kEverything, {});
+}
+
+void Watches::addWay(Subject& subject, const std::string& path) {
+  // Downwards: what appears below a directory after its watch was set is an event.
+  for (size_t slash = 0; slash != std::string::npos;) {
+    const size_t next = path.find('/', slash + 1);
+    const std::string component = path.substr(slash + 1, next == std::string::npos ? next : next - slash - 1);
+    watch(subject, slash == 0 ? "/" : path.substr(0, slash), kArrivals, component);
+    slash = next;
+  }
+}
+
+void Watches::end(Subject& subject) {
+  const std::unordered_set<int> kept(subject.watches.begin(), subject.watches.end());
+  for (const int watch : subject.previous)
+    if (!kept.contains(watch)) release(subject, watch);
+  subject.previous.clear();
+  subject.watches.shrink_to_fit();
+}
+
+void Watches::drop(Subject& subject) {
+  begin(subject);
+  end(subject);
+}
+
+void Watches::release(Subject& subject, int watch) {
+  auto [entry, end] = owners_.equal_range(watch);
+  if (entry == end) return;  // the directory is gone, and its watch with it
+  bool isShared = false;
+  while (entry != end) {
+    if (entry->second.subject == &subject) {
+      entry = owners_.erase(entry);
+    } else {
+      isShared = true;
+      ++entry;
+    }
+  }
+  if (!isShared) inotify_rm_watch(inotify_.get(), watch);
+}
+
+void Watches::handle(int watch, uint32_t mask, std::string_view name, const Report& report) {
+  const auto [begin, end] = owners_.equal_range(watch);
+  const bool isItself =
+      name.empty() && (mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_ATTRIB)) != 0;
+  for (auto entry = begin; entry != end; ++entry) {
+    const Owner& owner = entry->second;
+    if (owner.awaited.empty()) {
+      if (isItself || !name.empty()) report(*owner.subject, name, false);
+    } else if (isItself || name == owner.awaited) {
+      report(*owner.subject, name, true);
+    }
+  }
+  if ((mask & IN_IGNORED) != 0) owners_.erase(begin, end);
+}
+
+bool Watches::read(const Report& report) {
+  bool isComplete = true;
+  alignas(inotify_event) char buffer[kEventBuffer];
+  for (int i = 0; inotify_ && i < kReadsAtATime; i++) {
+    const ssize_t size = ::read(inotify_.get(), buffer, sizeof buffer);
+    if (size <= 0) break;
+    for (ssize_t offset = 0; offset < size;) {
+      inotify_event event;
+      std::memcpy(&event, buffer + offset, sizeof event);
+      const char* name = buffer + offset + sizeof event;
+      offset += static_cast<ssize_t>(sizeof event + event.len);
+      if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        isComplete = false;
+      } else {
+        handle(event.wd, event.mask, event.len == 0 ? std::string_view() : std::string_view(name), report);
+      }
+    }
+  }
+  return isComplete;
+}
+
+}  // namespace platform::hollin
