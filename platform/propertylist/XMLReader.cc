@@ -118,21 +118,38 @@ std::optional<Value> parseData(std::string_view text, std::string& scratch) {
   return Value(Data(std::string_view(scratch)));
 }
 
+/// Text that is only blanks.
+bool isBlank(const char* text) {
+  return *text == 0 || text[std::strspn(text, kBlanks.data())] == 0;
+}
+
 class Walk {
  public:
+  Walk() {
+    constexpr size_t kUsual = 64;
+    values_.reserve(kUsual);
+    entries_.reserve(kUsual);
+  }
+
   /// Why the walk failed.
   const char* why() const { return why_; }
 
-  bool read(const pugi::xml_node& element, Value& value, int nesting) {
-    const std::string_view name = element.name();
-    if (name == "string") {
-      std::string_view text;
-      if (!contents(element, text)) return false;
-      value = Value(String(text));
-      return true;
+  /// Reads the element, whose name is `name`. Names are compared letter by letter: most lists are small, and
+  /// the library's calls are what reading costs.
+  bool read(const pugi::xml_node& element, const char* name, Value& value, int nesting) {
+    switch (*name) {
+      case 's':
+        if (std::strcmp(name, "string") != 0) break;
+        return readString(element, value);
+      case 'd':
+        if (std::strcmp(name, "dict") != 0) break;
+        return nesting > 0 ? readDictionary(element, value, nesting - 1) : tooDeep();
+      case 'a':
+        if (std::strcmp(name, "array") != 0) break;
+        return nesting > 0 ? readArray(element, value, nesting - 1) : tooDeep();
+      default:
+        break;
     }
-    if (name == "dict") return nesting > 0 ? readDictionary(element, value, nesting - 1) : tooDeep();
-    if (name == "array") return nesting > 0 ? readArray(element, value, nesting - 1) : tooDeep();
     return readScalar(element, name, value);
   }
 
@@ -145,14 +162,11 @@ class Walk {
 
   /// The text of `element`, valid until the next call: parts of text and CDATA sections one after the other.
   bool contents(const pugi::xml_node& element, std::string_view& text) {
-    const char* const embedded = element.value();
+    text = element.value();
     const pugi::xml_node child = element.first_child();
-    if (!child) {
-      text = embedded;
-      if (text.find('&') == std::string_view::npos) return true;
-    }
+    if (!child && text.find('&') == std::string_view::npos) return true;
     joined_.clear();
-    if (!appendWithoutReferences(embedded, joined_)) return fail("a malformed reference");
+    if (!appendWithoutReferences(text, joined_)) return fail("a malformed reference");
     for (pugi::xml_node part = child; part; part = part.next_sibling()) {
       if (part.type() == pugi::node_cdata) {
         joined_ += part.value();
@@ -166,28 +180,38 @@ class Walk {
     return true;
   }
 
-  /// Whether `node` (or the text that stands first in an element) is only blanks between elements.
-  static bool isBlank(const char* text) { return text[std::strspn(text, kBlanks.data())] == 0; }
-
-  /// The first element at or after `node`; text between elements is an error.
-  bool nextElement(pugi::xml_node& node) {
-    while (node && node.type() != pugi::node_element) {
-      if (node.type() != pugi::node_pcdata || !isBlank(node.value())) return fail("text between elements");
+  /// Moves `node` to the first element at or after it and answers its name; empty at the end of the list.
+  /// Null: there is text on the way.
+  const char* nextElement(pugi::xml_node& node) {
+    while (true) {
+      const char* const name = node.name();
+      if (*name != 0 || !node) return name;
+      if (node.type() != pugi::node_pcdata || !isBlank(node.value())) {
+        fail("text between elements");
+        return nullptr;
+      }
       node = node.next_sibling();
     }
+  }
+
+  bool readString(const pugi::xml_node& element, Value& value) {
+    std::string_view text;
+    if (!contents(element, text)) return false;
+    value = Value(String(text));
     return true;
   }
 
   bool readArray(const pugi::xml_node& element, Value& value, int nesting) {
     if (!isBlank(element.value())) return fail("text between elements");
     const size_t base = values_.size();
-    pugi::xml_node child = element.first_child();
-    for (; nextElement(child) && child; child = child.next_sibling()) {
+    for (pugi::xml_node child = element.first_child();; child = child.next_sibling()) {
+      const char* const name = nextElement(child);
+      if (name == nullptr) return false;
+      if (*name == 0) break;
       Value read;
-      if (!this->read(child, read, nesting)) return false;
+      if (!this->read(child, name, read, nesting)) return false;
       values_.push_back(std::move(read));
     }
-    if (child) return false;
     value = Array::taking(std::span(values_).subspan(base));
     values_.resize(base);
     return true;
@@ -196,19 +220,21 @@ class Walk {
   bool readDictionary(const pugi::xml_node& element, Value& value, int nesting) {
     if (!isBlank(element.value())) return fail("text between elements");
     const size_t base = entries_.size();
-    pugi::xml_node child = element.first_child();
-    for (; nextElement(child) && child; child = child.next_sibling()) {
-      if (std::strcmp(child.name(), "key") != 0) return fail("a dictionary entry without a key");
+    for (pugi::xml_node child = element.first_child();; child = child.next_sibling()) {
+      const char* name = nextElement(child);
+      if (name == nullptr) return false;
+      if (*name == 0) break;
+      if (std::strcmp(name, "key") != 0) return fail("a dictionary entry without a key");
       std::string_view key;
       if (!contents(child, key)) return false;
       Dictionary::Entry entry{String::interned(key), {}};
       child = child.next_sibling();
-      if (!nextElement(child)) return false;
-      if (!child) return fail("a key without a value");
-      if (!read(child, entry.value, nesting)) return false;
+      name = nextElement(child);
+      if (name == nullptr) return false;
+      if (*name == 0) return fail("a key without a value");
+      if (!read(child, name, entry.value, nesting)) return false;
       entries_.push_back(std::move(entry));
     }
-    if (child) return false;
     value = Dictionary::takingLast(std::span(entries_).subspan(base));
     entries_.resize(base);
     return true;
@@ -261,21 +287,25 @@ bool toUTF8(std::string& text) {
   return true;
 }
 
-/// Blanks beside comments, processing instructions and CDATA belong to strings too; without these the library
-/// need not make nodes for all the blanks between elements.
-unsigned blankOption(std::string_view text) {
-  if (text.starts_with("<?xml")) text.remove_prefix(5);
-  const bool isPlain = text.find("<?") == std::string_view::npos &&
-                       text.find("<!-") == std::string_view::npos &&
-                       text.find("<![") == std::string_view::npos;
-  return isPlain ? pugi::parse_ws_pcdata_single : pugi::parse_ws_pcdata;
+/// Whether `text` has comments, processing instructions (but for the declaration at its head) or CDATA.
+bool hasOtherMarkup(std::string_view text) {
+  if (text.starts_with("<?xml")) text.remove_prefix(text.find('>') + 1);
+  for (const char second : {'!', '?'}) {
+    for (size_t at = text.find(second); at != std::string_view::npos; at = text.find(second, at + 1)) {
+      if (at > 0 && text[at - 1] == '<') return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace
 
 Result<Value> parseXMLPropertyList(std::string& text) {
   if (!toUTF8(text) || !isValidXMLText(text)) return corrupt("malformed text encoding");
-  const unsigned options = pugi::parse_cdata | pugi::parse_eol | pugi::parse_embed_pcdata | blankOption(text);
+  // Blanks beside other markup belong to strings too; where there is none, the library need not make nodes
+  // for all the blanks between elements.
+  const unsigned blanks = hasOtherMarkup(text) ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single;
+  const unsigned options = pugi::parse_cdata | pugi::parse_eol | pugi::parse_embed_pcdata | blanks;
   pugi::xml_document document;
   const pugi::xml_parse_result parsed =
       document.load_buffer_inplace(text.data(), text.size(), options, pugi::encoding_utf8);
@@ -289,7 +319,7 @@ Result<Value> parseXMLPropertyList(std::string& text) {
     if (child.type() != pugi::node_element) continue;
     if (!list.isNone()) return corrupt("more than one value");
     Walk walk;
-    if (!walk.read(child, list, kMaximumFileNesting)) return corrupt(walk.why());
+    if (!walk.read(child, child.name(), list, kMaximumFileNesting)) return corrupt(walk.why());
   }
   if (list.isNone()) return corrupt("no value");
   return list;

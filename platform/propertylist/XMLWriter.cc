@@ -1,6 +1,7 @@
 // XML property lists are written straight into one string. Whatever reads back differently is refused.
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 
@@ -54,16 +55,26 @@ void appendBase64(std::string& out, std::span<const uint8_t> bytes) {
   if (bytes.size() - at == 2) append(static_cast<uint32_t>(bytes[at] << 16 | bytes[at + 1] << 8), 3);
 }
 
+/// What a character of text is written as; empty: as it is.
+constexpr auto kReferences = [] {
+  std::array<std::string_view, 256> references{};
+  references['&'] = "&amp;";
+  references['<'] = "&lt;";
+  references['>'] = "&gt;";
+  references['\r'] = "&#13;";
+  return references;
+}();
+
 void appendText(std::string& out, std::string_view text) {
-  constexpr std::string_view kSpecial = "&<>\r";
-  for (size_t at = text.find_first_of(kSpecial); at != std::string_view::npos;
-       at = text.find_first_of(kSpecial)) {
-    out.append(text, 0, at);
-    const char c = text[at];
-    out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : "&#13;";
-    text.remove_prefix(at + 1);
+  size_t done = 0;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const std::string_view reference = kReferences[static_cast<uint8_t>(text[at])];
+    if (reference.empty()) continue;
+    out.append(text, done, at - done);
+    out += reference;
+    done = at + 1;
   }
-  out += text;
+  out.append(text, done);
 }
 
 class Writer {

@@ -237,85 +237,120 @@ class Decoder {
 
 // --- Encoding ---
 
-template <typename Encode, typename T>
-void append(std::string& out, Encode encode, T argument) {
-  unsigned char head[kMaximumHead];
-  out.append(reinterpret_cast<const char*>(head), encode(argument, head, sizeof head));
-}
+/// Writes items. Small ones are collected here and handed on many at once; asking the string for room for
+/// each would cost more than writing it.
+class Encoder {
+ public:
+  explicit Encoder(std::string& out) : out_(out) {}
+  Encoder(const Encoder&) = delete;
+  Encoder& operator=(const Encoder&) = delete;
+  ~Encoder() { flush(); }
 
-void appendText(std::string& out, std::string_view text) {
-  append(out, cbor_encode_string_start, text.size());
-  out += text;
-}
-
-void appendBytes(std::string& out, std::span<const uint8_t> bytes) {
-  out.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
-void appendEntries(std::string& out, const Dictionary& dictionary) {
-  for (const auto& [key, value] : dictionary) {
-    appendText(out, key);
-    encode(value, out);
+  /// Hands on what is collected.
+  void flush() {
+    out_.append(reinterpret_cast<const char*>(buffer_), used_);
+    used_ = 0;
   }
-}
+
+  /// A head or a scalar, by one of the library's functions.
+  template <typename T>
+  void head(size_t (*encode)(T, unsigned char*, size_t), T argument) {
+    if (sizeof buffer_ - used_ < kMaximumHead) flush();
+    used_ += encode(argument, buffer_ + used_, sizeof buffer_ - used_);
+  }
+
+  void bytes(std::span<const uint8_t> bytes) {
+    if (bytes.size() > sizeof buffer_ - used_) flush();
+    if (bytes.size() > sizeof buffer_) {
+      out_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    } else if (!bytes.empty()) {
+      std::memcpy(buffer_ + used_, bytes.data(), bytes.size());
+      used_ += bytes.size();
+    }
+  }
+
+  void text(std::string_view text) {
+    head(cbor_encode_string_start, text.size());
+    bytes({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+  }
+
+  void entries(const Dictionary& dictionary) {
+    for (const auto& [key, element] : dictionary) {
+      text(key);
+      value(element);
+    }
+  }
+
+  void value(const Value& value) {
+    switch (value.kind()) {
+      case Value::Kind::none:
+        if (sizeof buffer_ - used_ < kMaximumHead) flush();
+        used_ += cbor_encode_null(buffer_ + used_, sizeof buffer_ - used_);
+        break;
+      case Value::Kind::boolean:
+        head(cbor_encode_bool, *value.boolean());
+        break;
+      case Value::Kind::integer:
+        integer(value.integerValue());
+        break;
+      case Value::Kind::unsignedInteger:
+        head(cbor_encode_uint, value.unsignedValue());
+        break;
+      case Value::Kind::real:
+        head(cbor_encode_double, *value.real());
+        break;
+      case Value::Kind::string:
+        text(value.sharedString()->view());
+        break;
+      case Value::Kind::data:
+        head(cbor_encode_bytestring_start, value.data()->size());
+        bytes(value.data()->bytes());
+        break;
+      case Value::Kind::date:
+        head(cbor_encode_tag, kDateTag);
+        head(cbor_encode_double, value.date()->secondsSince1970);
+        break;
+      case Value::Kind::uuid: {
+        const UUID uuid = *value.uuid();
+        head(cbor_encode_tag, kUUIDTag);
+        head(cbor_encode_bytestring_start, uuid.bytes().size());
+        bytes(uuid.bytes());
+        break;
+      }
+      case Value::Kind::array:
+        head(cbor_encode_array_start, value.array()->size());
+        for (const Value& element : *value.array()) this->value(element);
+        break;
+      case Value::Kind::dictionary:
+        head(cbor_encode_map_start, value.dictionary()->size());
+        entries(*value.dictionary());
+        break;
+      case Value::Kind::encoded:
+        head(cbor_encode_tag, kEncodedTag);
+        head(cbor_encode_bytestring_start, value.encoded()->size());
+        for (const auto& piece : value.encoded()->pieces()) bytes(piece.bytes);
+        break;
+    }
+  }
+
+ private:
+  void integer(int64_t integer) {
+    if (integer >= 0) {
+      head(cbor_encode_uint, static_cast<uint64_t>(integer));
+    } else {
+      head(cbor_encode_negint, static_cast<uint64_t>(-1 - integer));
+    }
+  }
+
+  std::string& out_;
+  size_t used_ = 0;
+  unsigned char buffer_[1024];
+};
 
 }  // namespace
 
 void encode(const Value& value, std::string& out) {
-  switch (value.kind()) {
-    case Value::Kind::none:
-      out += static_cast<char>(0xF6);
-      break;
-    case Value::Kind::boolean:
-      append(out, cbor_encode_bool, *value.boolean());
-      break;
-    case Value::Kind::integer: {
-      const int64_t integer = value.integerValue();
-      if (integer >= 0) {
-        append(out, cbor_encode_uint, static_cast<uint64_t>(integer));
-      } else {
-        append(out, cbor_encode_negint, static_cast<uint64_t>(-1 - integer));
-      }
-      break;
-    }
-    case Value::Kind::unsignedInteger:
-      append(out, cbor_encode_uint, value.unsignedValue());
-      break;
-    case Value::Kind::real:
-      append(out, cbor_encode_double, *value.real());
-      break;
-    case Value::Kind::string:
-      appendText(out, *value.string());
-      break;
-    case Value::Kind::data:
-      append(out, cbor_encode_bytestring_start, value.data()->size());
-      appendBytes(out, value.data()->bytes());
-      break;
-    case Value::Kind::date:
-      append(out, cbor_encode_tag, kDateTag);
-      append(out, cbor_encode_double, value.date()->secondsSince1970);
-      break;
-    case Value::Kind::uuid: {
-      const UUID uuid = *value.uuid();
-      append(out, cbor_encode_tag, kUUIDTag);
-      append(out, cbor_encode_bytestring_start, uuid.bytes().size());
-      appendBytes(out, uuid.bytes());
-      break;
-    }
-    case Value::Kind::array:
-      append(out, cbor_encode_array_start, value.array()->size());
-      for (const Value& element : *value.array()) encode(element, out);
-      break;
-    case Value::Kind::dictionary:
-      append(out, cbor_encode_map_start, value.dictionary()->size());
-      appendEntries(out, *value.dictionary());
-      break;
-    case Value::Kind::encoded:
-      append(out, cbor_encode_tag, kEncodedTag);
-      append(out, cbor_encode_bytestring_start, value.encoded()->size());
-      for (const auto& piece : value.encoded()->pieces()) appendBytes(out, piece.bytes);
-      break;
-  }
+  Encoder(out).value(value);
 }
 
 Data encoded(const Value& value) {
@@ -345,7 +380,7 @@ EncodedPropertyList encodePropertyList(const Value& value) {
 
 Data encodeEntries(const Dictionary& dictionary) {
   std::string out;
-  appendEntries(out, dictionary);
+  Encoder(out).entries(dictionary);
   return Data(out);
 }
 
@@ -353,13 +388,13 @@ Data encodeEntries(const Dictionary& dictionary) {
 
 void EncodedListBuilder::beginArray(size_t count) {
   const size_t from = fresh_.size();
-  append(fresh_, cbor_encode_array_start, count);
+  Encoder(fresh_).head(cbor_encode_array_start, count);
   extendFresh(from);
 }
 
 void EncodedListBuilder::beginMap(size_t count) {
   const size_t from = fresh_.size();
-  append(fresh_, cbor_encode_map_start, count);
+  Encoder(fresh_).head(cbor_encode_map_start, count);
   extendFresh(from);
 }
 
@@ -371,8 +406,10 @@ void EncodedListBuilder::value(const Value& value) {
 
 void EncodedListBuilder::entry(std::string_view key, const Value& value) {
   const size_t from = fresh_.size();
-  appendText(fresh_, key);
-  encode(value, fresh_);
+  Encoder encoder(fresh_);
+  encoder.text(key);
+  encoder.value(value);
+  encoder.flush();
   extendFresh(from);
 }
 

@@ -3,6 +3,7 @@
 // longest. Strings that nobody else holds any more are dropped when their place is needed.
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 #include "platform/value/Value.h"
@@ -23,18 +24,33 @@ struct Table {
   ~Table() { isTableGone = true; }
 };
 
+template <typename Word>
+uint64_t load(const char* at) {
+  Word word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
+}
+
+uint64_t mixed(uint64_t sum, uint64_t word) {
+  sum = (sum ^ word) * 0x9E3779B97F4A7C15ULL;
+  return sum ^ sum >> 32;
+}
+
+/// REQUIRES: `text` is not empty.
 uint64_t hash(std::string_view text) {
-  constexpr uint64_t kFactor = 0x9E3779B97F4A7C15ULL;
-  uint64_t sum = text.size() * kFactor;
-  while (!text.empty()) {
-    uint64_t word = 0;
-    const size_t size = text.size() < sizeof word ? text.size() : sizeof word;
-    std::memcpy(&word, text.data(), size);
-    sum = (sum ^ word) * kFactor;
-    sum ^= sum >> 32;
-    text.remove_prefix(size);
+  const char* const begin = text.data();
+  const size_t size = text.size();
+  if (size < 4) {
+    // The first, the middle and the last byte are all there are.
+    const uint64_t bytes =
+        load<uint8_t>(begin) | load<uint8_t>(begin + size / 2) << 8 | load<uint8_t>(begin + size - 1) << 16;
+    return mixed(size, bytes);
   }
-  return sum;
+  if (size < 8) return mixed(size, load<uint32_t>(begin) << 32 | load<uint32_t>(begin + size - 4));
+  uint64_t sum = size;
+  for (size_t at = 0; at + 8 < size; at += 8) sum = mixed(sum, load<uint64_t>(begin + at));
+  // The last word overlaps the one before.
+  return mixed(sum, load<uint64_t>(begin + size - 8));
 }
 
 }  // namespace

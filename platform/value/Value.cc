@@ -304,12 +304,7 @@ bool operator==(const Dictionary& a, const Dictionary& b) {
 
 // --- Value ---
 
-Value::Value(String value) noexcept : kind_(Kind::string), string_(std::move(value)) {}
-Value::Value(Data value) noexcept : kind_(Kind::data), data_(std::move(value)) {}
 Value::Value(const UUID& value) : kind_(Kind::uuid), uuid_(new detail::UUIDNode(value)) {}
-Value::Value(Array value) noexcept : kind_(Kind::array), array_(std::move(value)) {}
-Value::Value(Dictionary value) noexcept : kind_(Kind::dictionary), dictionary_(std::move(value)) {}
-Value::Value(EncodedPropertyList value) noexcept : kind_(Kind::encoded), encoded_(std::move(value)) {}
 
 void Value::copyFrom(const Value& other) noexcept {
   kind_ = other.kind_;
@@ -365,26 +360,6 @@ void Value::release() noexcept {
     default:
       break;
   }
-}
-
-std::optional<std::string_view> Value::string() const {
-  if (kind_ != Kind::string) return std::nullopt;
-  return string_.view();
-}
-
-std::optional<bool> Value::boolean() const {
-  if (kind_ != Kind::boolean) return std::nullopt;
-  return integer_ != 0;
-}
-
-std::optional<double> Value::real() const {
-  if (kind_ != Kind::real) return std::nullopt;
-  return real_;
-}
-
-std::optional<Date> Value::date() const {
-  if (kind_ != Kind::date) return std::nullopt;
-  return Date{real_};
 }
 
 std::optional<UUID> Value::uuid() const {

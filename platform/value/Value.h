@@ -207,17 +207,17 @@ class Value {
       unsigned_ = static_cast<uint64_t>(value);
     }
   }
-  Value(double value) noexcept : kind_(Kind::real), real_(value) {}                 // NOLINT
-  Value(String value) noexcept;                                                     // NOLINT
-  Value(std::string_view value) : Value(String(value)) {}                           // NOLINT
-  Value(const std::string& value) : Value(String(std::string_view(value))) {}       // NOLINT
-  Value(const char* value) : Value(String(std::string_view(value))) {}              // NOLINT
-  Value(Data value) noexcept;                                                       // NOLINT
-  Value(Date value) noexcept : kind_(Kind::date), real_(value.secondsSince1970) {}  // NOLINT
-  Value(const UUID& value);                                                         // NOLINT
-  Value(Array value) noexcept;                                                      // NOLINT
-  Value(Dictionary value) noexcept;                                                 // NOLINT
-  Value(EncodedPropertyList value) noexcept;                                        // NOLINT
+  Value(double value) noexcept : kind_(Kind::real), real_(value) {}                                // NOLINT
+  Value(String value) noexcept : kind_(Kind::string), string_(std::move(value)) {}                 // NOLINT
+  Value(std::string_view value) : Value(String(value)) {}                                          // NOLINT
+  Value(const std::string& value) : Value(String(std::string_view(value))) {}                      // NOLINT
+  Value(const char* value) : Value(String(std::string_view(value))) {}                             // NOLINT
+  Value(Data value) noexcept : kind_(Kind::data), data_(std::move(value)) {}                       // NOLINT
+  Value(Date value) noexcept : kind_(Kind::date), real_(value.secondsSince1970) {}                 // NOLINT
+  Value(const UUID& value);                                                                        // NOLINT
+  Value(Array value) noexcept : kind_(Kind::array), array_(std::move(value)) {}                    // NOLINT
+  Value(Dictionary value) noexcept : kind_(Kind::dictionary), dictionary_(std::move(value)) {}     // NOLINT
+  Value(EncodedPropertyList value) noexcept : kind_(Kind::encoded), encoded_(std::move(value)) {}  // NOLINT
   /// A pointer is never meant as a boolean.
   template <typename T>
   requires(!std::same_as<std::remove_cv_t<T>, char>) Value(T*)
@@ -252,10 +252,14 @@ class Value {
 
   // Typed reading: none (or null) unless the value is of that very kind. Views and pointers are valid while
   // this Value is neither changed nor destroyed.
-  std::optional<std::string_view> string() const;
-  std::optional<bool> boolean() const;
-  std::optional<double> real() const;
-  std::optional<Date> date() const;
+  std::optional<std::string_view> string() const {
+    return kind_ == Kind::string ? std::optional(string_.view()) : std::nullopt;
+  }
+  std::optional<bool> boolean() const {
+    return kind_ == Kind::boolean ? std::optional(integer_ != 0) : std::nullopt;
+  }
+  std::optional<double> real() const { return kind_ == Kind::real ? std::optional(real_) : std::nullopt; }
+  std::optional<Date> date() const { return kind_ == Kind::date ? std::optional(Date{real_}) : std::nullopt; }
   std::optional<UUID> uuid() const;
   const String* sharedString() const { return kind_ == Kind::string ? &string_ : nullptr; }
   const Data* data() const { return kind_ == Kind::data ? &data_ : nullptr; }
