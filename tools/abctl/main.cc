@@ -1,10 +1,12 @@
 // abctl, the administrator's command: reads the command line, runs one command, prints how it failed.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
 
+#include "Ambrel/ABProtocol.h"
 #include "platform/system/Directories.h"
 #include "platform/value/Value.h"
 #include "tools/abctl/Commands.h"
@@ -48,7 +50,7 @@ void printFailure(const Context& context, const Failure& failure) {
 
 void declareOptions(CLI::App& app, Context& context) {
   app.footer(kFooter);
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);  // a missing one is explained by run()
   app.fallthrough();
   app.add_flag("--json", context.json, "Print JSON for programs instead of text for people");
   app.add_option("--service", context.service, "Name of the daemon's service")->type_name("NAME");
@@ -77,6 +79,7 @@ ExitCode run(int argc, char** argv, Context& context) {
         app.get_subcommands().empty() ? "" : " " + app.get_subcommands().front()->get_name();
     throw Failure(abctl::kUsage, error.what(), "see: abctl" + chosen + " --help");
   }
+  if (!context.command) throw Failure(abctl::kUsage, "say what to do", "see: abctl --help");
   if (context.timeoutSeconds > 1e6) throw Failure(abctl::kUsage, "--timeout is at most 1000000 seconds");
   if (!platform::isSafeFileName(context.service))
     throw Failure(abctl::kUsage, "\"" + context.service + "\" cannot be a service name",
@@ -89,7 +92,10 @@ ExitCode run(int argc, char** argv, Context& context) {
 int main(int argc, char** argv) {
   abctl::setUpCharacters();
   Context context;
-  context.service = "com.veltra.ambrel.abd";
+  context.service = ambrel::kDefaultServiceName;
+  // Known before the command line is parsed, so that its mistakes come out as JSON, too.
+  context.json =
+      std::any_of(argv, argv + argc, [](const char* word) { return word == std::string("--json"); });
   ExitCode code = abctl::kSuccess;
   try {
     code = run(argc, argv, context);
