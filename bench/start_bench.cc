@@ -1,0 +1,69 @@
+// (c) Start over 10,000 bundles, from the start of the program until it answers connections: the first time,
+// with nothing stored, against reading and parsing the files alone; the second time against the first.
+
+#include <filesystem>
+#include <string>
+
+#include "bench/Benches.h"
+#include "bench/Pairs.h"
+#include "bench/Plugins.h"
+#include "bench/Processes.h"
+#include "platform/propertylist/PropertyList.h"
+
+namespace bench {
+
+namespace {
+
+constexpr size_t kBundles = 10000;
+constexpr size_t kPairs = 5;
+
+class Starts {
+ public:
+  explicit Starts(const Population& plugIns) : plugIns_(plugIns), place_(plugIns.place + "/start") {}
+
+  double reading() const {
+    return secondsOf([this] {
+      for (const std::string& path : plugIns_.plugInPaths)
+        (void)platform::readPropertyListFile(path + "/Info.plist");
+    });
+  }
+
+  /// Nothing is left of what a daemon stored or made before.
+  double first() const {
+    std::filesystem::remove_all(place_);
+    std::filesystem::remove_all(plugIns_.dataHome + "/veltra/Containers");
+    return start();
+  }
+
+  double start() const { return Daemon(plugIns_.dataHome, place_, -1).secondsToStart(); }
+
+ private:
+  const Population& plugIns_;
+  const std::string place_;
+};
+
+void measure(const Starts& starts, const std::string& where) {
+  const auto first = [&starts] { return starts.first(); };
+  report("(c) first start over 10,000 bundles" + where + ", against reading and parsing them",
+         measurePairs(kPairs, [&starts] { return starts.reading(); }, first), 2.0);
+  report("(c) second start" + where + ", against the first",
+         measurePairs(
+             kPairs, first,
+             [&starts] {
+               const double again = starts.start();
+               return again;
+             }),
+         0.1);
+}
+
+}  // namespace
+
+void benchStart() {
+  const Starts starts(population(kBundles));
+  pin(0, true);
+  measure(starts, ", one core");
+  pin(0, false);
+  measure(starts, "");
+}
+
+}  // namespace bench
