@@ -254,6 +254,7 @@ void PeerConnection::die(Ending ending, const char* reason) {
   sendLimit_.stop();
   stopWatchingProcess();
   if (wasLive) loop_.remove(number_);
+  if (isEnlisted_) loop_.withdraw(*this);
   if (ending == Ending::drop) output_.clear();
 
   Handler handler = std::move(handler_);

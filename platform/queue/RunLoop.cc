@@ -154,7 +154,7 @@ bool RunLoop::Implementation::runNext() {
   }
   if (sources.empty()) return false;
   std::shared_ptr<Source> source = sources.pop();
-  if (source->supply()) sources.push(std::move(source));
+  if (source != nullptr && source->supply()) sources.push(std::move(source));
   return true;
 }
 
@@ -271,6 +271,11 @@ void RunLoop::atEndOfTurn(Work work) {
 
 void RunLoop::enlist(std::shared_ptr<Source> source) {
   implementation_->sources.push(std::move(source));
+}
+
+void RunLoop::withdraw(const Source& source) {
+  for (std::shared_ptr<Source>& each : implementation_->sources)
+    if (each.get() == &source) each = nullptr;
 }
 
 void RunLoop::tellEndOfTurn(std::shared_ptr<Source> source) {

@@ -81,6 +81,8 @@ class RunLoop {
   /// Asks `source` for work in this turn and the coming ones until it has none; only on the loop's thread,
   /// and once until then.
   void enlist(std::shared_ptr<Source> source);
+  /// Lets go of an enlisted source; only on the loop's thread.
+  void withdraw(const Source& source);
   /// Tells `source` when the current turn ends; only on the loop's thread, and once a turn.
   void tellEndOfTurn(std::shared_ptr<Source> source);
 

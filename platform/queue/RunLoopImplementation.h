@@ -67,7 +67,7 @@ struct RunLoop::Implementation {
   bool isDispatching = false;
   std::vector<epoll_event> events;
   Fifo<Item> ready;
-  Fifo<std::shared_ptr<Source>> sources;
+  Fifo<std::shared_ptr<Source>> sources;  // null: withdrawn
   std::vector<std::shared_ptr<Source>> finishing, finishingNow;
   std::vector<Work> endOfTurn, endOfTurnNow;
   /// All the time that was spent in drain(), and since when the current one runs.

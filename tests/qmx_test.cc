@@ -1,0 +1,784 @@
+// The message service as its peers see it: frames, limits, deaths, names, over real sockets.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <functional>
+#include <latch>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/qmx/Connection.h"
+#include "platform/qmx/Encoding.h"
+#include "platform/qmx/Limits.h"
+#include "platform/qmx/Listener.h"
+#include "platform/qmx/TimeLimit.h"
+#include "platform/system/Directories.h"
+#include "platform/value/Error.h"
+#include "tests/support/EchoService.h"
+#include "tests/support/ThisProcess.h"
+#include "tests/support/WireClient.h"
+
+namespace testsupport {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace platform::qmx;
+using Clock = std::chrono::steady_clock;
+
+/// This program as a peer, for the test that replaces the file of one.
+const bool isPeer = [] {
+  const char* path = getenv("QMX_TEST_CONNECT");
+  if (path == nullptr) return false;
+  const WireClient client = WireClient::connect(path);
+  pause();
+  _exit(0);
+}();
+
+const DeviceRoot& device = thisDevice();
+
+/// A child process that runs `work` and exits with its result; killed with the object.
+class Child {
+ public:
+  explicit Child(const std::function<int()>& work) : pid_(fork()) {
+    if (pid_ == 0) _exit(work());
+  }
+  ~Child() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      wait();
+    }
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  pid_t pid() const { return pid_; }
+  int wait() {
+    int status = -1;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t pid_;
+};
+
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
+
+FileDescriptor boundSocket(const std::string& path, bool listens) {
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = addressOf(path);
+  EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  if (listens) {
+    EXPECT_EQ(listen(socket.get(), 16), 0);
+  }
+  return socket;
+}
+
+/// One frame around any bytes.
+std::string framed(std::string_view contents) {
+  std::string frame;
+  for (int shift = 24; shift >= 0; shift -= 8) frame += static_cast<char>(contents.size() >> shift);
+  return frame += contents;
+}
+
+/// A request whose frame has exactly `size` bytes after its length field.
+std::string requestOfSize(size_t size) {
+  const size_t overhead =
+      frameBytes(FrameKind::request, 1, Dictionary{{"x", Data(std::string(70000, 'x'))}}).size() - 4 - 70000;
+  return frameBytes(FrameKind::request, 1, Dictionary{{"x", Data(std::string(size - overhead, 'x'))}});
+}
+
+size_t countLines(const std::vector<std::string>& lines, std::string_view text) {
+  return static_cast<size_t>(std::ranges::count_if(
+      lines, [text](const std::string& line) { return line.find(text) != std::string::npos; }));
+}
+
+// --- Frames ---
+
+TEST(FramesTest, areAnsweredInOrderHoweverTheirBytesArrive) {
+  EchoService service("frames");
+  WireClient client = service.connect();
+  constexpr int kRequests = 500;
+  std::string all;
+  for (int i = 0; i < kRequests; ++i) all += frameBytes(FrameKind::request, 1000u + i, Dictionary{{"i", i}});
+  client.sendBytes(all);
+  for (int i = 0; i < kRequests; ++i) {
+    const auto reply = client.receive();
+    ASSERT_TRUE(reply);
+    ASSERT_EQ(reply->kind, FrameKind::reply);
+    ASSERT_EQ(reply->id, 1000u + i);
+    ASSERT_EQ(reply->body["i"].integerValue(), i);
+  }
+  for (const char byte : frameBytes(FrameKind::request, ~uint64_t{0}, Dictionary{{"slow", true}})) {
+    client.sendBytes({&byte, 1});
+    std::this_thread::sleep_for(1ms);
+  }
+  const auto slow = client.receive();
+  ASSERT_TRUE(slow);
+  EXPECT_EQ(slow->id, ~uint64_t{0});
+  client.sendFrame(FrameKind::message, 0, Dictionary{{"tag", "no reply"}});
+  EXPECT_TRUE(service.waitFor("no reply"));
+  EXPECT_TRUE(client.isSilent());
+}
+
+TEST(FramesTest, mayBeAsLargeAndAsDeepAsTheLimits) {
+  EchoService service("limits");
+  WireClient client = service.connect();
+  client.sendBytes(requestOfSize(kMaximumRequestFrame));
+  EXPECT_TRUE(client.receive());
+
+  const auto nested = [](int arrays) {
+    std::string contents = "\x83\x01\x07\xa1\x61x";
+    contents.append(static_cast<size_t>(arrays - 1), '\x81');
+    return framed(contents + "\x80");
+  };
+  client.sendBytes(nested(kMaximumNesting - 2));  // the frame's array and the body's map count
+  EXPECT_TRUE(client.receive());
+  client.sendBytes(nested(kMaximumNesting - 1));
+  EXPECT_TRUE(client.isClosedByPeer());
+}
+
+TEST(FramesTest, thatAreOversizedOrMalformedAreLoggedOnceAndCloseTheirConnectionAlone) {
+  const std::string empty = frameBytes(FrameKind::request, 1, Dictionary());
+  const std::vector<std::string> bad = {
+      requestOfSize(kMaximumRequestFrame + 1),
+      framed(""),
+      framed("garbage"),
+      framed("\x83\x01\x01"),                                   // no body
+      framed("\x83\x01\x01\xa0\xa0"),                           // something behind
+      framed("\x84\x01\x01\xa0\xa0"),                           // an array of four
+      framed("\x82\x01\xa0"),                                   // of two
+      framed("\x83\x03\x01\xa0"),                               // an unknown kind
+      framed("\x83\x02\x01\xa0"),                               // a reply
+      framed("\x83\x01\x20\xa0"),                               // a negative id
+      framed("\x83\x01\x61\x31\xa0"),                           // an id of text
+      framed("\x83\xf5\x01\xa0"),                               // a boolean kind
+      framed("\x83\x01\x01\xf6"),                               // null
+      framed("\x83\x01\x01\xbf\xff"),                           // an indefinite map
+      framed("\x9f\x01\x01\xa0\xff"),                           // an indefinite array
+      framed(std::string("\x83\x01\x1b\0\0\0\0\0\0\0\1", 11)),  // nothing after a long id
+      framed("\x83\x01\x01\xa2\x61\x61\x01\x61\x61\x02"),       // a key twice
+  };
+  EchoService service("malformed");
+  WireClient other = service.connect();
+  const auto log = logOf([&] {
+    for (size_t i = 0; i < bad.size(); ++i) {
+      WireClient client = service.connect();
+      // What came before it is served, what comes after is not.
+      client.sendBytes(frameBytes(FrameKind::request, 5, Dictionary()) + bad[i] + empty + empty);
+      const auto reply = client.receive();
+      ASSERT_TRUE(reply) << i;
+      EXPECT_EQ(reply->id, 5u) << i;
+      EXPECT_TRUE(client.isClosedByPeer()) << i;
+      EXPECT_TRUE(service.waitFor("-", i + 1)) << i;
+    }
+  });
+  EXPECT_EQ(countLines(log, "a malformed frame"), bad.size() - 1);
+  EXPECT_EQ(countLines(log, "an oversized frame"), 1u);
+  EXPECT_EQ(log.size(), bad.size());
+  EXPECT_EQ(other.call({{"still", "here"}})["still"], Value("here"));
+}
+
+TEST(FramesTest, withLongerHeadsThanNeededAreUnderstood) {
+  EchoService service("heads");
+  WireClient client = service.connect();
+  client.sendBytes(framed(std::string("\x98\x03\x18\x01\x1b\0\0\0\0\0\0\0\x2a\xb8\x00", 15)));
+  const auto reply = client.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->id, 42u);
+}
+
+TEST(FramesTest, whoseBodyIsNoMapAreEventsAndNothingElse) {
+  EchoService service("no-map");
+  WireClient client = service.connect();
+  for (const Value& body : {Value("text"), Value(7), Value(Array{Value(1)}), Value(false)})
+    client.sendFrame(FrameKind::request, 3, body);
+  client.sendFrame(FrameKind::message, 0, "text");
+  EXPECT_EQ(client.call({{"next", 1}})["next"], Value(1));
+  EXPECT_EQ(service.history(), "+?????m");
+}
+
+TEST(FramesTest, thatCarryLargeRepliesArriveWhole) {
+  EchoService service("large");
+  WireClient client = service.connect();
+  for (const size_t size : {2047u, 2048u, 70'000u, 30'000'000u}) {
+    const Dictionary reply = client.call({{"size", size}, {"z", "after the list"}});
+    const EncodedPropertyList* list = reply["list"].encoded();
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list->joined(), encodedOfSize(size).joined());
+    EXPECT_EQ(reply["z"], Value("after the list"));
+  }
+}
+
+// --- Deaths ---
+
+TEST(DeathTest, ofAPeerIsItsLastEventAndFreesTheConnection) {
+  EchoService service("death");
+  {
+    WireClient client = service.connect();
+    client.call({});
+  }
+  EXPECT_TRUE(service.waitFor("-"));
+  WireClient half = service.connect();
+  half.sendBytes(std::string("\0\0\1\0abc", 7));
+  half.close();
+  EXPECT_TRUE(service.waitFor("-", 2));
+  WireClient cancelled = service.connect();
+  cancelled.send({{"cancel", true}});
+  EXPECT_TRUE(cancelled.isClosedByPeer());
+  EXPECT_TRUE(service.waitFor("-", 3));
+  EXPECT_EQ(service.history(), "+m-+-+m-");
+  service.connect().call({});
+  EXPECT_LE(service.livingConnections(), 1u);
+}
+
+TEST(DeathTest, isNoticedBeforeTheNextOfTheWaitingRequests) {
+  EchoService service("waiting");
+  WireClient slow = service.connect(), other = service.connect();
+  ASSERT_TRUE(service.waitFor("+", 2));
+  std::string requests;
+  for (const char* tag : {"a", "b", "c"})
+    requests += frameBytes(FrameKind::request, 1, Dictionary{{"tag", tag}, {"sleep", 100}});
+  slow.sendBytes(requests);
+  ASSERT_TRUE(service.waitFor("a"));
+  other.close();
+  EXPECT_TRUE(service.waitFor("c"));
+  EXPECT_EQ(service.history(), "++ma-mbmc");
+  // The replies did not wait for one another either.
+  EXPECT_TRUE(slow.receive());
+}
+
+TEST(DeathTest, dropsWhatIsUnservedButWritesRepliesThatAreDue) {
+  EchoService service("due");
+  WireClient client = service.connect();
+  constexpr size_t kSize = 20'000'000;
+  client.send({{"size", kSize}, {"tag", "a"}});
+  ASSERT_TRUE(service.waitFor("a"));
+  client.send({{"sleep", 100}, {"tag", "b"}});
+  client.send({{"tag", "c"}});
+  client.send({{"tag", "d"}});
+  ASSERT_TRUE(service.waitFor("b"));
+  client.shutdownSending();
+  ASSERT_TRUE(service.waitFor("-"));
+  const auto first = client.receive(), second = client.receive();
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first->body["list"].encoded()->size(), kSize);
+  EXPECT_EQ(second->body["tag"], Value("b"));
+  EXPECT_TRUE(client.isClosedByPeer());
+  // What had arrived was handed over before the end, and its service found the connection gone.
+  EXPECT_EQ(service.history(), "+mambmm-");
+}
+
+TEST(DeathTest, ofAProcessWhoseSocketLivesOnIsImminentOnly) {
+  EchoService service("imminent");
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+  Child child([&] {
+    const WireClient client = service.connect();
+    char byte = 0, control[CMSG_SPACE(sizeof(int))] = {};
+    iovec part{.iov_base = &byte, .iov_len = 1};
+    msghdr header{};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    cmsghdr* rights = CMSG_FIRSTHDR(&header);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(int));
+    const int fd = client.fd();
+    std::copy_n(reinterpret_cast<const unsigned char*>(&fd), sizeof fd, CMSG_DATA(rights));
+    if (sendmsg(pair[0], &header, 0) != 1) return 1;
+    return read(pair[0], &byte, 1) == 1 ? 0 : 1;
+  });
+  char byte = 0, control[CMSG_SPACE(sizeof(int))];
+  iovec part{.iov_base = &byte, .iov_len = 1};
+  msghdr header{};
+  header.msg_iov = &part;
+  header.msg_iovlen = 1;
+  header.msg_control = control;
+  header.msg_controllen = sizeof control;
+  ASSERT_EQ(recvmsg(pair[1], &header, MSG_CMSG_CLOEXEC), 1);
+  ASSERT_NE(CMSG_FIRSTHDR(&header), nullptr);
+  int fd = -1;
+  std::copy_n(CMSG_DATA(CMSG_FIRSTHDR(&header)), sizeof fd, reinterpret_cast<unsigned char*>(&fd));
+  WireClient client{FileDescriptor(fd)};
+
+  client.call({});
+  const auto peer = service.lastPeer();
+  EXPECT_EQ(peer->pid(), child.pid());
+  EXPECT_TRUE(peer->isAlive());
+  ASSERT_EQ(write(pair[1], "x", 1), 1);
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_TRUE(service.waitFor("!"));
+  EXPECT_FALSE(peer->isAlive());
+  client.call({});
+  client.close();
+  EXPECT_TRUE(service.waitFor("-"));
+  EXPECT_EQ(service.history(), "+m!m-");
+  close(pair[0]);
+  close(pair[1]);
+}
+
+// --- Limits ---
+
+TEST(LimitsTest, holdBackThePeerThatDoesNotTakeItsReplies) {
+  EchoService service("unsent");
+  WireClient client = service.connect();
+  constexpr int kRequests = 100;
+  constexpr size_t kSize = 1u << 20;
+  for (int i = 0; i < kRequests; ++i) client.send({{"size", kSize}});
+  ASSERT_TRUE(service.waitFor("m", kMaximumUnsentBytes / kSize));
+  std::this_thread::sleep_for(100ms);
+  // The one that made it too much was served, and the socket holds a little.
+  const auto served = static_cast<size_t>(std::ranges::count(service.history(), 'm'));
+  EXPECT_LE(served, kMaximumUnsentBytes / kSize + 2);
+  // Others are served meanwhile.
+  service.connect().call({});
+  for (int i = 0; i < kRequests; ++i) {
+    const auto reply = client.receive();
+    ASSERT_TRUE(reply);
+    ASSERT_EQ(reply->id, static_cast<uint64_t>(i) + 1);
+  }
+
+  // The end of the stream is noticed although nothing is read.
+  for (int i = 0; i < kRequests; ++i) client.send({{"size", kSize}});
+  ASSERT_TRUE(service.waitFor("m", served + kRequests));
+  std::this_thread::sleep_for(50ms);
+  const size_t deaths = 1;  // of the other one
+  client.shutdownSending();
+  EXPECT_TRUE(service.waitFor("-", deaths + 1));
+}
+
+TEST(LimitsTest, leaveRequestsThatAreTooManyInTheSocket) {
+  EchoService service("pending");
+  WireClient client = service.connect();
+  // While one is served the others are neither handed over nor, beyond the limit, read.
+  client.send({{"sleep", 200}, {"tag", "a"}});
+  ASSERT_TRUE(service.waitFor("a"));
+  const std::string large = requestOfSize(8192);
+  timeval timeout{.tv_sec = 0, .tv_usec = 100'000};
+  setsockopt(client.fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  size_t sent = 0;
+  while (send(client.fd(), large.data(), large.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(large.size()))
+    ++sent;
+  EXPECT_EQ(service.history(), "+ma");
+  EXPECT_LT(sent, 2 * kMaximumPendingRequests);
+}
+
+TEST(LimitsTest, onConnectionsOfOneProcessRefuseTheNextOne) {
+  EchoService service("many");
+  std::vector<WireClient> clients;
+  for (size_t i = 0; i < kMaximumConnectionsPerProcess; ++i) clients.push_back(service.connect());
+  EXPECT_TRUE(service.waitFor("+", kMaximumConnectionsPerProcess));
+  clients.back().call({});
+  EXPECT_TRUE(service.connect().isClosedByPeer());
+  EXPECT_TRUE(service.connect().isClosedByPeer());
+  clients.front().close();
+  EXPECT_TRUE(service.waitFor("-"));
+  service.connect().call({});
+  // Another process has a share of its own.
+  Child child([&] {
+    WireClient client = service.connect();
+    client.send({});
+    return client.receive() ? 0 : 1;
+  });
+  EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(LimitsTest, onAllConnectionsRefuseTheNextOne) {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  if (descriptors.rlim_max < 2 * kMaximumConnections + 500) GTEST_SKIP() << "too few descriptors";
+  EchoService service("thousands");
+  constexpr size_t kProcesses = kMaximumConnections / kMaximumConnectionsPerProcess;
+  std::vector<std::unique_ptr<Child>> children;
+  for (size_t i = 0; i < kProcesses; ++i) {
+    children.push_back(std::make_unique<Child>([&] {
+      std::vector<WireClient> clients;
+      for (size_t c = 0; c < kMaximumConnectionsPerProcess - (i == 0 ? 1 : 0); ++c)
+        clients.push_back(service.connect());
+      pause();
+      return 0;
+    }));
+  }
+  ASSERT_TRUE(service.waitFor("+", kMaximumConnections - 1));
+  WireClient last = service.connect();
+  const auto start = Clock::now();
+  for (int i = 0; i < 100; ++i) last.call({{"i", i}});
+  EXPECT_LT(Clock::now() - start, 2s);  // idle connections cost nothing
+  EXPECT_TRUE(service.connect().isClosedByPeer());
+  children.clear();
+  EXPECT_TRUE(service.waitFor("-", kMaximumConnections - 1));
+  EXPECT_EQ(service.livingConnections(), 1u);
+  last.call({});
+}
+
+TEST(LimitsTest, onDescriptorsMakeThePeersWaitThatComeTooLate) {
+  const std::string path = servicePath("scarce");
+  Child daemon([] {
+    const rlimit few{.rlim_cur = 100, .rlim_max = 120};
+    if (setrlimit(RLIMIT_NOFILE, &few) != 0) return 1;
+    EchoService service("scarce");
+    pause();
+    return 0;
+  });
+  std::optional<WireClient> first;
+  for (int i = 0; i < 500 && (!first || first->fd() < 0); ++i) {
+    first = WireClient::connect(path);
+    std::this_thread::sleep_for(10ms);
+  }
+  first->call({});
+  std::vector<WireClient> clients;
+  for (int i = 0; i < 80; ++i) clients.push_back(WireClient::connect(path));
+  clients.back().send({{"waited", true}});
+  EXPECT_TRUE(clients.back().isSilent());
+  first->call({});
+  clients.erase(clients.begin(), clients.end() - 1);
+  const auto reply = clients.back().receive();
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->body["waited"].isTrue());
+}
+
+TEST(LimitsTest, onTimeCloseHalfFramesAndPeersThatTakeNothing) {
+  EchoService service("time");
+  const auto start = Clock::now();
+  const auto secondsPassed = [start] { return std::chrono::duration<double>(Clock::now() - start).count(); };
+  const std::string frame = frameBytes(FrameKind::request, 1, Dictionary{{"late", true}});
+  WireClient half = service.connect(), late = service.connect(), deaf = service.connect(),
+             slow = service.connect();
+  half.sendBytes(frame.substr(0, 2));
+  late.sendBytes(frame + frame.substr(0, 5));
+  deaf.send({{"size", 20'000'000}});
+  slow.send({{"size", 20'000'000}});
+  EXPECT_TRUE(late.receive());
+  std::jthread taker([&slow] {
+    // Takes a little now and then.
+    for (int i = 0; i < 3; ++i) {
+      std::vector<char> some(1'000'000);
+      EXPECT_GT(recv(slow.fd(), some.data(), some.size(), MSG_WAITALL), 0);
+      std::this_thread::sleep_for(10s);
+    }
+  });
+  std::this_thread::sleep_for(kFrameTimeout - 1s);
+  late.sendBytes(frame.substr(5));
+  EXPECT_TRUE(late.receive());
+  EXPECT_TRUE(half.isClosedByPeer());
+  EXPECT_GE(secondsPassed(), 9.9);
+  EXPECT_LT(secondsPassed(), 13);
+  EXPECT_TRUE(late.isSilent());
+  ASSERT_TRUE(service.waitFor("-", 2));
+  EXPECT_GE(secondsPassed(), 29.9);
+  EXPECT_LT(secondsPassed(), 33);
+  taker.join();
+  slow.sendFrame(FrameKind::message, 0, Dictionary{{"tag", "alive"}});
+  EXPECT_TRUE(service.waitFor("alive"));
+}
+
+TEST(LimitsTest, onTimeDoNotCountWhileTheLoopWorks) {
+  RunLoop loop;
+  std::vector<Clock::time_point> expired;
+  TimeLimit limit(loop, 60ms, [&] {
+    expired.push_back(Clock::now());
+    loop.stop();
+  });
+  TimeLimit stopped(loop, 10ms, [] { FAIL() << "it was stopped"; });
+  loop.async([&] {
+    limit.start();
+    stopped.start();
+    stopped.stop();
+    loop.async([] { std::this_thread::sleep_for(100ms); });
+  });
+  const auto start = Clock::now();
+  loop.run();
+  ASSERT_EQ(expired.size(), 1u);
+  EXPECT_GE(expired[0] - start, 160ms);
+}
+
+// --- Who the peer is ---
+
+TEST(PeerIdentityTest, tellsTheProcessThatConnectedAndItsImage) {
+  EchoService service("identity");
+  WireClient client = service.connect();
+  client.call({});
+  const auto self = service.lastPeer();
+  EXPECT_EQ(self->pid(), getpid());
+  EXPECT_EQ(self->uid(), geteuid());
+  EXPECT_EQ(self->executablePath(), canonicalPath("/proc/self/exe"));
+  EXPECT_TRUE(self->isAlive() && self->runsSameImage());
+
+  Child child([&] {
+    WireClient own = service.connect();
+    own.send({{"tag", "child"}});
+    if (!own.receive()) return 1;
+    fcntl(own.fd(), F_SETFD, 0);
+    execl("/bin/sleep", "sleep", "100", nullptr);
+    return 1;
+  });
+  ASSERT_TRUE(service.waitFor("child"));
+  const auto other = service.lastPeer();
+  for (int i = 0; i < 1000 && other->runsSameImage(); ++i) std::this_thread::sleep_for(5ms);
+  EXPECT_FALSE(other->runsSameImage());
+  EXPECT_TRUE(other->isAlive());
+}
+
+TEST(PeerIdentityTest, isUnknownWhenTheProcessHasGoneOrItsFileIsElsewhere) {
+  const FileDescriptor listening = boundSocket(servicePath("gone"), true);
+  const auto connectFrom = [&] {
+    const WireClient client = WireClient::connect(servicePath("gone"));
+    return client.fd() < 0 ? 1 : 0;
+  };
+  Child gone(connectFrom);
+  const pid_t pid = gone.pid();
+  EXPECT_EQ(gone.wait(), 0);
+  const FileDescriptor peer(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const auto identity = PeerIdentity::ofSocket(peer.get());
+  EXPECT_EQ(identity->pid(), pid);
+  EXPECT_FALSE(identity->executablePath());
+  EXPECT_FALSE(identity->isAlive() || identity->runsSameImage());
+
+  // A program whose file was replaced while it ran.
+  const std::string program = device.path() + "/program";
+  std::filesystem::copy_file("/proc/self/exe", program);
+  Child moved([&] {
+    setenv("QMX_TEST_CONNECT", servicePath("gone").c_str(), 1);
+    execl(program.c_str(), program.c_str(), nullptr);
+    return 1;
+  });
+  const FileDescriptor second(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  EXPECT_EQ(PeerIdentity::ofSocket(second.get())->executablePath(), program);
+  std::filesystem::remove(program);
+  const auto removed = PeerIdentity::ofSocket(second.get());
+  EXPECT_FALSE(removed->executablePath());
+  EXPECT_TRUE(removed->isAlive());
+  EXPECT_FALSE(removed->runsSameImage());
+}
+
+// --- Names and sockets ---
+
+std::variant<std::unique_ptr<Listener>, Error> tryToListen(const std::string& name) {
+  static RunLoop loop;
+  static SerialQueue queue("qmx", loop);
+  return Listener::create(name, queue, loop);
+}
+
+int64_t failureToListen(const std::string& name) {
+  const auto result = tryToListen(name);
+  const Error* error = std::get_if<Error>(&result);
+  return error == nullptr ? 0 : error->code;
+}
+
+TEST(ListenerTest, refusesNamesThatCannotBeSockets) {
+  for (const char* name : {"", ".", "..", "a/b", "/"}) EXPECT_EQ(failureToListen(name), EINVAL) << name;
+  const size_t room = sizeof(sockaddr_un::sun_path) - servicePath("").size() - 1;
+  EXPECT_EQ(failureToListen(std::string(room, 'n')), 0);
+  EXPECT_EQ(failureToListen(std::string(room + 1, 'n')), ENAMETOOLONG);
+}
+
+TEST(ListenerTest, makesASocketForThisUserAloneAndListensWhenResumed) {
+  const auto result = tryToListen("private");
+  const auto& listener = std::get<std::unique_ptr<Listener>>(result);
+  struct stat file {
+  }, directory{};
+  ASSERT_EQ(stat(servicePath("private").c_str(), &file), 0);
+  ASSERT_EQ(stat(device.runtime().c_str(), &directory), 0);
+  EXPECT_TRUE(S_ISSOCK(file.st_mode));
+  EXPECT_EQ(file.st_mode & 07777, 0600u);
+  EXPECT_EQ(directory.st_mode & 07777, 0700u);
+  EXPECT_LT(WireClient::connect(servicePath("private")).fd(), 0);
+  listener->resume();
+  EXPECT_GE(WireClient::connect(servicePath("private")).fd(), 0);
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  EXPECT_EQ(descriptors.rlim_cur, descriptors.rlim_max);
+}
+
+TEST(ListenerTest, takesOverAStaleSocketButNeverALivingOneOrAnotherFile) {
+  boundSocket(servicePath("stale"), true);  // closed at once; the file stays
+  {
+    EchoService service("stale");
+    service.connect().call({});
+  }
+  EXPECT_FALSE(std::filesystem::exists(servicePath("stale")));
+
+  {
+    // Also before the other one listens.
+    const auto first = tryToListen("living");
+    EXPECT_EQ(failureToListen("living"), EADDRINUSE);
+  }
+  const FileDescriptor foreign = boundSocket(servicePath("foreign"), true);
+  EXPECT_EQ(failureToListen("foreign"), EADDRINUSE);
+  EXPECT_GE(WireClient::connect(servicePath("foreign")).fd(), 0);
+
+  writeText(servicePath("file"), "not a socket");
+  EXPECT_EQ(failureToListen("file"), EEXIST);
+  EXPECT_EQ(readText(servicePath("file")), "not a socket");
+}
+
+TEST(ListenerTest, servesTheSocketThatTheServiceManagerHandsOver) {
+  const std::string path = device.path() + "/handed-over";
+  FileDescriptor socket = boundSocket(path, true);
+  Child daemon([&] {
+    dup2(socket.get(), 3);
+    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    EchoService service("activated");
+    pause();
+    return 0;
+  });
+  WireClient client = WireClient::connect(path);
+  EXPECT_EQ(client.call({{"a", 1}})["a"], Value(1));
+  EXPECT_FALSE(std::filesystem::exists(servicePath("activated")));
+}
+
+// --- Clients ---
+
+/// A client connection with what came over it.
+class Client {
+ public:
+  explicit Client(const std::string& service) : connection(Connection::connect(service, queue_)) {
+    connection->setEventHandler([this](Event&& event) {
+      const auto* error = std::get_if<ConnectionError>(&event);
+      events_.push_back(error != nullptr ? description(*error) : "message");
+    });
+    connection->resume();
+  }
+  /// The reply's body, or none and the error in `failure`.
+  std::optional<Dictionary> call(const Dictionary& body) {
+    std::promise<Connection::Reply> promise;
+    connection->sendWithReply(body, [&](Connection::Reply&& reply) { promise.set_value(std::move(reply)); });
+    Connection::Reply reply = promise.get_future().get();
+    if (auto* message = std::get_if<Message>(&reply)) return message->body;
+    failure = description(std::get<ConnectionError>(reply));
+    return std::nullopt;
+  }
+  std::vector<std::string> events() {
+    return queue_.sync([this] { return std::exchange(events_, {}); });
+  }
+
+ private:
+  SerialQueue queue_{"client"};
+  std::vector<std::string> events_;  // on queue_
+
+ public:
+  std::string failure;
+  std::shared_ptr<Connection> connection;
+};
+
+TEST(ClientTest, getsTheRepliesOfManyThreadsRequests) {
+  EchoService service("client");
+  Client client("client");
+  constexpr int kThreads = 4, kRequests = 500;
+  std::atomic<int> right = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < kRequests; ++i) {
+          const auto reply = client.connection;
+          std::promise<bool> isRight;
+          client.connection->sendWithReply({{"n", t * kRequests + i}}, [&](Connection::Reply&& result) {
+            const auto* message = std::get_if<Message>(&result);
+            isRight.set_value(message != nullptr && message->body["n"].integerValue() == t * kRequests + i);
+          });
+          right += isRight.get_future().get() ? 1 : 0;
+        }
+      });
+    }
+  }
+  EXPECT_EQ(right, kThreads * kRequests);
+  // Much in both directions at once.
+  std::latch all(50);
+  for (int i = 0; i < 50; ++i)
+    client.connection->sendWithReply({{"x", Data(std::string(300'000, 'x'))}, {"size", 300'000}},
+                                     [&](Connection::Reply&& reply) {
+                                       EXPECT_TRUE(std::holds_alternative<Message>(reply));
+                                       all.count_down();
+                                     });
+  all.wait();
+  const auto reply = client.call({{"size", 10'000'000}});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ((*reply)["list"].encoded()->joined(), encodedOfSize(10'000'000).joined());
+  EXPECT_TRUE(client.events().empty());
+}
+
+TEST(ClientTest, isUsableAgainAfterTheServiceWasAway) {
+  Client client("comes-and-goes");
+  EXPECT_FALSE(client.call({}));
+  EXPECT_EQ(client.failure, "connection invalid");
+  EXPECT_FALSE(client.events().empty());
+  {
+    EchoService service("comes-and-goes");
+    EXPECT_TRUE(client.call({{"a", 1}}));
+    client.connection->sendWithReply({{"sleep", 50}, {"tag", "slow"}}, nullptr);
+    EXPECT_TRUE(service.waitFor("slow"));
+    EXPECT_TRUE(client.events().empty());
+  }
+  EchoService service("comes-and-goes");
+  // The loss may be noticed by this very request.
+  EXPECT_TRUE(client.call({}) || client.call({}));
+  EXPECT_EQ(client.events(), std::vector<std::string>{"connection interrupted"});
+}
+
+TEST(ClientTest, endsPendingRequestsWhenTheServiceBreaksTheRules) {
+  const std::vector<std::string> answers = {
+      "",                                                  // closes
+      framed("garbage"),                                   // malformed
+      frameBytes(FrameKind::reply, 77, Dictionary()),      // nothing asked for it
+      frameBytes(FrameKind::reply, 1, "no map"),           // no reply
+      std::string("\xff\xff\xff\xf0\x83\x02\x01\xa0", 8),  // much is announced, little comes
+  };
+  for (size_t i = 0; i < answers.size(); ++i) {
+    const std::string name = "rogue" + std::to_string(i);
+    const FileDescriptor listening = boundSocket(servicePath(name), true);
+    Client client(name);
+    std::jthread rogue([&] {
+      WireClient peer(FileDescriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC)));
+      EXPECT_TRUE(peer.receive());
+      peer.sendFrame(FrameKind::message, 0, Dictionary{{"hello", 1}});
+      peer.sendBytes(answers[i]);
+    });
+    EXPECT_FALSE(client.call({{"a", 1}})) << i;
+    EXPECT_EQ(client.failure, "connection interrupted") << i;
+    rogue.join();
+    EXPECT_EQ(client.events(), (std::vector<std::string>{"message", "connection interrupted"})) << i;
+  }
+}
+
+TEST(ClientTest, mayGoAtAnyTime) {
+  EchoService service("client-goes");
+  {
+    auto client = std::make_unique<Client>("client-goes");
+    for (int i = 0; i < 100; ++i) client->connection->sendWithReply({{"size", 100'000}}, nullptr);
+  }
+  SerialQueue queue("client");
+  std::promise<void> done;
+  auto connection = std::make_shared<std::shared_ptr<Connection>>(Connection::connect("client-goes", queue));
+  (*connection)->resume();
+  (*connection)->sendWithReply({}, [connection, &done](Connection::Reply&&) {
+    connection->reset();
+    done.set_value();
+  });
+  done.get_future().wait();
+  EXPECT_TRUE(service.waitFor("-", 1));
+  service.connect().call({});
+}
+
+}  // namespace
+}  // namespace testsupport
