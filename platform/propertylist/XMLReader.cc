@@ -2,6 +2,8 @@
 // encoding; both are done here, strictly: what is not well-formed is an error, never repaired. Its parser and
 // its destructor do not recurse; our walk recurses once per container of the list, which is bounded.
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstring>
 #include <pugixml.hpp>
@@ -118,6 +120,15 @@ std::optional<Value> parseData(std::string_view text, std::string& scratch) {
   return Value(Data(std::string_view(scratch)));
 }
 
+/// Whether `name` is `literal`, letter by letter in place; there are many names and they are short.
+template <size_t size>
+bool is(const char* name, const char (&literal)[size]) {
+  for (size_t i = 0; i < size; ++i) {
+    if (name[i] != literal[i]) return false;
+  }
+  return true;
+}
+
 /// Text that is only blanks.
 bool isBlank(const char* text) {
   return *text == 0 || text[std::strspn(text, kBlanks.data())] == 0;
@@ -125,7 +136,8 @@ bool isBlank(const char* text) {
 
 class Walk {
  public:
-  Walk() {
+  /// Whether scalars may have parts beside their text: further text, CDATA, or (an error) elements.
+  explicit Walk(bool looksIntoScalars) : looksIntoScalars_(looksIntoScalars) {
     constexpr size_t kUsual = 64;
     values_.reserve(kUsual);
     entries_.reserve(kUsual);
@@ -134,26 +146,33 @@ class Walk {
   /// Why the walk failed.
   const char* why() const { return why_; }
 
-  /// Reads the element, whose name is `name`. Names are compared letter by letter: most lists are small, and
-  /// the library's calls are what reading costs.
-  bool read(const pugi::xml_node& element, const char* name, Value& value, int nesting) {
-    switch (*name) {
-      case 's':
-        if (std::strcmp(name, "string") != 0) break;
-        return readString(element, value);
-      case 'd':
-        if (std::strcmp(name, "dict") != 0) break;
-        return nesting > 0 ? readDictionary(element, value, nesting - 1) : tooDeep();
-      case 'a':
-        if (std::strcmp(name, "array") != 0) break;
-        return nesting > 0 ? readArray(element, value, nesting - 1) : tooDeep();
-      default:
-        break;
-    }
-    return readScalar(element, name, value);
+  /// Elements met so far.
+  size_t elements() const { return elements_; }
+
+  /// Reads the one value in the root.
+  bool readRoot(const pugi::xml_node& root, Value& value) {
+    elements_ = 1;
+    if (!isBlank(root.value())) return fail("text between elements");
+    pugi::xml_node child = root.first_child();
+    const char* name = nextElement(child);
+    if (name == nullptr) return false;
+    if (*name == 0) return fail("no value");
+    if (!read(child, name, value, kMaximumFileNesting)) return false;
+    child = child.next_sibling();
+    name = nextElement(child);
+    if (name == nullptr) return false;
+    return *name == 0 || fail("more than one value");
   }
 
  private:
+  /// Reads the element, whose name is `name`.
+  bool read(const pugi::xml_node& element, const char* name, Value& value, int nesting) {
+    if (is(name, "string")) return readString(element, value);
+    if (is(name, "dict")) return nesting > 0 ? readDictionary(element, value, nesting - 1) : tooDeep();
+    if (is(name, "array")) return nesting > 0 ? readArray(element, value, nesting - 1) : tooDeep();
+    return readScalar(element, name, value);
+  }
+
   bool fail(const char* why) {
     why_ = why;
     return false;
@@ -162,12 +181,19 @@ class Walk {
 
   /// The text of `element`, valid until the next call: parts of text and CDATA sections one after the other.
   bool contents(const pugi::xml_node& element, std::string_view& text) {
-    text = element.value();
-    const pugi::xml_node child = element.first_child();
-    if (!child && text.find('&') == std::string_view::npos) return true;
+    const char* const value = element.value();
+    const char* const reference = strchrnul(value, '&');
+    text = {value, static_cast<size_t>(reference - value)};
+    if (*reference == 0 && !looksIntoScalars_) return true;
     joined_.clear();
-    if (!appendWithoutReferences(text, joined_)) return fail("a malformed reference");
-    for (pugi::xml_node part = child; part; part = part.next_sibling()) {
+    if (!appendWithoutReferences(value, joined_)) return fail("a malformed reference");
+    if (looksIntoScalars_ && !appendParts(element)) return false;
+    text = joined_;
+    return true;
+  }
+
+  bool appendParts(const pugi::xml_node& element) {
+    for (pugi::xml_node part = element.first_child(); part; part = part.next_sibling()) {
       if (part.type() == pugi::node_cdata) {
         joined_ += part.value();
       } else if (part.type() != pugi::node_pcdata) {
@@ -176,7 +202,6 @@ class Walk {
         return fail("a malformed reference");
       }
     }
-    text = joined_;
     return true;
   }
 
@@ -185,7 +210,11 @@ class Walk {
   const char* nextElement(pugi::xml_node& node) {
     while (true) {
       const char* const name = node.name();
-      if (*name != 0 || !node) return name;
+      if (*name != 0) {
+        ++elements_;
+        return name;
+      }
+      if (!node) return name;
       if (node.type() != pugi::node_pcdata || !isBlank(node.value())) {
         fail("text between elements");
         return nullptr;
@@ -197,7 +226,9 @@ class Walk {
   bool readString(const pugi::xml_node& element, Value& value) {
     std::string_view text;
     if (!contents(element, text)) return false;
-    value = Value(String(text));
+    // Short ones are words that many files have ("en", "1.0").
+    constexpr size_t kShort = 16;
+    value = Value(text.size() <= kShort ? String::interned(text) : String(text));
     return true;
   }
 
@@ -224,7 +255,7 @@ class Walk {
       const char* name = nextElement(child);
       if (name == nullptr) return false;
       if (*name == 0) break;
-      if (std::strcmp(name, "key") != 0) return fail("a dictionary entry without a key");
+      if (!is(name, "key")) return fail("a dictionary entry without a key");
       std::string_view key;
       if (!contents(child, key)) return false;
       Dictionary::Entry entry{String::interned(key), {}};
@@ -264,7 +295,9 @@ class Walk {
     return true;
   }
 
-  const char* why_ = nullptr;
+  const bool looksIntoScalars_;
+  size_t elements_ = 0;
+  const char* why_ = "";
   std::string joined_;
   // What the containers that are being read hold so far, the inner ones' last.
   std::vector<Value> values_;
@@ -287,15 +320,35 @@ bool toUTF8(std::string& text) {
   return true;
 }
 
-/// Whether `text` has comments, processing instructions (but for the declaration at its head) or CDATA.
-bool hasOtherMarkup(std::string_view text) {
-  if (text.starts_with("<?xml")) text.remove_prefix(text.find('>') + 1);
+/// What can be told about a text before it is parsed, from its root element on.
+struct Outline {
+  /// There are comments, processing instructions or CDATA.
+  bool hasOtherMarkup = false;
+  /// How many elements there are, where every "<" begins a tag; never less.
+  size_t elements = 0;
+};
+
+Outline outlineOf(std::string_view text) {
+  text.remove_prefix(std::min(text.find("<plist"), text.size()));
+  Outline outline;
   for (const char second : {'!', '?'}) {
     for (size_t at = text.find(second); at != std::string_view::npos; at = text.find(second, at + 1)) {
-      if (at > 0 && text[at - 1] == '<') return true;
+      if (at > 0 && text[at - 1] == '<') outline.hasOtherMarkup = true;
     }
   }
-  return false;
+  const auto isStart = [&](size_t i) {
+    return static_cast<uint8_t>((text[i] == '<') & (text[i + 1] != '/'));
+  };
+  // In blocks whose count fits a byte, so that the compiler takes many bytes at once.
+  constexpr size_t kBlock = 64;
+  size_t at = 0;
+  for (; at + kBlock < text.size(); at += kBlock) {
+    uint8_t count = 0;
+    for (size_t i = 0; i < kBlock; ++i) count = static_cast<uint8_t>(count + isStart(at + i));
+    outline.elements += count;
+  }
+  for (; at + 1 < text.size(); ++at) outline.elements += isStart(at);
+  return outline;
 }
 
 }  // namespace
@@ -304,7 +357,8 @@ Result<Value> parseXMLPropertyList(std::string& text) {
   if (!toUTF8(text) || !isValidXMLText(text)) return corrupt("malformed text encoding");
   // Blanks beside other markup belong to strings too; where there is none, the library need not make nodes
   // for all the blanks between elements.
-  const unsigned blanks = hasOtherMarkup(text) ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single;
+  const Outline outline = outlineOf(text);
+  const unsigned blanks = outline.hasOtherMarkup ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single;
   const unsigned options = pugi::parse_cdata | pugi::parse_eol | pugi::parse_embed_pcdata | blanks;
   pugi::xml_document document;
   const pugi::xml_parse_result parsed =
@@ -312,17 +366,17 @@ Result<Value> parseXMLPropertyList(std::string& text) {
   if (!parsed) return corrupt(parsed.description());
 
   const pugi::xml_node root = document.first_child();
-  if (std::strcmp(root.name(), "plist") != 0 || root.next_sibling()) return corrupt("no plist element");
-  // One value, and nothing else but blanks.
-  Value list;
-  for (const pugi::xml_node child : root.children()) {
-    if (child.type() != pugi::node_element) continue;
-    if (!list.isNone()) return corrupt("more than one value");
-    Walk walk;
-    if (!walk.read(child, child.name(), list, kMaximumFileNesting)) return corrupt(walk.why());
+  if (!is(root.name(), "plist") || root.next_sibling()) return corrupt("no plist element");
+  // Scalars are asked for children only where there can be some: the first walk counts the elements that it
+  // meets, and those that it did not meet would be inside scalars.
+  for (const bool looksIntoScalars : {false, true}) {
+    if (outline.hasOtherMarkup && !looksIntoScalars) continue;
+    Walk walk(looksIntoScalars);
+    Value list;
+    if (!walk.readRoot(root, list)) return corrupt(walk.why());
+    if (looksIntoScalars || walk.elements() == outline.elements) return list;
   }
-  if (list.isNone()) return corrupt("no value");
-  return list;
+  return corrupt("a malformed element");
 }
 
 }  // namespace platform::detail

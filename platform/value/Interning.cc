@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "platform/value/Value.h"
 
@@ -12,15 +13,21 @@ namespace platform {
 
 namespace {
 
-/// Longer strings are hardly ever keys.
+/// Longer strings are hardly ever equal to others.
 constexpr size_t kLongestInterned = 64;
-constexpr size_t kPlaces = 1024;
+constexpr size_t kPlaces = 2048;
 
 /// Set when the thread's table is gone (strings may still be made while the thread ends).
 thread_local bool isTableGone = false;
 
+/// Room for two strings that share a place, with parts of their hashes, so that others are not looked at.
+struct Place {
+  uint32_t recentTag = 0, olderTag = 0;
+  String recent, older;
+};
+
 struct Table {
-  std::array<std::array<String, 2>, kPlaces> places;
+  std::array<Place, kPlaces> places;
   ~Table() { isTableGone = true; }
 };
 
@@ -36,7 +43,7 @@ uint64_t mixed(uint64_t sum, uint64_t word) {
   return sum ^ sum >> 32;
 }
 
-/// REQUIRES: `text` is not empty.
+/// Words that overlap at the end, so that there is no loop over single bytes. REQUIRES: `text` is not empty.
 uint64_t hash(std::string_view text) {
   const char* const begin = text.data();
   const size_t size = text.size();
@@ -48,9 +55,10 @@ uint64_t hash(std::string_view text) {
   }
   if (size < 8) return mixed(size, load<uint32_t>(begin) << 32 | load<uint32_t>(begin + size - 4));
   uint64_t sum = size;
-  for (size_t at = 0; at + 8 < size; at += 8) sum = mixed(sum, load<uint64_t>(begin + at));
-  // The last word overlaps the one before.
-  return mixed(sum, load<uint64_t>(begin + size - 8));
+  for (size_t at = 0; at + 16 < size; at += 16)
+    sum = mixed(sum, load<uint64_t>(begin + at) ^ load<uint64_t>(begin + at + 8) * 0xC2B2AE3D27D4EB4FULL);
+  if (size >= 16) sum = mixed(sum, load<uint64_t>(begin + size - 16));
+  return mixed(mixed(sum, load<uint64_t>(begin)), load<uint64_t>(begin + size - 8));
 }
 
 }  // namespace
@@ -58,11 +66,17 @@ uint64_t hash(std::string_view text) {
 String String::interned(std::string_view text) {
   if (text.empty() || text.size() > kLongestInterned || isTableGone) return String(text);
   thread_local Table table;
-  auto& [recent, older] = table.places[hash(text) % kPlaces];
-  if (recent.view() == text) return recent;
-  if (older.view() != text) older = String(text);
-  std::swap(recent, older);
-  return recent;
+  const uint64_t sum = hash(text);
+  Place& place = table.places[sum % kPlaces];
+  const auto tag = static_cast<uint32_t>(sum >> 32);
+  if (place.recentTag == tag && place.recent.view() == text) return place.recent;
+  if (place.olderTag != tag || place.older.view() != text) {
+    place.older = String(text);
+    place.olderTag = tag;
+  }
+  std::swap(place.recent, place.older);
+  std::swap(place.recentTag, place.olderTag);
+  return place.recent;
 }
 
 }  // namespace platform

@@ -44,22 +44,23 @@ constexpr size_t kBlock = 32;
 
 /// Whether a whole block is ASCII of at least `plainFrom` (and, where that is a blank, tabs and line ends).
 /// Written without branches, so that the compiler takes many bytes at once.
-template <uint8_t plainFrom>
+template <int8_t plainFrom>
 bool isPlainBlock(const char* at) {
-  uint8_t bad = 0;
+  int8_t bad = 0;
   for (size_t i = 0; i < kBlock; ++i) {
-    const auto byte = static_cast<uint8_t>(at[i]);
-    uint8_t isLow = byte < plainFrom;
+    // Signed, so that whatever is not ASCII counts as low.
+    const auto byte = static_cast<int8_t>(at[i]);
+    int8_t isBad = byte < plainFrom;
     if constexpr (plainFrom == 0x20)
-      isLow &= static_cast<uint8_t>((byte != '\t') & (byte != '\n') & (byte != '\r'));
-    bad |= static_cast<uint8_t>((byte & 0x80) | isLow);
+      isBad &= static_cast<int8_t>((byte != '\t') & (byte != '\n') & (byte != '\r'));
+    bad |= isBad;
   }
   return bad == 0;
 }
 
 /// Walks `text`. Plain ASCII bytes of at least `plainFrom` are taken many at once; `accepts` judges every
 /// other sequence (pointer and length).
-template <uint8_t plainFrom, typename Accepts>
+template <int8_t plainFrom, typename Accepts>
 bool isMadeOf(std::string_view text, Accepts accepts) {
   const char* at = text.data();
   const char* const end = at + text.size();

@@ -13,8 +13,11 @@ namespace platform {
 
 const Value kNone;
 
-// Moving a value moves its bits and leaves a none; that holds only as long as each kind is one word.
-static_assert(sizeof(Value) == 16 && sizeof(String) == 8 && sizeof(Dictionary::Entry) == 24);
+// Copying and moving values rely on it that each kind is one word, and each counted one a pointer.
+static_assert(sizeof(Value) == 16 && sizeof(Dictionary::Entry) == 24);
+static_assert(sizeof(String) == sizeof(void*) && sizeof(Data) == sizeof(void*) &&
+              sizeof(Array) == sizeof(void*) && sizeof(Dictionary) == sizeof(void*) &&
+              sizeof(EncodedPropertyList) == sizeof(void*));
 
 namespace detail {
 
@@ -305,37 +308,6 @@ bool operator==(const Dictionary& a, const Dictionary& b) {
 // --- Value ---
 
 Value::Value(const UUID& value) : kind_(Kind::uuid), uuid_(new detail::UUIDNode(value)) {}
-
-void Value::copyFrom(const Value& other) noexcept {
-  kind_ = other.kind_;
-  switch (kind_) {
-    case Kind::string:
-      new (&string_) String(other.string_);
-      break;
-    case Kind::data:
-      new (&data_) Data(other.data_);
-      break;
-    case Kind::uuid:
-      new (&uuid_) Shared<detail::UUIDNode>(other.uuid_);
-      break;
-    case Kind::array:
-      new (&array_) Array(other.array_);
-      break;
-    case Kind::dictionary:
-      new (&dictionary_) Dictionary(other.dictionary_);
-      break;
-    case Kind::encoded:
-      new (&encoded_) EncodedPropertyList(other.encoded_);
-      break;
-    case Kind::real:
-    case Kind::date:
-      real_ = other.real_;
-      break;
-    default:
-      unsigned_ = other.unsigned_;
-      break;
-  }
-}
 
 void Value::release() noexcept {
   switch (kind_) {

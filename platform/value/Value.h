@@ -65,7 +65,7 @@ class String {
   String(const std::string& text) : data_(std::string_view(text)) {}  // NOLINT
 
   /// `text`, sharing the storage of an equal string that was asked for lately where there is one. For
-  /// dictionary keys: few different ones stand in very many dictionaries.
+  /// dictionary keys and the like: few different ones stand in very many dictionaries.
   static String interned(std::string_view text);
 
   /// Valid while any holder of this string's storage lives.
@@ -296,11 +296,23 @@ class Value {
 
  private:
   bool isShared() const { return kind_ >= Kind::string && kind_ != Kind::date; }
-  void copyFrom(const Value& other) noexcept;
-  /// Every kind is a scalar or one counted reference, so moving is moving the bits.
+  // Every kind is a scalar or one counted reference, so copying is copying the word and counting, and moving
+  // is moving the word. (Kind and word are copied apart: both were mostly written apart a moment ago, and
+  // reading them back as one would wait for the writes.)
+  void copyFrom(const Value& other) noexcept {
+    copyWord(other);
+    if (!isShared()) return;
+    detail::Counted* node;
+    std::memcpy(&node, static_cast<const void*>(&integer_), sizeof node);
+    if (node != nullptr) node->references.fetch_add(1, std::memory_order_relaxed);
+  }
   void moveFrom(Value& other) noexcept {
-    std::memcpy(static_cast<void*>(this), static_cast<const void*>(&other), sizeof *this);
+    copyWord(other);
     other.kind_ = Kind::none;
+  }
+  void copyWord(const Value& other) noexcept {
+    kind_ = other.kind_;
+    std::memcpy(static_cast<void*>(&integer_), static_cast<const void*>(&other.integer_), sizeof integer_);
   }
   void release() noexcept;
 
