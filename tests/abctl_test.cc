@@ -1,0 +1,513 @@
+// abctl as people and programs use it: the real program against the real daemon.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/Daemon.h"
+#include "tests/support/DeviceRoot.h"
+
+namespace {
+
+using namespace testsupport;
+using Json = nlohmann::json;
+namespace fs = std::filesystem;
+using Words = std::vector<std::string>;
+
+/// One run of abctl. Its standard input is empty, or what it is given.
+class Invocation {
+ public:
+  struct Options {
+    std::string program = ABCTL_PROGRAM;
+    std::string input = {};
+    Words environment = {};
+    std::string directory = {};
+    bool onTerminal = false;
+    unsigned short columns = 0;
+  };
+  Invocation(const DeviceRoot& root, const Words& words) : Invocation(root, words, Options()) {}
+  Invocation(const DeviceRoot& root, const Words& words, const Options& options) {
+    Words arguments = {options.program}, environment = root.environment();
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    environment.insert(environment.end(), options.environment.begin(), options.environment.end());
+    int input[2], output[2], error[2];
+    EXPECT_EQ(pipe2(input, O_CLOEXEC) | pipe2(error, O_CLOEXEC), 0);
+    if (options.onTerminal) {
+      winsize size{};
+      size.ws_col = options.columns;
+      EXPECT_EQ(openpty(&output[0], &output[1], nullptr, nullptr, &size), 0);
+      fcntl(output[0], F_SETFD, FD_CLOEXEC);
+    } else {
+      EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
+    }
+    const std::vector<char*> argv = pointers(arguments), envp = pointers(environment);
+    pid_ = fork();
+    if (pid_ == 0) {
+      if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(126);
+      dup2(input[0], 0);
+      dup2(output[1], 1);
+      dup2(error[1], 2);
+      execve(argv[0], argv.data(), envp.data());
+      _exit(127);
+    }
+    for (const int fd : {input[0], output[1], error[1]}) close(fd);
+    EXPECT_EQ(write(input[1], options.input.data(), options.input.size()),
+              static_cast<ssize_t>(options.input.size()));
+    close(input[1]);
+    output_ = FileDescriptor(output[0]);
+    error_ = FileDescriptor(error[0]);
+  }
+  ~Invocation() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  Invocation(const Invocation&) = delete;
+  Invocation& operator=(const Invocation&) = delete;
+
+  /// Reads until `text` was written to standard output (or to standard error).
+  bool waitFor(std::string_view text, bool onError = false) {
+    const std::string& where = onError ? err_ : out_;
+    return eventually([&] {
+      read(10);
+      return where.find(text) != std::string::npos;
+    });
+  }
+  void signal(int number) const { kill(pid_, number); }
+  /// Waits for the end; 128 and more for a signal, -1 when it does not end.
+  int status() {
+    if (pid_ <= 0) return status_;
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    int status = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+      const bool ended = waitpid(pid_, &status, WNOHANG) == pid_;
+      while (read(ended ? 0 : 10)) {
+      }
+      if (!ended) continue;
+      pid_ = -1;
+      return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    return -1;
+  }
+  const std::string& out() {
+    status();
+    return out_;
+  }
+  const std::string& err() {
+    status();
+    return err_;
+  }
+  Json json() { return Json::parse(out()); }
+  std::string firstLine() const { return out_.substr(0, out_.find('\n')); }
+
+ private:
+  static std::vector<char*> pointers(Words& words) {
+    std::vector<char*> result;
+    for (std::string& word : words) result.push_back(word.data());
+    result.push_back(nullptr);
+    return result;
+  }
+  /// Takes what is there, waiting at most `milliseconds` for it; whether there was something.
+  bool read(int milliseconds) {
+    pollfd ready[] = {{output_.get(), POLLIN, 0}, {error_.get(), POLLIN, 0}};
+    if (poll(ready, 2, milliseconds) <= 0) return false;
+    bool any = false;
+    char buffer[65536];
+    for (const auto& [fd, events, revents] : ready) {
+      if (revents == 0) continue;
+      const ssize_t count = ::read(fd, buffer, sizeof buffer);
+      if (count > 0) (fd == output_.get() ? out_ : err_).append(buffer, static_cast<size_t>(count));
+      any = any || count > 0;
+    }
+    if (!any) usleep(2000);  // both ended
+    return any;
+  }
+
+  pid_t pid_ = -1;
+  int status_ = -1;
+  FileDescriptor output_, error_;
+  std::string out_, err_;
+};
+
+Words lines(const std::string& text) {
+  Words result;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) result.push_back(line);
+  return result;
+}
+
+/// Two applications: Notes with org.notes.share (two versions elsewhere), Paint with filters.
+class Abctl : public testing::Test {
+ protected:
+  static constexpr const char* kService = "com.veltra.ambrel.abd";
+
+  void SetUp() override {
+    notes_ =
+        root_.install("Notes.app", {{.identifier = "org.notes.share", .version = "1.10"},
+                                    {.identifier = "org.notes.private", .plugIn = {{"Dedicated", true}}}});
+    root_.install("OldNotes.app", {{.identifier = "org.notes.share", .version = "1.9"}});
+    paint_ = root_.install(
+        "Paint.app",
+        {{.identifier = "org.paint.blur",
+          .point = "com.example.filter",
+          .attributes = {{"Rule", Dictionary{{"image/png", 1}}}, {"Fast", true}}},
+         {.identifier = "org.paint.sealed", .plugIn = {{"ZQExtensionHostEntitlement", "org.paint.seal"}}}});
+    daemon_.emplace(root_, Daemon::Options{.service = kService});
+  }
+
+  std::string identifiers(const Words& words, int status = 0) {
+    Words all = {"match", "--json"};
+    all.insert(all.end(), words.begin(), words.end());
+    Invocation run(root_, all);
+    EXPECT_EQ(run.status(), status) << run.err();
+    std::string result;
+    for (const Json& form : run.json())
+      result += (result.empty() ? "" : " ") + form["identifier"].get<std::string>() + ":" +
+                form["version"].get<std::string>();
+    return result;
+  }
+  std::string uuid(const std::string& identifier) {
+    return Invocation(root_, {"show", identifier, "--json"}).json().at(0).at("uuid");
+  }
+
+  DeviceRoot root_;
+  std::string notes_, paint_;
+  std::optional<Daemon> daemon_;
+};
+
+TEST_F(Abctl, MatchPrintsATableForPeopleAndWholeFormsForPrograms) {
+  Invocation table(root_, {"match"});
+  EXPECT_EQ(table.status(), 0);
+  const Words rows = lines(table.out());
+  ASSERT_EQ(rows.size(), 3u) << table.out();
+  EXPECT_TRUE(rows[0].starts_with("IDENTIFIER ")) << rows[0];
+  for (const char* cell : {"org.notes.share", "1.10", "Notes", "com.example.share"})
+    EXPECT_NE(rows[1].find(cell), std::string::npos) << rows[1];
+  EXPECT_EQ(table.out().find('\x1b'), std::string::npos) << "no colours without a terminal";
+  const Json forms = Invocation(root_, {"match", "--json"}).json();
+  ASSERT_EQ(forms.size(), 2u);
+  EXPECT_EQ(forms[0]["bundleInfo"]["ZQExtension"]["ZQExtensionAttributes"]["ZQExtensionPointName"],
+            "com.example.share");
+  EXPECT_EQ(forms[0]["containingPath"], notes_);
+}
+
+TEST_F(Abctl, RulesSelectAsTheyAreWritten) {
+  EXPECT_EQ(identifiers({"--all-versions", "--rule", "ZQExtensionIdentifier=org.notes.share"}),
+            "org.notes.share:1.10 org.notes.share:1.9");
+  EXPECT_EQ(identifiers({"--all-versions", "--rule", "ZQExtensionVersion=<1.10"}),
+            "org.notes.share:1.9 org.paint.blur:1.0");
+  EXPECT_EQ(identifiers({"--rule", "ZQExtensionVersion=1.10", "--rule", "ZQExtensionVersion=1.0"}),
+            "org.notes.share:1.10 org.paint.blur:1.0");
+  EXPECT_EQ(identifiers({"--rule", "Fast=true"}), "org.paint.blur:1.0");
+  EXPECT_EQ(identifiers({"--rule", "Fast=false"}), "org.notes.share:1.10");
+  EXPECT_EQ(identifiers({"--rule", R"(Rule={"items":[{"types":["image/png"]}]})"}), "org.paint.blur:1.0");
+  EXPECT_EQ(identifiers({"--rule", "ZQExtensionContainingApp=" + paint_}), "org.paint.blur:1.0");
+  EXPECT_EQ(identifiers({"--system-only"}, 1), "");
+
+  const std::string rules = root_.path() + "/rules.plist";
+  writePropertyList(rules, Dictionary{{"Fast", true}, {"ZQExtensionVersion", "7"}});
+  EXPECT_EQ(identifiers({"--rules", rules}, 1), "");
+  EXPECT_EQ(identifiers({"--rules", rules, "--rule", "ZQExtensionVersion=1.0"}), "org.paint.blur:1.0");
+  Invocation fromInput(root_, {"match", "--rules", "-"},
+                       {.input = R"( {"ZQExtensionVersion": ["5", ">=1.10"]} )"});
+  EXPECT_EQ(fromInput.status(), 0);
+  EXPECT_EQ(lines(fromInput.out()).size(), 2u) << fromInput.out();
+}
+
+TEST_F(Abctl, ExitStatusesAndErrorsSayWhatHappenedAndWhatToDo) {
+  Invocation nothing(root_, {"match", "--rule", "ZQExtensionIdentifier=org.nobody"});
+  EXPECT_EQ(nothing.status(), 1);
+  EXPECT_EQ(nothing.out(), "");
+  EXPECT_EQ(nothing.err(), "abctl: no plug-in matches\n");
+
+  for (const std::string name :
+       {"org.nobody", "6C0F2A7E-0B7B-4B43-9E0C-6C6E7F1D2A55", "/nowhere/X.appex", "?odd"}) {
+    Invocation missing(root_, {"show", name});
+    EXPECT_EQ(missing.status(), 1) << name;
+    EXPECT_NE(missing.err().find("no plug-in "), std::string::npos) << missing.err();
+  }
+  Invocation unknown(root_, {"ready", "6C0F2A7E-0B7B-4B43-9E0C-6C6E7F1D2A55"});
+  EXPECT_EQ(unknown.status(), 1);
+  EXPECT_EQ(unknown.err(), "abctl: no such plugin (uuid not found)\n");
+
+  Invocation refused(root_, {"ready", "org.paint.sealed"});
+  EXPECT_EQ(refused.status(), 5);
+  EXPECT_NE(refused.err().find("the host does not have the \"org.paint.seal\" entitlement"),
+            std::string::npos);
+  const Json error = Invocation(root_, {"--json", "ready", "org.paint.sealed"}).json()["error"];
+  EXPECT_EQ(error["code"], 11);
+  EXPECT_EQ(error["exit"], 5);
+}
+
+TEST_F(Abctl, WrongUsageIsExplainedWithoutAskingTheDaemon) {
+  const DeviceRoot empty;
+  writeText(empty.path() + "/no.plist", "<plist><dict>");
+  writePropertyList(empty.path() + "/array.plist", Array{"x"});
+  const Words wrong[] = {{},
+                         {"frobnicate"},
+                         {"match", "--frobnicate"},
+                         {"match", "org.notes.share"},
+                         {"match", "--rule", "no-pattern"},
+                         {"match", "--rule", "=x"},
+                         {"match", "--rule", "a=true", "--rule", "a=b"},
+                         {"match", "--rule", "a={\"items\""},
+                         {"match", "--rules", empty.path() + "/missing"},
+                         {"match", "--rules", empty.path() + "/no.plist"},
+                         {"match", "--rules", empty.path() + "/array.plist"},
+                         {"match", "--rules", empty.path()},
+                         {"match", "--service", "a/b"},
+                         {"match", "--service", ""},
+                         {"match", "--timeout", "-1"},
+                         {"show"},
+                         {"elect", "org.notes.share"},
+                         {"elect", "org.notes.share", "maybe"},
+                         {"annotate", "org.notes.share"},
+                         {"annotate", "org.notes.share", "--election", "1x"},
+                         {"annotate", "org.notes.share", "--extension", "[1]"},
+                         {"hold"},
+                         {"hold", "--application", "a", "--plugin", "b"},
+                         {"release", "not-a-token"},
+                         {"watch", "--count", "x"}};
+  for (const Words& words : wrong) {
+    Invocation run(empty, words);
+    const std::string command = words.empty() ? "" : words.back();
+    EXPECT_EQ(run.status(), 2) << command << run.err();
+    EXPECT_TRUE(run.err().starts_with("abctl: ")) << command << run.err();
+    EXPECT_EQ(run.out(), "") << command;
+  }
+  Invocation asJson(empty, {"show", "--json"});
+  EXPECT_EQ(asJson.status(), 2);
+  EXPECT_EQ(asJson.json()["error"]["exit"], 2);
+  EXPECT_EQ(asJson.err(), "");
+}
+
+TEST_F(Abctl, HelpTeachesEveryCommandByExample) {
+  for (const char* command : {"match", "show", "elect", "annotate", "ready", "access", "hold", "release",
+                              "watch", "add", "remove"}) {
+    Invocation help(root_, {command, "--help"});
+    EXPECT_EQ(help.status(), 0);
+    EXPECT_NE(help.out().find("Example"), std::string::npos) << command;
+    EXPECT_NE(help.out().find(std::string("  abctl ") + command), std::string::npos) << command;
+  }
+}
+
+TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
+  const DeviceRoot empty;
+  Invocation none(empty, {"match"});
+  EXPECT_EQ(none.status(), 4);
+  EXPECT_NE(none.err().find(empty.runtime() + "/" + kService), std::string::npos) << none.err();
+  EXPECT_EQ(Invocation(root_, {"match", "--service", "other"}).status(), 4);
+  daemon_->kill();
+  EXPECT_EQ(Invocation(root_, {"match"}).status(), 4) << "the socket's file without a daemon behind it";
+
+  // Somebody who takes connections and never answers.
+  const FileDescriptor deaf(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (empty.runtime() + "/deaf").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(deaf.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(deaf.get(), 1), 0);
+  Invocation waiting(empty, {"--service", "deaf", "--timeout", "0.2", "match"});
+  EXPECT_EQ(waiting.status(), 4);
+  EXPECT_NE(waiting.err().find("--timeout"), std::string::npos);
+}
+
+TEST_F(Abctl, InItsBundleItMaySeeEverythingAndACopyElsewhereMayNot) {
+  EXPECT_EQ(identifiers({"--all"}),
+            "org.notes.private:1.0 org.notes.share:1.10 org.paint.blur:1.0 org.paint.sealed:1.0");
+  const std::string copy = root_.path() + "/abctl-copy";
+  fs::copy_file(ABCTL_PROGRAM, copy);
+  Invocation refused(root_, {"match", "--all"}, {.program = copy});
+  EXPECT_EQ(refused.status(), 5);
+  EXPECT_EQ(lines(refused.err()).front(), "abctl: unauthorized discovery flag (ABDiscoverAll)");
+  EXPECT_EQ(Invocation(root_, {"show", "org.notes.private"}, {.program = copy}).status(), 1);
+}
+
+TEST_F(Abctl, PlugInsAreNamedByIdentifierUuidAndPath) {
+  const std::string path = notes_ + "/PlugIns/org.notes.share.appex";
+  const std::string known = uuid("org.notes.share");
+  std::string lower = known;
+  for (char& digit : lower) digit = static_cast<char>(tolower(digit));
+  for (const std::string& name :
+       {known, lower, path, path + "/", notes_ + "/../Notes.app/PlugIns/org.notes.share.appex"})
+    EXPECT_EQ(uuid(name), known) << name;
+  Invocation relative(root_, {"show", "--json", "org.notes.share.appex"}, {.directory = notes_ + "/PlugIns"});
+  EXPECT_EQ(relative.json().at(0)["uuid"], known);
+
+  const PlugInBundle several{
+      .identifier = "org.several",
+      .plugIn = {{"Multiple", Dictionary{{"org.one", infoDictionary({"x"})["ZQExtension"]},
+                                         {"org.two", infoDictionary({"x"})["ZQExtension"]}}}}};
+  const std::string application = root_.install("Several.app", {several});
+  const std::string bundle = application + "/PlugIns/org.several.appex";
+  ASSERT_TRUE(eventually([&] { return Invocation(root_, {"show", "org.two"}).status() == 0; }));
+  EXPECT_EQ(Invocation(root_, {"show", "--json", bundle}).json().size(), 2u)
+      << "a path means the whole bundle";
+}
+
+TEST_F(Abctl, ShowTellsEverythingAboutAPlugIn) {
+  Invocation show(root_, {"show", "org.paint.blur"});
+  EXPECT_EQ(show.status(), 0);
+  for (const char* part : {"org.paint.blur\n", "1.0", "com.example.filter", "application extension", "Paint",
+                           "Fast: true", "image/png: 1", "BWBundleExecutable: run", "none made"})
+    EXPECT_NE(show.out().find(part), std::string::npos) << part << "\n" << show.out();
+}
+
+TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
+  EXPECT_EQ(Invocation(root_, {"elect", "org.notes.share", uuid("org.paint.blur"), "use"}).status(), 0);
+  EXPECT_EQ(identifiers({"--rule", "ZQUserElection=1"}), "org.notes.share:1.10 org.paint.blur:1.0");
+  EXPECT_EQ(Invocation(root_, {"elect", paint_ + "/PlugIns/org.paint.blur.appex", "ignore"}).status(), 0);
+  EXPECT_NE(Invocation(root_, {"match"}).out().find("ignore"), std::string::npos);
+  Invocation annotate(root_, {"annotate", "org.paint.blur", "--extension", R"({"position": 3})", "--json"});
+  EXPECT_EQ(annotate.status(), 0);
+  EXPECT_EQ(annotate.json()["annotated"].size(), 1u);
+  const Value stored = root_.storedAnnotations()["org.paint.blur"];
+  EXPECT_EQ(stored["election"].integerValue(), 2) << "what was not given stays";
+  EXPECT_EQ(stored["extension"]["position"].integerValue(), 3);
+  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "default"}).status(), 0);
+  EXPECT_EQ(root_.storedAnnotations()["org.paint.blur"]["election"].integerValue(), 0);
+  EXPECT_EQ(Invocation(root_, {"elect", "org.notes.share", "org.nobody", "ignore"}).status(), 1);
+  EXPECT_EQ(root_.storedAnnotations()["org.notes.share"]["election"].integerValue(), 1)
+      << "nothing is elected when a name is wrong";
+}
+
+TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
+  Invocation ready(root_, {"ready", "org.notes.share", "--run", "/bin/sh", "-c",
+                           "ls $XDG_RUNTIME_DIR/veltra/Launcher/$$; exit 7"});
+  EXPECT_EQ(ready.status(), 7);
+  EXPECT_NE(ready.out().find(notes_ + "/PlugIns/org.notes.share.appex/run"), std::string::npos)
+      << ready.out();
+  EXPECT_NE(ready.out().find("sandbox     plugin"), std::string::npos);
+  EXPECT_NE(ready.out().find("HOME="), std::string::npos);
+  EXPECT_NE(ready.out().find(uuid("org.notes.share") + ".plist"), std::string::npos);
+  const Json json = Invocation(root_, {"ready", "org.notes.share", "--json"}).json();
+  EXPECT_EQ(json["ready"][0]["registration"]["PlugInIdentifier"], "org.notes.share");
+  EXPECT_EQ(Invocation(root_, {"ready", "org.notes.share", "--run", "/no/such/program"}).status(), 2);
+}
+
+TEST_F(Abctl, AccessPrintsATokenForEachPlugIn) {
+  const Json tokens =
+      Invocation(root_, {"access", "--json", "org.notes.share", "org.paint.blur", "org.notes.share"})
+          .json()["access"];
+  ASSERT_EQ(tokens.size(), 2u) << "each once";
+  EXPECT_EQ(tokens[1]["uuid"], uuid("org.paint.blur"));
+  EXPECT_NE(tokens[0]["extension"], tokens[1]["extension"]);
+  EXPECT_FALSE(tokens[0]["extension"].get<std::string>().empty());
+}
+
+TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
+  for (const Words& what : {Words{"--application", notes_}, Words{"--plugin", "org.notes.share"}}) {
+    Invocation hold(root_, {"hold", what[0], what[1]});
+    ASSERT_TRUE(hold.waitFor("\n"));
+    EXPECT_EQ(hold.firstLine().size(), 36u);
+    EXPECT_NE(identifiers({}), "org.notes.share:1.10 org.paint.blur:1.0");
+    Invocation denied(root_, {"ready", "org.notes.share"});
+    EXPECT_EQ(denied.status(), 5) << "held plug-ins are found by name";
+    EXPECT_NE(denied.err().find("the plug-in is on hold"), std::string::npos) << denied.err();
+    hold.signal(SIGINT);
+    EXPECT_EQ(hold.status(), 0);
+    EXPECT_TRUE(eventually([&] { return identifiers({}) == "org.notes.share:1.10 org.paint.blur:1.0"; }));
+  }
+  Invocation hold(root_, {"hold", "--json", "--application", notes_});
+  ASSERT_TRUE(hold.waitFor("\n"));
+  const std::string token = Json::parse(hold.firstLine())["token"];
+  EXPECT_EQ(identifiers({}), "org.paint.blur:1.0");
+  EXPECT_EQ(Invocation(root_, {"release", token}).status(), 0);
+  EXPECT_EQ(identifiers({}), "org.notes.share:1.10 org.paint.blur:1.0");
+  daemon_->kill();
+  EXPECT_EQ(hold.status(), 4) << "it notices that the daemon has gone";
+}
+
+TEST_F(Abctl, ARefusedHoldShowsWhatIsInTheWay) {
+  const std::string mark = root_.runtime() + "/Assertions/org.notes.share/1";
+  writePropertyList(mark, Dictionary{{"BundleIdentifier", "org.notes.share"}});
+  const FileDescriptor busy(open(mark.c_str(), O_RDWR | O_CLOEXEC));
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  ASSERT_EQ(fcntl(busy.get(), F_OFD_SETLK, &lock), 0);
+  Invocation refused(root_, {"hold", "--application", notes_});
+  EXPECT_EQ(refused.status(), 5);
+  ASSERT_EQ(lines(refused.out()).size(), 2u) << refused.out();
+  EXPECT_TRUE(lines(refused.out())[1].starts_with("org.notes.share  org.notes.share")) << refused.out();
+  EXPECT_TRUE(refused.err().starts_with("abctl: plug-ins are busy\n")) << refused.err();
+  const Json error = Invocation(root_, {"hold", "--json", "--application", notes_}).json()["error"];
+  EXPECT_EQ(error["code"], 14);
+  EXPECT_EQ(error["conflicts"][0]["BundleIdentifier"], "org.notes.share");
+  EXPECT_EQ(Invocation(root_, {"hold", "--plugin", notes_ + "/Nothing.appex"}).status(), 1);
+}
+
+TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
+  Invocation watch(root_, {"watch", "--count", "2"});
+  ASSERT_TRUE(watch.waitFor("watching 2 plug-ins", true)) << watch.err();
+  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "use"}).status(), 0);
+  EXPECT_TRUE(watch.waitFor("~ org.paint.blur 1.0: election - -> use\n"));
+  Invocation hold(root_, {"hold", "--plugin", "org.notes.share"});
+  EXPECT_EQ(watch.status(), 0);
+  EXPECT_NE(watch.out().find("- org.notes.share 1.10\n"), std::string::npos) << watch.out();
+  EXPECT_EQ(lines(watch.out()).size(), 4u) << watch.out();
+
+  Invocation json(root_, {"watch", "--json", "--rule", "ZQUserElection=2"});
+  usleep(300000);  // it says nothing until something changes
+  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "ignore"}).status(), 0);
+  ASSERT_TRUE(json.waitFor("\n"));
+  EXPECT_EQ(Json::parse(json.firstLine())["added"][0]["identifier"], "org.paint.blur");
+  json.signal(SIGTERM);
+  EXPECT_EQ(json.status(), 0);
+}
+
+TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
+  const std::string loose = root_.path() + "/loose/Ruler.appex";
+  root_.writeBundle(loose, {.identifier = "org.ruler"});
+  EXPECT_EQ(Invocation(root_, {"add", "./Ruler.appex"}, {.directory = root_.path() + "/loose"}).status(), 0);
+  EXPECT_EQ(identifiers({"--rule", "ZQExtensionIdentifier=org.ruler"}, 1), "") << "no application, no offer";
+  EXPECT_EQ(identifiers({"--all", "--rule", "ZQExtensionIdentifier=org.ruler"}), "org.ruler:1.0");
+  fs::remove_all(loose);
+  EXPECT_EQ(Invocation(root_, {"remove", loose}).status(), 0);
+  EXPECT_EQ(Invocation(root_, {"remove", loose}).status(), 1) << "not there any more";
+  EXPECT_EQ(Invocation(root_, {"remove", "org.paint.blur"}).status(), 0) << "by identifier";
+  EXPECT_EQ(Invocation(root_, {"show", "org.paint.blur"}).status(), 1);
+  EXPECT_EQ(Invocation(root_, {"add", root_.path()}).status(), 5) << "no plug-in bundle";
+  EXPECT_EQ(Invocation(root_, {"add", loose}).status(), 1) << "nothing there";
+  EXPECT_EQ(Invocation(root_, {"bulk", "--flags", "255"}).status(), 0);
+  EXPECT_TRUE(daemon_->logs("bulk options 0xff not supported"));
+}
+
+TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
+  // A control sequence introducer, a direction override, a line break; and characters two columns wide.
+  root_.install("Evil.app",
+                {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}}});
+  root_.install("Wide.app", {{.identifier = "org.wide", .info = {{"BWBundleDisplayName", "写真"}}}});
+  ASSERT_TRUE(eventually([&] { return Invocation(root_, {"show", "org.wide"}).status() == 0; }));
+  ASSERT_TRUE(eventually([&] { return Invocation(root_, {"show", "org.evil"}).status() == 0; }));
+  const std::string table = Invocation(root_, {"match"}).out();
+  EXPECT_NE(table.find("a\\u{9B}31m\\u{202E}b\\nc"), std::string::npos) << table;
+  const Words rows = lines(table);
+  const size_t column = rows[0].find("APPLICATION");
+  for (const std::string& row : rows) {
+    if (!row.starts_with("org.wide")) continue;
+    EXPECT_EQ(row.find("Wide"), column - 4 + 6) << "two characters: six bytes, four columns";
+  }
+
+  const Invocation::Options terminal{.environment = {"TERM=xterm"}, .onTerminal = true, .columns = 60};
+  Invocation narrow(root_, {"match"}, terminal);
+  EXPECT_EQ(narrow.status(), 0);
+  EXPECT_NE(narrow.out().find("\x1b[1m"), std::string::npos) << "a heading in bold";
+  EXPECT_NE(narrow.out().find("…"), std::string::npos);
+  for (const Words& environment : {Words{"TERM=xterm", "NO_COLOR=1"}, Words{"TERM=dumb"}}) {
+    Invocation plain(root_, {"match"}, {.environment = environment, .onTerminal = true, .columns = 60});
+    EXPECT_EQ(plain.status(), 0);
+    EXPECT_EQ(plain.out().find('\x1b'), std::string::npos) << plain.out();
+    for (const std::string& row : lines(plain.out())) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
+  }
+}
+
+}  // namespace
