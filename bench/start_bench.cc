@@ -45,14 +45,15 @@ class Starts {
 void measure(const Starts& starts, const std::string& where) {
   const auto first = [&starts] { return starts.first(); };
   report("(c) first start over 10,000 bundles" + where + ", against reading and parsing them",
-         measurePairs(kPairs, [&starts] { return starts.reading(); }, first), 2.0);
-  report("(c) second start" + where + ", against the first",
          measurePairs(
-             kPairs, first,
-             [&starts] {
-               const double again = starts.start();
-               return again;
-             }),
+             kPairs, [&starts] { return starts.reading(); }, first),
+         2.0);
+  report("(c) second start" + where + ", against the first",
+         measurePairs(kPairs, first,
+                      [&starts] {
+                        const double again = starts.start();
+                        return again;
+                      }),
          0.1);
 }
 

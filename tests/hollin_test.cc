@@ -1,0 +1,724 @@
+// The application registry on real directories: what it finds, when it notices, what it keeps.
+
+#include "platform/hollin/Registry.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <thread>
+
+#include "tests/support/DeviceRoot.h"
+#include "tests/support/ThisProcess.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace platform;
+using namespace testsupport;
+using hollin::Registry;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Strings = std::vector<std::string>;
+
+/// Writes down what is announced: "+identifier" and "-identifier". What is announced as uninstalled must not
+/// be found any more.
+class Recorder : public HLApplicationWorkspaceObserverProtocol {
+ public:
+  explicit Recorder(Registry& registry) : registry_(registry) { registry_.addObserver(this); }
+  ~Recorder() override { registry_.removeObserver(this); }
+
+  void pluginsDidInstall(const HLProxyList& proxies) override { record('+', proxies); }
+  void pluginsWillUninstall(const HLProxyList& proxies) override {
+    for (const auto& proxy : proxies) {
+      if (!proxy->isUninstalled() || registry_.proxyForUUID(proxy->pluginUUID()) == proxy) tooEarly_ = true;
+    }
+    record('-', proxies);
+  }
+
+  Strings events() {
+    const std::lock_guard lock(mutex_);
+    return events_;
+  }
+  /// The events, as soon as there are `count`, or too few after some seconds.
+  Strings waitFor(size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, seconds(10), [&] { return events_.size() >= count; });
+    return events_;
+  }
+  bool wasToldTooEarly() const { return tooEarly_; }
+  std::atomic<size_t> calls{0};
+
+ private:
+  void record(char sign, const HLProxyList& proxies) {
+    calls++;
+    const std::lock_guard lock(mutex_);
+    for (const auto& proxy : proxies) events_.push_back(sign + std::string(proxy->pluginIdentifier().view()));
+    changed_.notify_all();
+  }
+  Registry& registry_;
+  std::atomic<bool> tooEarly_{false};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  Strings events_;
+};
+
+Directories directoriesOf(const DeviceRoot& root) {
+  Directories directories;
+  directories.dataUser = root.dataUser();
+  directories.dataSystem = {root.dataSystem()};
+  directories.state = root.state();
+  return directories;
+}
+
+std::unique_ptr<Registry> opened(const Directories& directories) {
+  auto result = Registry::open(directories);
+  if (auto* error = std::get_if<Error>(&result)) {
+    ADD_FAILURE() << error->description();
+    return nullptr;
+  }
+  return std::get<std::unique_ptr<Registry>>(std::move(result));
+}
+
+Strings identifiers(const HLProxyList& proxies) {
+  Strings out;
+  for (const auto& proxy : proxies) out.emplace_back(proxy->pluginIdentifier().view());
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+class HollinTest : public testing::Test {
+ protected:
+  HollinTest() { thisDevice(); }
+
+  void open() { registry = opened(directories); }
+  void reopen() {
+    registry.reset();
+    open();
+  }
+  Strings installed() const { return identifiers(*registry->installedPlugins()); }
+  std::shared_ptr<const HLAmbrelProxy> only(const std::string& identifier) const {
+    const Strings wanted = {identifier};
+    const auto found = registry->pluginsWithIdentifiers(&wanted, nullptr, nullptr, {});
+    return found->size() == 1 ? found->front() : nullptr;
+  }
+  Strings withName(const std::string& name) const {
+    const Strings wanted = {name};
+    return identifiers(*registry->pluginsWithIdentifiers(nullptr, &wanted, nullptr, {}));
+  }
+  bool registers(const std::string& path) { return registry->registerPlugin(URL::file(path)); }
+  bool unregisters(const std::string& path) { return registry->unregisterPlugin(URL::file(path)); }
+
+  const DeviceRoot root;
+  Directories directories = directoriesOf(root);
+  const std::string applications = root.dataUser() + "/Applications";
+  std::unique_ptr<Registry> registry;
+};
+
+bool becomes(const std::function<bool()>& condition) {
+  for (int i = 0; i < 1000 && !condition(); i++) std::this_thread::sleep_for(milliseconds(10));
+  return condition();
+}
+
+TEST_F(HollinTest, installsByRenameAndRemovalsAreAnnouncedAndWhatWasThereBeforeIsNot) {
+  root.install("Old.app", {{.identifier = "old"}});
+  open();
+  Recorder recorder(*registry);
+  EXPECT_EQ(installed(), Strings{"old"});
+  const std::string path = root.install("box/New.app", {{.identifier = "one"}, {.identifier = "two"}});
+  Strings events = recorder.waitFor(2);
+  std::sort(events.begin(), events.end());
+  EXPECT_EQ(events, (Strings{"+one", "+two"}));
+  EXPECT_EQ(recorder.calls, 1u) << "one install is one batch";
+  EXPECT_EQ(installed(), (Strings{"old", "one", "two"}));
+  const UUID uuid = only("one")->pluginUUID();
+
+  fs::rename(path, root.path() + "/away");
+  EXPECT_EQ(recorder.waitFor(4).size(), 4u);
+  EXPECT_EQ(installed(), Strings{"old"});
+  fs::rename(root.path() + "/away", path);
+  EXPECT_EQ(recorder.waitFor(6).size(), 6u);
+  EXPECT_EQ(only("one")->pluginUUID(), uuid) << "who comes back is the same";
+  EXPECT_FALSE(recorder.wasToldTooEarly());
+}
+
+TEST_F(HollinTest, anApplicationThatIsCopiedSlowlyIsTakenOnceWhenItIsQuiet) {
+  open();
+  Recorder recorder(*registry);
+  const std::string application = applications + "/Slow.app";
+  const std::string plugIn = application + "/PlugIns/slow.appex";
+  const std::string source = root.path() + "/source";
+  root.writeBundle(source, {.identifier = "slow", .entitlements = {{"special", true}}});
+  const std::string info = readText(source + "/Info.plist");
+  fs::create_directories(plugIn);
+  std::ofstream file(plugIn + "/Info.plist");
+  for (const std::string& half : {info.substr(0, info.size() / 2), info.substr(info.size() / 2)}) {
+    file << half << std::flush;
+    std::this_thread::sleep_for(milliseconds(150));
+  }
+  file.close();
+  // The longest part of a copy is deep inside, where nothing is watched.
+  fs::create_directories(application + "/Resources/deep/down");
+  for (int i = 0; i < 8; i++) {
+    writeText(application + "/Resources/deep/down/" + std::to_string(i), "x");
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_TRUE(recorder.events().empty());
+  }
+  fs::copy(source + "/Entitlements.plist", plugIn + "/Entitlements.plist");
+  EXPECT_EQ(recorder.waitFor(1), Strings{"+slow"});
+  EXPECT_TRUE(only("slow")->entitlements()["special"].isTrue());
+  std::this_thread::sleep_for(milliseconds(500));
+  EXPECT_EQ(recorder.events(), Strings{"+slow"});
+}
+
+TEST_F(HollinTest, anEditInPlaceIsAnUninstallAndAnInstallOfTheSamePlugIn) {
+  const std::string path = DeviceRoot::plugInPath(root.install("A.app", {{.identifier = "a"}}), "a");
+  open();
+  Recorder recorder(*registry);
+  const auto before = only("a");
+  writeText(path + "/run", "other\n", 0755);
+  writePropertyList(path + "/Info.plist", infoDictionary({.identifier = "a", .point = "changed"}));
+  EXPECT_EQ(recorder.waitFor(2), (Strings{"-a", "+a"}));
+  auto after = only("a");
+  EXPECT_TRUE(before->isUninstalled());
+  EXPECT_FALSE(after->isUninstalled());
+  EXPECT_EQ(before->pluginUUID(), after->pluginUUID());
+  EXPECT_GT(after->registrationDate(), before->registrationDate());
+  EXPECT_EQ(withName("changed"), Strings{"a"});
+  EXPECT_EQ(withName("com.example.share"), Strings{});
+
+  writePropertyList(path + "/Entitlements.plist", Dictionary{{"special", true}});
+  EXPECT_EQ(recorder.waitFor(4).size(), 4u);
+  EXPECT_TRUE(only("a")->entitlements()["special"].isTrue());
+  // Somebody else may write these now: they are not honoured.
+  chmod((path + "/Entitlements.plist").c_str(), 0666);
+  EXPECT_EQ(recorder.waitFor(6).size(), 6u);
+  EXPECT_TRUE(only("a")->entitlements().isNone());
+
+  // An identifier that changes is another plug-in that is still known by its first name.
+  writePropertyList(path + "/Info.plist", infoDictionary({.identifier = "renamed"}));
+  EXPECT_EQ(recorder.waitFor(8).back(), "+renamed");
+  after = only("renamed");
+  EXPECT_EQ(after->originalIdentifier(), "a");
+  EXPECT_NE(after->pluginUUID(), before->pluginUUID());
+  EXPECT_EQ(only("a"), nullptr);
+}
+
+TEST_F(HollinTest, rootsAreWatchedFromBeforeTheyExistAndAfterTheyAreGone) {
+  directories.dataUser = root.path() + "/late/data/veltra";
+  open();
+  Recorder recorder(*registry);
+  const fs::path application = root.install("X.app", {{.identifier = "x"}});
+  fs::create_directories(directories.dataUser + "/Applications");
+  fs::rename(application, directories.dataUser + "/Applications/X.app");
+  EXPECT_EQ(recorder.waitFor(1), Strings{"+x"});
+  EXPECT_FALSE(only("x")->isOnSystemPartition());
+  fs::rename(root.path() + "/late", root.path() + "/elsewhere");
+  EXPECT_EQ(recorder.waitFor(2).back(), "-x");
+  fs::rename(root.path() + "/elsewhere", root.path() + "/late");
+  EXPECT_EQ(recorder.waitFor(3).back(), "+x");
+  // Roots are still watched in depth.
+  fs::remove_all(directories.dataUser + "/Applications/X.app/PlugIns");
+  EXPECT_EQ(recorder.waitFor(4).back(), "-x");
+}
+
+TEST_F(HollinTest, whereRootsOverlapTheUsersCounts) {
+  root.install("Mine.app", {{.identifier = "mine"}});
+  root.install("Theirs.app", {{.identifier = "theirs"}}, true);
+  fs::create_directory_symlink(root.dataUser(), root.path() + "/again");
+  fs::create_directory_symlink(applications + "/Mine.app", applications + "/Link.app");
+  directories.dataSystem = {root.path() + "/again", root.dataSystem(), root.dataUser() + "/Applications"};
+  open();
+  EXPECT_EQ(installed(), (Strings{"mine", "theirs"}));
+  const auto mine = only("mine");
+  const auto theirs = only("theirs");
+  ASSERT_TRUE(mine && theirs);
+  EXPECT_FALSE(mine->isOnSystemPartition());
+  EXPECT_EQ(mine->bundleURL()->path(), applications + "/Mine.app/PlugIns/mine.appex");
+  EXPECT_TRUE(theirs->isOnSystemPartition());
+  EXPECT_FALSE(unregisters(theirs->bundleURL()->path()));
+  EXPECT_TRUE(unregisters(root.path() + "/again/Applications/Mine.app/PlugIns/mine.appex"));
+  EXPECT_EQ(installed(), Strings{"theirs"});
+}
+
+TEST_F(HollinTest, bundlesOfOneIdentifierAndPlugInsOfOneBundleAreToldApart) {
+  root.install("One.app", {{.identifier = "same"}});
+  root.install("Two.app", {{.identifier = "same", .info = {{"BWBundleVersion", "200"}}}});
+  const Dictionary entry = {{"ZQExtensionAttributes", Dictionary{{"ZQExtensionPointName", "many"}}}};
+  root.install("Multi.app", {{.identifier = "multi",
+                              .plugIn = {{"Multiple", Dictionary{{"m.b", entry}, {"m.a", entry}}}}}});
+  root.install("Odd.app", {{.identifier = "odd", .plugIn = {{"Multiple", "no dictionary"}}}});
+  root.install("Named.app", {{.identifier = "bundle", .plugIn = {{"ZQExtensionIdentifier", "own"}}}});
+  open();
+  const Strings same = {"same", "same"};
+  const auto versions = registry->pluginsWithIdentifiers(&same, nullptr, nullptr, {});
+  ASSERT_EQ(versions->size(), 2u);
+  EXPECT_NE(versions->front()->pluginUUID(), versions->back()->pluginUUID());
+  const std::string second = "200";
+  EXPECT_EQ(registry->pluginsWithIdentifiers(&same, nullptr, &second, {})->size(), 1u);
+
+  const auto lowest = registry->proxyForURL(URL::file(applications + "/Multi.app/PlugIns/multi.appex"));
+  ASSERT_NE(lowest, nullptr);
+  EXPECT_EQ(lowest->pluginIdentifier(), "m.a");
+  EXPECT_EQ(lowest->originalIdentifier(), "m.a");
+  EXPECT_EQ(lowest->ambrelDictionary(), Value(entry));
+  EXPECT_EQ(withName("many"), (Strings{"m.a", "m.b"}));
+  EXPECT_NE(only("odd"), nullptr) << "judging what is inside is the record's business";
+  EXPECT_EQ(only("own")->bundleIdentifier(), "bundle");
+  EXPECT_EQ(registry->proxyForUUID(lowest->pluginUUID()), lowest);
+}
+
+TEST_F(HollinTest, badBundlesHarmNoOther) {
+  const std::string application = root.install("Mixed.app", {{.identifier = "good"}});
+  const auto bundle = [&application](const std::string& name) {
+    fs::create_directories(application + "/PlugIns/" + name + ".appex");
+    return application + "/PlugIns/" + name + ".appex";
+  };
+  const std::string valid = readText(DeviceRoot::plugInPath(application, "good") + "/Info.plist");
+  bundle("empty");
+  writeText(bundle("truncated") + "/Info.plist", valid.substr(0, valid.size() / 2));
+  writePropertyList(bundle("array") + "/Info.plist", Array{1, 2});
+  writePropertyList(bundle("stranger") + "/Info.plist", Dictionary{{"BWBundleIdentifier", "stranger"}});
+  fs::create_directories(bundle("directory") + "/Info.plist");
+  mkfifo((bundle("fifo") + "/Info.plist").c_str(), 0600);
+  writeText(bundle("huge") + "/Info.plist", valid);
+  fs::resize_file(bundle("huge") + "/Info.plist", 100 << 20);
+  fs::create_symlink("Info.plist", bundle("loop") + "/Info.plist");
+  fs::create_directory_symlink("circle.appex", application + "/PlugIns/circle.appex");
+  fs::create_directory_symlink(".", applications + "/Circle.app");
+  fs::create_directory_symlink("..", application + "/PlugIns/up.appex");
+  writeText(application + "/PlugIns/file.appex", "no directory");
+  // Wrong types everywhere: the record will judge.
+  writePropertyList(
+      bundle("types") + "/Info.plist",
+      Dictionary{{"ZQExtension", "text"}, {"BWBundleIdentifier", Array{}}, {"BWBundleVersion", 1}});
+  writePropertyList(bundle("old") + "/Info.plist", Dictionary{{"Ambrel", 0}, {"BWBundleIdentifier", "old"}});
+  writePropertyList(
+      bundle("listed") + "/Info.plist",
+      infoDictionary({.identifier = "listed", .info = {{"ZQExtensionPointName", Array{1, "top"}}}}));
+  mkfifo((bundle("listed") + "/Entitlements.plist").c_str(), 0600);
+
+  const Strings log = logOf([this] { open(); });
+  EXPECT_EQ(installed(), (Strings{"", "good", "listed", "old"}));
+  EXPECT_EQ(withName("top"), Strings{"listed"});
+  const auto ignored = std::count_if(log.begin(), log.end(), [](const std::string& line) {
+    return line.find("ignoring bundle at ") != std::string::npos;
+  });
+  EXPECT_EQ(ignored, 9) << testing::PrintToString(log);
+  for (const char* name : {"empty", "truncated", "stranger", "fifo", "huge", "nothing"})
+    EXPECT_FALSE(registers(application + "/PlugIns/" + name + ".appex")) << name;
+  // A bundle that gets well is taken.
+  Recorder recorder(*registry);
+  writeText(application + "/PlugIns/truncated.appex/Info.plist", valid);
+  EXPECT_EQ(recorder.waitFor(1), Strings{"+good"});
+}
+
+TEST_F(HollinTest, registrationsByPathOutliveTheirBundleAndTheProcess) {
+  const std::string path = root.path() + "/loose/Tool.plugin";
+  root.writeBundle(path, {.identifier = "tool"});
+  fs::create_directory_symlink(root.path() + "/loose", root.path() + "/alias");
+  open();
+  auto recorder = std::make_unique<Recorder>(*registry);
+  EXPECT_FALSE(unregisters(path));
+  EXPECT_TRUE(registers(root.path() + "/alias/Tool.plugin"));
+  const auto proxy = only("tool");
+  ASSERT_NE(proxy, nullptr);
+  EXPECT_EQ(proxy->bundleURL()->path(), path);
+  EXPECT_EQ(proxy->containingBundle(), nullptr);
+  const Date first = proxy->registrationDate();
+  EXPECT_TRUE(registers(path));
+  EXPECT_EQ(only("tool"), proxy) << "registering again changes nothing but the time";
+  EXPECT_GT(proxy->registrationDate(), first);
+  EXPECT_EQ(recorder->waitFor(1), Strings{"+tool"});
+
+  fs::rename(path, root.path() + "/away");
+  EXPECT_EQ(recorder->waitFor(2), (Strings{"+tool", "-tool"}));
+  recorder.reset();
+  reopen();
+  recorder = std::make_unique<Recorder>(*registry);
+  EXPECT_EQ(installed(), Strings{});
+  fs::rename(root.path() + "/away", path);
+  EXPECT_EQ(recorder->waitFor(1), Strings{"+tool"});
+  EXPECT_EQ(only("tool")->pluginUUID(), proxy->pluginUUID());
+  recorder.reset();
+  reopen();
+  EXPECT_EQ(installed(), Strings{"tool"});
+  fs::remove_all(root.path() + "/loose");
+  EXPECT_TRUE(becomes([this] { return installed().empty(); }));
+  EXPECT_TRUE(unregisters(path)) << "also when its bundle is gone";
+  EXPECT_FALSE(unregisters(path));
+  root.writeBundle(path, {.identifier = "tool"});
+  reopen();
+  EXPECT_EQ(installed(), Strings{});
+}
+
+TEST_F(HollinTest, anUnregisteredApplicationPlugInStaysSoUntilItChangesOrIsAdded) {
+  const std::string application = root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
+  const std::string a = DeviceRoot::plugInPath(application, "a");
+  const std::string b = DeviceRoot::plugInPath(application, "b");
+  open();
+  const auto proxy = only("a");
+  EXPECT_TRUE(unregisters(a));
+  EXPECT_TRUE(unregisters(b));
+  EXPECT_TRUE(proxy->isUninstalled());
+  EXPECT_FALSE(unregisters(a));
+  reopen();
+  EXPECT_EQ(installed(), Strings{});
+  Recorder recorder(*registry);
+  EXPECT_TRUE(registers(a));
+  EXPECT_EQ(only("a")->pluginUUID(), proxy->pluginUUID());
+  writePropertyList(b + "/Info.plist", infoDictionary({.identifier = "b", .version = "2"}));
+  EXPECT_EQ(recorder.waitFor(2), (Strings{"+a", "+b"}));
+  // It was not made a registration by path: it goes with its application.
+  fs::remove_all(application);
+  EXPECT_EQ(recorder.waitFor(4).size(), 4u);
+  EXPECT_FALSE(unregisters(a));
+}
+
+TEST_F(HollinTest, aSecondStartKnowsEverythingAndOpensNoUnchangedBundle) {
+  const std::string path = DeviceRoot::plugInPath(
+      root.install("A.app", {{.identifier = "a", .entitlements = {{"list", Array{1, "two"}}}},
+                             {.identifier = "c", .plugIn = {{"ZQExtensionIdentifier", "own"}}}}),
+      "a");
+  open();
+  const auto before = only("a");
+  registry.reset();
+  const int watch = inotify_init1(IN_NONBLOCK);
+  inotify_add_watch(watch, path.c_str(), IN_OPEN);
+  open();
+  Strings openedFiles;
+  alignas(inotify_event) char buffer[4096];
+  const ssize_t size = read(watch, buffer, sizeof buffer);
+  for (ssize_t at = 0; at < size;
+       at += static_cast<ssize_t>(sizeof(inotify_event)) +
+             static_cast<ssize_t>(reinterpret_cast<inotify_event*>(buffer + at)->len))
+    if (reinterpret_cast<inotify_event*>(buffer + at)->len > 0)
+      openedFiles.emplace_back(reinterpret_cast<inotify_event*>(buffer + at)->name);
+  close(watch);
+  EXPECT_EQ(openedFiles, Strings{});
+  const auto after = only("a");
+  EXPECT_EQ(after->pluginUUID(), before->pluginUUID());
+  EXPECT_EQ(after->registrationDate(), before->registrationDate());
+  EXPECT_EQ(after->entitlements(), before->entitlements());
+  EXPECT_EQ(after->bundleVersion(), "100");
+  EXPECT_EQ(withName("com.example.share"), (Strings{"a", "own"}));
+}
+
+TEST_F(HollinTest, aDamagedDatabaseIsSetAsideAndRebuiltFromDisk) {
+  root.install("A.app", {{.identifier = "a"}});
+  const std::string loose = root.path() + "/Loose.appex";
+  root.writeBundle(loose, {.identifier = "loose"});
+  const std::string database = root.state() + "/Hollin/Registry.sqlite";
+  const std::function<void()> damages[] = {
+      [&] { fs::resize_file(database, fs::file_size(database) / 2); },
+      [&] { writeText(database, std::string(5000, 'x')); },
+      [&] {  // a row that was not written by us
+        std::string bytes = readText(database);
+        const size_t at = bytes.find(applications);
+        bytes[at] = '?';
+        writeText(database, bytes);
+      },
+  };
+  size_t kept = 0;
+  for (const auto& damage : damages) {
+    open();
+    ASSERT_TRUE(registers(loose));
+    registry.reset();
+    damage();
+    const Strings log = logOf([this] { open(); });
+    EXPECT_EQ(installed(), Strings{"a"});
+    const bool saysWhatWasLost = std::any_of(log.begin(), log.end(), [](const std::string& line) {
+      return line.find("registrations by path, unregistrations, UUIDs and registration times were lost") !=
+             std::string::npos;
+    });
+    EXPECT_TRUE(saysWhatWasLost) << testing::PrintToString(log);
+    registry.reset();
+    kept++;
+    size_t aside = 0;
+    for (const auto& file : fs::directory_iterator(root.state() + "/Hollin"))
+      if (file.path().filename().string().starts_with("Registry.sqlite.damaged-")) aside++;
+    EXPECT_EQ(aside, kept);
+  }
+  open();
+  const UUID uuid = only("a")->pluginUUID();
+  reopen();
+  EXPECT_EQ(only("a")->pluginUUID(), uuid) << "the new database works";
+}
+
+TEST_F(HollinTest, aStateDirectoryHasOneRegistryAndMustBeUsable) {
+  open();
+  const auto second = Registry::open(directories);
+  ASSERT_TRUE(std::holds_alternative<Error>(second));
+  EXPECT_NE(std::get<Error>(second).localizedDescription().find("another process uses the registry"),
+            std::string::npos);
+  reopen();
+  EXPECT_NE(registry, nullptr);
+  Directories unusable = directories;
+  unusable.state = root.path() + "/file";
+  writeText(unusable.state, "");
+  EXPECT_TRUE(std::holds_alternative<Error>(Registry::open(unusable)));
+}
+
+TEST_F(HollinTest, aPlugInIsFoundUnderEveryNameThatItCouldMatchBy) {
+  // SDKs belong to the process's own device.
+  const DeviceRoot& device = thisDevice();
+  const auto sdk = [](const Value& name) {
+    return Dictionary{
+        {"ZQExtension", Dictionary{{"ZQExtensionAttributes", Dictionary{{"ZQExtensionPointName", name}}},
+                                   {"ZQExtensionProtocol", "#Data"}}}};
+  };
+  writePropertyList(device.dataUser() + "/SDKs/point.plist", sdk(Array{"sdk.one", "sdk.two"}));
+  writePropertyList(root.path() + "/tests/point", sdk("tested"));
+  setenv("ABTEST_SDK", (root.path() + "/tests").c_str(), 1);
+  directories.dataUser = device.dataUser();
+  const Dictionary served = {{"ZQExtensionPointIdentifier", "point"}};
+  const std::string application = device.install(
+      "Names.app",
+      {{.identifier = "own", .point = "own.name"},
+       {.identifier = "list", .point = "", .attributes = {{"ZQExtensionPointName", Array{"l1", 2, "l2"}}}},
+       {.identifier = "sdk", .point = "", .plugIn = served},
+       {.identifier = "top", .point = "", .info = {{"ZQExtensionPointName", "top.name"}}},
+       {.identifier = "both", .point = "sdk.two", .plugIn = served, .entitlements = {{"special", true}}}});
+  open();
+  EXPECT_EQ(withName("own.name"), Strings{"own"});
+  EXPECT_EQ(withName("l1"), Strings{"list"});
+  EXPECT_EQ(withName("l2"), Strings{"list"});
+  EXPECT_EQ(withName("top.name"), Strings{"top"});
+  EXPECT_EQ(withName("sdk.two"), (Strings{"both", "sdk"}));
+  EXPECT_EQ(withName("tested"), (Strings{"both", "sdk"}));
+  EXPECT_EQ(withName("point"), (Strings{"both", "sdk"}));
+  EXPECT_EQ(withName("l"), Strings{});
+
+  const Strings none, names = {"sdk.one", "sdk.two", "own.name"}, some = {"both", "own", "top", "both"};
+  EXPECT_TRUE(registry->pluginsWithIdentifiers(&none, nullptr, nullptr, {})->empty());
+  EXPECT_TRUE(registry->pluginsWithIdentifiers(nullptr, &none, nullptr, {})->empty());
+  EXPECT_TRUE(registry->pluginsWithIdentifiers(&some, &none, nullptr, {})->empty());
+  EXPECT_EQ(identifiers(*registry->pluginsWithIdentifiers(&some, &names, nullptr, {})),
+            (Strings{"both", "own"}));
+  // A filter may ask the registry in turn.
+  const auto entitled = [this](const String& identifier, const Value& entitlements) {
+    return only(std::string(identifier.view())) != nullptr && entitlements["special"].isTrue();
+  };
+  EXPECT_EQ(identifiers(*registry->pluginsWithIdentifiers(nullptr, &names, nullptr, entitled)),
+            Strings{"both"});
+  EXPECT_EQ(only("sdk")->dataContainerURL(), std::nullopt) << "its SDK makes it a data plug-in";
+
+  writePropertyList(device.dataUser() + "/SDKs/point.plist", sdk("new.name"));
+  EXPECT_TRUE(becomes([this] { return withName("new.name") == Strings{"both", "sdk"}; }));
+  EXPECT_EQ(withName("sdk.one"), Strings{});
+  registry.reset();
+  fs::remove_all(application);
+  unsetenv("ABTEST_SDK");
+}
+
+TEST_F(HollinTest, plugInsGetDataContainersExceptDataPlugIns) {
+  root.install("A.app", {{.identifier = "plain"},
+                         {.identifier = "data", .plugIn = {{"ZQExtensionProtocol", "#Data"}}},
+                         {.identifier = "taken"},
+                         {.identifier = "x", .plugIn = {{"ZQExtensionIdentifier", "../escape"}}}});
+  const std::string containers = root.dataUser() + "/Containers";
+  fs::create_directories(containers);
+  fs::create_directory_symlink(root.path(), containers + "/taken");
+  open();
+  // Without being asked for.
+  EXPECT_TRUE(becomes([&] { return fs::exists(containers + "/plain/tmp"); }));
+  struct stat status {};
+  stat((containers + "/plain").c_str(), &status);
+  EXPECT_EQ(status.st_mode & 07777, 0700u);
+  EXPECT_EQ(only("plain")->dataContainerURL()->path(), containers + "/plain");
+  EXPECT_EQ(only("data")->dataContainerURL(), std::nullopt);
+  EXPECT_EQ(only("taken")->dataContainerURL(), std::nullopt);
+  EXPECT_EQ(only("../escape")->dataContainerURL(), std::nullopt);
+  EXPECT_FALSE(fs::exists(containers + "/data"));
+
+  const std::string loose = root.path() + "/Loose.appex";
+  root.writeBundle(loose, {.identifier = "loose"});
+  ASSERT_TRUE(registers(loose));
+  EXPECT_TRUE(fs::exists(containers + "/loose/tmp")) << "when it is registered";
+}
+
+TEST_F(HollinTest, applicationsAnswerForTheirPlugIns) {
+  const std::string boxed = root.install("box/Boxed.app", {{.identifier = "z"}, {.identifier = "a"}});
+  root.install("Bare.app", {});
+  const std::string loose = boxed + "/PlugIns/Loose.bundle";
+  root.writeBundle(loose, {.identifier = "loose", .info = {{"BWBundleDisplayName", "Loose Tool"}}});
+  open();
+  ASSERT_TRUE(registers(loose));
+  const auto application = registry->applicationForURL(URL::file(boxed));
+  ASSERT_NE(application, nullptr);
+  EXPECT_EQ(only("a")->containingBundle(), application);
+  EXPECT_EQ(application->bundleContainerURL()->path(), applications + "/box");
+  EXPECT_EQ(application->localizedName(), "Boxed");
+  Strings inOrder;
+  for (const auto& proxy : application->ambrelPlugins())
+    inOrder.emplace_back(proxy->pluginIdentifier().view());
+  EXPECT_EQ(inOrder, (Strings{"loose", "a", "z"})) << "in order of path";
+  EXPECT_EQ(only("loose")->localizedName(), "Loose Tool");
+  EXPECT_EQ(only("loose")->localizedShortName(), "loose");
+  EXPECT_FALSE(application->isPlaceholder());
+  writeText(boxed + "/Placeholder", "");
+  EXPECT_TRUE(application->isPlaceholder());
+
+  const auto bare = registry->applicationForURL(URL::file(applications + "/Bare.app"));
+  ASSERT_NE(bare, nullptr);
+  EXPECT_TRUE(bare->ambrelPlugins().empty());
+  EXPECT_EQ(bare->bundleContainerURL(), std::nullopt);
+  for (const char* none : {"/Nothing.app", "/box", "/Bare.app/PlugIns"})
+    EXPECT_EQ(registry->applicationForURL(URL::file(applications + none)), nullptr) << none;
+}
+
+/// Stops one thread of this process, from another process, until it is told to go on.
+class StoppedThread {
+ public:
+  explicit StoppedThread(pid_t thread) {
+    if (pipe(ready_) != 0 || pipe(done_) != 0) return;
+    helper_ = fork();
+    if (helper_ == 0) {
+      char byte = 0;
+      if (read(done_[0], &byte, 1) != 1) _exit(1);
+      int status;
+      const bool isStopped = ptrace(PTRACE_SEIZE, thread, 0, 0) == 0 &&
+                             ptrace(PTRACE_INTERRUPT, thread, 0, 0) == 0 &&
+                             waitpid(thread, &status, __WALL) == thread;
+      byte = isStopped ? 'y' : 'n';
+      if (write(ready_[1], &byte, 1) != 1 || read(done_[0], &byte, 1) != 1) _exit(1);
+      ptrace(PTRACE_DETACH, thread, 0, 0);
+      _exit(0);
+    }
+    prctl(PR_SET_PTRACER, helper_);
+    char answer = 0;
+    isStopped_ = write(done_[1], "g", 1) == 1 && read(ready_[0], &answer, 1) == 1 && answer == 'y';
+  }
+  void goOn() {
+    EXPECT_EQ(write(done_[1], "x", 1), 1);
+    waitpid(helper_, nullptr, 0);
+  }
+  bool isStopped() const { return isStopped_; }
+
+ private:
+  int ready_[2], done_[2];
+  pid_t helper_ = -1;
+  bool isStopped_ = false;
+};
+
+pid_t threadCalled(const std::string& name) {
+  for (const auto& task : fs::directory_iterator("/proc/self/task"))
+    if (readText(task.path() / "comm") == name + "\n") return std::stoi(task.path().filename().string());
+  return 0;
+}
+
+TEST_F(HollinTest, lostEventsLoseNoInstall) {
+  root.install("Busy.app", {{.identifier = "busy"}});
+  open();
+  Recorder recorder(*registry);
+  EXPECT_TRUE(becomes([&] { return fs::exists(root.dataUser() + "/Containers/busy/tmp"); }));
+  const int limit = std::stoi(readText("/proc/sys/fs/inotify/max_queued_events"));
+  if (limit > 100000) GTEST_SKIP() << "the event queue is too long to fill";
+  testing::internal::CaptureStderr();
+  StoppedThread stopped(threadCalled("hollin-watch"));
+  for (int i = 0; stopped.isStopped() && i < limit / 2; i++) {
+    const std::string file = applications + "/Busy.app/" + std::to_string(i % 2);
+    close(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    unlink(file.c_str());
+  }
+  root.install("Lost.app", {{.identifier = "lost"}});
+  stopped.goOn();
+  EXPECT_EQ(recorder.waitFor(1), Strings{"+lost"});
+  const std::string log = testing::internal::GetCapturedStderr();
+  if (!stopped.isStopped()) GTEST_SKIP() << "threads cannot be stopped here";
+  EXPECT_NE(log.find("events of the file system were lost"), std::string::npos);
+}
+
+/// In a process with hardly any watches: 0 when installs are found nevertheless, 77 when watches cannot be
+/// limited here.
+int findInstallsWithoutWatches(const DeviceRoot& root, const Directories& directories) {
+  if (unshare(CLONE_NEWUSER) != 0) return 77;
+  std::ofstream limit("/proc/sys/user/max_inotify_watches");
+  if (!(limit << "9" << std::flush)) return 77;
+  auto result = Registry::open(directories);
+  auto* registry = std::get_if<std::unique_ptr<Registry>>(&result);
+  if (registry == nullptr) return 1;
+  Recorder recorder(**registry);
+  std::this_thread::sleep_for(milliseconds(300));
+  root.install("A.app", {{.identifier = "a"}});
+  if (recorder.waitFor(1) != Strings{"+a"}) return 2;
+  return 0;
+}
+
+TEST_F(HollinTest, exhaustedWatchesLoseNoInstall) {
+  testing::internal::CaptureStderr();
+  const pid_t child = fork();
+  if (child == 0) _exit(findInstallsWithoutWatches(root, directories));
+  int status = 0;
+  waitpid(child, &status, 0);
+  const std::string log = testing::internal::GetCapturedStderr();
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "watches cannot be limited here";
+  EXPECT_EQ(status, 0) << log;
+  EXPECT_NE(log.find("cannot watch all applications"), std::string::npos) << log;
+}
+
+TEST_F(HollinTest, queriesRegistrationsAndInstallsRunSideBySide) {
+  for (int i = 0; i < 20; i++) {
+    const std::string name = std::to_string(i);
+    root.install("App" + name + ".app", {{.identifier = "stays" + name}});
+    root.writeBundle(root.path() + "/loose" + name + ".appex", {.identifier = "loose" + name});
+  }
+  open();
+  auto recorder = std::make_unique<Recorder>(*registry);
+  std::atomic<bool> isDone{false};
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    for (int i = 0; !isDone; i = (i + 1) % 20) {
+      const std::string path = root.path() + "/loose" + std::to_string(i) + ".appex";
+      if (registers(path) && i % 3 != 0) unregisters(path);
+    }
+  });
+  threads.emplace_back([&] {
+    while (!isDone) {
+      for (const auto& proxy : *registry->installedPlugins()) {
+        static_cast<void>(proxy->entitlements());
+        const auto again = registry->proxyForUUID(proxy->pluginUUID());
+        EXPECT_TRUE(again != nullptr || proxy->isUninstalled());
+      }
+      withName("com.example.share");
+      registry->HLClearSchemaCaches();
+    }
+  });
+  threads.emplace_back([&] {
+    for (int i = 0; !isDone; i++) {
+      const std::string path = root.install("Comes.app", {{.identifier = "comes"}});
+      std::this_thread::sleep_for(milliseconds(i % 2 == 0 ? 50 : 450));
+      fs::remove_all(path);
+    }
+  });
+  std::this_thread::sleep_for(seconds(2));
+  isDone = true;
+  for (std::thread& thread : threads) thread.join();
+  for (int i = 0; i < 20; i++) registers(root.path() + "/loose" + std::to_string(i) + ".appex");
+  EXPECT_TRUE(becomes([this] { return registry->installedPlugins()->size() == 40; }));
+  EXPECT_FALSE(recorder->wasToldTooEarly());
+  // Each plug-in was announced by turns.
+  std::map<std::string, char> last;
+  for (const std::string& event : recorder->events()) {
+    const bool isRepeated = last.contains(event.substr(1)) && last[event.substr(1)] == event[0];
+    EXPECT_FALSE(isRepeated) << event;
+    last[event.substr(1)] = event[0];
+  }
+  recorder.reset();
+  reopen();
+  EXPECT_EQ(registry->installedPlugins()->size(), 40u) << "what was saved last is what was";
+}
+
+}  // namespace
