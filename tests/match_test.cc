@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <random>
 
@@ -380,17 +381,18 @@ TEST(Duplicates, AreResolvedAsAScanOfTheAcceptedOnesWould) {
   }
 }
 
-TEST(Duplicates, AThousandfoldOfOneIdentifierCostsNoMoreForEach) {
+TEST(Duplicates, ManyOfOneIdentifierCostHardlyMoreForEach) {
   const auto timeFor = [](size_t count) {
     std::vector<Candidate> candidates;
     for (size_t i = 0; i < count; ++i)
       candidates.push_back({.identifier = "x", .version = "1." + std::to_string(i)});
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = std::clock();  // this process's own time, whatever else the machine does
     EXPECT_EQ(resolve(candidates, kAllVersions).size(), count);
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return static_cast<double>(std::clock() - start);
   };
-  timeFor(1000);
-  EXPECT_LT(timeFor(40'000), 40 * 8 * std::max(timeFor(1000), 1e-4)) << "growth is far from quadratic";
+  const double few = std::max({timeFor(4000), timeFor(4000), timeFor(4000)});
+  EXPECT_LT(timeFor(40'000), 40 * few)
+      << "ten times as many would cost a hundredfold if each were scanned for";
 }
 
 }  // namespace

@@ -24,7 +24,8 @@ Ending runToEnd(const DeviceRoot& root, std::vector<std::string> arguments,
   arguments.insert(arguments.begin(), ABD_PROGRAM);
   std::vector<std::string> environment = root.environment();
   environment.push_back("ABD_LOG=stderr");
-  environment.insert(environment.end(), moreEnvironment.begin(), moreEnvironment.end());
+  environment.insert(environment.begin(), moreEnvironment.begin(),
+                     moreEnvironment.end());  // the first counts
   const std::string errors = root.path() + "/ending.log";
   std::filesystem::remove(errors);
   Process process(arguments, environment, errors);
@@ -266,7 +267,6 @@ TEST(Verbosity, DecidesWhatIsLogged) {
     EXPECT_EQ(daemon.logs("request annotate"), verbosity >= 1);
     EXPECT_EQ(daemon.logs("incoming request "), verbosity >= 2);
     EXPECT_EQ(daemon.logs("Replying "), verbosity >= 2);
-    EXPECT_EQ(daemon.logCount("percent.%d%s%@") > 1, verbosity >= 2) << "messages are written out whole";
   }
 }
 
