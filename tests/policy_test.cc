@@ -113,11 +113,6 @@ TEST(TypeGraph, MIMETypesAreKnownUnderTheirAliasesInBothDirections) {
   EXPECT_FALSE(graph.conforms("application/xml", "image/svg+xml"));
 }
 
-/// Past the time for which an answer may be an old one.
-void letTypeFilesBeLookedAtAgain() {
-  usleep(150'000);
-}
-
 TEST(TypeConformance, EveryRootDeclaresTypesAndChangesAreNoticed) {
   clearOwnDevice();
   const std::string mime = ownDevice.path() + "/share/mime";
@@ -128,13 +123,13 @@ TEST(TypeConformance, EveryRootDeclaresTypesAndChangesAreNoticed) {
   writePropertyList(ownDevice.dataUser() + "/Types/mine.plist",
                     Dictionary{{"public.data", Array{"example.thing"}}});
   writeText(ownDevice.dataUser() + "/Types/broken.plist", "no property list");
-  letTypeFilesBeLookedAtAgain();
+  letFilesSettle();
   EXPECT_TRUE(typeConformsTo("image/x-png", "example.thing"));
   EXPECT_FALSE(typeConformsTo("image/x-png", "example.other"));
 
   writePropertyList(ownDevice.dataUser() + "/Types/more.plist", Dictionary{{"image/png", "example.other"}});
   fs::remove(ownDevice.dataUser() + "/Types/mine.plist");
-  letTypeFilesBeLookedAtAgain();
+  letFilesSettle();
   EXPECT_TRUE(typeConformsTo("image/x-png", "example.other"));
   EXPECT_FALSE(typeConformsTo("image/x-png", "example.thing"));
 }
@@ -145,7 +140,7 @@ class ActivationRulesTest : public testing::Test {
     clearOwnDevice();
     writePropertyList(ownDevice.dataUser() + "/Types/types.plist",
                       Dictionary{{"photo", "image"}, {"image", "file"}, {"movie", "file"}});
-    letTypeFilesBeLookedAtAgain();
+    letFilesSettle();
   }
   /// Items of one type each.
   static Dictionary items(std::initializer_list<const char*> types) {

@@ -264,6 +264,8 @@ TEST_F(EntitlementsTest, ABundlesFileIsSeenAsItIsNowAndParsedOnce) {
   EXPECT_EQ(entitlements(), Dictionary()) << "no file";
   grant(Dictionary{{"a", true}});
   ASSERT_EQ(entitlements(), (Dictionary{{"a", true}}));
+  letFilesSettle();
+  ASSERT_TRUE(entitlements());
   EXPECT_TRUE(entitlements()->isSameObject(*entitlements()));
   grant(Dictionary{{"b", 1}});
   EXPECT_EQ(entitlements(), (Dictionary{{"b", 1}}));

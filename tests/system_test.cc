@@ -217,6 +217,7 @@ TEST_F(BundleTest, TheExecutableStaysInTheBundle) {
 
 TEST_F(BundleTest, AnInfoFileIsSeenAsItIsNow) {
   const auto bundle = open();
+  letFilesSettle();
   ASSERT_TRUE(bundle->infoDictionary());
   const Dictionary before = *bundle->infoDictionary();
   EXPECT_TRUE(before.isSameObject(*bundle->infoDictionary())) << "an unchanged file is not parsed again";
@@ -366,8 +367,9 @@ TEST(Preferences, OnlyTheHostsOwnScopeIsSeenAndAlwaysAsItIsNow) {
   EXPECT_EQ(file,
             ownDevice.configUser() + "/Preferences/ByHost/" + domain + "." + hostIdentifier() + ".plist");
   writePropertyList(file, Dictionary{{"exclusions", Array{"this host"}}});
+  EXPECT_EQ(hostPreference(domain, "exclusions"), Value(Array{"this host"}));
+  letFilesSettle();
   const Value first = hostPreference(domain, "exclusions");
-  EXPECT_EQ(first, Value(Array{"this host"}));
   EXPECT_TRUE(first.isSameObject(hostPreference(domain, "exclusions")));
   writePropertyList(file, Dictionary{{"other", 1}});
   EXPECT_TRUE(hostPreference(domain, "exclusions").isNone());

@@ -12,6 +12,7 @@
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyList.h"
 #include "platform/qmx/Bundle.h"
+#include "platform/system/FileAge.h"
 #include "platform/system/FileDescriptor.h"
 
 namespace platform {
@@ -68,25 +69,38 @@ std::optional<Error> reasonNotToHonour(const struct stat& status, const std::str
   return std::nullopt;
 }
 
-/// Judges and reads the very file that was opened. `status` becomes that file's.
-Entitlements readEntitlements(const std::string& path, struct stat& status) {
+struct Reading {
+  Entitlements verdict;
+  /// Of the very file that was judged and read, taken before reading; none when the verdict is not the file's
+  /// own doing and may be another one next time.
+  std::optional<FileIdentity> identity = std::nullopt;
+};
+
+Entitlements parseEntitlements(const std::string& bytes, const std::string& path) {
+  Result<Value> parsed = parsePropertyList(bytes);
+  if (const Error* error = std::get_if<Error>(&parsed)) return *error;
+  if (const Dictionary* dictionary = std::get<Value>(parsed).dictionary()) return *dictionary;
+  return Error{std::string(kFileErrorDomain), kFileReadCorrupt, path + " holds no dictionary"};
+}
+
+Reading readEntitlements(const std::string& path) {
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (!file || fstat(file.get(), &status) != 0) return Error::posix(errno, path);
-  if (auto reason = reasonNotToHonour(status, path)) return *reason;
+  struct stat status {};
+  if (!file || fstat(file.get(), &status) != 0) return {Error::posix(errno, path)};
+  const FileIdentity identity = FileIdentity::of(status);
+  const std::optional<FileIdentity> lasting = isSettled(identity) ? std::optional(identity) : std::nullopt;
+  if (auto reason = reasonNotToHonour(status, path)) return {*reason, lasting};
   std::string bytes(static_cast<size_t>(status.st_size), '\0');
   size_t done = 0;
   while (done < bytes.size()) {
     const ssize_t count = read(file.get(), bytes.data() + done, bytes.size() - done);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Error::posix(errno, path);
+    if (count < 0) return {Error::posix(errno, path)};
     if (count == 0) break;
     done += static_cast<size_t>(count);
   }
   bytes.resize(done);
-  Result<Value> parsed = parsePropertyList(bytes);
-  if (const Error* error = std::get_if<Error>(&parsed)) return *error;
-  if (const Dictionary* dictionary = std::get<Value>(parsed).dictionary()) return *dictionary;
-  return Error{std::string(kFileErrorDomain), kFileReadCorrupt, path + " holds no dictionary"};
+  return {parseEntitlements(bytes, path), lasting};
 }
 
 }  // namespace
@@ -101,9 +115,9 @@ std::variant<Dictionary, Error> bundleEntitlements(const std::string& path) {
   }
   if (!S_ISREG(status.st_mode)) return *reasonNotToHonour(status, file);
   if (auto known = cache.find(file, FileIdentity::of(status))) return *std::move(known);
-  Entitlements verdict = readEntitlements(file, status);
-  cache.store(file, FileIdentity::of(status), verdict);
-  return verdict;
+  Reading reading = readEntitlements(file);
+  if (reading.identity) cache.store(file, *reading.identity, reading.verdict);
+  return std::move(reading.verdict);
 }
 
 std::shared_ptr<const CodeSigningTask> CodeSigningTask::create(

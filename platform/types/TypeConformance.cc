@@ -14,6 +14,7 @@
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyList.h"
 #include "platform/system/Directories.h"
+#include "platform/system/FileAge.h"
 #include "platform/types/TypeGraph.h"
 
 namespace platform {
@@ -88,7 +89,9 @@ class Conformance {
  private:
   void look() {
     Files files = presentFiles();
-    if (graph_ == nullptr || files != files_) {
+    if (graph_ == nullptr || !areSettled_ || files != files_) {
+      areSettled_ =
+          std::all_of(files.begin(), files.end(), [](const auto& file) { return isSettled(file.second); });
       auto graph = readGraph(files);
       files_ = std::move(files);
       const std::lock_guard lock(mutex_);
@@ -100,7 +103,9 @@ class Conformance {
 
   std::atomic<Clock::rep> lookAgainAt_{0};
   std::mutex looking_;  // held while files are read
-  Files files_;         // guarded by looking_
+  // Guarded by looking_.
+  Files files_;
+  bool areSettled_ = false;
   std::mutex mutex_;
   std::shared_ptr<const TypeGraph> graph_;  // guarded by mutex_; changed only under looking_ too
 };

@@ -3,6 +3,8 @@
 // The device that the test program itself lives on, for tests that call the platform in their own process:
 // made, and named in the environment, before anything asks where things lie.
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -21,6 +23,12 @@ inline const DeviceRoot& makeOwnDevice() {
 }
 
 inline const DeviceRoot& ownDevice = makeOwnDevice();
+
+/// Waits until a file that was just written counts as unchanged from now on, and until the types are looked
+/// at again.
+inline void letFilesSettle() {
+  usleep(150'000);
+}
 
 /// Empties the directories of the device, for the next test.
 inline void clearOwnDevice() {
