@@ -306,7 +306,7 @@ TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
   EXPECT_EQ(none.status(), 4);
   EXPECT_NE(none.err().find(empty.runtime() + "/" + kService), std::string::npos) << none.err();
   EXPECT_EQ(Invocation(root_, {"match", "--service", "other"}).status(), 4);
-  daemon_->kill();
+  daemon_.reset();
   EXPECT_EQ(Invocation(root_, {"match"}).status(), 4) << "the socket's file without a daemon behind it";
 
   // Somebody who takes connections and never answers.
@@ -381,17 +381,15 @@ TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
 }
 
 TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
-  Invocation ready(root_, {"ready", "org.notes.share", "--run", "/bin/sh", "-c",
-                           "ls $XDG_RUNTIME_DIR/veltra/Launcher/$$; exit 7"});
-  EXPECT_EQ(ready.status(), 7);
-  EXPECT_NE(ready.out().find(notes_ + "/PlugIns/org.notes.share.appex/run"), std::string::npos)
-      << ready.out();
-  EXPECT_NE(ready.out().find("sandbox     plugin"), std::string::npos);
-  EXPECT_NE(ready.out().find("HOME="), std::string::npos);
-  EXPECT_NE(ready.out().find(uuid("org.notes.share") + ".plist"), std::string::npos);
+  Invocation ready(root_,
+                   {"ready", "org.notes.share", "--run", "ls $XDG_RUNTIME_DIR/veltra/Launcher/$$; exit 7"});
+  EXPECT_EQ(ready.status(), 7) << ready.err();
+  for (const std::string& part :
+       {notes_ + "/PlugIns/org.notes.share.appex/run", std::string("sandbox     plugin"),
+        std::string("HOME="), uuid("org.notes.share") + ".plist"})
+    EXPECT_NE(ready.out().find(part), std::string::npos) << part << '\n' << ready.out();
   const Json json = Invocation(root_, {"ready", "org.notes.share", "--json"}).json();
   EXPECT_EQ(json["ready"][0]["registration"]["PlugInIdentifier"], "org.notes.share");
-  EXPECT_EQ(Invocation(root_, {"ready", "org.notes.share", "--run", "/no/such/program"}).status(), 2);
 }
 
 TEST_F(Abctl, AccessPrintsATokenForEachPlugIn) {
@@ -405,25 +403,25 @@ TEST_F(Abctl, AccessPrintsATokenForEachPlugIn) {
 }
 
 TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
-  for (const Words& what : {Words{"--application", notes_}, Words{"--plugin", "org.notes.share"}}) {
+  for (const Words& what : {Words{"--application", paint_}, Words{"--plugin", "org.paint.blur"}}) {
     Invocation hold(root_, {"hold", what[0], what[1]});
     ASSERT_TRUE(hold.waitFor("\n"));
     EXPECT_EQ(hold.firstLine().size(), 36u);
-    EXPECT_NE(identifiers({}), "org.notes.share:1.10 org.paint.blur:1.0");
-    Invocation denied(root_, {"ready", "org.notes.share"});
+    EXPECT_EQ(identifiers({}), "org.notes.share:1.10");
+    Invocation denied(root_, {"ready", "org.paint.blur"});
     EXPECT_EQ(denied.status(), 5) << "held plug-ins are found by name";
     EXPECT_NE(denied.err().find("the plug-in is on hold"), std::string::npos) << denied.err();
     hold.signal(SIGINT);
     EXPECT_EQ(hold.status(), 0);
     EXPECT_TRUE(eventually([&] { return identifiers({}) == "org.notes.share:1.10 org.paint.blur:1.0"; }));
   }
-  Invocation hold(root_, {"hold", "--json", "--application", notes_});
+  Invocation hold(root_, {"hold", "--json", "--application", paint_});
   ASSERT_TRUE(hold.waitFor("\n"));
   const std::string token = Json::parse(hold.firstLine())["token"];
-  EXPECT_EQ(identifiers({}), "org.paint.blur:1.0");
+  EXPECT_EQ(identifiers({}), "org.notes.share:1.10");
   EXPECT_EQ(Invocation(root_, {"release", token}).status(), 0);
   EXPECT_EQ(identifiers({}), "org.notes.share:1.10 org.paint.blur:1.0");
-  daemon_->kill();
+  daemon_.reset();
   EXPECT_EQ(hold.status(), 4) << "it notices that the daemon has gone";
 }
 
@@ -453,7 +451,8 @@ TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
   Invocation hold(root_, {"hold", "--plugin", "org.notes.share"});
   EXPECT_EQ(watch.status(), 0);
   EXPECT_NE(watch.out().find("- org.notes.share 1.10\n"), std::string::npos) << watch.out();
-  EXPECT_EQ(lines(watch.out()).size(), 4u) << watch.out();
+  EXPECT_NE(watch.out().find("+ org.notes.share 1.9\n"), std::string::npos) << "the older one steps in";
+  EXPECT_EQ(lines(watch.out()).size(), 5u) << watch.out();
 
   Invocation json(root_, {"watch", "--json", "--rule", "ZQUserElection=2"});
   usleep(300000);  // it says nothing until something changes

@@ -45,7 +45,8 @@ std::string hintFor(int64_t code) {
     case ambrel::kABErrorVersion:
       return "abctl and abd are of different versions";
     case ambrel::kABErrorPath:
-      return "see which plug-ins there are: abctl match --all-versions --duplicates";
+      return "a path names a plug-in's bundle (or an application's, with --application); `abctl match "
+             "--json` has them";
     case ambrel::kABErrorBusy:
       return "close what uses them and try again; single plug-ins can be held while they run (--plugin)";
     default:

@@ -40,12 +40,13 @@ int64_t requireElection(const std::string& word) {
   throw Failure(kUsage, "\"" + word + "\" is no election", "say use, ignore, default or a number");
 }
 
-void apply(const Context& context, const std::vector<std::string>& names, const Dictionary& annotations) {
+void apply(const Context& context, const std::vector<std::string>& names, const Dictionary& annotations,
+           const std::string& what) {
   Daemon daemon(context);
   const std::vector<UUID> uuids = findUUIDs(daemon, names);
   daemon.annotate(uuids, annotations);
   if (!context.json) {
-    std::printf("%s %zu plug-in%s\n", "annotated", uuids.size(), uuids.size() == 1 ? "" : "s");
+    std::printf("%zu plug-in%s: %s\n", uuids.size(), uuids.size() == 1 ? "" : "s", what.c_str());
     return;
   }
   Array list;
@@ -59,8 +60,9 @@ ExitCode elect(const Context& context, std::vector<std::string> words) {
     throw Failure(kUsage,
                   words.size() < 2 ? "name a plug-in and a choice" : "\"" + words.back() + "\" is no choice",
                   "the last word is the choice: abctl elect PLUG-IN... use|ignore|default");
+  const std::string choice = words.back();
   words.pop_back();
-  apply(context, words, Dictionary{{ambrel::annotation::election, *election}});
+  apply(context, words, Dictionary{{ambrel::annotation::election, *election}}, choice);
   return kSuccess;
 }
 
@@ -91,7 +93,7 @@ ExitCode annotate(const Context& context, const AnnotateOptions& options) {
     annotations.set(ambrel::annotation::extension, extensionOf(options.extension, options.extensionFile));
   if (annotations.empty())
     throw Failure(kUsage, "nothing to annotate with", "give --election, --extension or --extension-file");
-  apply(context, options.names, annotations);
+  apply(context, options.names, annotations, "annotated");
   return kSuccess;
 }
 

@@ -1,6 +1,7 @@
 // abctl hold and release: keeping plug-ins from being used for a while.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <set>
@@ -43,16 +44,22 @@ std::vector<std::string> pathsToHold(Daemon& daemon, const HoldOptions& options)
   return paths;
 }
 
-/// Which plug-ins are in the way; the refusal itself names only their bundles.
-std::string conflictTable(Daemon& daemon, const Array& conflicts, const Screen& screen) {
+/// Which plug-ins of these applications are in the way; the refusal itself names only their bundles.
+std::string conflictTable(Daemon& daemon, const Array& conflicts,
+                          const std::vector<std::string>& applications, const Screen& screen) {
   std::set<std::string> bundles;
   for (const Value& conflict : conflicts)
     bundles.insert(
         std::string(conflict[platform::kLauncherBundleIdentifierKey].string().value_or("(unknown)")));
   Table table({"BUSY BUNDLE", "PLUG-IN", "NAME", "APPLICATION"});
   for (const std::string& bundle : bundles) {
-    const std::vector<Dictionary> forms = daemon.match(
-        Dictionary{{ambrel::bundlekey::identifier, "=" + bundle}}, ambrel::ABDiscoverAllVersions);
+    std::vector<Dictionary> forms =
+        daemon.match(Dictionary{{ambrel::bundlekey::identifier, "=" + bundle}},
+                     ambrel::ABDiscoverAllVersions | ambrel::ABDiscoverDuplicates);
+    std::erase_if(forms, [&applications](const Dictionary& form) {
+      return std::find(applications.begin(), applications.end(),
+                       text(form, ambrel::formkey::containingPath)) == applications.end();
+    });
     if (forms.empty()) table.add({bundle, "-", "-", "-"});
     for (const Dictionary& form : forms)
       table.add({bundle, text(form, ambrel::formkey::identifier), nameOf(form), applicationOf(form)});
@@ -62,12 +69,13 @@ std::string conflictTable(Daemon& daemon, const Array& conflicts, const Screen& 
 
 UUID takeHold(const Context& context, Daemon& daemon, const HoldOptions& options) {
   const uint64_t flags = options.plugIns.empty() ? ambrel::ABHoldApplications : ambrel::ABHoldPlugIns;
+  const std::vector<std::string> paths = pathsToHold(daemon, options);
   try {
-    return daemon.hold(pathsToHold(daemon, options), flags);
+    return daemon.hold(paths, flags);
   } catch (const Failure& failure) {
     const Value& conflicts = failure.details[ambrel::key::conflicts];
     if (!context.json && conflicts.isArray())
-      std::printf("%s", conflictTable(daemon, *conflicts.array(), context.screen).c_str());
+      std::printf("%s", conflictTable(daemon, *conflicts.array(), paths, context.screen).c_str());
     throw;
   }
 }

@@ -148,7 +148,7 @@ void printPlugIn(const Screen& screen, const Dictionary& form) {
   printField(screen, "hub protocol", std::to_string(plugIn->hubProtocolVersion()));
   if (const Dictionary* const tokens = form[formkey::extensions].dictionary())
     for (const Dictionary::Entry& entry : *tokens)
-      printField(screen, "readable by hosts", std::string(entry.key.view()));
+      printField(screen, "hosts may read", std::string(entry.key.view()));
   printSection(screen, "attributes", plugIn->attributes());
   printSection(screen, "annotation extension", form[formkey::annotations][ambrel::annotation::extension]);
   printSection(screen, "plug-in dictionary", withoutAttributes(plugIn->plugInDictionary()));

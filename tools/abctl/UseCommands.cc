@@ -28,7 +28,7 @@ using platform::Value;
 
 struct ReadyOptions {
   std::vector<std::string> names;
-  std::vector<std::string> command;
+  std::string command;
 };
 
 void printRegistration(const UUID& uuid, const std::optional<Dictionary>& registration) {
@@ -51,13 +51,10 @@ void printRegistration(const UUID& uuid, const std::optional<Dictionary>& regist
 }
 
 /// The registration is this process's, so it stays good for the program that takes the process over.
-[[noreturn]] void become(const std::vector<std::string>& command) {
-  std::vector<char*> arguments;
-  for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
+[[noreturn]] void become(const std::string& command) {
   std::fflush(stdout);
-  ::execvp(arguments.front(), arguments.data());
-  throw Failure(kUsage, "cannot run " + command.front() + ": " + std::strerror(errno));
+  ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+  throw Failure(kUsage, std::string("cannot run /bin/sh: ") + std::strerror(errno));
 }
 
 ExitCode ready(const Context& context, const ReadyOptions& options) {
@@ -101,16 +98,15 @@ void addUseCommands(CLI::App& app, Context& context) {
   const auto options = std::make_shared<ReadyOptions>();
   CLI::App* const readyCommand = app.add_subcommand("ready", "Make plug-ins launchable, and show how");
   readyCommand->add_option("PLUG-IN", options->names, "Identifier, UUID or path")->required();
-  readyCommand
-      ->add_option("--run", options->command, "Then run this program in abctl's place (the rest of the line)")
-      ->type_name("COMMAND...");
+  readyCommand->add_option("--run", options->command, "Then run this shell command in abctl's place")
+      ->type_name("COMMAND");
   readyCommand->footer(
       "Asks as the host that abctl is itself: the answer says whether the plug-in is on hold, whether its\n"
       "application may be used, and how it would be started. The launch registration is for abctl's own\n"
       "process and goes when that ends; with --run the program that takes its place has it.\n\n"
       "Examples:\n"
       "  abctl ready org.example.courier.share\n"
-      "  abctl ready org.example.courier.share --run sh -c 'ls $XDG_RUNTIME_DIR/veltra/Launcher/$$'");
+      "  abctl ready org.example.courier.share --run 'ls $XDG_RUNTIME_DIR/veltra/Launcher/$$'");
   readyCommand->callback(
       [&context, options] { context.command = [&context, options] { return ready(context, *options); }; });
 
