@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstring>
 #include <pugixml.hpp>
+#include <utility>
 
 #include "platform/propertylist/Readers.h"
 #include "platform/value/UTF8.h"
@@ -123,10 +124,10 @@ std::optional<Value> parseData(std::string_view text, std::string& scratch) {
 /// Whether `name` is `literal`, letter by letter in place; there are many names and they are short.
 template <size_t size>
 bool is(const char* name, const char (&literal)[size]) {
-  for (size_t i = 0; i < size; ++i) {
-    if (name[i] != literal[i]) return false;
+  return [&]<size_t... i>(std::index_sequence<i...>) {
+    return (... && (name[i] == literal[i]));
   }
-  return true;
+  (std::make_index_sequence<size>());
 }
 
 /// Text that is only blanks.
@@ -227,7 +228,7 @@ class Walk {
     std::string_view text;
     if (!contents(element, text)) return false;
     // Short ones are words that many files have ("en", "1.0").
-    constexpr size_t kShort = 16;
+    constexpr size_t kShort = 24;
     value = Value(text.size() <= kShort ? String::interned(text) : String(text));
     return true;
   }
@@ -336,18 +337,21 @@ Outline outlineOf(std::string_view text) {
       if (at > 0 && text[at - 1] == '<') outline.hasOtherMarkup = true;
     }
   }
-  const auto isStart = [&](size_t i) {
-    return static_cast<uint8_t>((text[i] == '<') & (text[i + 1] != '/'));
-  };
-  // In blocks whose count fits a byte, so that the compiler takes many bytes at once.
-  constexpr size_t kBlock = 64;
+  // Sixteen bytes at once, each compared with "<" and the one behind it with "/".
+  using Lane = int8_t __attribute__((vector_size(16)));
   size_t at = 0;
-  for (; at + kBlock < text.size(); at += kBlock) {
-    uint8_t count = 0;
-    for (size_t i = 0; i < kBlock; ++i) count = static_cast<uint8_t>(count + isStart(at + i));
-    outline.elements += count;
+  while (at + sizeof(Lane) < text.size()) {
+    // No count may leave its byte.
+    Lane counts{};
+    for (int i = 0; i < INT8_MAX && at + sizeof(Lane) < text.size(); ++i, at += sizeof(Lane)) {
+      Lane bytes, next;
+      std::memcpy(&bytes, text.data() + at, sizeof bytes);
+      std::memcpy(&next, text.data() + at + 1, sizeof next);
+      counts -= (bytes == '<') & (next != '/');
+    }
+    for (size_t i = 0; i < sizeof(Lane); ++i) outline.elements += static_cast<size_t>(counts[i]);
   }
-  for (; at + 1 < text.size(); ++at) outline.elements += isStart(at);
+  for (; at + 1 < text.size(); ++at) outline.elements += text[at] == '<' && text[at + 1] != '/' ? 1 : 0;
   return outline;
 }
 

@@ -15,10 +15,7 @@ namespace {
 
 /// Longer strings are hardly ever equal to others.
 constexpr size_t kLongestInterned = 64;
-constexpr size_t kPlaces = 2048;
-
-/// Set when the thread's table is gone (strings may still be made while the thread ends).
-thread_local bool isTableGone = false;
+constexpr size_t kPlaces = 1024;
 
 /// Room for two strings that share a place, with parts of their hashes, so that others are not looked at.
 struct Place {
@@ -28,8 +25,26 @@ struct Place {
 
 struct Table {
   std::array<Place, kPlaces> places;
-  ~Table() { isTableGone = true; }
 };
+
+// A plain pointer beside its owner, since reaching an object that is constructed on demand costs a test more.
+thread_local Table* table = nullptr;
+/// Set when the thread's table is gone (strings may still be made while the thread ends).
+thread_local bool isTableGone = false;
+
+struct TableOwner {
+  TableOwner() { table = &own; }
+  ~TableOwner() {
+    table = nullptr;
+    isTableGone = true;
+  }
+  Table own;
+};
+
+bool makeTable() {
+  if (!isTableGone) thread_local TableOwner owner;
+  return table != nullptr;
+}
 
 template <typename Word>
 uint64_t load(const char* at) {
@@ -61,16 +76,28 @@ uint64_t hash(std::string_view text) {
   return mixed(mixed(sum, load<uint64_t>(begin)), load<uint64_t>(begin + size - 8));
 }
 
+/// Whether the `size` bytes at `a` and `b` are the same. Written out for short ones, like the hash.
+bool isSame(const char* a, const char* b, size_t size) {
+  if (size < 8) return std::memcmp(a, b, size) == 0;
+  uint64_t different = 0;
+  for (size_t at = 0; at + 8 < size; at += 8) different |= load<uint64_t>(a + at) ^ load<uint64_t>(b + at);
+  return (different | (load<uint64_t>(a + size - 8) ^ load<uint64_t>(b + size - 8))) == 0;
+}
+
+bool isSame(const String& string, std::string_view text) {
+  return string.size() == text.size() && isSame(string.view().data(), text.data(), text.size());
+}
+
 }  // namespace
 
 String String::interned(std::string_view text) {
-  if (text.empty() || text.size() > kLongestInterned || isTableGone) return String(text);
-  thread_local Table table;
+  if (text.empty() || text.size() > kLongestInterned) return String(text);
+  if (table == nullptr && !makeTable()) return String(text);
   const uint64_t sum = hash(text);
-  Place& place = table.places[sum % kPlaces];
+  Place& place = table->places[sum % kPlaces];
   const auto tag = static_cast<uint32_t>(sum >> 32);
-  if (place.recentTag == tag && place.recent.view() == text) return place.recent;
-  if (place.olderTag != tag || place.older.view() != text) {
+  if (place.recentTag == tag && isSame(place.recent, text)) return place.recent;
+  if (place.olderTag != tag || !isSame(place.older, text)) {
     place.older = String(text);
     place.olderTag = tag;
   }
