@@ -225,6 +225,7 @@ TEST_F(HollinTest, rootsAreWatchedFromBeforeTheyExistAndAfterTheyAreGone) {
   fs::rename(application, directories.dataUser + "/Applications/X.app");
   EXPECT_EQ(recorder.waitFor(1), Strings{"+x"});
   EXPECT_FALSE(only("x")->isOnSystemPartition());
+  EXPECT_TRUE(becomes([this] { return fs::exists(directories.dataUser + "/Containers/x/tmp"); }));
   fs::rename(root.path() + "/late", root.path() + "/elsewhere");
   EXPECT_EQ(recorder.waitFor(2).back(), "-x");
   fs::rename(root.path() + "/elsewhere", root.path() + "/late");
@@ -687,7 +688,8 @@ TEST_F(HollinTest, queriesRegistrationsAndInstallsRunSideBySide) {
   });
   threads.emplace_back([&] {
     while (!isDone) {
-      for (const auto& proxy : *registry->installedPlugins()) {
+      const auto all = registry->installedPlugins();
+      for (const auto& proxy : *all) {
         static_cast<void>(proxy->entitlements());
         const auto again = registry->proxyForUUID(proxy->pluginUUID());
         EXPECT_TRUE(again != nullptr || proxy->isUninstalled());
