@@ -192,6 +192,22 @@ TEST_F(Annotate, ARelativeFileLiesWhereTheDaemonWasStarted) {
   EXPECT_FALSE(fs::exists(root.state() + "/com.veltra.ambrel"));
 }
 
+TEST_F(Annotate, OtherClientsWaitForOneAnnotationNotForAllThatAClientHasSent) {
+  root.install("A.app", {{.identifier = "a"}});
+  start();
+  const UUID a = uuidOf(*client, "a");
+  constexpr size_t kRequests = 40;
+  for (size_t i = 0; i < kRequests; ++i)
+    client->send(message("annotate", {{"uuids", Array{a}}, {"annotations", Dictionary{{"election", i}}}}));
+  WireClient other = daemon->connect();
+  EXPECT_EQ(match(other).size(), 1u);
+  size_t answered = 0;
+  while (client->receive(std::chrono::milliseconds(0))) ++answered;
+  EXPECT_LT(answered, kRequests / 2);
+  while (answered < kRequests && client->receive()) ++answered;
+  EXPECT_EQ(answered, kRequests);
+}
+
 // What cannot be saved is kept, logged, and saved with the next change.
 
 class SavingFails : public Annotate {
@@ -267,22 +283,30 @@ TEST_F(Annotate, WhatWasAnsweredSurvivesAKillAtAnyMoment) {
   int64_t serial = 0;
   size_t answers = 0;
   for (int kill = 0; kill < kKills; ++kill) {
-    std::map<uint64_t, int64_t> sent;
-    for (int i = 0; i < 48; ++i) {
+    std::map<uint64_t, int64_t> sent;  // by request
+    const auto send = [&] {
       ++serial;
-      const uint64_t id = client->send(message(
+      sent[client->send(message(
           "annotate", {{"uuids", uuidArray({uuids[static_cast<size_t>(serial % 3)]})},
                        {"annotations",
-                        Dictionary{{"election", serial}, {"extension", Dictionary{{"Serial", serial}}}}}}));
-      sent[id] = serial;
-    }
-    usleep(static_cast<useconds_t>(random() % 15'000));
-    daemon->kill();
-    while (const std::optional<Frame> reply = client->receive(std::chrono::milliseconds(0))) {
+                        Dictionary{{"election", serial}, {"extension", Dictionary{{"Serial", serial}}}}}}))] =
+          serial;
+    };
+    const auto takeAnswer = [&](std::chrono::milliseconds patience) {
+      const std::optional<Frame> reply = client->receive(patience);
+      if (!reply) return false;
       const int64_t number = sent.at(reply->id);
       answered[names[static_cast<size_t>(number % 3)]] = number;
       ++answers;
-    }
+      return true;
+    };
+    // A few requests are always under way when the kill comes.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 40'000);
+    for (int i = 0; i < 3; ++i) send();
+    while (std::chrono::steady_clock::now() < end)
+      if (takeAnswer(std::chrono::milliseconds(1))) send();
+    daemon->kill();
+    while (takeAnswer(std::chrono::milliseconds(0))) continue;
     const Dictionary stored = root.storedAnnotations();
     for (const auto& [name, number] : answered) {
       const Value& record = stored[name];
@@ -297,7 +321,7 @@ TEST_F(Annotate, WhatWasAnsweredSurvivesAKillAtAnyMoment) {
               fs::exists(root.annotationFile()) ? 1 : 0)
         << "left-over temporary files are swept";
   }
-  EXPECT_GT(answers, static_cast<size_t>(kKills)) << "kills came while requests were being answered";
+  EXPECT_GT(answers, static_cast<size_t>(kKills / 4)) << "kills came while requests were being answered";
   for (const std::string& name : names)
     EXPECT_EQ(annotationsInForm(name.c_str()), root.storedAnnotations()[name]);
 }
