@@ -27,6 +27,8 @@ constexpr size_t kEnoughForOneCall = 512u << 10;
 /// After that much other connections get their turn.
 constexpr size_t kEnoughForOneGo = 1u << 20;
 
+constexpr int kSendFlags = MSG_NOSIGNAL | MSG_DONTWAIT;
+
 iovec part(const void* bytes, size_t size) {
   return {.iov_base = const_cast<void*>(bytes), .iov_len = size};
 }
@@ -121,7 +123,9 @@ OutputQueue::Outcome OutputQueue::write(int fd) {
     msghdr header{};
     header.msg_iov = parts;
     header.msg_iovlen = gather(parts, kMostParts);
-    const ssize_t count = sendmsg(fd, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
+    // A single part, the usual case, has a cheaper call.
+    const ssize_t count = header.msg_iovlen == 1 ? ::send(fd, parts[0].iov_base, parts[0].iov_len, kSendFlags)
+                                                 : sendmsg(fd, &header, kSendFlags);
     if (count >= 0) {
       drop(static_cast<size_t>(count));
       sent += static_cast<size_t>(count);

@@ -80,8 +80,9 @@ std::string PeerConnection::description() const {
 void PeerConnection::resume() {
   if (state_ != State::suspended) return;
   state_ = State::live;
-  kept_ = self();
-  if (!loop_.add(number_, interest_, [this](RunLoop::Events events) { handleEvents(events); })) {
+  // The registration is the loop's reference.
+  if (!loop_.add(number_, interest_,
+                 [connection = self()](RunLoop::Events events) { connection->handleEvents(events); })) {
     dieSoon(Ending::drop);
     return;
   }
@@ -91,7 +92,6 @@ void PeerConnection::resume() {
 }
 
 void PeerConnection::handleEvents(RunLoop::Events events) {
-  const auto keep = kept_;
   if ((events & EPOLLOUT) != 0) flush();
   bool hasEnded = (events & kEnd) != 0;
   if ((events & EPOLLIN) != 0 && (interest_ & EPOLLIN) != 0 && !readAvailable(hasEnded)) hasEnded = true;
@@ -244,7 +244,7 @@ void PeerConnection::die(Ending ending, const char* reason) {
   if (state_ == State::dead) return;
   if (reason != nullptr) systemLog("closing %@: %s", *this, reason);
   const bool wasLive = state_ == State::live;
-  const auto keep = std::move(kept_);
+  const std::shared_ptr<PeerConnection> keep = self();
   // What had arrived comes before the end, as it came.
   if (ending == Ending::deliverAndFlush)
     while (reader_.count() > 0 && deliverFront()) {
@@ -274,7 +274,6 @@ void PeerConnection::settleOutput() {
 }
 
 void PeerConnection::handleProcessExit() {
-  const auto keep = kept_;
   stopWatchingProcess();
   // An exit closes the stream first, as a rule; then the end of the stream says it all.
   pollfd stream{.fd = number_, .events = POLLRDHUP, .revents = 0};

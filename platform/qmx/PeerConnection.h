@@ -83,8 +83,6 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   bool isProcessWatched_ = false;
   uint64_t begunFrame_ = 0;  // total() of the reader when the frame clock was started
   TimeLimit frameLimit_, sendLimit_;
-  /// The loop's reference.
-  std::shared_ptr<PeerConnection> kept_;
 };
 
 }  // namespace platform::qmx

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 #include <thread>
+#include <utility>
 
 #include "platform/log/Failure.h"
 #include "platform/queue/RunLoopImplementation.h"
@@ -36,6 +37,12 @@ RunLoop::Implementation::Implementation()
 }
 
 RunLoop::Implementation::~Implementation() {
+  // What handlers and work captured may still call the loop when it goes.
+  const auto goneRegistrations = std::exchange(registrations, {});
+  const auto goneSources = std::exchange(sources, {});
+  const auto goneFinishing = std::exchange(finishing, {});
+  const auto goneReady = std::exchange(ready, {});
+  const auto goneIncoming = std::exchange(incoming, {});
   close(wakeUp);
   close(epoll);
 }

@@ -36,19 +36,6 @@ EchoService::EchoService(std::string name) : name_(std::move(name)) {
 EchoService::~EchoService() {
   loop.stop();
   if (thread_.joinable()) thread_.join();
-  listener_.reset();
-  // The daemon's process would end here; a loop that stopped keeps its connections open.
-  std::thread([this] {
-    std::vector<std::weak_ptr<qmx::Connection>> connections;
-    {
-      const std::lock_guard lock(mutex_);
-      connections = connections_;
-    }
-    for (const auto& each : connections)
-      if (const auto connection = each.lock()) connection->cancel();
-    loop.async([this] { loop.stop(); });
-    loop.run();
-  }).join();
 }
 
 void EchoService::add(std::string_view word) {
