@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/value/Value.h"
 
@@ -24,7 +25,8 @@ class Bundle {
   /// The bundle of the running process.
   static std::shared_ptr<const Bundle> mainBundle();
 
-  /// The property as a string, or none.
+  /// The property as a string, or none. The executable is "BWBundleExecutable" in canonical form, whether it
+  /// exists or not, and none when it leads out of the bundle.
   std::optional<std::string> property(int number) const;
   /// The Info dictionary as it is on disk now; none when it cannot be read. Unchanged files are not parsed
   /// again.
@@ -33,6 +35,9 @@ class Bundle {
   void flush() const;
   const std::string& path() const { return path_; }
   std::string description() const;
+
+  /// The same for the bundle at `path`, which is canonical, without asking what is there first.
+  static std::optional<Dictionary> infoDictionaryAt(std::string_view path);
 
   /// Drops every parsed Info dictionary of the process.
   static void clearCaches();
@@ -45,7 +50,8 @@ class Bundle {
 
 /// Display and short name of the bundle at `path` with Info dictionary `info`, in the user's language: of
 /// "BWBundleDisplayName" and "BWBundleName" the first, and the second; `Localizations/<language>.plist` of
-/// the bundle may override both keys.
+/// the bundle may override both keys. The language is that of LC_ALL, LC_MESSAGES or LANG when this is first
+/// asked: "de_AT.UTF-8" finds de_AT, de-AT or de, whichever is there first.
 std::optional<std::string> localizedBundleName(const std::string& path, const Dictionary& info);
 std::optional<std::string> localizedBundleShortName(const std::string& path, const Dictionary& info);
 
