@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <map>
 #include <random>
@@ -19,6 +20,42 @@ namespace testsupport {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// A binary property list of dictionaries and short ASCII strings, which may hold what XML cannot.
+std::string binaryPropertyList(const Value& root) {
+  std::vector<std::string> objects;
+  const std::function<uint8_t(const Value&)> add = [&](const Value& value) {
+    const size_t number = objects.size();
+    objects.emplace_back();
+    std::string object;
+    if (const auto text = value.string()) {
+      object = "\x5f\x10" + std::string(1, static_cast<char>(text->size())) + std::string(*text);
+    } else {
+      std::string keys, values;
+      for (const auto& [key, each] : *value.dictionary()) {
+        keys += static_cast<char>(add(key));
+        values += static_cast<char>(add(each));
+      }
+      object = static_cast<char>(0xd0 | keys.size()) + keys + values;
+    }
+    objects[number] = object;
+    return static_cast<uint8_t>(number);
+  };
+  add(root);
+  std::string bytes = "bplist00", offsets;
+  for (const std::string& object : objects) {
+    for (const int shift : {8, 0}) offsets += static_cast<char>(bytes.size() >> shift);
+    bytes += object;
+  }
+  const size_t table = bytes.size();
+  const auto bigEndian = [](size_t number) {
+    std::string text;
+    for (int shift = 56; shift >= 0; shift -= 8) text += static_cast<char>(number >> shift);
+    return text;
+  };
+  return bytes + offsets + std::string(6, '\0') + "\x02\x01" + bigEndian(objects.size()) + bigEndian(0) +
+         bigEndian(table);
+}
 
 class Annotate : public testing::Test {
  protected:
@@ -168,6 +205,18 @@ TEST_F(Annotate, PlugInsThatElectThemselvesAreElectedWithoutAnnouncement) {
   EXPECT_EQ(elect(uuidOf(*client, "auto"), 2), "");
   start();
   EXPECT_EQ(elected("2"), "auto") << "an election that was made stays";
+}
+
+TEST_F(Annotate, APlugInWhoseNameNoFileCanHoldSpoilsNobodysElection) {
+  const std::string application = root.install("A.app", {{.identifier = "good"}, {.identifier = "strange"}});
+  Dictionary info = infoDictionary({.identifier = "bell\a"});
+  writeText(DeviceRoot::plugInPath(application, "strange") + "/Info.plist", binaryPropertyList(info));
+  start();
+  EXPECT_EQ(elect(uuidOf(*client, "bell\a"), 1), "");
+  EXPECT_TRUE(daemon->logs("unable to save annotations:"));
+  EXPECT_EQ(annotationsInForm("bell\a")["election"], Value(1)) << "kept in memory";
+  EXPECT_EQ(elect(uuidOf(*client, "good"), 2), "");
+  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"good", Dictionary{{"election", 2}}}}));
 }
 
 TEST_F(Annotate, ARejectedFileIsReportedAndStaysUntilTheFirstChange) {

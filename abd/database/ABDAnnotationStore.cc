@@ -65,6 +65,21 @@ Result<Dictionary> readTable(const std::string& path) {
   return tableOfFile(std::get<Value>(file));
 }
 
+Result<std::string> serializedTable(const Dictionary& table) {
+  return serializePropertyList(
+      Dictionary{{kVersionKey, ABDAnnotationStore::kFileVersion}, {kDataKey, table}});
+}
+
+/// `table` without the records that no file can hold.
+Dictionary writableRecords(const Dictionary& table) {
+  constexpr int kContainersAround = 2;
+  Dictionary writable;
+  for (const auto& [key, record] : table)
+    if (canBeWritten(key) && canBeWritten(record, kMaximumFileNesting - kContainersAround))
+      writable.set(key, record);
+  return writable;
+}
+
 }  // namespace
 
 ABDAnnotationStore::ABDAnnotationStore(const std::optional<std::string>& path)
@@ -98,9 +113,16 @@ std::optional<Error> ABDAnnotationStore::loadDb() {
 }
 
 std::optional<Error> ABDAnnotationStore::saveDb() const {
-  auto bytes = serializePropertyList(Dictionary{{kVersionKey, kFileVersion}, {kDataKey, annotations_}});
-  if (auto* error = std::get_if<Error>(&bytes)) return std::move(*error);
-  return replaceFile(annotationsURL_.path(), std::get<std::string>(bytes));
+  auto bytes = serializedTable(annotations_);
+  std::optional<Error> refusal;
+  if (auto* error = std::get_if<Error>(&bytes)) {
+    // The identifier of one strange plug-in must not keep the elections of all others from being saved.
+    refusal = std::move(*error);
+    bytes = serializedTable(writableRecords(annotations_));
+    if (auto* again = std::get_if<Error>(&bytes)) return std::move(*again);
+  }
+  if (auto error = replaceFile(annotationsURL_.path(), std::get<std::string>(bytes))) return error;
+  return refusal;
 }
 
 const Value& ABDAnnotationStore::annotationForIdentifier(std::string_view key) const {

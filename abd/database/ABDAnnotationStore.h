@@ -37,7 +37,8 @@ class ABDAnnotationStore {
 
   /// Replaces the table by the file's; the error when that fails.
   std::optional<Error> loadDb();
-  /// Replaces the file by the table, durably; the error when that fails.
+  /// Replaces the file by the table, durably; the error when that fails. Records that no property-list file
+  /// can hold are left out, with an error, while all others are saved.
   std::optional<Error> saveDb() const;
 
   /// The record under `key` (a dictionary), or a none value.
