@@ -144,9 +144,9 @@ TEST(XMLPropertyList, RefusesWhatIsNotOne) {
                            "<array>"}) {
     EXPECT_TRUE(isCorrupt(plist(body))) << body;
   }
-  for (const std::string& whole :
-       {""s, "x"s, "<plist>"s, "<dict/>"s, "<plist><true/></plist><plist/>"s,
-        "<plist><string>a\0b</string></plist>"s, "bplist"s, "bplist01"s, "{ a = b; }"s}) {
+  for (const std::string& whole : {""s, "x"s, "<plist>"s, "<dict/>"s, "<plist><true/></plist><plist/>"s,
+                                   "<plist><string>a\0b</string></plist>"s, "x<plist><true/></plist>"s,
+                                   "<plist><true/></plist>x"s, "bplist"s, "bplist01"s, "{ a = b; }"s}) {
     EXPECT_TRUE(isCorrupt(whole)) << whole;
   }
 }

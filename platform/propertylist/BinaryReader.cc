@@ -67,8 +67,9 @@ class Reader {
     top_ = number(trailer + 16, 8);
     table_ = number(trailer + 24, 8);
     if (offsetSize_ < 1 || offsetSize_ > 8 || referenceSize_ < 1 || referenceSize_ > 8) return false;
-    return table_ > kHeaderSize && table_ <= trailer && count_ <= (trailer - table_) / offsetSize_ &&
-           top_ < count_;
+    if (table_ <= kHeaderSize || table_ > trailer || top_ >= count_) return false;
+    // Each object has at least one byte of its own.
+    return count_ <= (trailer - table_) / offsetSize_ && count_ <= table_ - kHeaderSize;
   }
 
   /// Builds the object and all that it refers to. `depth` containers enclose it.

@@ -57,7 +57,7 @@ std::optional<Error> writeAll(int file, std::string_view bytes, const std::strin
   while (!bytes.empty()) {
     const ssize_t count = write(file, bytes.data(), bytes.size());
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Error::posix(errno, path);
+    if (count <= 0) return Error::posix(count < 0 ? errno : EIO, path);
     bytes.remove_prefix(static_cast<size_t>(count));
   }
   return std::nullopt;

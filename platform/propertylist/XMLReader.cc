@@ -305,6 +305,11 @@ class Walk {
   std::vector<Dictionary::Entry> entries_;
 };
 
+std::string_view withoutByteOrderMark(std::string_view text) {
+  constexpr std::string_view kMark = "\xEF\xBB\xBF";
+  return text.starts_with(kMark) ? text.substr(kMark.size()) : text;
+}
+
 /// UTF-16 (with a byte order mark) becomes UTF-8. False when it is malformed.
 bool toUTF8(std::string& text) {
   const bool isBigEndian = text.starts_with("\xFE\xFF");
@@ -359,6 +364,9 @@ Outline outlineOf(std::string_view text) {
 
 Result<Value> parseXMLPropertyList(std::string& text) {
   if (!toUTF8(text) || !isValidXMLText(text)) return corrupt("malformed text encoding");
+  // The library skips text beside the root element.
+  const std::string_view inked = trimmed(withoutByteOrderMark(text));
+  if (!inked.starts_with('<') || !inked.ends_with('>')) return corrupt("neither XML nor binary");
   // Blanks beside other markup belong to strings too; where there is none, the library need not make nodes
   // for all the blanks between elements.
   const Outline outline = outlineOf(text);
