@@ -1,28 +1,18 @@
 #pragma once
 
-// The device that the test program itself lives on, for tests that call the platform in their own process:
-// made, and named in the environment, before anything asks where things lie.
+// The device that the test program itself lives on (ThisProcess.h), there before anything asks where things
+// lie, for tests that write its files and call the platform in their own process.
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 
-#include "tests/support/DeviceRoot.h"
+#include "tests/support/ThisProcess.h"
 
 namespace testsupport {
 
-inline const DeviceRoot& makeOwnDevice() {
-  static const DeviceRoot root;
-  for (const std::string& variable : root.environment()) {
-    const size_t equals = variable.find('=');
-    setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
-  }
-  return root;
-}
-
-inline const DeviceRoot& ownDevice = makeOwnDevice();
+inline const DeviceRoot& ownDevice = thisDevice();
 
 /// Waits until a file that was just written counts as unchanged from now on, and until the types are looked
 /// at again.
