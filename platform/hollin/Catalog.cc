@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+#include "platform/value/Date.h"
+
 namespace platform::hollin {
 
 namespace {
@@ -62,6 +64,8 @@ void Catalog::setLocations(std::shared_ptr<const Locations> locations) {
 void Catalog::restore(std::vector<Registration> registrations) {
   const std::lock_guard lock(mutex_);
   states_.reserve(registrations.size());
+  byUUID_.reserve(registrations.size());
+  byIdentifier_.reserve(registrations.size());
   for (Registration& registration : registrations) {
     lastRow_ = std::max(lastRow_, registration.row);
     const String path = registration.path;
@@ -296,13 +300,40 @@ void Catalog::remove(const PlugInProxy& proxy) {
   if (plugIn.sdk.size() != 0) sdks_.find(plugIn.sdk)->second.plugIns.removeOne();
 }
 
-std::vector<Catalog::Missing> Catalog::missing(const std::unordered_set<std::string_view>& found,
+uint64_t Catalog::beginScan() {
+  const std::lock_guard lock(mutex_);
+  return ++scans_;
+}
+
+void Catalog::recognise(std::span<const FoundBundle> found, const std::vector<String>& entries, uint64_t scan,
+                        bool isAtStart, std::vector<const FoundBundle*>& news) {
+  const std::lock_guard lock(mutex_);
+  Change restored{{}, {}, nullptr, Date::now().secondsSince1970};
+  for (const FoundBundle& bundle : found) {
+    State* state = find(bundle.path);
+    if (state != nullptr) state->seen = scan;
+    if (state == nullptr || state->facts == nullptr || state->goneSince != 0 ||
+        !state->facts->isReadFrom(bundle.info, bundle.entitlementsFile)) {
+      news.push_back(&bundle);
+      continue;
+    }
+    const bool isSettled = !isAccepted(state->facts) || state->isUnregistered || !state->proxies.empty();
+    if (!isSettled && !isAtStart) {
+      news.push_back(&bundle);
+      continue;
+    }
+    state->entry = entries[bundle.entry];
+    if (!isSettled) wake(*state, restored);
+  }
+}
+
+std::vector<Catalog::Missing> Catalog::missing(uint64_t scan,
                                                const std::unordered_set<std::string_view>* entries) const {
   const std::lock_guard lock(mutex_);
   std::vector<Missing> out;
   for (const auto& [path, state] : states_) {
-    if (entries != nullptr && !entries->contains(state.entry.view())) continue;
-    if (!found.contains(path.view())) out.push_back({path, state.entry, state.isByPath});
+    if (state.seen == scan || (entries != nullptr && !entries->contains(state.entry.view()))) continue;
+    out.push_back({path, state.entry, state.isByPath});
   }
   return out;
 }

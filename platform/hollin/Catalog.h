@@ -20,6 +20,7 @@
 #include "platform/hollin/Postings.h"
 #include "platform/hollin/Proxies.h"
 #include "platform/hollin/Registration.h"
+#include "platform/hollin/Scanner.h"
 
 namespace platform::hollin {
 
@@ -59,6 +60,12 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   /// Takes over what was stored; the plug-ins appear when their bundles are sighted. Once, at first.
   void restore(std::vector<Registration> registrations);
   uint64_t clock() const;
+  /// Begins a scan: what recognise() is not told of is missing() after it.
+  uint64_t beginScan();
+  /// Takes note of bundles that a scan found in `entries`. What is as it was is settled with this, and
+  /// registered again as it was stored when `isAtStart`; what is not becomes news.
+  void recognise(std::span<const FoundBundle> found, const std::vector<String>& entries, uint64_t scan,
+                 bool isAtStart, std::vector<const FoundBundle*>& news);
   /// The facts of a bundle that has not changed since it was last seen, or null.
   std::shared_ptr<const BundleFacts> unchanged(std::string_view path, const FileIdentity& info,
                                                const FileIdentity& entitlements) const;
@@ -74,15 +81,16 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
     String path, entry;
     bool isByPath;
   };
-  /// Bundles that are not in `found`: all, or those that a scan found in one of `entries`.
-  std::vector<Missing> missing(const std::unordered_set<std::string_view>& found,
-                               const std::unordered_set<std::string_view>* entries) const;
+  /// Bundles that a scan did not find: all, or those that were found in one of `entries` before.
+  std::vector<Missing> missing(uint64_t scan, const std::unordered_set<std::string_view>* entries) const;
   /// Paths that are registered by path.
   std::vector<String> registeredByPath() const;
 
   // SDKs: their names count for the plug-ins that name them.
   /// Which of the SDKs that `facts` name are not known yet, and the generation to hand to addSDK().
   std::vector<String> unknownSDKs(const BundleFacts& facts, uint64_t& generation) const;
+  /// The same for all plug-ins that are registered.
+  std::vector<String> unknownSDKs(uint64_t& generation) const;
   /// False when SDKs changed since: read it again.
   bool addSDK(const String& name, SDKFacts facts, uint64_t generation);
   /// Names of all SDKs in use; what others read until now does not count any more.
@@ -100,6 +108,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
     std::vector<std::shared_ptr<PlugInProxy>> proxies;  // in order of identifier; empty when not registered
     String entry;                                       // where the last scan found it
     uint64_t changed = 0;                               // on the clock
+    uint64_t seen = 0;                                  // by which scan
     bool isUnsaved = false;
   };
   struct Application {
@@ -147,7 +156,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   StringMap<std::vector<String>> sdksByName_;
   Postings plugIns_;                                // all
   mutable std::shared_ptr<const HLProxyList> all_;  // made when asked for
-  uint64_t clock_ = 0, sdkGeneration_ = 0;
+  uint64_t clock_ = 0, scans_ = 0, sdkGeneration_ = 0;
   int64_t lastRow_ = 0;
   std::vector<String> unsaved_;
 };

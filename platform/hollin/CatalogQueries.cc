@@ -137,6 +137,15 @@ std::vector<String> Catalog::unknownSDKs(const BundleFacts& facts, uint64_t& gen
   return out;
 }
 
+std::vector<String> Catalog::unknownSDKs(uint64_t& generation) const {
+  const std::lock_guard lock(mutex_);
+  generation = sdkGeneration_;
+  std::vector<String> out;
+  for (const auto& [name, sdk] : sdks_)
+    if (!sdk.isKnown) out.push_back(name);
+  return out;
+}
+
 bool Catalog::addSDK(const String& name, SDKFacts facts, uint64_t generation) {
   const std::lock_guard lock(mutex_);
   if (generation != sdkGeneration_) return false;

@@ -1,7 +1,8 @@
 #pragma once
 
 // What the application registry says about one plug-in or one application, as it was when the proxy was made.
-// Immutable but for the uninstalled mark and values that are read on first use; shared; any thread.
+// Immutable but for the uninstalled mark, the registration date, which a repeated registration renews, and
+// values that are read on first use; shared; any thread.
 
 #include <atomic>
 #include <memory>
@@ -50,6 +51,7 @@ class HLAmbrelProxy : public HLBundleProxy {
   static std::shared_ptr<const HLAmbrelProxy> ambrelProxyForURL(const URL& url);
 
   virtual UUID pluginUUID() const = 0;
+  /// Empty when the bundle names none: judging that is the record's business.
   virtual const String& pluginIdentifier() const = 0;
   virtual const String& originalIdentifier() const = 0;
   virtual Date registrationDate() const = 0;
@@ -63,6 +65,8 @@ class HLAmbrelProxy : public HLBundleProxy {
   virtual std::optional<std::string> localizedShortName() const = 0;
   /// The code-signing entitlements (a dictionary), or none.
   virtual const Value& entitlements() const = 0;
+  /// The plug-in's data container. Made when the plug-in is registered, or at the latest when this is asked;
+  /// none for data plug-ins and where it cannot be made.
   virtual std::optional<URL> dataContainerURL() const = 0;
   /// Whether the plug-in's uninstall was decided: a record made from this proxy must not be kept.
   virtual bool isUninstalled() const = 0;

@@ -291,8 +291,6 @@ void Monitor::scanEntries(const std::vector<std::string>& entries) {
   }
   takeReport(
       registrar_.applyScan(scanner.take(), false, since, [this](const std::string& p) { return isBusy(p); }));
-  for (const std::string& entry : entries)
-    if (!pendingEntries_.contains(entry)) busySince_.erase(entry);
 }
 
 void Monitor::lookAtRegistered(const std::vector<std::string>& paths) {
@@ -306,8 +304,6 @@ void Monitor::lookAtRegistered(const std::vector<std::string>& paths) {
     watches_.end(*subject->second);
   }
   takeReport(registrar_.lookAt(paths, [this](const std::string& p) { return isBusy(p); }));
-  for (const std::string& path : paths)
-    if (!pendingRegistered_.contains(path)) busySince_.erase(path);
 }
 
 void Monitor::takeReport(Registrar::Report report) {
@@ -319,6 +315,10 @@ void Monitor::takeReport(Registrar::Report report) {
       const auto since = known == busySince_.end() ? now : known->second;
       pending.try_emplace(path, Pending{since, now + kQuietPeriod});
     }
+  // What was taken may be waited for anew the next time.
+  std::erase_if(busySince_, [this](const auto& entry) {
+    return !pendingEntries_.contains(entry.first) && !pendingRegistered_.contains(entry.first);
+  });
   if (report.isEverythingToBeScanned) schedule(everythingDue_, Clock::duration::zero());
   makeDataContainers(report.registered);
 }

@@ -46,26 +46,30 @@ void makeDataContainers(const std::vector<std::shared_ptr<const PlugInProxy>>& p
     if (!proxy->isUninstalled()) static_cast<void>(proxy->dataContainerURL());
 }
 
-void Registrar::addFound(const Scan& scan, bool onlyNews, Sightings& sightings) const {
+void Registrar::addFound(const Scan& scan, uint64_t number, bool isAtStart, Sightings& sightings) {
   std::vector<String> entries;
   entries.reserve(scan.entries.size());
   for (const Scan::Entry& entry : scan.entries) entries.emplace_back(entry.path);
-  sightings.items.reserve(scan.bundles.size());
-  for (const FoundBundle& found : scan.bundles) {
-    auto facts = catalog_.unchanged(found.path, found.info, found.entitlementsFile);
+  std::vector<const FoundBundle*> news;
+  const std::span<const FoundBundle> all(scan.bundles);
+  for (size_t i = 0; i < all.size(); i += kBatch)
+    catalog_.recognise(all.subspan(i, std::min(kBatch, all.size() - i)), entries, number, isAtStart, news);
+  sightings.items.reserve(news.size());
+  for (const FoundBundle* found : news) {
+    auto facts = catalog_.unchanged(found->path, found->info, found->entitlementsFile);
     const bool isToBeRead = facts == nullptr;
-    String path = isToBeRead ? String(found.path) : facts->path;
-    Sighting sighting{std::move(path), std::move(facts), entries[found.entry]};
-    if (onlyNews && !isToBeRead && !catalog_.isNews(sighting)) continue;
-    sightings.items.push_back(
-        {std::move(sighting), found.info, found.entitlementsFile, isToBeRead, entries[found.entry]});
+    String path = isToBeRead ? String(found->path) : facts->path;
+    sightings.items.push_back({{std::move(path), std::move(facts), entries[found->entry]},
+                               found->info,
+                               found->entitlementsFile,
+                               isToBeRead,
+                               entries[found->entry]});
   }
 }
 
-void Registrar::addMissing(const Scan& scan, bool isEverything, Sightings& sightings, Report& report) {
-  std::unordered_set<std::string_view> found, entries;
-  found.reserve(scan.bundles.size());
-  for (const FoundBundle& bundle : scan.bundles) found.insert(bundle.path);
+void Registrar::addMissing(const Scan& scan, uint64_t number, bool isEverything, Sightings& sightings,
+                           Report& report) {
+  std::unordered_set<std::string_view> entries;
   std::vector<std::string_view> incomplete;
   for (const Scan::Entry& entry : scan.entries) {
     if (entry.isIncomplete) {
@@ -75,7 +79,7 @@ void Registrar::addMissing(const Scan& scan, bool isEverything, Sightings& sight
       entries.insert(entry.path);
     }
   }
-  for (const Catalog::Missing& missing : catalog_.missing(found, isEverything ? nullptr : &entries)) {
+  for (const Catalog::Missing& missing : catalog_.missing(number, isEverything ? nullptr : &entries)) {
     const bool isUncertain =
         std::any_of(incomplete.begin(), incomplete.end(),
                     [&missing](std::string_view entry) { return isInside(missing.path, entry); });
@@ -152,6 +156,13 @@ void Registrar::learnSDKs(const std::vector<std::shared_ptr<const BundleFacts>>&
   }
 }
 
+/// At start plug-ins are registered before anybody can ask for them: their SDKs come after.
+void Registrar::learnSDKsInUse() {
+  uint64_t generation = 0;
+  for (const String& name : catalog_.unknownSDKs(generation))
+    catalog_.addSDK(name, readSDKFacts(name), generation);
+}
+
 void Registrar::apply(Sightings& sightings, uint64_t since, Report& report) {
   std::vector<Sighting> all;
   std::vector<std::shared_ptr<const BundleFacts>> bundles;
@@ -179,11 +190,13 @@ Registrar::Report Registrar::applyScan(const Scan& scan, bool isEverything, uint
   } else if (scan.hasAliases) {
     hasAliases_ = true;
   }
-  addFound(scan, static_cast<bool>(isBusy), sightings);
-  addMissing(scan, isEverything, sightings, report);
+  const uint64_t number = catalog_.beginScan();
+  addFound(scan, number, !isBusy, sightings);
+  addMissing(scan, number, isEverything, sightings, report);
   postpone(isBusy, sightings, report);
   readMissingFacts(sightings, report);
   apply(sightings, since, report);
+  if (!isBusy) learnSDKsInUse();
   save();
   return report;
 }

@@ -34,7 +34,8 @@ class Registrar {
   using IsBusy = std::function<bool(const std::string& path)>;
 
   /// Applies a scan. `isEverything`: it was of all roots, and bundles registered by path are looked at too.
-  /// `since` is the catalog's clock before the scan. Without `isBusy` nothing is postponed.
+  /// `since` is the catalog's clock before the scan. Without `isBusy`, which is at start, nothing is
+  /// postponed.
   Report applyScan(const Scan& scan, bool isEverything, uint64_t since, const IsBusy& isBusy);
   /// Looks at bundles registered by path.
   Report lookAt(const std::vector<std::string>& paths, const IsBusy& isBusy);
@@ -52,13 +53,14 @@ class Registrar {
  private:
   struct Sightings;
 
-  void addFound(const Scan& scan, bool onlyNews, Sightings& sightings) const;
-  void addMissing(const Scan& scan, bool isEverything, Sightings& sightings, Report& report);
+  void addFound(const Scan& scan, uint64_t number, bool isAtStart, Sightings& sightings);
+  void addMissing(const Scan& scan, uint64_t number, bool isEverything, Sightings& sightings, Report& report);
   void postpone(const IsBusy& isBusy, Sightings& sightings, Report& report);
   void readMissingFacts(Sightings& sightings, Report& report);
   void look(const String& path, Sightings& sightings) const;
   void apply(Sightings& sightings, uint64_t since, Report& report);
   void learnSDKs(const std::vector<std::shared_ptr<const BundleFacts>>& bundles);
+  void learnSDKsInUse();
 
   Catalog& catalog_;
   std::mutex storeMutex_;

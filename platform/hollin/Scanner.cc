@@ -29,7 +29,7 @@ constexpr size_t kListingBuffer = 32 << 10;
 
 /// Running out of something says nothing about what is on the disk.
 bool isTransient(int number) {
-  return number == EMFILE || number == ENFILE || number == ENOMEM || number == EIO;
+  return number == EMFILE || number == ENFILE || number == ENOMEM;
 }
 
 /// What is in the way of listing a directory that is no error: it is gone, or it is none.

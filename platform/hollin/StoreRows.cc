@@ -104,7 +104,7 @@ bool splitNames(std::string_view bytes, std::vector<String>& names) {
     std::memcpy(&size, bytes.data(), sizeof size);
     bytes.remove_prefix(sizeof size);
     if (bytes.size() < size) return false;
-    names.emplace_back(bytes.substr(0, size));
+    names.push_back(String::interned(bytes.substr(0, size)));
     bytes.remove_prefix(size);
   }
   return true;
@@ -166,7 +166,7 @@ bool readPlugInRow(sqlite3_stmt* row, Registration& bundle, BundleFacts* facts) 
   if (sqlite3_column_int(row, present) != 0) {
     const int kind = sqlite3_column_int(row, protocol);
     if (facts == nullptr || kind < 0 || kind > static_cast<int>(Protocol::other)) return false;
-    PlugInFacts plugIn{slot.identifier, String(blob(row, sdk)), {}, static_cast<Protocol>(kind)};
+    PlugInFacts plugIn{slot.identifier, String::interned(blob(row, sdk)), {}, static_cast<Protocol>(kind)};
     if (!splitNames(blob(row, pointNames), plugIn.names)) return false;
     facts->plugIns.push_back(std::move(plugIn));
   }
