@@ -23,7 +23,8 @@ std::vector<std::string> logEntries(const std::string& standardError) {
   std::istringstream lines(standardError);
   for (std::string line; std::getline(lines, line);) {
     const size_t prefix = line.find("]: ");
-    entries.push_back(prefix == std::string::npos ? line : line.substr(prefix + 3));
+    if (prefix != std::string::npos) line.erase(0, prefix + 3);
+    if (!line.starts_with("INSTALLED:") && !line.starts_with("UNINSTALLED:")) entries.push_back(line);
   }
   return entries;
 }

@@ -3,19 +3,33 @@
 // The test process itself on a device root of its own, for tests that call the libraries directly. The first
 // use makes the device and sets this process's variables, before the platform layer reads them.
 
+#include <gtest/gtest.h>
+
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "tests/support/DeviceRoot.h"
+
+namespace platform {
+
+/// What a failed comparison shows.
+inline void PrintTo(const Value& value, std::ostream* out) {
+  *out << value.description();
+}
+inline void PrintTo(const Dictionary& value, std::ostream* out) {
+  *out << Value(value).description();
+}
+
+}  // namespace platform
 
 namespace testsupport {
 
 const DeviceRoot& thisDevice();
 
-/// Lines of this process's log, without their prefixes, out of what was written to standard error.
+/// Lines of this process's log, without their prefixes, out of what was written to standard error. The
+/// registry's announcements come in their own time and are left out.
 std::vector<std::string> logEntries(const std::string& standardError);
 
 /// What `work` writes to the log.

@@ -1,0 +1,207 @@
+// The client library against the real daemon: every call, errors, what becomes of replies when either side
+// goes.
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Ambrel/ABDaemonClient.h"
+#include "Ambrel/ABPlugInCore.h"
+#include "platform/log/Failure.h"
+#include "platform/qmx/Encoding.h"
+#include "tests/support/Daemon.h"
+#include "tests/support/ThisProcess.h"
+
+namespace {
+
+using namespace ambrel;
+using testsupport::Daemon;
+using testsupport::thisDevice;
+
+using Reply = ABDaemonClient::Reply;
+
+class ClientLibrary : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    thisDevice().install("Notes.app", {{.identifier = "notes.share"}, {.identifier = "notes.edit"}});
+  }
+  void SetUp() override {
+    daemon_ = std::make_unique<Daemon>(thisDevice());
+    client_ = std::make_unique<ABDaemonClient>("abd.test");
+  }
+
+  /// The reply to one call: `call` is given the closure.
+  template <typename F>
+  static Reply replyTo(F call) {
+    auto promise = std::make_shared<std::promise<Reply>>();
+    auto future = promise->get_future();
+    call([promise](Reply&& reply) { promise->set_value(std::move(reply)); });
+    if (future.wait_for(testsupport::kPatience) != std::future_status::ready)
+      throw std::runtime_error("no reply");
+    return future.get();
+  }
+  /// "code: text", or "" for success.
+  template <typename F>
+  static std::string errorOf(F call) {
+    const auto error = ABDaemonClient::errorInReply(replyTo(call));
+    return error ? std::to_string(error->code) + ": " + error->text.value_or("(none)") : "";
+  }
+  std::vector<std::shared_ptr<ABPlugInCore>> match(const std::optional<Dictionary>& rules) {
+    const Reply reply = replyTo([&](auto closure) { client_->matchPlugIns(rules, 0, closure); });
+    EXPECT_EQ(ABDaemonClient::errorInReply(reply), std::nullopt);
+    std::vector<std::shared_ptr<ABPlugInCore>> records;
+    const Value forms = client_->convertFromQMX(std::get<qmx::Message>(reply).body["matches"]);
+    if (forms.array() == nullptr) return records;
+    for (const Value& form : *forms.array())
+      records.push_back(ABPlugInCore::initWithForm(*form.dictionary()));
+    return records;
+  }
+
+  std::unique_ptr<Daemon> daemon_;
+  std::unique_ptr<ABDaemonClient> client_;
+};
+
+TEST_F(ClientLibrary, EveryCallReachesItsRequest) {
+  ASSERT_EQ(match(std::nullopt).size(), 2u);
+  const auto found = match(Dictionary{{"ZQExtensionIdentifier", "notes.share"}});
+  ASSERT_EQ(found.size(), 1u);
+  const UUID uuid = found[0]->uuid();
+  const std::string path = found[0]->path();
+
+  EXPECT_EQ(errorOf([&](auto closure) { client_->addPlugIns({path}, closure); }), "");
+  EXPECT_EQ(errorOf([&](auto closure) { client_->addPlugIns({path + "/none"}, closure); }),
+            "9: invalid plugin path: " + path + "/none");
+  EXPECT_EQ(errorOf([&](auto closure) { client_->removePlugIns({"/none.appex"}, closure); }),
+            "9: no plugin at /none.appex");
+  EXPECT_EQ(errorOf([&](auto closure) { client_->bulkPlugins(0x2A, closure); }), "");
+  EXPECT_TRUE(daemon_->logs("bulk options 0x2a not supported"));
+  EXPECT_EQ(errorOf([&](auto closure) { client_->readyPlugIns({uuid}, 0, closure); }), "");
+  EXPECT_EQ(errorOf([&](auto closure) { client_->readyPlugIns({}, 0, closure); }), "");
+  const UUID unknown = UUID::random();
+  EXPECT_EQ(errorOf([&](auto closure) { client_->readyPlugIns({unknown}, 0, closure); }),
+            "4: no such plugin (uuid not found)");
+
+  const Reply access = replyTo([&](auto closure) { client_->accessPlugIns({uuid}, 0, closure); });
+  ASSERT_EQ(ABDaemonClient::errorInReply(access), std::nullopt);
+  EXPECT_EQ(std::get<qmx::Message>(access).body["extensions"].array()->size(), 1u);
+
+  EXPECT_EQ(errorOf([&](auto closure) {
+              client_->setPluginAnnotations({uuid}, {{"election", 2}}, closure);
+            }),
+            "");
+  EXPECT_EQ(match(Dictionary{{"ZQUserElection", "2"}}).at(0)->annotations(),
+            Value(Dictionary{{"election", 2}}));
+}
+
+TEST_F(ClientLibrary, HoldsAreReleasedByTheirToken) {
+  const std::string path = match(Dictionary{{"ZQExtensionIdentifier", "notes.edit"}}).at(0)->path();
+  const Reply granted = replyTo([&](auto closure) { client_->holdPlugins({path}, ABHoldPlugIns, closure); });
+  ASSERT_EQ(ABDaemonClient::errorInReply(granted), std::nullopt);
+  const auto token = std::get<qmx::Message>(granted).body["uuids"].uuid();
+  ASSERT_TRUE(token);
+  EXPECT_EQ(match(std::nullopt).size(), 1u);
+  EXPECT_EQ(errorOf([&](auto closure) { client_->releaseHold(*token, closure); }), "");
+  EXPECT_EQ(match(std::nullopt).size(), 2u);
+}
+
+TEST_F(ClientLibrary, SpeaksTheVersionThatItIsToldTo) {
+  EXPECT_EQ(client_->request("match"), (Dictionary{{"request", "match"}, {"version", 3}}));
+  client_->setProtocolVersion(2);
+  EXPECT_EQ(client_->request("add", {"/a"}),
+            (Dictionary{{"request", "add"}, {"version", 2}, {"paths", Array{"/a"}}}));
+  EXPECT_TRUE(match(std::nullopt).empty());
+  client_->setProtocolVersion(4);
+  EXPECT_EQ(errorOf([&](auto closure) { client_->bulkPlugins(0, closure); }),
+            "7: unsupported protocol version 4 (current 3)");
+}
+
+TEST_F(ClientLibrary, ConvertsPropertyListsInVersionThreeOnly) {
+  const Value list =
+      Array{Dictionary{{"date", Date{1.5}}, {"data", Data(std::string_view("d"))}}, 5, -2.5, true};
+  const Value message = ABDaemonClient::convertToQMX(list, 3);
+  EXPECT_EQ(client_->convertFromQMX(message), list);
+  EXPECT_TRUE(ABDaemonClient::convertToQMX(message, 3).isSameObject(message));
+  EXPECT_TRUE(ABDaemonClient::convertToQMX(list, 2).isNone());
+  EXPECT_TRUE(client_->convertFromQMX(list).isNone());
+  client_->setProtocolVersion(2);
+  EXPECT_TRUE(client_->convertFromQMX(message).isNone());
+}
+
+TEST_F(ClientLibrary, RepliesArriveInOrderOnTheReplyQueue) {
+  constexpr int kCalls = 200;
+  auto order = std::make_shared<std::vector<int>>();
+  auto done = std::make_shared<std::promise<void>>();
+  auto future = done->get_future();
+  for (int i = 0; i < kCalls; ++i)
+    client_->bulkPlugins(0, [this, order, done, i](Reply&&) {
+      EXPECT_TRUE(client_->replyQueue().isCurrent());
+      order->push_back(i);
+      if (i == kCalls - 1) done->set_value();
+    });
+  ASSERT_EQ(future.wait_for(testsupport::kPatience), std::future_status::ready);
+  for (int i = 0; i < kCalls; ++i) EXPECT_EQ(order->at(static_cast<size_t>(i)), i);
+  EXPECT_STREQ(client_->replyQueue().label(), "abd_client");
+}
+
+TEST_F(ClientLibrary, AConnectionThatBreaksFailsWhatWaitsAndTheNextCallConnectsAnew) {
+  ASSERT_EQ(match(std::nullopt).size(), 2u);
+  const auto log = testsupport::logOf([&] {
+    daemon_->kill();
+    EXPECT_TRUE(
+        errorOf([&](auto closure) { client_->bulkPlugins(0, closure); }).starts_with("4: connection "));
+    client_->replyQueue().sync([] {});
+  });
+  EXPECT_FALSE(log.empty());
+  for (const std::string& entry : log)
+    EXPECT_TRUE(entry.starts_with("Communications error: connection ")) << entry;
+  daemon_->start();
+  testsupport::logOf([&] {
+    EXPECT_TRUE(testsupport::eventually(
+        [&] { return errorOf([&](auto closure) { client_->bulkPlugins(0, closure); }).empty(); }));
+  });
+}
+
+TEST_F(ClientLibrary, NoClosureRunsAfterTheClientIsGone) {
+  for (int i = 0; i < 50; ++i) {
+    auto client = std::make_unique<ABDaemonClient>("abd.test");
+    auto isAlive = std::make_shared<std::atomic<bool>>(true);
+    for (int call = 0; call < 4; ++call)
+      client->bulkPlugins(0, [isAlive](Reply&&) { EXPECT_TRUE(isAlive->load()); });
+    client = nullptr;
+    isAlive->store(false);
+  }
+  // A closure may be what ends its client.
+  auto last = std::make_shared<std::unique_ptr<ABDaemonClient>>(std::make_unique<ABDaemonClient>("abd.test"));
+  (void)replyTo([&](auto closure) {
+    (*last)->bulkPlugins(0, [last, closure](Reply&& reply) {
+      last->reset();
+      closure(std::move(reply));
+    });
+  });
+}
+
+TEST(ErrorInReply, FollowsTheCodeAndTheText) {
+  const auto error = [](const Dictionary& body) {
+    return ABDaemonClient::errorInReply(qmx::Message{.body = body});
+  };
+  EXPECT_EQ(error({}), std::nullopt);
+  EXPECT_EQ(error({{"errorcode", 0}}), std::nullopt);
+  EXPECT_EQ(error({{"errorcode", 11}, {"error", "no"}}), ABError(11, "no"));
+  EXPECT_EQ(error({{"errorcode", 11}}), ABError(11, "unknown error returned by Ambrel subsystem"));
+  EXPECT_EQ(ABDaemonClient::errorInReply(qmx::ConnectionError::interrupted),
+            ABError(4, qmx::description(qmx::ConnectionError::interrupted)));
+  for (const Dictionary& bad :
+       {Dictionary{{"error", "text"}}, Dictionary{{"errorcode", 0}, {"error", "text"}}}) {
+    try {
+      error(bad);
+      ADD_FAILURE() << "nothing was raised";
+    } catch (const InternalInconsistency& failure) {
+      EXPECT_STREQ(failure.what(), "abd reported error without a code: text");
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,234 @@
+// The database: its cache and its limit, look-ups, the narrowed search, elections, announcements.
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "tests/support/ThisServer.h"
+
+namespace {
+
+using namespace abd;
+using testsupport::logOf;
+using testsupport::PlugInBundle;
+using testsupport::registeredRecord;
+using testsupport::thisDevice;
+using testsupport::thisServer;
+
+namespace fs = std::filesystem;
+
+using Log = std::vector<std::string>;
+using Record = std::shared_ptr<ABDPlugIn>;
+
+constexpr const char* kAutoElect = "com.veltra.developer.auto-elect-plugin";
+
+class Database : public testing::Test {
+ protected:
+  void SetUp() override { thisServer().setCacheLimit(1000); }
+
+  static Record look(const UUID& uuid) { return thisServer().findPlugIn(uuid); }
+  /// Identifiers of the candidates for `rules`.
+  static std::set<std::string> candidates(const std::optional<Dictionary>& rules) {
+    std::set<std::string> found;
+    const auto records = thisServer().findPlugIns(rules).value();
+    for (const auto& record : records) found.emplace(record->identifier().view());
+    return found;
+  }
+  static Value election(const ABDPlugIn& record) {
+    return thisServer().annotationForPlugIn(record)["election"];
+  }
+  static void elect(const ABDPlugIn& record, const Value& election) {
+    thisServer().setAnnotation(Dictionary{{"election", election}}, record);
+  }
+  /// Empties the cache but for one record, so that the next look-up builds its record anew.
+  static void purge() {
+    static int count = 0;
+    thisServer().setCacheLimit(0);
+    logOf([] { registeredRecord({.identifier = "purge." + std::to_string(count++)}); });
+    thisServer().setCacheLimit(1000);
+  }
+};
+
+TEST_F(Database, KeepsRecordsUntilTheLimitIsPassed) {
+  purge();
+  std::vector<UUID> uuids;
+  for (const char* name : {"cache.a", "cache.b", "cache.c", "cache.d"})
+    uuids.push_back(
+        HLAmbrelProxy::ambrelProxyForURL(URL::file(testsupport::registerBundle({.identifier = name})))
+            ->pluginUUID());
+  thisServer().setCacheLimit(2);  // one record is there already
+  std::vector<Record> records;
+  const auto lookUp = [&](size_t index) { return logOf([&] { records.push_back(look(uuids[index])); }); };
+  EXPECT_EQ(lookUp(0), Log{});
+  EXPECT_EQ(lookUp(1), Log{});
+  EXPECT_EQ(look(uuids[0]), records[0]);
+  EXPECT_EQ(lookUp(2), Log{"purging cache for 3 > 2"});
+  EXPECT_EQ(look(uuids[2]), records[2]);
+  EXPECT_EQ(lookUp(3), Log{});
+  EXPECT_NE(look(uuids[0]), records[0]);
+  EXPECT_TRUE(look(uuids[0])->isEqual(records[0].get()));
+
+  purge();
+  thisServer().setCacheLimit(0);
+  EXPECT_EQ(lookUp(0), Log{"purging cache for 1 > 0"});
+  EXPECT_EQ(look(uuids[0]), records.back());
+  EXPECT_EQ(lookUp(1), Log{"purging cache for 1 > 0"});
+}
+
+TEST_F(Database, SaysWhatItCannotFind) {
+  const UUID unknown = UUID::random();
+  EXPECT_EQ(logOf([&] { EXPECT_EQ(look(unknown), nullptr); }),
+            Log{"Hollin cannot find plug-in with UUID:" + unknown.string()});
+  EXPECT_EQ(logOf([] { EXPECT_EQ(thisServer().findPlugInAtPath(URL::file("/none.appex")), nullptr); }),
+            Log{"Hollin cannot find plug-in at path:/none.appex"});
+  EXPECT_EQ(thisServer().plugInsWithinApplication(URL::file("/None.app")), std::nullopt);
+}
+
+TEST_F(Database, FindsThePlugInsOfAnApplicationButForUnusableOnes) {
+  const std::string application =
+      thisDevice().install("Several.app", {{.identifier = "several.b"},
+                                           {.identifier = "several.a"},
+                                           {.identifier = "several.bad", .plugIn = {{"PassProxy", 1}}}});
+  for (const char* name : {"several.a", "several.b", "several.bad"})
+    ASSERT_EQ(thisServer().addPlugIn(URL::file(testsupport::DeviceRoot::plugInPath(application, name))),
+              std::nullopt);
+  std::string names;
+  logOf([&] {
+    const auto records = thisServer().plugInsWithinApplication(URL::file(application)).value();
+    for (const auto& record : records) names += std::string(record->identifier().view()) + " ";
+  });
+  EXPECT_EQ(names, "several.a several.b ");
+}
+
+TEST_F(Database, ARefusedRegistrationIsAnErrorValue) {
+  EXPECT_EQ(thisServer().addPlugIn(URL::file(thisDevice().path())),
+            ABError(2, "Hollin failed to register the plug-in"));
+  EXPECT_EQ(thisServer().removePlugIn(URL::file("/none.appex")),
+            ABError(2, "Hollin failed to deregister the plug-in"));
+}
+
+TEST_F(Database, NarrowsTheSearchByLiteralsOnly) {
+  registeredRecord({.identifier = "search.a", .point = "search.point"});
+  registeredRecord({.identifier = "search.b", .point = "search.point"});
+  registeredRecord({.identifier = "search.c", .point = "search.other"});
+  const std::set<std::string> ofPoint = {"search.a", "search.b"};
+  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "=search.point"}}), ofPoint);
+  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "search.point"},
+                                  {"ZQExtensionIdentifier", Array{"search.b", "=search.c"}}}),
+            (std::set<std::string>{"search.b"}));
+  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionIdentifier", Array()}}), std::set<std::string>());
+  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "search.none"}}), std::set<std::string>());
+  const auto all = candidates(std::nullopt);
+  for (const Dictionary& wide : {Dictionary(), Dictionary{{"ZQExtensionPointName", "?TY-IS:a"}},
+                                 Dictionary{{"ZQExtensionIdentifier", Array{"search.a", "<search.b"}}},
+                                 Dictionary{{"ZQUserElection", Array{"1"}}}})
+    EXPECT_EQ(candidates(wide), all);
+}
+
+TEST_F(Database, PlaceholdersAreOnlyFoundByName) {
+  const Record record = testsupport::installedRecord("Coming.app", {.identifier = "coming"});
+  testsupport::writeText(*record->containingPath() + "/Placeholder", "");
+  EXPECT_FALSE(candidates(Dictionary{{"ZQExtensionIdentifier", "coming"}}).contains("coming"));
+  EXPECT_FALSE(candidates(std::nullopt).contains("coming"));
+  EXPECT_EQ(look(record->uuid()), record);
+  fs::remove(*record->containingPath() + "/Placeholder");
+  EXPECT_TRUE(candidates(std::nullopt).contains("coming"));
+}
+
+TEST_F(Database, ElectionsNarrowByTheirLowBits) {
+  const auto found = [](const char* name, const Value& elections) {
+    return !candidates(Dictionary{{"ZQExtensionIdentifier", name}, {"ZQUserElection", elections}}).empty();
+  };
+  const Record record = registeredRecord({.identifier = "elected"});
+  EXPECT_TRUE(found("elected", "0"));
+  EXPECT_FALSE(found("elected", Array{"1", "2"}));
+  elect(*record, 257);
+  EXPECT_TRUE(found("elected", Array{"1", "2"}));
+  EXPECT_FALSE(found("elected", "257"));
+  elect(*record, -1);
+  EXPECT_TRUE(found("elected", "=255"));
+  EXPECT_TRUE(found("elected", ">5"));
+
+  const Record replacer = registeredRecord(
+      {.identifier = "elected.too", .entitlements = {{"com.veltra.developer.replace-plugin", "elected"}}});
+  EXPECT_TRUE(found("elected.too", "255"));
+
+  testsupport::registerBundle({.identifier = "elected.auto", .entitlements = {{kAutoElect, true}}});
+  testsupport::registerBundle({.identifier = "elected.text", .entitlements = {{kAutoElect, "yes"}}});
+  EXPECT_FALSE(found("elected.text", "1"));
+  EXPECT_TRUE(found("elected.auto", "1"));
+}
+
+TEST_F(Database, ElectsWhoAsksForItUnlessSomeoneChose) {
+  const size_t notifications = thisDevice().changeNotifications();
+  const Record record = registeredRecord({.identifier = "auto", .entitlements = {{kAutoElect, "yes"}}});
+  EXPECT_EQ(election(*record), Value(1));
+  EXPECT_EQ(thisDevice().storedAnnotations()["auto"]["election"], Value(1));
+  EXPECT_EQ(thisDevice().changeNotifications(), notifications);
+  const auto afterRebuilding = [&](const Value& chosen) {
+    elect(*record, chosen);
+    purge();
+    look(record->uuid());
+    return election(*record);
+  };
+  EXPECT_EQ(afterRebuilding(2), Value(2));
+  EXPECT_EQ(afterRebuilding(0), Value(1));
+  thisServer().setAnnotation(Dictionary{{"election", 0}, {"extension", Dictionary{{"a", 1}}}}, *record);
+  purge();
+  look(record->uuid());
+  EXPECT_EQ(thisServer().annotationForPlugIn(*record),
+            Value(Dictionary{{"election", 1}, {"extension", Dictionary{{"a", 1}}}}));
+  const Record declining =
+      registeredRecord({.identifier = "auto.not", .entitlements = {{kAutoElect, false}}});
+  EXPECT_TRUE(election(*declining).isNone());
+}
+
+TEST_F(Database, EveryAnnotationIsPostedOnce) {
+  const Record record = registeredRecord({.identifier = "posted"});
+  const size_t before = thisDevice().changeNotifications();
+  elect(*record, 1);
+  EXPECT_EQ(thisDevice().changeNotifications(), before + 1);
+  EXPECT_EQ(thisServer().setAnnotation(std::nullopt, *record), std::nullopt);
+  EXPECT_EQ(thisDevice().changeNotifications(), before + 2);
+}
+
+TEST_F(Database, AnUninstallDropsTheRecordAndKeepsItsAnnotation) {
+  const Record record = registeredRecord({.identifier = "leaving"});
+  elect(*record, 2);
+  const UUID uuid = record->uuid();
+  const std::string path = record->path();
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(thisServer().removePlugIn(URL::file(path)), std::nullopt);
+  EXPECT_EQ(look(uuid), nullptr);
+  // The announcement comes on the registry's own thread.
+  const std::string expected = "UNINSTALLED:leaving leaving(100) " + uuid.string() + " " + path;
+  std::string log;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  for (bool isThere = false; !isThere && std::chrono::steady_clock::now() < deadline;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    log += testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    isThere = log.find(expected) != std::string::npos;
+  }
+  log += testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find(expected), std::string::npos) << log;
+  EXPECT_EQ(thisDevice().storedAnnotations()["leaving"]["election"], Value(2));
+}
+
+TEST_F(Database, ARecordOfAnUninstalledPlugInIsAnsweredButNotKept) {
+  const std::string path = testsupport::registerBundle({.identifier = "racing"});
+  const auto proxy = HLAmbrelProxy::ambrelProxyForURL(URL::file(path));
+  ASSERT_NE(proxy, nullptr);
+  ASSERT_EQ(thisServer().removePlugIn(URL::file(path)), std::nullopt);
+  ASSERT_TRUE(proxy->isUninstalled());
+  const Record first = thisServer().plugInForProxy(proxy);
+  ASSERT_NE(first, nullptr);
+  EXPECT_NE(thisServer().plugInForProxy(proxy), first);
+}
+
+}  // namespace
