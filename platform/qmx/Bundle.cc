@@ -19,7 +19,8 @@ namespace {
 constexpr size_t kParsedDictionaries = 32;
 
 PropertyListCache& cache() {
-  static PropertyListCache parsed(kParsedDictionaries);
+  // Never destroyed: the registry's threads read on while the process ends.
+  static PropertyListCache& parsed = *new PropertyListCache(kParsedDictionaries);
   return parsed;
 }
 
@@ -57,7 +58,7 @@ std::vector<std::string> languageNames() {
 
 /// The bundle's own words in the user's language, or none.
 std::optional<Dictionary> localization(const std::string& path) {
-  static const std::vector<std::string> names = languageNames();
+  static const auto& names = *new std::vector<std::string>(languageNames());
   for (const std::string& name : names)
     if (auto words = cache().dictionary(path + "/Localizations/" + name + ".plist")) return words;
   return std::nullopt;
@@ -114,7 +115,11 @@ std::optional<std::string> Bundle::property(int number) const {
 
 std::optional<Dictionary> Bundle::infoDictionary() const {
   if (!isRecognised_) return std::nullopt;
-  return cache().dictionary(path_ + "/Info.plist");
+  return infoDictionaryAt(path_);
+}
+
+std::optional<Dictionary> Bundle::infoDictionaryAt(std::string_view path) {
+  return cache().dictionary(std::string(path).append("/Info.plist"));
 }
 
 void Bundle::flush() const {

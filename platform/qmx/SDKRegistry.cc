@@ -12,7 +12,8 @@ namespace {
 constexpr size_t kParsedSDKs = 64;
 
 PropertyListCache& cache() {
-  static PropertyListCache parsed(kParsedSDKs);
+  // Never destroyed: the registry's threads read on while the process ends.
+  static PropertyListCache& parsed = *new PropertyListCache(kParsedSDKs);
   return parsed;
 }
 
@@ -20,7 +21,7 @@ PropertyListCache& cache() {
 
 std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name) {
   if (!isSafeFileName(name)) return std::nullopt;
-  static const std::vector<std::string> roots = Directories::shared().dataRoots();
+  static const auto& roots = *new std::vector<std::string>(Directories::shared().dataRoots());
   const std::string file = "/SDKs/" + std::string(name) + ".plist";
   for (const std::string& root : roots)
     if (auto entry = cache().dictionary(root + file)) return entry;
