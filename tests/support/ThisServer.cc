@@ -34,7 +34,8 @@ std::shared_ptr<ABDPlugIn> registeredRecord(const PlugInBundle& bundle) {
 
 std::shared_ptr<ABDPlugIn> installedRecord(const std::string& place, const PlugInBundle& bundle) {
   thisServer();
-  const std::string path = DeviceRoot::plugInPath(thisDevice().install(place, std::vector{bundle}), bundle.identifier);
+  const std::string path =
+      DeviceRoot::plugInPath(thisDevice().install(place, std::vector{bundle}), bundle.identifier);
   if (const auto error = thisServer().addPlugIn(URL::file(path)))
     throw std::runtime_error(error->description());
   return thisServer().findPlugInAtPath(URL::file(path));
