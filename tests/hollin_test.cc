@@ -4,9 +4,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -456,6 +458,55 @@ TEST_F(HollinTest, aDamagedDatabaseIsSetAsideAndRebuiltFromDisk) {
   const UUID uuid = only("a")->pluginUUID();
   reopen();
   EXPECT_EQ(only("a")->pluginUUID(), uuid) << "the new database works";
+}
+
+TEST_F(HollinTest, whatCannotBeSavedIsSavedWithTheNextChange) {
+  for (const char* name : {"first", "second"})
+    root.writeBundle(root.path() + "/" + name + ".appex", {.identifier = name});
+  open();
+  // Files cannot grow: no disk is fuller.
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  setrlimit(RLIMIT_FSIZE, &none);
+  const bool isRegistered = registers(root.path() + "/first.appex");
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_TRUE(isRegistered);
+  EXPECT_EQ(installed(), Strings{"first"});
+  const UUID uuid = only("first")->pluginUUID();
+  EXPECT_TRUE(registers(root.path() + "/second.appex"));
+  reopen();
+  EXPECT_EQ(installed(), (Strings{"first", "second"}));
+  EXPECT_EQ(only("first")->pluginUUID(), uuid);
+}
+
+TEST_F(HollinTest, aDatabaseThatIsDamagedWhileItIsInUseIsWrittenAnewAndNothingIsLost) {
+  // More than the database keeps in memory.
+  const auto write = [this](const std::string& name, size_t count) {
+    const Dictionary dataPlugIn = {{"ZQExtensionProtocol", "#Data"}};  // no container to be made
+    Dictionary multiple;
+    for (size_t i = 0; i < count; i++)
+      multiple.set(name + std::string(120, 'x') + std::to_string(10000 + i), dataPlugIn);
+    const std::string path = root.path() + "/" + name + ".appex";
+    root.writeBundle(path, {.identifier = name, .plugIn = {{"Multiple", multiple}}});
+    return path;
+  };
+  open();
+  EXPECT_FALSE(registers(write("many", 4097))) << "no bundle is meant seriously that has so many plug-ins";
+  for (const char* name : {"a", "b", "c"}) ASSERT_TRUE(registers(write(name, 4096)));
+  const std::string first = root.path() + "/a.appex";
+  const UUID uuid = registry->proxyForURL(URL::file(first))->pluginUUID();
+  std::fstream database(root.state() + "/Hollin/Registry.sqlite",
+                        std::ios::in | std::ios::out | std::ios::binary);
+  database.seekp(4096);
+  database << std::string(1 << 20, '?') << std::flush;
+  const Strings log = logOf([&] { EXPECT_TRUE(registers(first)); });
+  EXPECT_NE(testing::PrintToString(log).find("it is written anew from memory"), std::string::npos);
+  reopen();
+  EXPECT_EQ(registry->installedPlugins()->size(), 3u * 4096);
+  EXPECT_EQ(registry->proxyForURL(URL::file(first))->pluginUUID(), uuid);
 }
 
 TEST_F(HollinTest, aStateDirectoryHasOneRegistryAndMustBeUsable) {

@@ -23,9 +23,10 @@ namespace {
 /// How long the identity of a plug-in is kept that is not there, nor registered by path.
 constexpr double kForgetAfterSeconds = 30.0 * 24 * 3600;
 
+/// Spilling a large transaction before its end would sync each time.
 constexpr const char* kSettings =
     "PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL; PRAGMA mmap_size = 0;"
-    "PRAGMA temp_store = MEMORY; PRAGMA trusted_schema = OFF;";
+    "PRAGMA temp_store = MEMORY; PRAGMA cache_spill = OFF; PRAGMA trusted_schema = OFF;";
 
 constexpr const char* kSchema = R"(
   BEGIN;
