@@ -124,8 +124,9 @@ class ABPlugInCore {
 
   // The form (ABPlugInForm.cc).
 
-  /// The whole form; a key whose value the record lacks is left out.
-  Dictionary exportForm() const;
+  /// The whole form; a key whose value the record lacks is left out. `error` is for records that cannot be
+  /// exported: the core record always can and leaves it untouched.
+  Dictionary exportForm(std::optional<Error>* error = nullptr) const;
 
   // SDK resolution and diagnosis (ABPlugInSDK.cc).
 

@@ -18,7 +18,7 @@ std::optional<URL> fileURL(const Value& path, bool isDirectory) {
 
 }  // namespace
 
-Dictionary ABPlugInCore::exportForm() const {
+Dictionary ABPlugInCore::exportForm(std::optional<Error>* /*error*/) const {
   Dictionary bundleInfo;
   if (const Dictionary* info = bundleInfoDictionary_.dictionary()) bundleInfo = *info;
   bundleInfo.remove(bundlekey::infoPlistURL);

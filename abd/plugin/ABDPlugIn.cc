@@ -23,8 +23,9 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
   Dictionary info = prunedInfoDictionaryFor(ABBundle::initWithURL(*url)->infoDictionary());
 
   auto record = std::make_shared<ABDPlugIn>();
-  if (!record->setupWithName(proxy->pluginIdentifier(), url, std::move(info), proxy->ambrelDictionary(),
-                             proxy->pluginUUID()))
+  const String& identifier = proxy->pluginIdentifier();
+  if (!record->setupWithName(identifier.size() != 0 ? std::optional(identifier) : std::nullopt, url,
+                             std::move(info), proxy->ambrelDictionary(), proxy->pluginUUID()))
     return nullptr;
   record->hlproxy_ = std::move(proxy);
   const HLAmbrelProxy& data = *record->hlproxy_;
@@ -42,6 +43,7 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
     systemLog("ignoring mis-configured plug-in at %@: %@", record->path(), error->localizedDescription());
     return nullptr;
   }
+  record->readNames();
   return record;
 }
 
@@ -75,6 +77,12 @@ std::optional<String> ABDPlugIn::name(Name which, RegistryAnswer ask) const {
 void ABDPlugIn::setName(Name which, std::optional<String> name) {
   const std::lock_guard lock(mutex_);
   names_[which] = std::move(name);
+}
+
+void ABDPlugIn::readNames() const {
+  localizedName();
+  localizedShortName();
+  localizedContainingName();
 }
 
 std::optional<String> ABDPlugIn::localizedName() const {
@@ -141,12 +149,12 @@ constexpr const char* kNameKeys[] = {formkey::localizedDisplayName, formkey::loc
 
 }  // namespace
 
-std::shared_ptr<const PlugInForm::KeptPart> ABDPlugIn::keptPart() const {
+std::shared_ptr<const PlugInForm::KeptPart> ABDPlugIn::keptPart(std::optional<Error>* error) const {
   {
     const std::lock_guard lock(mutex_);
     if (kept_ != nullptr) return kept_;
   }
-  Dictionary form = exportForm();
+  Dictionary form = exportForm(error);
   form.remove(formkey::annotations);
   auto part = std::make_shared<PlugInForm::KeptPart>();
   for (unsigned which = 0; which < nameCount; ++which)
@@ -158,8 +166,8 @@ std::shared_ptr<const PlugInForm::KeptPart> ABDPlugIn::keptPart() const {
   return kept_;
 }
 
-PlugInForm ABDPlugIn::requestForm() const {
-  auto part = keptPart();
+PlugInForm ABDPlugIn::requestForm(std::optional<Error>* error) const {
+  auto part = keptPart(error);
   Dictionary late;
   // A name that was absent is asked for again; what appears later belongs to the request.
   if ((part->names & 1u << displayName) == 0) late.set(kNameKeys[displayName], localizedName());

@@ -58,8 +58,9 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
 
   std::optional<Error> diagnose() const override;
 
-  /// This record's form for one request, with empty annotations and without "extensions".
-  PlugInForm requestForm() const;
+  /// This record's form for one request, with empty annotations and without "extensions". `error` is
+  /// exportForm()'s.
+  PlugInForm requestForm(std::optional<Error>* error = nullptr) const;
 
   // Matching (ABDPlugInMatching.cc).
 
@@ -96,8 +97,10 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   using RegistryAnswer = std::optional<std::string> (*)(const HLAmbrelProxy&);
   std::optional<String> name(Name which, RegistryAnswer ask) const;
   void setName(Name which, std::optional<String> name);
+  /// Asks for all names once, while the bundle's Info file has just been parsed anyway.
+  void readNames() const;
   std::shared_ptr<const HLApplicationProxy> containingApplication() const;
-  std::shared_ptr<const PlugInForm::KeptPart> keptPart() const;
+  std::shared_ptr<const PlugInForm::KeptPart> keptPart(std::optional<Error>* error) const;
   Value valueForRuleKey(std::string_view key) const;
   Dictionary environment() const;
   const char* sandboxProfile() const;

@@ -13,6 +13,7 @@
 #include "abd/plugin/ABDPlugIn.h"
 #include "abd/requests/DuplicateResolver.h"
 #include "abd/requests/Transaction.h"
+#include "platform/log/Log.h"
 
 namespace abd {
 
@@ -92,6 +93,9 @@ class Matches {
 };
 
 void Matches::add(const ABDPlugIn& plugIn) {
+  std::optional<Error> error;
+  PlugInForm exported = plugIn.requestForm(&error);
+  if (error) systemLog("error matching %@: %@", plugIn.path(), *error);
   const String* version = plugIn.version().sharedString();
   const DuplicateResolver::Verdict verdict =
       duplicates_.admit({.identifier = plugIn.identifier(),
@@ -103,7 +107,7 @@ void Matches::add(const ABDPlugIn& plugIn) {
     accepted_[*verdict.displaced].isDisplaced = true;
     ++displacedCount_;
   }
-  accepted_.push_back({.form = plugIn.requestForm()});
+  accepted_.push_back({.form = std::move(exported)});
   PlugInForm& form = accepted_.back().form;
   Transaction::addAnnotationForPlugIn(server_, plugIn, form);
   plugIn.augmentForm(form);
