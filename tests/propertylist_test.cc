@@ -71,6 +71,7 @@ TEST(XMLPropertyList, StringsComeBackExactly) {
   EXPECT_EQ(parsed(plist("<string> <![CDATA[ <&amp;> ]]> b<!-- c --> </string>")), Value("  <&amp;>  b "));
   EXPECT_EQ(parsed(plist("<dict><key> </key><string>x</string></dict>")), Value(Dictionary{{" ", "x"}}));
   EXPECT_EQ(parsed("\xEF\xBB\xBF" + plist("<string>\xC3\xA9</string>")), Value("\xC3\xA9"));
+  EXPECT_EQ(parsed("<!-- <plist><b> -->" + plist("<string>&amp;lt;</string>")), Value("&lt;"));
 }
 
 TEST(XMLPropertyList, ReadsUTF16OfEitherByteOrder) {

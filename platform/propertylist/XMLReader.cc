@@ -1,6 +1,8 @@
-// XML property lists, on top of pugixml. The library keeps references ("&amp;") and does not look at the
-// encoding; both are done here, strictly: what is not well-formed is an error, never repaired. Its parser and
-// its destructor do not recurse; our walk recurses once per container of the list, which is bounded.
+// XML property lists, on top of pugixml. The library replaces references leniently and does not look at the
+// encoding; we are strict: what is not well-formed is an error, never repaired. Its parser and its destructor
+// do not recurse; our walk recurses once per container of the list, which is bounded. Most lists are simple
+// (see Outline), and what we ask the library about each element is half of what reading costs: simple ones
+// are asked less.
 
 #include <algorithm>
 #include <array>
@@ -24,31 +26,36 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-/// The character that the reference named `name` ("amp", "#38", "#x26") stands for; 0 when there is none.
-uint32_t referencedCharacter(std::string_view name) {
-  if (name == "lt") return '<';
-  if (name == "gt") return '>';
-  if (name == "amp") return '&';
-  if (name == "quot") return '"';
-  if (name == "apos") return '\'';
-  if (!name.starts_with('#')) return 0;
+/// Appends the character that a reference's name ("amp", "#38", "#x26") stands for. False when there is none,
+/// or none that XML can carry.
+bool appendReferenced(std::string_view name, std::string& out) {
+  if (!name.starts_with('#')) {
+    constexpr std::pair<std::string_view, char> kNamed[] = {
+        {"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}};
+    for (const auto& [known, character] : kNamed) {
+      if (name != known) continue;
+      out += character;
+      return true;
+    }
+    return false;
+  }
   name.remove_prefix(1);
   const int base = name.starts_with('x') ? 16 : 10;
   if (base == 16) name.remove_prefix(1);
-  uint32_t number = 0;
-  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number, base);
-  return error == std::errc() && end == name.data() + name.size() ? number : 0;
+  uint32_t point = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), point, base);
+  if (error != std::errc() || end != name.data() + name.size()) return false;
+  const size_t before = out.size();
+  return appendCodePoint(point, out) && isValidXMLText(std::string_view(out).substr(before));
 }
 
-/// Replaces the references in `text`. False when one is malformed or stands for nothing that XML can carry.
+/// Appends `text` with its references replaced. False when one is malformed.
 bool appendWithoutReferences(std::string_view text, std::string& out) {
   for (size_t at = text.find('&'); at != std::string_view::npos; at = text.find('&')) {
     out.append(text, 0, at);
     const size_t end = text.find(';', at);
-    if (end == std::string_view::npos) return false;
-    const uint32_t point = referencedCharacter(text.substr(at + 1, end - at - 1));
-    const size_t before = out.size();
-    if (!appendCodePoint(point, out) || !isValidXMLText(std::string_view(out).substr(before))) return false;
+    if (end == std::string_view::npos || !appendReferenced(text.substr(at + 1, end - at - 1), out))
+      return false;
     text.remove_prefix(end + 1);
   }
   out += text;
@@ -137,8 +144,8 @@ bool isBlank(const char* text) {
 
 class Walk {
  public:
-  /// Whether scalars may have parts beside their text: further text, CDATA, or (an error) elements.
-  explicit Walk(bool looksIntoScalars) : looksIntoScalars_(looksIntoScalars) {
+  /// `isSimple`: see Outline.
+  explicit Walk(bool isSimple) : isSimple_(isSimple) {
     constexpr size_t kUsual = 64;
     values_.reserve(kUsual);
     entries_.reserve(kUsual);
@@ -166,9 +173,18 @@ class Walk {
   }
 
  private:
-  /// Reads the element, whose name is `name`.
+  /// Reads the element, whose name is `name`. Most are strings.
   bool read(const pugi::xml_node& element, const char* name, Value& value, int nesting) {
-    if (is(name, "string")) return readString(element, value);
+    if (!is(name, "string")) return readOther(element, name, value, nesting);
+    std::string_view text;
+    if (!contents(element, text)) return false;
+    // Short ones are words that many files have ("en", "1.0").
+    constexpr size_t kShort = 24;
+    value = Value(text.size() <= kShort ? String::interned(text) : String(text));
+    return true;
+  }
+
+  bool readOther(const pugi::xml_node& element, const char* name, Value& value, int nesting) {
     if (is(name, "dict")) return nesting > 0 ? readDictionary(element, value, nesting - 1) : tooDeep();
     if (is(name, "array")) return nesting > 0 ? readArray(element, value, nesting - 1) : tooDeep();
     return readScalar(element, name, value);
@@ -182,13 +198,11 @@ class Walk {
 
   /// The text of `element`, valid until the next call: parts of text and CDATA sections one after the other.
   bool contents(const pugi::xml_node& element, std::string_view& text) {
-    const char* const value = element.value();
-    const char* const reference = strchrnul(value, '&');
-    text = {value, static_cast<size_t>(reference - value)};
-    if (*reference == 0 && !looksIntoScalars_) return true;
+    text = element.value();
+    if (isSimple_) return true;
     joined_.clear();
-    if (!appendWithoutReferences(value, joined_)) return fail("a malformed reference");
-    if (looksIntoScalars_ && !appendParts(element)) return false;
+    if (!appendWithoutReferences(text, joined_)) return fail("a malformed reference");
+    if (!appendParts(element)) return false;
     text = joined_;
     return true;
   }
@@ -222,15 +236,6 @@ class Walk {
       }
       node = node.next_sibling();
     }
-  }
-
-  bool readString(const pugi::xml_node& element, Value& value) {
-    std::string_view text;
-    if (!contents(element, text)) return false;
-    // Short ones are words that many files have ("en", "1.0").
-    constexpr size_t kShort = 24;
-    value = Value(text.size() <= kShort ? String::interned(text) : String(text));
-    return true;
   }
 
   bool readArray(const pugi::xml_node& element, Value& value, int nesting) {
@@ -296,7 +301,7 @@ class Walk {
     return true;
   }
 
-  const bool looksIntoScalars_;
+  const bool isSimple_;
   size_t elements_ = 0;
   const char* why_ = "";
   std::string joined_;
@@ -326,22 +331,47 @@ bool toUTF8(std::string& text) {
   return true;
 }
 
-/// What can be told about a text before it is parsed, from its root element on.
+/// What can be told about a text before it is parsed.
 struct Outline {
-  /// There are comments, processing instructions or CDATA.
-  bool hasOtherMarkup = false;
-  /// How many elements there are, where every "<" begins a tag; never less.
+  /// From the root element on there are no comments, processing instructions and CDATA, and no references but
+  /// to the five named characters. Then a scalar has one part of text, which the library can finish itself,
+  /// blanks between elements need no nodes, and every element has the one "<" that is counted.
+  bool isSimple = false;
   size_t elements = 0;
 };
 
-Outline outlineOf(std::string_view text) {
-  text.remove_prefix(std::min(text.find("<plist"), text.size()));
-  Outline outline;
-  for (const char second : {'!', '?'}) {
-    for (size_t at = text.find(second); at != std::string_view::npos; at = text.find(second, at + 1)) {
-      if (at > 0 && text[at - 1] == '<') outline.hasOtherMarkup = true;
+/// Whether every reference in `text` is to one of the five characters that have names.
+bool hasOnlyNamedReferences(std::string_view text) {
+  for (size_t at = text.find('&'); at != std::string_view::npos; at = text.find('&', at + 1)) {
+    const std::string_view rest = text.substr(at);
+    if (!rest.starts_with("&amp;") && !rest.starts_with("&lt;") && !rest.starts_with("&gt;") &&
+        !rest.starts_with("&quot;") && !rest.starts_with("&apos;")) {
+      return false;
     }
   }
+  return true;
+}
+
+bool hasMarkupBegunBy(char second, std::string_view text) {
+  for (size_t at = text.find(second); at != std::string_view::npos; at = text.find(second, at + 1)) {
+    if (at > 0 && text[at - 1] == '<') return true;
+  }
+  return false;
+}
+
+Outline outlineOf(std::string_view text) {
+  Outline outline;
+  const size_t root = text.find("<plist");
+  // In a comment or a declaration within a document type that would not be the root.
+  const std::string_view prologue = text.substr(0, root);
+  if (root == std::string_view::npos || prologue.find("<!--") != std::string_view::npos ||
+      prologue.find('[') != std::string_view::npos) {
+    return outline;
+  }
+  text.remove_prefix(root);
+  outline.isSimple =
+      !hasMarkupBegunBy('!', text) && !hasMarkupBegunBy('?', text) && hasOnlyNamedReferences(text);
+  if (!outline.isSimple) return outline;
   // Sixteen bytes at once, each compared with "<" and the one behind it with "/".
   using Lane = int8_t __attribute__((vector_size(16)));
   size_t at = 0;
@@ -367,11 +397,10 @@ Result<Value> parseXMLPropertyList(std::string& text) {
   // The library skips text beside the root element.
   const std::string_view inked = trimmed(withoutByteOrderMark(text));
   if (!inked.starts_with('<') || !inked.ends_with('>')) return corrupt("neither XML nor binary");
-  // Blanks beside other markup belong to strings too; where there is none, the library need not make nodes
-  // for all the blanks between elements.
   const Outline outline = outlineOf(text);
-  const unsigned blanks = outline.hasOtherMarkup ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single;
-  const unsigned options = pugi::parse_cdata | pugi::parse_eol | pugi::parse_embed_pcdata | blanks;
+  const unsigned options = pugi::parse_eol | pugi::parse_embed_pcdata |
+                           (outline.isSimple ? pugi::parse_escapes | pugi::parse_ws_pcdata_single
+                                             : pugi::parse_cdata | pugi::parse_ws_pcdata);
   pugi::xml_document document;
   const pugi::xml_parse_result parsed =
       document.load_buffer_inplace(text.data(), text.size(), options, pugi::encoding_utf8);
@@ -379,16 +408,12 @@ Result<Value> parseXMLPropertyList(std::string& text) {
 
   const pugi::xml_node root = document.first_child();
   if (!is(root.name(), "plist") || root.next_sibling()) return corrupt("no plist element");
-  // Scalars are asked for children only where there can be some: the first walk counts the elements that it
-  // meets, and those that it did not meet would be inside scalars.
-  for (const bool looksIntoScalars : {false, true}) {
-    if (outline.hasOtherMarkup && !looksIntoScalars) continue;
-    Walk walk(looksIntoScalars);
-    Value list;
-    if (!walk.readRoot(root, list)) return corrupt(walk.why());
-    if (looksIntoScalars || walk.elements() == outline.elements) return list;
-  }
-  return corrupt("a malformed element");
+  Walk walk(outline.isSimple);
+  Value list;
+  if (!walk.readRoot(root, list)) return corrupt(walk.why());
+  // Scalars of simple lists were not asked for children.
+  if (outline.isSimple && walk.elements() != outline.elements) return corrupt("an element inside a scalar");
+  return list;
 }
 
 }  // namespace platform::detail

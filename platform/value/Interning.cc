@@ -1,8 +1,11 @@
 // Interned strings: a small table per thread, so that no lock is taken and nothing that one thread does makes
 // another wait. Each place of the table has room for two strings; the one that was asked for last stays
-// longest. Strings that nobody else holds any more are dropped when their place is needed.
+// longest. Strings that nobody else holds any more are dropped when their place is needed. Those that are
+// asked for again and again are kept for ever, up to a number, which spares counting their holders.
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -17,10 +20,18 @@ namespace {
 constexpr size_t kLongestInterned = 64;
 constexpr size_t kPlaces = 1024;
 
-/// Room for two strings that share a place, with parts of their hashes, so that others are not looked at.
+/// How often a string is asked for before it is kept for ever, and how many are at most.
+constexpr uint32_t kOften = 8;
+constexpr uint32_t kMostForever = 4096;
+
+struct Kept {
+  uint32_t tag = 0;  // a part of the hash, so that other strings are not looked at
+  uint32_t count = 0;
+  String string;
+};
+
 struct Place {
-  uint32_t recentTag = 0, olderTag = 0;
-  String recent, older;
+  Kept recent, older;
 };
 
 struct Table {
@@ -53,57 +64,55 @@ uint64_t load(const char* at) {
   return word;
 }
 
-uint64_t mixed(uint64_t sum, uint64_t word) {
-  sum = (sum ^ word) * 0x9E3779B97F4A7C15ULL;
-  return sum ^ sum >> 32;
-}
-
-/// Words that overlap at the end, so that there is no loop over single bytes. REQUIRES: `text` is not empty.
+/// Takes every byte of up to 32 and, of longer strings, both ends. Without a loop, whose length nothing could
+/// predict. REQUIRES: `text` is not empty.
 uint64_t hash(std::string_view text) {
   const char* const begin = text.data();
   const size_t size = text.size();
-  if (size < 4) {
-    // The first, the middle and the last byte are all there are.
-    const uint64_t bytes =
-        load<uint8_t>(begin) | load<uint8_t>(begin + size / 2) << 8 | load<uint8_t>(begin + size - 1) << 16;
-    return mixed(size, bytes);
+  uint64_t a, b, c = 0, d = 0;
+  if (size >= 8) {
+    const size_t last = size - 8;
+    a = load<uint64_t>(begin);
+    b = load<uint64_t>(begin + last);
+    c = load<uint64_t>(begin + std::min<size_t>(8, last));
+    d = load<uint64_t>(begin + (last > 8 ? last - 8 : 0));
+  } else if (size >= 4) {
+    a = load<uint32_t>(begin);
+    b = load<uint32_t>(begin + size - 4);
+  } else {
+    a = load<uint8_t>(begin) | load<uint8_t>(begin + size / 2) << 8;
+    b = load<uint8_t>(begin + size - 1);
   }
-  if (size < 8) return mixed(size, load<uint32_t>(begin) << 32 | load<uint32_t>(begin + size - 4));
-  uint64_t sum = size;
-  for (size_t at = 0; at + 16 < size; at += 16)
-    sum = mixed(sum, load<uint64_t>(begin + at) ^ load<uint64_t>(begin + at + 8) * 0xC2B2AE3D27D4EB4FULL);
-  if (size >= 16) sum = mixed(sum, load<uint64_t>(begin + size - 16));
-  return mixed(mixed(sum, load<uint64_t>(begin)), load<uint64_t>(begin + size - 8));
-}
-
-/// Whether the `size` bytes at `a` and `b` are the same. Written out for short ones, like the hash.
-bool isSame(const char* a, const char* b, size_t size) {
-  if (size < 8) return std::memcmp(a, b, size) == 0;
-  uint64_t different = 0;
-  for (size_t at = 0; at + 8 < size; at += 8) different |= load<uint64_t>(a + at) ^ load<uint64_t>(b + at);
-  return (different | (load<uint64_t>(a + size - 8) ^ load<uint64_t>(b + size - 8))) == 0;
-}
-
-bool isSame(const String& string, std::string_view text) {
-  return string.size() == text.size() && isSame(string.view().data(), text.data(), text.size());
+  const uint64_t sum = (a ^ size) * 0x9E3779B97F4A7C15ULL + b * 0xC2B2AE3D27D4EB4FULL +
+                       c * 0xD6E8FEB86659FD93ULL + d * 0xA0761D6478BD642FULL;
+  return (sum ^ sum >> 32) * 0x9E3779B97F4A7C15ULL;
 }
 
 }  // namespace
+
+void String::keepForever() {
+  // They are listed, so that they are not mistaken for forgotten memory.
+  static std::array<std::atomic<const void*>, kMostForever> all;
+  static std::atomic<uint32_t> count = 0;
+  if (count.load(std::memory_order_relaxed) >= kMostForever) return;
+  const uint32_t index = count.fetch_add(1, std::memory_order_relaxed);
+  if (index >= kMostForever) return;
+  data_.node_->references.fetch_or(detail::Counted::kForever, std::memory_order_relaxed);
+  all[index].store(data_.node_.get(), std::memory_order_relaxed);
+}
 
 String String::interned(std::string_view text) {
   if (text.empty() || text.size() > kLongestInterned) return String(text);
   if (table == nullptr && !makeTable()) return String(text);
   const uint64_t sum = hash(text);
-  Place& place = table->places[sum % kPlaces];
-  const auto tag = static_cast<uint32_t>(sum >> 32);
-  if (place.recentTag == tag && isSame(place.recent, text)) return place.recent;
-  if (place.olderTag != tag || !isSame(place.older, text)) {
-    place.older = String(text);
-    place.olderTag = tag;
+  auto& [recent, older] = table->places[sum >> 32 & (kPlaces - 1)];
+  const auto tag = static_cast<uint32_t>(sum);
+  if (recent.tag != tag || recent.string.view() != text) {
+    if (older.tag != tag || older.string.view() != text) older = {.tag = tag, .count = 0, .string = text};
+    std::swap(recent, older);
   }
-  std::swap(place.recent, place.older);
-  std::swap(place.recentTag, place.olderTag);
-  return place.recent;
+  if (recent.count < kOften && ++recent.count == kOften) recent.string.keepForever();
+  return recent.string;
 }
 
 }  // namespace platform

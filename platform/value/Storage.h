@@ -15,7 +15,21 @@ namespace detail {
 
 /// The head of every piece of shared storage.
 struct Counted {
+  /// Set in the count of what stays for ever and is not counted any more: counting is the larger part of what
+  /// sharing costs, and the few strings that stand everywhere (see String::interned()) need none.
+  static constexpr uint32_t kForever = uint32_t{1} << 31;
   std::atomic<uint32_t> references{1};
+
+  void retain() noexcept {
+    if (references.load(std::memory_order_relaxed) < kForever)
+      references.fetch_add(1, std::memory_order_relaxed);
+  }
+  /// True when the caller was the last holder.
+  bool release() noexcept {
+    const uint32_t count = references.load(std::memory_order_acquire);
+    // The only holder need not count down: nobody else can take hold any more.
+    return count == 1 || (count < kForever && references.fetch_sub(1, std::memory_order_acq_rel) == 1);
+  }
 };
 
 struct BytesNode : Counted {
@@ -61,7 +75,7 @@ class Shared {
   /// Takes over the one reference that `node` was made with.
   explicit Shared(T* node) noexcept : node_(node) {}
   Shared(const Shared& other) noexcept : node_(other.node_) {
-    if (node_ != nullptr) node_->references.fetch_add(1, std::memory_order_relaxed);
+    if (node_ != nullptr) node_->retain();
   }
   Shared(Shared&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
   Shared& operator=(const Shared& other) noexcept { return *this = Shared(other); }
@@ -70,8 +84,7 @@ class Shared {
     return *this;
   }
   ~Shared() {
-    if (node_ != nullptr && node_->references.fetch_sub(1, std::memory_order_acq_rel) == 1)
-      destroyNode(node_, static_cast<const T*>(nullptr));
+    if (node_ != nullptr && node_->release()) destroyNode(node_, static_cast<const T*>(nullptr));
   }
   /// REQUIRES: T is complete where this is used.
   T* get() const { return static_cast<T*>(node_); }

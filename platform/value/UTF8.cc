@@ -53,7 +53,7 @@ bool isPlainBlock(const char* at) {
     Lane bytes;
     std::memcpy(&bytes, at + i, sizeof bytes);
     if constexpr (plainFrom == 0x20) {
-      bad |= (bytes < plainFrom) & (bytes != '\t') & (bytes != '\n') & (bytes != '\r');
+      bad |= (bytes < plainFrom) ^ ((bytes == '\t') | (bytes == '\n') | (bytes == '\r'));
     } else {
       bad |= bytes < plainFrom;
     }

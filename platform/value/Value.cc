@@ -1,6 +1,8 @@
 #include "platform/value/Value.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -176,10 +178,6 @@ bool operator==(const Array& a, const Array& b) {
 
 namespace {
 
-bool isLess(const Dictionary::Entry& a, const Dictionary::Entry& b) {
-  return a.key < b.key;
-}
-
 /// The first of the sorted entries whose key is not less than `key`.
 template <typename Entry>
 Entry* position(Entry* begin, Entry* end, std::string_view key) {
@@ -188,28 +186,81 @@ Entry* position(Entry* begin, Entry* end, std::string_view key) {
   });
 }
 
-/// Whether each key is less than the next, as in what we write ourselves.
-bool isStrictlySorted(std::span<const Dictionary::Entry> entries) {
-  return std::adjacent_find(entries.begin(), entries.end(),
-                            [](const auto& a, const auto& b) { return !isLess(a, b); }) == entries.end();
+/// Where an entry stands among others: sorting moves these instead of entries, and the first bytes of the
+/// keys decide most comparisons.
+struct Rank {
+  uint64_t prefix;  // the key's first eight bytes as a number that orders like them
+  uint32_t index;
+};
+
+uint64_t prefixOf(std::string_view key) {
+  constexpr size_t kSize = sizeof(uint64_t);
+  if (key.empty()) return 0;
+  uint64_t word;
+  const size_t missing = kSize - std::min(kSize, key.size());
+  // Of a shorter key the eight bytes that end with it, which begin inside its storage's head.
+  static_assert(sizeof(detail::BytesNode) >= kSize);
+  std::memcpy(&word, key.data() - missing, sizeof word);
+  if constexpr (std::endian::native == std::endian::little) return __builtin_bswap64(word >> 8 * missing);
+  return word << 8 * missing;
 }
 
-/// Sorts; equal keys keep their order.
-void sortStably(std::span<Dictionary::Entry> entries) {
-  // Most dictionaries are small, and the library's sort allocates.
-  constexpr size_t kSmall = 24;
-  if (entries.size() > kSmall) return std::stable_sort(entries.begin(), entries.end(), isLess);
-  for (size_t i = 1; i < entries.size(); ++i) {
-    size_t to = i;
-    while (to > 0 && isLess(entries[i], entries[to - 1])) --to;
-    if (to == i) continue;
-    Dictionary::Entry entry = std::move(entries[i]);
-    std::move_backward(entries.begin() + static_cast<ptrdiff_t>(to),
-                       entries.begin() + static_cast<ptrdiff_t>(i),
-                       entries.begin() + static_cast<ptrdiff_t>(i) + 1);
-    entries[to] = std::move(entry);
+/// Ranks of entries, and their order.
+class Ranking {
+ public:
+  explicit Ranking(std::span<const Dictionary::Entry> entries) : entries_(entries) {
+    if (entries.size() > few_.size()) {
+      many_.resize(entries.size());
+      ranks_ = many_;
+    } else {
+      ranks_ = std::span(few_).first(entries.size());
+    }
+    for (size_t i = 0; i < entries.size(); ++i)
+      ranks_[i] = {prefixOf(entries[i].key.view()), static_cast<uint32_t>(i)};
   }
-}
+  Ranking(const Ranking&) = delete;
+  Ranking& operator=(const Ranking&) = delete;
+
+  std::span<const Rank> ranks() const { return ranks_; }
+
+  bool hasSameKey(const Rank& a, const Rank& b) const {
+    return a.prefix == b.prefix && entries_[a.index].key == entries_[b.index].key;
+  }
+
+  /// Whether each key is less than the next, as in what we write ourselves.
+  bool isStrictlySorted() const {
+    for (size_t i = 1; i < ranks_.size(); ++i) {
+      const Rank &a = ranks_[i - 1], &b = ranks_[i];
+      if (a.prefix > b.prefix || (a.prefix == b.prefix && keyOf(a) >= keyOf(b))) return false;
+    }
+    return true;
+  }
+
+  /// Sorts by key, equal keys by their places.
+  void sort() {
+    const auto isLess = [this](const Rank& a, const Rank& b) {
+      if (a.prefix != b.prefix) return a.prefix < b.prefix;
+      const auto order = keyOf(a) <=> keyOf(b);
+      return order != 0 ? order < 0 : a.index < b.index;
+    };
+    constexpr size_t kFew = 32;
+    if (ranks_.size() > kFew) return std::sort(ranks_.begin(), ranks_.end(), isLess);
+    for (size_t i = 1; i < ranks_.size(); ++i) {
+      const Rank rank = ranks_[i];
+      size_t to = i;
+      for (; to > 0 && isLess(rank, ranks_[to - 1]); --to) ranks_[to] = ranks_[to - 1];
+      ranks_[to] = rank;
+    }
+  }
+
+ private:
+  std::string_view keyOf(const Rank& rank) const { return entries_[rank.index].key.view(); }
+
+  std::span<const Dictionary::Entry> entries_;
+  std::span<Rank> ranks_;
+  std::array<Rank, 64> few_;
+  std::vector<Rank> many_;
+};
 
 }  // namespace
 
@@ -223,30 +274,30 @@ std::optional<Dictionary> Dictionary::fromEntries(std::vector<Entry> entries) {
 }
 
 std::optional<Dictionary> Dictionary::taking(std::span<Entry> entries) {
-  if (!isStrictlySorted(entries)) {
-    std::sort(entries.begin(), entries.end(), isLess);
-    if (!isStrictlySorted(entries)) return std::nullopt;
-  }
-  return fromSorted(entries);
+  return sorted(entries, false);
 }
 
 Dictionary Dictionary::takingLast(std::span<Entry> entries) {
-  if (!isStrictlySorted(entries)) {
-    sortStably(entries);
-    // Backwards, the last of equal keys comes first and stays.
-    const auto same = [](const Entry& a, const Entry& b) { return a.key == b.key; };
-    const auto rest = std::unique(entries.rbegin(), entries.rend(), same);
-    entries = entries.subspan(static_cast<size_t>(entries.rend() - rest));
-  }
-  return fromSorted(entries);
+  return *sorted(entries, true);
 }
 
-Dictionary Dictionary::fromSorted(std::span<Entry> entries) {
-  const auto isAbsent = [](const Entry& entry) { return entry.value.isNone(); };
-  const auto kept = std::remove_if(entries.begin(), entries.end(), isAbsent);
-  const auto count = static_cast<size_t>(kept - entries.begin());
+std::optional<Dictionary> Dictionary::sorted(std::span<Entry> entries, bool lastCounts) {
   Dictionary dictionary;
-  if (count > 0) detail::appendTo(&dictionary.changing(count), std::move_iterator(entries.begin()), count);
+  if (entries.empty()) return dictionary;
+  Ranking ranking(entries);
+  if (!ranking.isStrictlySorted()) ranking.sort();
+  const std::span<const Rank> ranks = ranking.ranks();
+  detail::DictionaryNode& node = dictionary.changing(entries.size());
+  for (size_t i = 0; i < ranks.size(); ++i) {
+    if (i + 1 < ranks.size() && ranking.hasSameKey(ranks[i], ranks[i + 1])) {
+      if (!lastCounts) return std::nullopt;
+      continue;
+    }
+    Entry& entry = entries[ranks[i].index];
+    if (entry.value.isNone()) continue;
+    new (node.end()) Entry(std::move(entry));
+    ++node.count;
+  }
   return dictionary;
 }
 

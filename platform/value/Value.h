@@ -78,6 +78,7 @@ class String {
 
  private:
   friend class Value;
+  void keepForever();
   Data data_;
 };
 
@@ -170,7 +171,7 @@ class Dictionary {
 
  private:
   friend class Value;
-  static Dictionary fromSorted(std::span<Entry> entries);
+  static std::optional<Dictionary> sorted(std::span<Entry> entries, bool lastCounts);
   /// Storage of our own with room for `room` more entries.
   detail::DictionaryNode& changing(size_t room);
   detail::Shared<detail::DictionaryNode> node_;
@@ -304,7 +305,7 @@ class Value {
     if (!isShared()) return;
     detail::Counted* node;
     std::memcpy(&node, static_cast<const void*>(&integer_), sizeof node);
-    if (node != nullptr) node->references.fetch_add(1, std::memory_order_relaxed);
+    if (node != nullptr) node->retain();
   }
   void moveFrom(Value& other) noexcept {
     copyWord(other);
