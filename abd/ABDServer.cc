@@ -2,6 +2,7 @@
 
 #include "abd/ABDPlugInHold.h"
 #include "platform/launcher/ServiceLauncher.h"
+#include "platform/log/Failure.h"
 #include "platform/log/Log.h"
 
 namespace abd {
@@ -45,7 +46,7 @@ void ABDServer::releaseServer() {
 }
 
 void ABDServer::run() {
-  service_->resume();
+  if (const auto error = service_->resume()) raiseInternalInconsistency("cannot listen: %@", *error);
   RunLoop::main().run();
 }
 

@@ -1,5 +1,8 @@
 // "lock" puts plug-ins on hold, or releases holds that were granted before.
 
+#include <string>
+#include <unordered_set>
+
 #include "Ambrel/ABCollections.h"
 #include "Ambrel/ABProtocol.h"
 #include "abd/ABDPlugInHold.h"
@@ -33,7 +36,9 @@ void Transaction::lockDownPlugIns() {
 
   const uint64_t flags = request_.unsignedValue(key::flags);
   ABDPlugInHold::PlugIns plugIns;
+  std::unordered_set<std::string> seen;
   const bool allFound = marshalPaths([&](const std::string& path, bool resolved) {
+    if (resolved && !seen.insert(path).second) return true;
     return collectPlugInsToHold(path, resolved, flags, plugIns);
   });
   if (!allFound) return;

@@ -11,6 +11,7 @@
 #include "abd/ABDTrace.h"
 #include "abd/plugin/ABDPlugIn.h"
 #include "platform/system/Directories.h"
+#include "platform/value/UTF8.h"
 
 namespace abd {
 
@@ -25,7 +26,8 @@ constexpr uint64_t kOldestProtocolVersion = 2;
 std::string resolvedPath(const std::string& path) {
   if (path.size() >= kPathBuffer) return {};
   std::string resolved = canonicalPath(path);
-  if (resolved.size() >= kPathBuffer) resolved.clear();
+  // What no message can carry is a path that clients cannot have meant.
+  if (resolved.size() >= kPathBuffer || !isValidText(resolved)) resolved.clear();
   return resolved;
 }
 

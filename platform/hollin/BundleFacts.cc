@@ -10,6 +10,7 @@
 #include "platform/propertylist/PropertyList.h"
 #include "platform/qmx/SDKRegistry.h"
 #include "platform/security/CodeSigning.h"
+#include "platform/value/UTF8.h"
 
 namespace platform::hollin {
 
@@ -128,6 +129,10 @@ std::shared_ptr<const BundleFacts> readBundleFacts(const std::string& path, cons
   facts->path = path;
   facts->info = info;
   facts->entitlementsFile = entitlements;
+  if (!isValidText(path)) {
+    facts->refusal = "its path is not UTF-8";
+    return facts;
+  }
   const Result<Value> read = readPropertyListFile(path + "/Info.plist");
   if (const Error* error = std::get_if<Error>(&read)) {
     facts->refusal = error->localizedDescription();

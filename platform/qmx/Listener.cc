@@ -55,7 +55,7 @@ class ServiceListener final : public Listener {
   void setConnectionHandler(ConnectionHandler handler) override {
     handler_ = std::make_shared<const ConnectionHandler>(std::move(handler));
   }
-  void resume() override;
+  std::optional<Error> resume() override;
 
  private:
   void acceptPeers();
@@ -84,14 +84,13 @@ class ServiceListener final : public Listener {
   RunLoop::TimerToken retry_ = 0;
 };
 
-void ServiceListener::resume() {
-  if (isResumed_) return;
+std::optional<Error> ServiceListener::resume() {
+  if (isResumed_) return std::nullopt;
   if (listen(socket_.fd(), SOMAXCONN) != 0 ||
-      !loop_.add(socket_.fd(), EPOLLIN, [this](RunLoop::Events) { acceptPeers(); })) {
-    systemLog("cannot listen: %s", std::strerror(errno));
-    return;
-  }
+      !loop_.add(socket_.fd(), EPOLLIN, [this](RunLoop::Events) { acceptPeers(); }))
+    return Error::posix(errno);
   isResumed_ = true;
+  return std::nullopt;
 }
 
 void ServiceListener::acceptPeers() {

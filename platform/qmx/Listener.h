@@ -29,8 +29,8 @@ class Listener {
   virtual ~Listener() = default;
   /// Called for each new peer, with the connection suspended. Set before resume().
   virtual void setConnectionHandler(ConnectionHandler handler) = 0;
-  /// Starts listening and accepting.
-  virtual void resume() = 0;
+  /// Starts listening and accepting. An error: nobody will ever be accepted.
+  virtual std::optional<Error> resume() = 0;
 };
 
 /// Directory and file of a service's socket.

@@ -17,6 +17,7 @@ namespace platform::qmx {
 namespace {
 
 constexpr RunLoop::Events kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
+constexpr const char* kMalformedFrame = "a malformed frame";
 
 /// What was due to a peer when its connection died: written as far as the peer takes it in time, then closed.
 class LastWords : public std::enable_shared_from_this<LastWords> {
@@ -145,11 +146,19 @@ bool PeerConnection::supply() {
     return false;
   }
   if (!deliverFront()) {
-    die(Ending::flush, "a malformed frame");
+    die(Ending::flush, kMalformedFrame);
     return false;
   }
   isEnlisted_ = state_ == State::live && (reader_.count() > 0 || reader_.isOversized());
   return isEnlisted_;
+}
+
+void PeerConnection::deliverTheRest() {
+  while (reader_.count() > 0) {
+    if (deliverFront()) continue;
+    systemLog("closing %@: %s", *this, kMalformedFrame);
+    return;
+  }
 }
 
 /// Hands the first frame over; false when it is malformed.
@@ -246,9 +255,7 @@ void PeerConnection::die(Ending ending, const char* reason) {
   const bool wasLive = state_ == State::live;
   const std::shared_ptr<PeerConnection> keep = self();
   // What had arrived comes before the end, as it came.
-  if (ending == Ending::deliverAndFlush)
-    while (reader_.count() > 0 && deliverFront()) {
-    }
+  if (ending == Ending::deliverAndFlush) deliverTheRest();
   state_ = State::dead;
   frameLimit_.stop();
   sendLimit_.stop();

@@ -55,6 +55,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   bool readAvailable(bool untilEnd);
   void noteArrival();
   bool deliverFront();
+  void deliverTheRest();
   void enlistWhenReady();
   void flush();
   void updateInterest();
