@@ -20,11 +20,6 @@ std::optional<std::string> copied(const std::optional<String>& text) {
   return text ? std::optional<std::string>(text->view()) : std::nullopt;
 }
 
-std::optional<Dictionary> infoDictionaryAt(std::string_view path) {
-  const auto bundle = qmx::Bundle::create(std::string(path), qmx::Bundle::directory);
-  return bundle != nullptr ? bundle->infoDictionary() : std::nullopt;
-}
-
 /// 0 when `path` is a directory, which is made when nothing is there; a link is none.
 int makeOneDirectory(const std::string& path) {
   if (mkdir(path.c_str(), 0700) == 0) return 0;
@@ -55,7 +50,7 @@ std::optional<URL> ApplicationProxy::bundleURL() const {
 }
 
 std::optional<std::string> ApplicationProxy::localizedName() const {
-  const auto info = infoDictionaryAt(path_);
+  const auto info = qmx::Bundle::infoDictionaryAt(path_);
   return info ? qmx::localizedBundleName(std::string(path_.view()), *info) : std::nullopt;
 }
 
@@ -93,7 +88,7 @@ std::optional<URL> PlugInProxy::bundleURL() const {
 }
 
 std::optional<Dictionary> PlugInProxy::infoDictionary() const {
-  return infoDictionaryAt(facts_->path);
+  return qmx::Bundle::infoDictionaryAt(facts_->path);
 }
 
 std::optional<std::string> PlugInProxy::localizedName() const {

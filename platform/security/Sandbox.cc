@@ -1,9 +1,7 @@
 #include "platform/security/Sandbox.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +10,7 @@
 #include <string_view>
 
 #include "platform/security/TokenSeal.h"
+#include "platform/system/CanonicalOpen.h"
 #include "platform/system/Directories.h"
 #include "platform/system/FileDescriptor.h"
 
@@ -25,25 +24,6 @@ struct OpenedFile {
   std::string canonicalPath;
   uint64_t device = 0, inode = 0;
 };
-
-/// Whether no other text can be shorter for the same path: absolute, no empty component, no "." and "..".
-bool isPlain(std::string_view path) {
-  if (path.size() < 2 || path.front() != '/' || path.back() == '/') return false;
-  for (size_t slash = 0; slash != std::string_view::npos; slash = path.find('/', slash + 1)) {
-    const std::string_view rest = path.substr(slash + 1);
-    const std::string_view component = rest.substr(0, rest.find('/'));
-    if (component.empty() || component == "." || component == "..") return false;
-  }
-  return true;
-}
-
-/// Opens `path` unless a symbolic link stands in it, so that a plain path that opens is canonical.
-FileDescriptor openWithoutLinks(const std::string& path) {
-  open_how how{};
-  how.flags = O_PATH | O_CLOEXEC;
-  how.resolve = RESOLVE_NO_SYMLINKS;
-  return FileDescriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
-}
 
 /// The path that the kernel knows an open file by; "" and errno when there is none.
 std::string pathOfDescriptor(int fd) {
@@ -63,11 +43,10 @@ std::string pathOfDescriptor(int fd) {
 /// The usual path is canonical already, which costs no further question. errno on failure.
 std::optional<OpenedFile> openFile(const std::string& path) {
   OpenedFile file;
-  if (isPlain(path)) {
-    file.descriptor = openWithoutLinks(path);
-    if (file.descriptor) file.canonicalPath = path;
-  }
-  if (!file.descriptor) {
+  file.descriptor = openCanonical(path);
+  if (file.descriptor) {
+    file.canonicalPath = path;
+  } else {
     file.descriptor = FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
     if (file.descriptor) file.canonicalPath = pathOfDescriptor(file.descriptor.get());
   }

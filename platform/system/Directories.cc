@@ -9,6 +9,8 @@
 #include <memory>
 #include <optional>
 
+#include "platform/system/CanonicalOpen.h"
+
 namespace platform {
 
 namespace {
@@ -132,6 +134,8 @@ int makePrivateDirectory(const std::string& path) {
 }
 
 std::string canonicalPath(const std::string& path) {
+  // realpath(3) asks about each component.
+  if (openCanonical(path)) return path;
   const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
   return resolved ? std::string(resolved.get()) : std::string();
 }
