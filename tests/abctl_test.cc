@@ -455,12 +455,13 @@ TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
   EXPECT_EQ(lines(watch.out()).size(), 5u) << watch.out();
 
   Invocation json(root_, {"watch", "--json", "--rule", "ZQUserElection=2"});
-  usleep(300000);  // it says nothing until something changes
-  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "ignore"}).status(), 0);
   ASSERT_TRUE(json.waitFor("\n"));
-  EXPECT_EQ(Json::parse(json.firstLine())["added"][0]["identifier"], "org.paint.blur");
+  EXPECT_EQ(Json::parse(json.firstLine())["matches"], Json::array());
+  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "ignore"}).status(), 0);
+  ASSERT_TRUE(json.waitFor("\"removed\""));
   json.signal(SIGTERM);
   EXPECT_EQ(json.status(), 0);
+  EXPECT_EQ(Json::parse(lines(json.out()).at(1))["added"][0]["identifier"], "org.paint.blur");
 }
 
 TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {

@@ -109,6 +109,18 @@ std::string clockText() {
   return text;
 }
 
+/// Says that from now on nothing is missed.
+void announceStart(const Context& context, const Snapshot& known) {
+  if (context.json) {
+    Array matches;
+    for (const auto& [uuid, form] : known) matches.append(form);
+    std::printf("%s\n", jsonText(Dictionary{{"matches", matches}}, false).c_str());
+    std::fflush(stdout);
+  } else {
+    std::fprintf(stderr, "watching %zu plug-in%s; Ctrl-C ends\n", known.size(), known.size() == 1 ? "" : "s");
+  }
+}
+
 void announce(const Context& context, uint64_t posts, const Difference& difference) {
   if (context.json) {
     Dictionary line = difference.json();
@@ -156,8 +168,7 @@ ExitCode watch(const Context& context, const WatchOptions& options) {
     throw Failure(kRefused, "change notifications cannot be watched", "inotify may be out of watches");
   Snapshot known = snapshot(daemon, rules, options.match.flags());
   waiting.watchDaemon(context.service);
-  if (!context.json)
-    std::fprintf(stderr, "watching %zu plug-in%s; Ctrl-C ends\n", known.size(), known.size() == 1 ? "" : "s");
+  announceStart(context, known);
   for (uint64_t seen = 0; options.count == 0 || seen < options.count;) {
     const Waiting::Result result = waiting.wait();
     if (result.event == Waiting::Event::stop) return kSuccess;
@@ -181,7 +192,8 @@ void addWatchCommand(CLI::App& app, Context& context) {
   command->footer(
       "One line per change notification (an annotation or a hold has changed), then what is different:\n"
       "+ matches now, - matches no longer, ~ is changed. Installs alone are not announced; they show with\n"
-      "the next notification. With --json every notification is one line of JSON.\n\n"
+      "the next notification. With --json the first line has the matches at the start,\n"
+      "then every notification is a line.\n\n"
       "Example:\n  abctl watch --rule ZQUserElection=1");
   command->callback(
       [&context, options] { context.command = [&context, options] { return watch(context, *options); }; });
