@@ -142,14 +142,26 @@ bool isBlank(const char* text) {
   return *text == 0 || text[std::strspn(text, kBlanks.data())] == 0;
 }
 
+// Storage that walks of this thread use one after the other, up to a size.
+constexpr size_t kMostSpare = 1024;
+thread_local std::vector<Value> spareValues;
+thread_local std::vector<Dictionary::Entry> spareEntries;
+
 class Walk {
  public:
   /// `isSimple`: see Outline.
   explicit Walk(bool isSimple) : isSimple_(isSimple) {
-    constexpr size_t kUsual = 64;
-    values_.reserve(kUsual);
-    entries_.reserve(kUsual);
+    values_.swap(spareValues);
+    entries_.swap(spareEntries);
   }
+  ~Walk() {
+    values_.clear();
+    entries_.clear();
+    if (values_.capacity() <= kMostSpare) values_.swap(spareValues);
+    if (entries_.capacity() <= kMostSpare) entries_.swap(spareEntries);
+  }
+  Walk(const Walk&) = delete;
+  Walk& operator=(const Walk&) = delete;
 
   /// Why the walk failed.
   const char* why() const { return why_; }
@@ -179,7 +191,7 @@ class Walk {
     std::string_view text;
     if (!contents(element, text)) return false;
     // Short ones are words that many files have ("en", "1.0").
-    constexpr size_t kShort = 24;
+    constexpr size_t kShort = 32;
     value = Value(text.size() <= kShort ? String::interned(text) : String(text));
     return true;
   }
@@ -374,14 +386,16 @@ Outline outlineOf(std::string_view text) {
   if (!outline.isSimple) return outline;
   // Sixteen bytes at once, each compared with "<" and the one behind it with "/".
   using Lane = int8_t __attribute__((vector_size(16)));
+  const char* const from = text.data();
+  const size_t end = text.size() - sizeof(Lane);
   size_t at = 0;
-  while (at + sizeof(Lane) < text.size()) {
+  while (text.size() > sizeof(Lane) && at < end) {
     // No count may leave its byte.
     Lane counts{};
-    for (int i = 0; i < INT8_MAX && at + sizeof(Lane) < text.size(); ++i, at += sizeof(Lane)) {
+    for (int i = 0; i < INT8_MAX && at < end; ++i, at += sizeof(Lane)) {
       Lane bytes, next;
-      std::memcpy(&bytes, text.data() + at, sizeof bytes);
-      std::memcpy(&next, text.data() + at + 1, sizeof next);
+      std::memcpy(&bytes, from + at, sizeof bytes);
+      std::memcpy(&next, from + at + 1, sizeof next);
       counts -= (bytes == '<') & (next != '/');
     }
     for (size_t i = 0; i < sizeof(Lane); ++i) outline.elements += static_cast<size_t>(counts[i]);

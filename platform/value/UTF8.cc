@@ -45,21 +45,21 @@ size_t sequenceLength(const unsigned char* at, const unsigned char* end) {
 using Lane = int8_t __attribute__((vector_size(16)));
 constexpr size_t kBlock = 4 * sizeof(Lane);
 
-/// Whether a whole block is ASCII of at least `plainFrom` (and, where that is a blank, tabs and line ends).
+/// Whether a whole block is ASCII of at least `plainFrom` (and, where that is a blank, tabs and line feeds).
 template <int8_t plainFrom>
 bool isPlainBlock(const char* at) {
-  Lane bad{};
-  for (size_t i = 0; i < kBlock; i += sizeof(Lane)) {
-    Lane bytes;
-    std::memcpy(&bytes, at + i, sizeof bytes);
+  Lane lanes[kBlock / sizeof(Lane)];
+  std::memcpy(lanes, at, sizeof lanes);
+  const auto bad = [](Lane bytes) {
     if constexpr (plainFrom == 0x20) {
-      bad |= (bytes < plainFrom) ^ ((bytes == '\t') | (bytes == '\n') | (bytes == '\r'));
+      return (bytes < plainFrom) ^ ((bytes == '\t') | (bytes == '\n'));
     } else {
-      bad |= bytes < plainFrom;
+      return bytes < plainFrom;
     }
-  }
+  };
+  const Lane all = (bad(lanes[0]) | bad(lanes[1])) | (bad(lanes[2]) | bad(lanes[3]));
   uint64_t words[2];
-  std::memcpy(words, &bad, sizeof words);
+  std::memcpy(words, &all, sizeof words);
   return (words[0] | words[1]) == 0;
 }
 

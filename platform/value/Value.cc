@@ -285,17 +285,19 @@ std::optional<Dictionary> Dictionary::sorted(std::span<Entry> entries, bool last
   Dictionary dictionary;
   if (entries.empty()) return dictionary;
   Ranking ranking(entries);
-  if (!ranking.isStrictlySorted()) ranking.sort();
+  const bool isSorted = ranking.isStrictlySorted();
+  if (!isSorted) ranking.sort();
   const std::span<const Rank> ranks = ranking.ranks();
   detail::DictionaryNode& node = dictionary.changing(entries.size());
+  Entry* to = node.begin();
   for (size_t i = 0; i < ranks.size(); ++i) {
-    if (i + 1 < ranks.size() && ranking.hasSameKey(ranks[i], ranks[i + 1])) {
+    if (!isSorted && i + 1 < ranks.size() && ranking.hasSameKey(ranks[i], ranks[i + 1])) {
       if (!lastCounts) return std::nullopt;
       continue;
     }
     Entry& entry = entries[ranks[i].index];
     if (entry.value.isNone()) continue;
-    new (node.end()) Entry(std::move(entry));
+    new (to++) Entry(std::move(entry));
     ++node.count;
   }
   return dictionary;
