@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 
 #include "abd/database/ABDAnnotationStore.h"
@@ -13,6 +14,7 @@
 #include "platform/log/Failure.h"
 #include "platform/propertylist/PropertyList.h"
 #include "platform/system/Preferences.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/ThisServer.h"
 
 namespace {
@@ -191,6 +193,16 @@ TEST_F(AnnotationStore, ADefaultDirectoryThatCannotBeMadeIsAnInternalInconsisten
                                  "/ error:POSIX "));
   }
   fs::remove(directory);
+}
+
+TEST_F(AnnotationStore, ADaemonWithoutAPerUserDirectoryEnds) {
+  std::vector<std::string> environment = {"HOME=", "XDG_STATE_HOME=", "ABD_LOG=stderr"};  // the first counts
+  for (const std::string& variable : thisDevice().environment()) environment.push_back(variable);
+  const std::string errors = directory() + "/errors";
+  testsupport::Process daemon({ABD_PROGRAM, "-S", "abd.homeless"}, environment, errors);
+  EXPECT_EQ(daemon.waitForExit(), 128 + SIGABRT);
+  EXPECT_NE(testsupport::readText(errors).find("unable to locate user directory: errno 2"),
+            std::string::npos);
 }
 
 TEST_F(AnnotationStore, ExclusionsAreThoseOfThisHostAsTheyAreNow) {

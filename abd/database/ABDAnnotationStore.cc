@@ -94,7 +94,7 @@ ABDAnnotationStore::ABDAnnotationStore(const std::optional<std::string>& path)
 
 URL ABDAnnotationStore::defaultDatabaseURL() {
   const std::string& state = Directories::shared().state;
-  if (state.empty()) raiseInternalInconsistency("unable to locate user directory: errno %d", errno);
+  if (state.empty()) raiseInternalInconsistency("unable to locate user directory: errno %d", ENOENT);
   const URL directory = URL::file(state, true).appending("com.veltra.ambrel", true);
   if (const int number = makeDirectories(directory.path(), 0700); number != 0)
     raiseInternalInconsistency("unable to create plugin annotations directory:%@ error:%@", directory,

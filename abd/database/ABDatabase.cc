@@ -30,12 +30,15 @@ ABDatabase::~ABDatabase() {
   if (workspace_ != nullptr) workspace_->removeObserver(this);
 }
 
+// The registry's lock is what keeps a second daemon from the annotation file, so the file is only looked at
+// behind it; that there is a place for the file is settled before.
 bool ABDatabase::initWithDatabase(const std::optional<std::string>& path) {
+  const std::string file = path ? *path : ABDAnnotationStore::defaultDatabaseURL().path();
   if (const auto error = HLApplicationWorkspace::open()) {
     systemLog("unable to open the plug-in registry: %@", *error);
     return false;
   }
-  annotations_ = std::make_unique<ABDAnnotationStore>(path);
+  annotations_ = std::make_unique<ABDAnnotationStore>(file);
   workspace_ = &HLApplicationWorkspace::defaultWorkspace();
   workspace_->addObserver(this);
   return true;
