@@ -42,7 +42,7 @@ bool ABPlugInCore::setupWithName(const std::optional<String>& name, const std::o
   identifier_ = name;
   url_ = url;
   if (!setDictionaries(normalizeInfoDictionary(bundleInfo))) {
-    systemLog("malformed plug-in dictionary in plug-in %@ at %@: %@", name->view(), url->path(), bundleInfo);
+    systemLog("malformed plug-in dictionary in plug-in %@ at %@: %@", name->view(), *url, bundleInfo);
     return false;
   }
   uuid_ = uuid ? *uuid : UUID::random();
@@ -108,7 +108,18 @@ std::optional<std::string> ABPlugInCore::containingPath() const {
   return containingUrl_->path();
 }
 
+Value ABPlugInCore::annotations() const {
+  const std::lock_guard lock(mutex_);
+  return annotations_;
+}
+
+void ABPlugInCore::setAnnotations(Value annotations) {
+  const std::lock_guard lock(mutex_);
+  annotations_ = std::move(annotations);
+}
+
 void ABPlugInCore::setAnnotation(const String& key, const Value& value) {
+  const std::lock_guard lock(mutex_);
   annotations_ = dictionaryChanging(annotations_, key, value);
 }
 

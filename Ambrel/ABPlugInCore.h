@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,7 @@ class ABPlugInCore {
 
   // Identity.
   const String& identifier() const;
+  void setIdentifier(std::optional<String> identifier) { identifier_ = std::move(identifier); }
   const std::optional<String>& originalIdentifier() const { return originalIdentifier_; }
   void setOriginalIdentifier(std::optional<String> identifier) {
     originalIdentifier_ = std::move(identifier);
@@ -55,6 +57,7 @@ class ABPlugInCore {
   /// REQUIRES: the record was set up.
   const UUID& uuid() const;
   bool hasUUID() const { return uuid_.has_value(); }
+  void setUuid(std::optional<UUID> uuid) { uuid_ = uuid; }
   /// Whether `other` is a record with the same UUID. REQUIRES: this record was set up.
   bool isEqual(const ABPlugInCore* other) const;
   /// REQUIRES: the record was set up.
@@ -62,6 +65,7 @@ class ABPlugInCore {
 
   // Place.
   const std::optional<URL>& url() const { return url_; }
+  void setUrl(std::optional<URL> url) { url_ = std::move(url); }
   const std::string& path() const;
   const std::optional<URL>& containingUrl() const { return containingUrl_; }
   void setContainingUrl(std::optional<URL> url) { containingUrl_ = std::move(url); }
@@ -71,6 +75,8 @@ class ABPlugInCore {
 
   // The three views of the Info dictionary. Dictionaries on every set-up record.
   const Value& bundleInfoDictionary() const { return bundleInfoDictionary_; }
+  /// Replaces this view alone; setDictionaries() derives the others too.
+  void setBundleInfoDictionary(Value info) { bundleInfoDictionary_ = std::move(info); }
   const Value& topDictionary() const { return topDictionary_; }
   const Value& plugInDictionary() const { return plugInDictionary_; }
   /// Derives the three views from a bundle's Info dictionary; false when they cannot be derived.
@@ -95,13 +101,17 @@ class ABPlugInCore {
   virtual void setLocalizedContainingName(std::optional<String> name) {
     localizedContainingName_ = std::move(name);
   }
-  /// A dictionary, or none. The daemon keeps annotations in its store, not here.
-  const Value& annotations() const { return annotations_; }
+  /// A dictionary, or none. The daemon keeps annotations in its store, not here. Of all facts these alone
+  /// change on a record that is shared: reading and changing them is for any thread.
+  Value annotations() const;
+  void setAnnotations(Value annotations);
   /// Changes one annotation (a none value removes it); absent annotations stay absent.
   void setAnnotation(const String& key, const Value& value);
   /// Only from forms.
   const std::optional<Data>& cdhash() const { return cdhash_; }
+  void setCdhash(std::optional<Data> hash) { cdhash_ = std::move(hash); }
   const std::optional<String>& requirement() const { return requirement_; }
+  void setRequirement(std::optional<String> requirement) { requirement_ = std::move(requirement); }
 
   // Derived on each read.
   const Value& attributes() const { return plugInDictionary_[plugInkey::attributes]; }
@@ -161,11 +171,12 @@ class ABPlugInCore {
   std::optional<String> localizedName_;
   std::optional<String> localizedShortName_;
   std::optional<String> localizedContainingName_;
-  Value annotations_;
   int64_t lastModified_ = 0;
   std::optional<UUID> uuid_;
   std::optional<Data> cdhash_;
   std::optional<String> requirement_;
+  mutable std::mutex mutex_;
+  Value annotations_;  // guarded by mutex_
 };
 
 }  // namespace ambrel

@@ -35,7 +35,8 @@ Dictionary ABPlugInCore::exportForm(std::optional<Error>* /*error*/) const {
   form.set(formkey::info, plugInDictionary_);
   if (uuid_) form.set(formkey::uuid, uuid_->string());
   form.set(formkey::lastModified, lastModified_);
-  form.set(formkey::annotations, annotations_.isDictionary() ? annotations_ : Value(Dictionary()));
+  Value stored = annotations();
+  form.set(formkey::annotations, stored.isDictionary() ? std::move(stored) : Value(Dictionary()));
   form.set(formkey::containingPath, containingPath());
   form.set(formkey::localizedContainingDisplayName, localizedContainingName());
   form.set(formkey::localizedDisplayName, localizedName());
@@ -65,8 +66,8 @@ bool ABPlugInCore::setupWithForm(const Dictionary& form) {
 }
 
 void ABPlugInCore::updateFromForm(const Dictionary& form) {
-  const Value& annotations = form[formkey::annotations];
-  annotations_ = annotations.isDictionary() ? annotations : Value();
+  const Value& given = form[formkey::annotations];
+  setAnnotations(given.isDictionary() ? given : Value());
 }
 
 }  // namespace ambrel

@@ -123,7 +123,7 @@ TEST_F(CoreRecord, SetUpFailsForEachMissingPartWithItsMessage) {
   EXPECT_EQ(setUp("a", {}, info), Log{});
   EXPECT_EQ(setUp({}, kURL, info), Log{"missing identifier in plug-in at " + path});
   EXPECT_EQ(setUp("a", kURL, {}), Log{"missing Info dictionary in plug-in a at " + path});
-  const std::string malformed = "malformed plug-in dictionary in plug-in a at " + path + ": ";
+  const std::string malformed = "malformed plug-in dictionary in plug-in a at " + kURL.description() + ": ";
   EXPECT_EQ(setUp("a", kURL, Dictionary{{"k", 1}}), Log{malformed + "{k = 1}"});
   EXPECT_EQ(setUp("a", kURL, Dictionary{{"ZQExtension", "x"}}), Log{malformed + "{ZQExtension = \"x\"}"});
   EXPECT_EQ(setUp("a", kURL, "text"), Log{malformed + "text"});

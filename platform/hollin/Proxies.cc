@@ -38,9 +38,10 @@ int makeContainer(const std::string& containers, const std::string& path) {
   return number == 0 ? makeOneDirectory(path + "/tmp") : number;
 }
 
-bool isDataPlugIn(const PlugInFacts& plugIn) {
+/// An SDK's protocol does not reach the plug-ins of a multiplexed bundle.
+bool isDataPlugIn(const PlugInFacts& plugIn, bool isMultiplexed) {
   if (plugIn.protocol != Protocol::absent) return plugIn.protocol == Protocol::data;
-  return plugIn.sdk.size() != 0 && readSDKFacts(plugIn.sdk).isData;
+  return !isMultiplexed && plugIn.sdk.size() != 0 && readSDKFacts(plugIn.sdk).isData;
 }
 
 }  // namespace
@@ -122,7 +123,7 @@ std::optional<URL> PlugInProxy::dataContainerURL() const {
   if (containers.empty() || !isSafeFileName(identifier)) return std::nullopt;
   const std::string path = containers + "/" + std::string(identifier.view());
   if (!hasContainer_.load(std::memory_order_acquire)) {
-    if (isDataPlugIn(plugIn())) return std::nullopt;
+    if (isDataPlugIn(plugIn(), facts_->isMultiplexed)) return std::nullopt;
     const int number = makeContainer(containers, path);
     if (number != 0) {
       systemLog("cannot make data container %@: %s", path, strerror(number));

@@ -29,14 +29,18 @@ std::string describe(const void* value) {
   }
 }
 
-constexpr bool isFlag(char c) { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0'; }
-constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+constexpr bool isFlag(char c) {
+  return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0';
+}
+constexpr bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
 
 /// One conversion of a format: "%[flags][width][.precision][length]letter".
 struct Conversion {
-  size_t begin = 0, end = 0;        // of the whole conversion in the format
-  std::string_view flags;           // flags, width and precision, as written
-  char letter = 0;                  // 0: the format ends inside the conversion
+  size_t begin = 0, end = 0;  // of the whole conversion in the format
+  std::string_view flags;     // flags, width and precision, as written
+  char letter = 0;            // 0: the format ends inside the conversion
 };
 
 /// The conversion that begins at `at`, where a '%' stands.
@@ -61,14 +65,20 @@ constexpr bool conversionTakes(char letter, FormatArgument::Kind kind) {
     case 'x':
     case 'X':
     case 'o':
-    case 'c': return kind == Kind::integer || kind == Kind::unsignedInteger;
+    case 'c':
+      return kind == Kind::integer || kind == Kind::unsignedInteger;
     case 'f':
     case 'g':
-    case 'e': return kind == Kind::real;
-    case 's': return kind == Kind::text;
-    case 'p': return kind == Kind::pointer;
-    case '@': return kind == Kind::object || kind == Kind::text;
-    default: return false;
+    case 'e':
+      return kind == Kind::real;
+    case 's':
+      return kind == Kind::text;
+    case 'p':
+      return kind == Kind::pointer;
+    case '@':
+      return kind == Kind::object || kind == Kind::text;
+    default:
+      return false;
   }
 }
 
@@ -77,7 +87,8 @@ consteval void checkFormat(std::string_view format, std::span<const FormatArgume
   for (size_t at = format.find('%'); at != std::string_view::npos;) {
     const Conversion conversion = parseConversion(format, at);
     if (conversion.letter != '%') {
-      if (used == kinds.size() || !conversionTakes(conversion.letter, kinds[used])) formatDoesNotFitItsArguments();
+      if (used == kinds.size() || !conversionTakes(conversion.letter, kinds[used]))
+        formatDoesNotFitItsArguments();
       ++used;
     }
     at = format.find('%', conversion.end);

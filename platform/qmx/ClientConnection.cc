@@ -68,7 +68,10 @@ void ClientChannel::send(Message message, ReplyHandler handler) {
       pending_.emplace(lastId_, std::move(handler));
     }
     if (!queued_.append(message)) {
-      failPending(ConnectionError::connectionInvalid);
+      if (const auto request = pending_.find(message.id); request != pending_.end()) {
+        deliverLater(std::pair(std::move(request->second), Reply(ConnectionError::connectionInvalid)));
+        pending_.erase(request);
+      }
       return;
     }
     if (state_ == State::disconnected) beginConnecting();
