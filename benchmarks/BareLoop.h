@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "bench/Processes.h"
+#include "benchmarks/Processes.h"
 
 namespace bench {
 

@@ -4,10 +4,10 @@
 #include <filesystem>
 #include <string>
 
-#include "bench/Benches.h"
-#include "bench/Pairs.h"
-#include "bench/Plugins.h"
-#include "bench/Processes.h"
+#include "benchmarks/Benches.h"
+#include "benchmarks/Pairs.h"
+#include "benchmarks/Plugins.h"
+#include "benchmarks/Processes.h"
 #include "platform/propertylist/PropertyList.h"
 
 namespace bench {

@@ -1,7 +1,7 @@
-#include "bench/Frames.h"
+#include "benchmarks/Frames.h"
 
-#include "bench/Plugins.h"
-#include "bench/Processes.h"
+#include "benchmarks/Plugins.h"
+#include "benchmarks/Processes.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/qmx/Limits.h"
 

@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "bench/Benches.h"
-#include "bench/Processes.h"
-#include "bench/Table.h"
+#include "benchmarks/Benches.h"
+#include "benchmarks/Processes.h"
+#include "benchmarks/Table.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "bench/Client.h"
+#include "benchmarks/Client.h"
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -9,8 +9,8 @@
 #include <deque>
 #include <utility>
 
-#include "bench/Pairs.h"
-#include "bench/Processes.h"
+#include "benchmarks/Pairs.h"
+#include "benchmarks/Processes.h"
 
 namespace bench {
 

@@ -1,4 +1,4 @@
-#include "bench/Table.h"
+#include "benchmarks/Table.h"
 
 #include <cstdio>
 #include <string_view>

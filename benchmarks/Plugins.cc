@@ -1,4 +1,4 @@
-#include "bench/Plugins.h"
+#include "benchmarks/Plugins.h"
 
 #include <sys/stat.h>
 
@@ -7,7 +7,7 @@
 #include <fstream>
 #include <map>
 
-#include "bench/Processes.h"
+#include "benchmarks/Processes.h"
 
 namespace bench {
 

@@ -1,12 +1,12 @@
 // The smallest request that does its whole way through the daemon and logs nothing, against a bare echo of
 // frames of the same sizes.
 
-#include "bench/Benches.h"
-#include "bench/Client.h"
-#include "bench/Frames.h"
-#include "bench/Pairs.h"
-#include "bench/Plugins.h"
-#include "bench/Processes.h"
+#include "benchmarks/Benches.h"
+#include "benchmarks/Client.h"
+#include "benchmarks/Frames.h"
+#include "benchmarks/Pairs.h"
+#include "benchmarks/Plugins.h"
+#include "benchmarks/Processes.h"
 
 namespace bench {
 

@@ -3,10 +3,10 @@
 
 #include <pugixml.hpp>
 
-#include "bench/Benches.h"
-#include "bench/CPUTime.h"
-#include "bench/Pairs.h"
-#include "bench/Plugins.h"
+#include "benchmarks/Benches.h"
+#include "benchmarks/CPUTime.h"
+#include "benchmarks/Pairs.h"
+#include "benchmarks/Plugins.h"
 #include "platform/propertylist/PropertyList.h"
 
 namespace bench {

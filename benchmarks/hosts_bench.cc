@@ -11,12 +11,12 @@
 #include <fstream>
 #include <sstream>
 
-#include "bench/Benches.h"
-#include "bench/Client.h"
-#include "bench/Frames.h"
-#include "bench/Pairs.h"
-#include "bench/Plugins.h"
-#include "bench/Processes.h"
+#include "benchmarks/Benches.h"
+#include "benchmarks/Client.h"
+#include "benchmarks/Frames.h"
+#include "benchmarks/Pairs.h"
+#include "benchmarks/Plugins.h"
+#include "benchmarks/Processes.h"
 #include "platform/security/Sandbox.h"
 
 namespace bench {

@@ -1,4 +1,4 @@
-#include "bench/BareLoop.h"
+#include "benchmarks/BareLoop.h"
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -10,7 +10,7 @@
 #include <map>
 #include <string_view>
 
-#include "bench/Client.h"
+#include "benchmarks/Client.h"
 
 namespace bench {
 

@@ -1,12 +1,12 @@
 // How much memory the daemon holds for each record in its cache, against the size of the Info files. Records
 // are brought in by small searches, so that no large reply counts.
 
-#include "bench/Benches.h"
-#include "bench/Client.h"
-#include "bench/Frames.h"
-#include "bench/Pairs.h"
-#include "bench/Plugins.h"
-#include "bench/Processes.h"
+#include "benchmarks/Benches.h"
+#include "benchmarks/Client.h"
+#include "benchmarks/Frames.h"
+#include "benchmarks/Pairs.h"
+#include "benchmarks/Plugins.h"
+#include "benchmarks/Processes.h"
 
 namespace bench {
 

@@ -1,4 +1,4 @@
-#include "bench/Processes.h"
+#include "benchmarks/Processes.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -19,9 +19,9 @@
 #include <fstream>
 #include <memory>
 
-#include "bench/BareLoop.h"
-#include "bench/Client.h"
-#include "bench/Pairs.h"
+#include "benchmarks/BareLoop.h"
+#include "benchmarks/Client.h"
+#include "benchmarks/Pairs.h"
 
 namespace bench {
 

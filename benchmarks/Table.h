@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "bench/Pairs.h"
+#include "benchmarks/Pairs.h"
 
 namespace bench {
 
