@@ -1,6 +1,9 @@
 # Sourced by the scripts at the root: installs what is missing and builds. Expects `set -euo pipefail` and the
 # current directory to be the repository.
 
+# Whoever builds the same sources in another directory finds what was compiled before.
+export CCACHE_NOHASHDIR=1 CCACHE_BASEDIR=$PWD
+
 # Installs the Debian packages of packaging/packages that are missing; quick when none is.
 install_packages() {
   local package missing=() as_root=()
