@@ -19,7 +19,7 @@ constexpr size_t kTrailerSize = 32;
 constexpr double k2001 = 978307200;  // 2001-01-01, from which dates count, in seconds since 1970
 /// What a list may expand to: in small files anything moderate, in others what naming keys and strings again
 /// and again saves at most, and never more than the largest file.
-constexpr uint64_t kModerateExpansion = 1 << 20;
+constexpr uint64_t kModerateExpansion = 256 << 10;
 constexpr uint64_t kExpansionFactor = 64;
 
 class Reader {
