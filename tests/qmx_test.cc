@@ -192,6 +192,15 @@ TEST(FramesTest, thatAreOversizedOrMalformedAreLoggedOnceAndCloseTheirConnection
   EXPECT_EQ(countLines(log, "a malformed frame"), bad.size() - 1);
   EXPECT_EQ(countLines(log, "an oversized frame"), 1u);
   EXPECT_EQ(log.size(), bad.size());
+  // Also when the end of the stream comes along.
+  const auto late = logOf([&] {
+    for (const std::string& each : {bad.front(), bad.back()}) {
+      WireClient client = service.connect();
+      client.sendBytes(each);
+    }
+    EXPECT_TRUE(service.waitFor("-", bad.size() + 2));
+  });
+  EXPECT_EQ(late.size(), 2u);
   EXPECT_EQ(other.call({{"still", "here"}})["still"], Value("here"));
 }
 
@@ -609,7 +618,7 @@ TEST(ListenerTest, makesASocketForThisUserAloneAndListensWhenResumed) {
   EXPECT_EQ(file.st_mode & 07777, 0600u);
   EXPECT_EQ(directory.st_mode & 07777, 0700u);
   EXPECT_LT(WireClient::connect(servicePath("private")).fd(), 0);
-  listener->resume();
+  EXPECT_FALSE(listener->resume());
   EXPECT_GE(WireClient::connect(servicePath("private")).fd(), 0);
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
@@ -698,7 +707,6 @@ TEST(ClientTest, getsTheRepliesOfManyThreadsRequests) {
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, t] {
         for (int i = 0; i < kRequests; ++i) {
-          const auto reply = client.connection;
           std::promise<bool> isRight;
           client.connection->sendWithReply({{"n", t * kRequests + i}}, [&](Connection::Reply&& result) {
             const auto* message = std::get_if<Message>(&result);

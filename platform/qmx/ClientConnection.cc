@@ -273,10 +273,16 @@ void ClientChannel::deliver() {
 
 // --- ClientConnection ---
 
+void ClientConnection::send(Message message) {
+  const std::shared_ptr<ClientChannel> channel = channel_;
+  channel->send(std::move(message), nullptr);
+}
+
 void ClientConnection::sendWithReply(Dictionary body, ReplyHandler handler) {
   // The reply comes whether or not anybody wants to see it.
   if (!handler) handler = [](Reply&&) {};
-  channel_->send(Message{.body = std::move(body), .kind = FrameKind::request, .id = 0}, std::move(handler));
+  const std::shared_ptr<ClientChannel> channel = channel_;
+  channel->send(Message{.body = std::move(body), .kind = FrameKind::request, .id = 0}, std::move(handler));
 }
 
 std::string ClientConnection::description() const {

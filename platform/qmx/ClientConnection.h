@@ -89,6 +89,7 @@ class ClientChannel : public std::enable_shared_from_this<ClientChannel> {
   bool isRegistered_ = false;
 };
 
+/// A handler may drop the connection while another thread is still inside the send that it answers.
 class ClientConnection final : public Connection {
  public:
   ClientConnection(const std::string& serviceName, SerialQueue& queue)
@@ -98,7 +99,7 @@ class ClientConnection final : public Connection {
   void setEventHandler(Handler handler) override { channel_->setEventHandler(std::move(handler)); }
   void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
   void resume() override { channel_->resume(); }
-  void send(Message message) override { channel_->send(std::move(message), nullptr); }
+  void send(Message message) override;
   void sendWithReply(Dictionary body, ReplyHandler handler) override;
   void cancel() override { channel_->cancel(); }
   const std::shared_ptr<const PeerIdentity>& peer() const override { return peer_; }

@@ -18,6 +18,10 @@ namespace {
 
 constexpr RunLoop::Events kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 constexpr const char* kMalformedFrame = "a malformed frame";
+constexpr const char* kOversizedFrame = "an oversized frame";
+
+// The loop looks at descriptors, and so takes ends of streams, after every request that took long.
+static_assert(RunLoop::kTurnBudget <= kLongRequest);
 
 /// What was due to a peer when its connection died: written as far as the peer takes it in time, then closed.
 class LastWords : public std::enable_shared_from_this<LastWords> {
@@ -142,7 +146,7 @@ bool PeerConnection::supply() {
   // Room for replies brings it back (flush()).
   if (state_ != State::live || output_.size() > kMaximumUnsentBytes) return false;
   if (reader_.count() == 0) {
-    if (reader_.isOversized()) die(Ending::flush, "an oversized frame");
+    if (reader_.isOversized()) die(Ending::flush, kOversizedFrame);
     return false;
   }
   if (!deliverFront()) {
@@ -159,6 +163,7 @@ void PeerConnection::deliverTheRest() {
     systemLog("closing %@: %s", *this, kMalformedFrame);
     return;
   }
+  if (reader_.isOversized()) systemLog("closing %@: %s", *this, kOversizedFrame);
 }
 
 /// Hands the first frame over; false when it is malformed.

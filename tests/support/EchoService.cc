@@ -29,7 +29,7 @@ EchoService::EchoService(std::string name) : name_(std::move(name)) {
   listener_ = std::move(std::get<std::unique_ptr<qmx::Listener>>(listener));
   listener_->setConnectionHandler(
       [this](const std::shared_ptr<qmx::Connection>& connection) { welcome(connection); });
-  listener_->resume();
+  EXPECT_FALSE(listener_->resume());
   thread_ = std::thread([this] { loop.run(); });
 }
 
