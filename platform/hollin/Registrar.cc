@@ -196,8 +196,11 @@ Registrar::Report Registrar::applyScan(const Scan& scan, bool isEverything, uint
   postpone(isBusy, sightings, report);
   readMissingFacts(sightings, report);
   apply(sightings, since, report);
-  if (!isBusy) learnSDKsInUse();
-  save();
+  if (isBusy) {
+    save();
+  } else {
+    learnSDKsInUse();
+  }
   return report;
 }
 

@@ -28,8 +28,9 @@ constexpr const char* kSettings =
     "PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL; PRAGMA mmap_size = 0;"
     "PRAGMA temp_store = MEMORY; PRAGMA cache_spill = OFF; PRAGMA trusted_schema = OFF;";
 
+/// Its transaction ends with the first save, so that a first start syncs once.
 constexpr const char* kSchema = R"(
-  BEGIN;
+  BEGIN IMMEDIATE;
   CREATE TABLE IF NOT EXISTS bundle (
     id INTEGER PRIMARY KEY,
     path BLOB NOT NULL,
@@ -56,7 +57,6 @@ constexpr const char* kSchema = R"(
     PRIMARY KEY (bundle, identifier)
   ) WITHOUT ROWID;
   PRAGMA user_version = 1;
-  COMMIT;
 )";
 constexpr int kVersion = 1;
 
@@ -253,8 +253,10 @@ int Store::writeAll(const std::function<std::vector<Registration>()>& next) {
     if (code != SQLITE_OK) return code;
   }
   std::vector<Registration> batch = next();
-  if (batch.empty()) return SQLITE_OK;
-  if (const int code = execute("BEGIN IMMEDIATE"); code != SQLITE_OK) return code;
+  const bool isBegun = sqlite3_get_autocommit(database_.get()) == 0;
+  if (batch.empty() && !isBegun) return SQLITE_OK;
+  if (!isBegun)
+    if (const int code = execute("BEGIN IMMEDIATE"); code != SQLITE_OK) return code;
   for (; !batch.empty(); batch = next())
     for (const Registration& registration : batch)
       if (const int code = write(registration); code != SQLITE_OK) return code;
@@ -265,12 +267,12 @@ Store::Saved Store::save(const std::function<std::vector<Registration>()>& next)
   const int code = writeAll(next);
   if (code == SQLITE_OK) return Saved::yes;
   const std::string text = reason(code);
-  if (database_ != nullptr && sqlite3_get_autocommit(database_.get()) == 0) execute("ROLLBACK");
   if (isDamage(code)) {
     setAside(text.c_str(), "it is written anew from memory");
     return Saved::restart;
   }
   systemLog("cannot save registrations to %@: %s", path_, text);
+  close();  // rolls back, and begins anew with the next save
   return Saved::no;
 }
 

@@ -32,8 +32,9 @@ class Store {
   std::optional<Error> open(double now, std::vector<Registration>& registrations);
 
   enum class Saved { yes, no, restart };
-  /// Writes in one transaction what `next` answers until that is nothing. `no`: nothing was written, and the
-  /// log says why. `restart`: the database was damaged and is now empty; everything is to be saved again.
+  /// Writes in one transaction what `next` answers until that is nothing. A new database appears with the
+  /// first. `no`: nothing was written, and the log says why. `restart`: the database was damaged and is now
+  /// empty; everything is to be saved again.
   Saved save(const std::function<std::vector<Registration>()>& next);
 
  private:
