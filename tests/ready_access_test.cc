@@ -204,6 +204,15 @@ TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {
   EXPECT_FALSE(daemon->logs("PLUGIN REMOVAL:"));
 }
 
+TEST_F(Ready, ARegistrationThatCannotBeRemovedIsReported) {
+  const std::string application = root.install("A.app", {{.identifier = "a"}});
+  start();
+  uuidOf(*client, "a");
+  writeText(root.runtime() + "/Launcher", "no directory");
+  fs::rename(application, root.path() + "/away");
+  EXPECT_TRUE(daemon->waitForLog("PLUGIN REMOVAL:a RESULT:20"));
+}
+
 TEST_F(Ready, AccessGivesOneTokenForEachInOrderAndAsksNothing) {
   root.install("A.app", {{.identifier = "open"},
                          {.identifier = "held"},

@@ -211,8 +211,8 @@ TEST_F(Requests, WhatIsNoFrameClosesItsConnectionAndNoOther) {
 
 TEST_F(Requests, APeerIsReportedWhenItComesWhenItExitsAndWhenItDies) {
   const std::string pid = std::to_string(getpid());
-  EXPECT_TRUE(daemon.logs("client " + pid + " " + std::filesystem::canonical("/proc/self/exe").string()));
   client.call(message("bulk"));
+  EXPECT_TRUE(daemon.logs("client " + pid + " " + std::filesystem::canonical("/proc/self/exe").string()));
   EXPECT_TRUE(daemon.logs("client " + pid + " request bulk"));
   client.close();
   EXPECT_TRUE(daemon.waitForLog("client " + pid + " is dead"));
