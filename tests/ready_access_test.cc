@@ -208,9 +208,9 @@ TEST_F(Ready, ARegistrationThatCannotBeRemovedIsReported) {
   const std::string application = root.install("A.app", {{.identifier = "a"}});
   start();
   uuidOf(*client, "a");
-  writeText(root.runtime() + "/Launcher", "no directory");
+  fs::create_directories(registrationPath(UUID()));  // no file: it cannot be unlinked
   fs::rename(application, root.path() + "/away");
-  EXPECT_TRUE(daemon->waitForLog("PLUGIN REMOVAL:a RESULT:20"));
+  EXPECT_TRUE(daemon->waitForLog("PLUGIN REMOVAL:a RESULT:21"));
 }
 
 TEST_F(Ready, AccessGivesOneTokenForEachInOrderAndAsksNothing) {

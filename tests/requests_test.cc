@@ -2,6 +2,7 @@
 // typed reading, messages without a reply, what is logged and when.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -209,35 +210,51 @@ TEST_F(Requests, WhatIsNoFrameClosesItsConnectionAndNoOther) {
   EXPECT_EQ(errorOf(other.call(message("bulk"))), "");
 }
 
-TEST_F(Requests, APeerIsReportedWhenItComesWhenItExitsAndWhenItDies) {
+TEST_F(Requests, APeerIsReportedWhenItComesAsksAndDies) {
   const std::string pid = std::to_string(getpid());
   client.call(message("bulk"));
   EXPECT_TRUE(daemon.logs("client " + pid + " " + std::filesystem::canonical("/proc/self/exe").string()));
   EXPECT_TRUE(daemon.logs("client " + pid + " request bulk"));
   client.close();
   EXPECT_TRUE(daemon.waitForLog("client " + pid + " is dead"));
+}
 
-  // A process that connects and exits while this one keeps the socket open.
-  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+/// Lets a child process connect `socket` and exit after `delay`; answers its pid, 0 when it failed.
+pid_t connectedByAChild(const Daemon& daemon, const FileDescriptor& socket, useconds_t delay) {
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
   daemon.socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
   const pid_t child = fork();
   if (child == 0) {
-    const bool connected =
-        ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    usleep(200'000);  // long enough to be accepted while alive
-    _exit(connected ? 0 : 1);
+    const int result = ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    usleep(delay);
+    _exit(result);
   }
   int status = 0;
   waitpid(child, &status, 0);
-  ASSERT_EQ(status, 0);
-  const std::string childPid = std::to_string(child);
-  EXPECT_TRUE(daemon.waitForLog("client " + childPid + " termination imminent"));
+  return status == 0 ? child : 0;
+}
+
+TEST_F(Requests, APeerWhoseProcessIsGoneIsServedUntilItsSocketCloses) {
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const std::string pid = std::to_string(connectedByAChild(daemon, socket, 200'000));
+  EXPECT_TRUE(daemon.waitForLog("client " + pid + " termination imminent"));
   WireClient survivor(std::move(socket));
-  EXPECT_EQ(errorOf(survivor.call(message("bulk"))), "") << "a dying peer is still served";
+  EXPECT_EQ(errorOf(survivor.call(message("bulk"))), "");
   survivor.close();
-  EXPECT_TRUE(daemon.waitForLog("client " + childPid + " is dead"));
-  EXPECT_EQ(daemon.logCount("client " + childPid + " termination imminent"), 1u);
+  EXPECT_TRUE(daemon.waitForLog("client " + pid + " is dead"));
+  EXPECT_EQ(daemon.logCount("client " + pid + " termination imminent"), 1u);
+}
+
+TEST_F(Requests, APeerThatExitsBeforeItIsLookedAtHasNoKnownExecutable) {
+  kill(daemon.pid(), SIGSTOP);
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const std::string pid = std::to_string(connectedByAChild(daemon, socket, 0));
+  kill(daemon.pid(), SIGCONT);
+  WireClient survivor(std::move(socket));
+  EXPECT_EQ(errorOf(survivor.call(message("match"))), "");
+  EXPECT_TRUE(daemon.logs("client " + pid + " (unknown)"));
+  EXPECT_EQ(errorOf(survivor.call(message("match", {{"flags", 0x200}}))),
+            "11: unauthorized discovery flag (ABDiscoverAll)");
 }
 
 TEST_F(Requests, Every1000thRequestOfAClientIsCounted) {
