@@ -79,7 +79,6 @@ void Monitor::registrationsChanged() {
 }
 
 void Monitor::run() {
-  registrar_.save();  // what the start found: nobody need wait for that
   watchPlaces();
   watchRegistered();
   scanEverything();

@@ -38,9 +38,8 @@ class Monitor {
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
 
-  /// Saves what the scan at start found, begins watching, and looks at everything once more: what changed
-  /// since that scan is found. Then makes data containers of the plug-ins that were registered at start.
-  /// Once.
+  /// Begins watching, and looks at everything once more: what changed since the scan at start is found. Then
+  /// makes data containers of the plug-ins that were registered at start. Once.
   void start(std::vector<std::shared_ptr<const PlugInProxy>> registered);
   /// What is registered by path changed. Any thread.
   void registrationsChanged();

@@ -196,11 +196,8 @@ Registrar::Report Registrar::applyScan(const Scan& scan, bool isEverything, uint
   postpone(isBusy, sightings, report);
   readMissingFacts(sightings, report);
   apply(sightings, since, report);
-  if (isBusy) {
-    save();
-  } else {
-    learnSDKsInUse();
-  }
+  if (!isBusy) learnSDKsInUse();
+  save();
   return report;
 }
 
