@@ -27,12 +27,16 @@ struct Case {
   bool holds;
 };
 
-class Operators : public testing::Test {
+class DeviceWithTypes : public testing::Test {
  protected:
   void SetUp() override {
     writePropertyList(thisDevice().dataUser() + "/Types/test.plist",
                       Dictionary{{"type.child", Array{"type.parent"}}, {"type.parent", Array{"type.root"}}});
   }
+};
+
+class Operators : public DeviceWithTypes {
+ protected:
   static void expect(const std::vector<Case>& cases) {
     for (const Case& each : cases)
       EXPECT_EQ(ABDPlugIn::matchString(each.value, each.pattern), each.holds)
@@ -102,7 +106,7 @@ TEST_F(Operators, ListsHoldWhenOneElementDoesAndNonStringsNever) {
   EXPECT_FALSE(ABDPlugIn::matchValue(1, "1"));
 }
 
-class Rules : public testing::Test {
+class Rules : public DeviceWithTypes {
  protected:
   static const ABDPlugIn& plugIn() {
     static const auto record = testsupport::installedRecord(
