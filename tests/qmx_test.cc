@@ -83,6 +83,7 @@ sockaddr_un addressOf(const std::string& path) {
 FileDescriptor boundSocket(const std::string& path, bool listens) {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = addressOf(path);
+  unlink(path.c_str());
   EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   if (listens) {
     EXPECT_EQ(listen(socket.get(), 16), 0);
@@ -263,7 +264,7 @@ TEST(DeathTest, isNoticedBeforeTheNextOfTheWaitingRequests) {
   ASSERT_TRUE(service.waitFor("+", 2));
   std::string requests;
   for (const char* tag : {"a", "b", "c"})
-    requests += frameBytes(FrameKind::request, 1, Dictionary{{"tag", tag}, {"sleep", 100}});
+    requests += frameBytes(FrameKind::request, 1, Dictionary{{"tag", tag}, {"sleep", 250}});
   slow.sendBytes(requests);
   ASSERT_TRUE(service.waitFor("a"));
   other.close();
@@ -279,7 +280,7 @@ TEST(DeathTest, dropsWhatIsUnservedButWritesRepliesThatAreDue) {
   constexpr size_t kSize = 20'000'000;
   client.send({{"size", kSize}, {"tag", "a"}});
   ASSERT_TRUE(service.waitFor("a"));
-  client.send({{"sleep", 100}, {"tag", "b"}});
+  client.send({{"sleep", 300}, {"tag", "b"}});
   client.send({{"tag", "c"}});
   client.send({{"tag", "d"}});
   ASSERT_TRUE(service.waitFor("b"));
