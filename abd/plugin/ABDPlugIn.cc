@@ -20,12 +20,12 @@ int64_t wholeSeconds(Date date) {
 std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmbrelProxy> proxy) {
   const auto url = proxy->bundleURL();
   if (!url) return nullptr;
-  Dictionary info = prunedInfoDictionaryFor(ABBundle::initWithURL(*url)->infoDictionary());
+  const std::optional<Dictionary> info = ABBundle::initWithURL(*url)->infoDictionary();
 
   auto record = std::make_shared<ABDPlugIn>();
   const String& identifier = proxy->pluginIdentifier();
   if (!record->setupWithName(identifier.size() != 0 ? std::optional(identifier) : std::nullopt, url,
-                             std::move(info), proxy->ambrelDictionary(), proxy->pluginUUID()))
+                             prunedInfoDictionaryFor(info), proxy->ambrelDictionary(), proxy->pluginUUID()))
     return nullptr;
   record->hlproxy_ = std::move(proxy);
   const HLAmbrelProxy& data = *record->hlproxy_;
@@ -43,7 +43,7 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
     systemLog("ignoring mis-configured plug-in at %@: %@", record->path(), error->localizedDescription());
     return nullptr;
   }
-  record->readNames();
+  record->readNames(info);
   return record;
 }
 
@@ -79,9 +79,12 @@ void ABDPlugIn::setName(Name which, std::optional<String> name) {
   names_[which] = std::move(name);
 }
 
-void ABDPlugIn::readNames() const {
-  localizedName();
-  localizedShortName();
+void ABDPlugIn::readNames(const std::optional<Dictionary>& info) {
+  if (info) {
+    const qmx::BundleNames names = qmx::localizedBundleNames(path(), *info);
+    setName(displayName, names.display);
+    setName(shortName, names.brief);
+  }
   localizedContainingName();
 }
 

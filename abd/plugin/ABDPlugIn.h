@@ -97,8 +97,8 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   using RegistryAnswer = std::optional<std::string> (*)(const HLAmbrelProxy&);
   std::optional<String> name(Name which, RegistryAnswer ask) const;
   void setName(Name which, std::optional<String> name);
-  /// Asks for all names once, while the bundle's Info file has just been parsed anyway.
-  void readNames() const;
+  /// Reads all names once, those of the bundle from its Info dictionary, which is at hand.
+  void readNames(const std::optional<Dictionary>& info);
   std::shared_ptr<const HLApplicationProxy> containingApplication() const;
   std::shared_ptr<const PlugInForm::KeptPart> keptPart(std::optional<Error>* error) const;
   Value valueForRuleKey(std::string_view key) const;

@@ -1,6 +1,7 @@
 #include "platform/qmx/Bundle.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "platform/propertylist/PropertyListCache.h"
+#include "platform/system/CanonicalOpen.h"
 #include "platform/system/Directories.h"
 
 namespace platform::qmx {
@@ -27,6 +29,16 @@ PropertyListCache& cache() {
 bool isKind(const std::string& path, mode_t kind) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == kind;
+}
+
+/// The canonical path of a directory; "" when it is none.
+std::string canonicalDirectory(const std::string& path) {
+  if (const FileDescriptor file = openCanonical(path)) {
+    struct stat status {};
+    return fstat(file.get(), &status) == 0 && S_ISDIR(status.st_mode) ? path : std::string();
+  }
+  std::string canonical = canonicalPath(path);
+  return !canonical.empty() && isKind(canonical, S_IFDIR) ? canonical : std::string();
 }
 
 bool isExecutablesBundle(const std::string& directory) {
@@ -59,6 +71,8 @@ std::vector<std::string> languageNames() {
 /// The bundle's own words in the user's language, or none.
 std::optional<Dictionary> localization(const std::string& path) {
   static const auto& names = *new std::vector<std::string>(languageNames());
+  // Most bundles have none: one question instead of one for each name.
+  if (names.empty() || access((path + "/Localizations").c_str(), F_OK) != 0) return std::nullopt;
   for (const std::string& name : names)
     if (auto words = cache().dictionary(path + "/Localizations/" + name + ".plist")) return words;
   return std::nullopt;
@@ -76,13 +90,12 @@ std::optional<std::string> firstString(const std::optional<Dictionary>& words, c
 
 std::shared_ptr<const Bundle> Bundle::create(const std::string& path, Mode mode) {
   std::shared_ptr<Bundle> bundle(new Bundle);
-  std::string canonical = canonicalPath(path);
   if (mode == directory) {
-    if (canonical.empty() || !isKind(canonical, S_IFDIR)) return nullptr;
-    bundle->path_ = std::move(canonical);
+    bundle->path_ = canonicalDirectory(path);
     bundle->isRecognised_ = true;
-    return bundle;
+    return bundle->path_.empty() ? nullptr : bundle;
   }
+  std::string canonical = canonicalPath(path);
   for (size_t slash = canonical.rfind('/'); slash != std::string::npos && slash > 0;
        slash = canonical.rfind('/')) {
     canonical.resize(slash);
@@ -135,13 +148,20 @@ void Bundle::clearCaches() {
 }
 
 std::optional<std::string> localizedBundleName(const std::string& path, const Dictionary& info) {
-  const auto words = localization(path);
-  if (auto name = firstString(words, info, "BWBundleDisplayName")) return name;
-  return firstString(words, info, "BWBundleName");
+  return localizedBundleNames(path, info).display;
 }
 
 std::optional<std::string> localizedBundleShortName(const std::string& path, const Dictionary& info) {
-  return firstString(localization(path), info, "BWBundleName");
+  return localizedBundleNames(path, info).brief;
+}
+
+BundleNames localizedBundleNames(const std::string& path, const Dictionary& info) {
+  const auto words = localization(path);
+  BundleNames names;
+  names.brief = firstString(words, info, "BWBundleName");
+  names.display = firstString(words, info, "BWBundleDisplayName");
+  if (!names.display) names.display = names.brief;
+  return names;
 }
 
 }  // namespace platform::qmx

@@ -54,5 +54,10 @@ class Bundle {
 /// asked: "de_AT.UTF-8" finds de_AT, de-AT or de, whichever is there first.
 std::optional<std::string> localizedBundleName(const std::string& path, const Dictionary& info);
 std::optional<std::string> localizedBundleShortName(const std::string& path, const Dictionary& info);
+struct BundleNames {
+  std::optional<std::string> display, brief;
+};
+/// Both with one look-up.
+BundleNames localizedBundleNames(const std::string& path, const Dictionary& info);
 
 }  // namespace platform::qmx

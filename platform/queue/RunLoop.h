@@ -27,9 +27,10 @@ class RunLoop {
   using Events = uint32_t;
   using Work = platform::Work;
 
-  /// After a piece of work that took longer, or several that did together, descriptors are looked at before
-  /// the next piece runs.
-  static constexpr std::chrono::milliseconds kTurnBudget{1};
+  /// After a piece of work that took longer, or several that did together, replies are written and
+  /// descriptors are looked at before the next piece runs: a reply does not wait behind somebody else's long
+  /// request.
+  static constexpr std::chrono::microseconds kTurnBudget{50};
 
   /// What has pieces of work waiting, or something to do when a turn ends, and takes part in turns without a
   /// closure for each.
