@@ -194,15 +194,13 @@ struct Rank {
 };
 
 uint64_t prefixOf(std::string_view key) {
-  constexpr size_t kSize = sizeof(uint64_t);
-  if (key.empty()) return 0;
-  uint64_t word;
-  const size_t missing = kSize - std::min(kSize, key.size());
-  // Of a shorter key the eight bytes that end with it, which begin inside its storage's head.
-  static_assert(sizeof(detail::BytesNode) >= kSize);
-  std::memcpy(&word, key.data() - missing, sizeof word);
-  if constexpr (std::endian::native == std::endian::little) return __builtin_bswap64(word >> 8 * missing);
-  return word << 8 * missing;
+  uint64_t word = 0;
+  if (key.size() >= sizeof word) {
+    std::memcpy(&word, key.data(), sizeof word);
+  } else if (!key.empty()) {
+    std::memcpy(&word, key.data(), key.size());
+  }
+  return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
 }
 
 /// Ranks of entries, and their order.
