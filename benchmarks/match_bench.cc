@@ -118,10 +118,18 @@ double readParseAndMerge(const Population& device) {
 void benchDefaultLimit(size_t count, size_t repeats) {
   const Population& device = population(count);
   const Daemon daemon(device.dataHome, device.place + "/default", -1);
+  Question question(daemon, matchFrame({}));
+  BareAnswer answer = question.answer();
+  answer.work = [&device, tokens = std::move(answer.work)] {
+    readParseAndMerge(device);
+    tokens();
+  };
+  const BareServer bare({answer});
   pin(daemon.pid(), true);
-  Client client(daemon.socketPath());
-  const std::string frame = matchFrame({});
-  report("(b) all of " + plugInsText(count) + ", default cache, against read+parse+merge",
+  pin(bare.pid(), true);
+  const auto match = [&] { return ask(question.subject, question.frame, repeats); };
+  const std::string name = "(b) all of " + plugInsText(count) + ", default cache, against read+parse+merge";
+  report(name,
          measurePairs(
              5,
              [&] {
@@ -129,8 +137,15 @@ void benchDefaultLimit(size_t count, size_t repeats) {
                for (size_t i = 0; i < repeats; i++) spent += readParseAndMerge(device);
                return spent / static_cast<double>(repeats);
              },
-             [&] { return ask(client, frame, repeats); }),
+             match),
          1.5);
+  // How much of the rest is the tokens and the bytes, which the files alone do not pay for.
+  Client baseline(bare.socketPath());
+  const std::string bareFrame = bareRequest(question.frame.size());
+  report(name + "+tokens+sending",
+         measurePairs(
+             5, [&] { return ask(baseline, bareFrame, repeats); }, match),
+         std::nullopt);
 }
 
 }  // namespace
