@@ -29,13 +29,19 @@ bool DuplicateResolver::VersionOrder::operator()(std::string_view a, std::string
   return ambrel::compareVersionString(a, b) < 0;
 }
 
-DuplicateResolver::DuplicateResolver(uint64_t flags)
+DuplicateResolver::DuplicateResolver(uint64_t flags, size_t expected)
     : keepsAllVersions_((flags & ambrel::ABDiscoverAllVersions) != 0),
-      keepsEverything_(keepsAllVersions_ && (flags & ambrel::ABDiscoverDuplicates) != 0) {}
+      keepsEverything_(keepsAllVersions_ && (flags & ambrel::ABDiscoverDuplicates) != 0) {
+  if (keepsEverything_) return;
+  accepted_.reserve(expected);
+  isDisplaced_.reserve(expected);
+  groups_.reserve(expected);
+}
 
 DuplicateResolver::Verdict DuplicateResolver::admit(Candidate candidate) {
   if (keepsEverything_) return {.accepted = true, .displaced = {}};
   Group& group = groups_[candidate.identifier.view()];
+  if (keepsAllVersions_ && group.versions == nullptr) group.versions = std::make_unique<Versions>();
   const std::optional<size_t> rival = firstRival(group, candidate);
   if (rival) {
     const Candidate& other = accepted_[*rival];
@@ -55,12 +61,13 @@ DuplicateResolver::Verdict DuplicateResolver::admit(Candidate candidate) {
 /// The first of the accepted ones at which the scan would end.
 std::optional<size_t> DuplicateResolver::firstRival(Group& group, const Candidate& candidate) {
   if (keepsAllVersions_ && candidate.version) {
+    const Versions& versions = *group.versions;
     std::optional<size_t> rival;
-    if (const auto same = group.byVersion.find(candidate.version->view());
-        same != group.byVersion.end() && !same->second.empty())
+    if (const auto same = versions.byVersion.find(candidate.version->view());
+        same != versions.byVersion.end() && !same->second.empty())
       rival = same->second.front();
-    if (!group.withoutVersion.empty())
-      rival = rival ? std::min(*rival, group.withoutVersion.front()) : group.withoutVersion.front();
+    if (!versions.withoutVersion.empty())
+      rival = rival ? std::min(*rival, versions.withoutVersion.front()) : versions.withoutVersion.front();
     return rival;
   }
   while (group.first < group.members.size() && isDisplaced_[group.members[group.first]]) ++group.first;
@@ -69,7 +76,8 @@ std::optional<size_t> DuplicateResolver::firstRival(Group& group, const Candidat
 }
 
 std::vector<size_t>& DuplicateResolver::sameVersion(Group& group, const Candidate& candidate) {
-  return candidate.version ? group.byVersion[candidate.version->view()] : group.withoutVersion;
+  Versions& versions = *group.versions;
+  return candidate.version ? versions.byVersion[candidate.version->view()] : versions.withoutVersion;
 }
 
 }  // namespace abd

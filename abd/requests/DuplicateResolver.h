@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <unordered_map>
@@ -30,8 +31,8 @@ class DuplicateResolver {
     std::optional<size_t> displaced;
   };
 
-  /// `flags` are the discovery flags of the request.
-  explicit DuplicateResolver(uint64_t flags);
+  /// `flags` are the discovery flags of the request; about `expected` candidates will be accepted.
+  explicit DuplicateResolver(uint64_t flags, size_t expected = 0);
 
   Verdict admit(Candidate candidate);
 
@@ -39,13 +40,17 @@ class DuplicateResolver {
   struct VersionOrder {
     bool operator()(std::string_view a, std::string_view b) const;
   };
-  /// The accepted candidates of one identifier, by their numbers in order of acceptance.
+  /// Where all versions are wanted: the accepted candidates of one identifier that were not displaced.
+  struct Versions {
+    std::map<std::string_view, std::vector<size_t>, VersionOrder> byVersion;
+    std::vector<size_t> withoutVersion;
+  };
+  /// The accepted candidates of one identifier, by their numbers in order of acceptance. Few bytes: there are
+  /// mostly as many groups as candidates.
   struct Group {
     std::vector<size_t> members;  // those before `first` were displaced
     size_t first = 0;
-    // Only when all versions are wanted; displaced ones are taken out.
-    std::map<std::string_view, std::vector<size_t>, VersionOrder> byVersion;
-    std::vector<size_t> withoutVersion;
+    std::unique_ptr<Versions> versions;  // only when all versions are wanted
   };
 
   std::optional<size_t> firstRival(Group& group, const Candidate& candidate);

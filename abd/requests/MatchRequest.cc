@@ -72,7 +72,11 @@ bool Search::finds(const ABDPlugIn& plugIn) const {
 /// overrides may still name them.
 class Matches {
  public:
-  Matches(ABDServer& server, uint64_t flags) : server_(server), duplicates_(flags) {}
+  /// At most `candidates` will be added.
+  Matches(ABDServer& server, uint64_t flags, size_t candidates)
+      : server_(server), duplicates_(flags, candidates) {
+    accepted_.reserve(candidates);
+  }
 
   void add(const ABDPlugIn& plugIn);
   void markOverrides();
@@ -168,7 +172,7 @@ void Transaction::matchPlugIns() {
   const ABDPlugInSet candidates = server().findPlugIns(rules).value_or(ABDPlugInSet{});
   trace::discoverRaw(static_cast<uint32_t>(candidates.size()));
 
-  Matches matches(server(), flags);
+  Matches matches(server(), flags, candidates.size());
   for (const std::shared_ptr<ABDPlugIn>& plugIn : candidates)
     if (search.finds(*plugIn)) matches.add(*plugIn);
   matches.markOverrides();
