@@ -1,0 +1,122 @@
+// What the system does for an answered "annotate", seen from outside: the calls and their order, and each of
+// them failing once.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <sstream>
+
+#include "tests/support/Daemon.h"
+
+namespace testsupport {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// strace(1) of a running daemon, with `options`, until the object is gone.
+class SystemCalls {
+ public:
+  SystemCalls(const DeviceRoot& root, pid_t pid, std::vector<std::string> options)
+      : file_(root.path() + "/calls") {
+    fs::remove(file_);
+    const std::string errors = root.path() + "/strace.log";
+    fs::remove(errors);
+    std::vector<std::string> arguments = {"/usr/bin/strace",  "-f", "-y", "-o", file_, "-p",
+                                          std::to_string(pid)};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    strace_ = std::make_unique<Process>(arguments, root.environment(), errors);
+    isAttached_ = eventually([&] {
+                    return readText(errors).find(" attached") != std::string::npos || !strace_->isRunning();
+                  }) &&
+                  strace_->isRunning();
+  }
+  ~SystemCalls() { lines(); }
+
+  bool isAttached() const { return isAttached_; }
+  /// Ends the trace; its lines without the numbers of threads.
+  std::vector<std::string> lines() {
+    strace_->signal(SIGINT);
+    strace_->waitForExit();
+    std::vector<std::string> result;
+    std::istringstream text(readText(file_));
+    for (std::string line; std::getline(text, line);)
+      result.push_back(line.substr(std::min(line.find_first_not_of("0123456789 "), line.size())));
+    return result;
+  }
+
+ private:
+  std::string file_;
+  std::unique_ptr<Process> strace_;
+  bool isAttached_ = false;
+};
+
+class Durability : public testing::Test {
+ protected:
+  void SetUp() override {
+    root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
+    daemon.emplace(root, Daemon::Options{.arguments = {}});
+    client.emplace(daemon->connect());
+    a = uuidOf(*client, "a");
+    b = uuidOf(*client, "b");
+  }
+  std::string elect(const UUID& plugIn, int election) {
+    return errorOf(client->call(message(
+        "annotate", {{"uuids", uuidArray({plugIn})}, {"annotations", Dictionary{{"election", election}}}})));
+  }
+
+  DeviceRoot root;
+  const std::string directory = fs::path(root.annotationFile()).parent_path();
+  std::optional<Daemon> daemon;
+  std::optional<WireClient> client;
+  UUID a, b;
+};
+
+TEST_F(Durability, TheFileAndItsNameAreOnDiskBeforeTheReply) {
+  SystemCalls calls(root, daemon->pid(), {"-e", "trace=write,fsync,rename,sendto"});
+  if (!calls.isAttached()) GTEST_SKIP() << "processes cannot be traced here";
+  EXPECT_EQ(elect(a, 1), "");
+  const std::string temporary = directory + "/.Annotations.tmp-";
+  std::vector<std::string> order;
+  for (const std::string& line : calls.lines()) {
+    const std::string call = line.substr(0, line.find('('));
+    if (call == "sendto") order.push_back("reply");
+    if (line.find(temporary) != std::string::npos) order.push_back(call + " file");
+    if (line.find("<" + directory + ">") != std::string::npos) order.push_back(call + " directory");
+    if (line.find("annotation-change>") != std::string::npos) order.push_back(call + " notification");
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{"write file", "fsync file", "rename file", "fsync directory",
+                                             "write notification", "reply"}));
+}
+
+TEST_F(Durability, EachStepMayFailOnceAndNothingIsLost) {
+  int election = 1;
+  ASSERT_EQ(elect(a, election), "");
+  // The first write is the log's entry about the election.
+  for (const char* failure :
+       {"write:error=ENOSPC:when=2", "fsync:error=EIO:when=1", "rename:error=EACCES:when=1",
+        "fsync:error=EIO:when=2", "openat:error=EMFILE:when=1"}) {
+    const std::string before = readText(root.annotationFile());
+    const size_t reports =
+        daemon->logCount("unable to save annotations:file://" + root.annotationFile() + " error:");
+    ++election;
+    {
+      SystemCalls calls(root, daemon->pid(), {"-e", std::string("inject=") + failure});
+      if (!calls.isAttached()) GTEST_SKIP() << "processes cannot be traced here";
+      EXPECT_EQ(elect(a, election), "") << "a failed save does not change the reply";
+    }
+    EXPECT_EQ(daemon->logCount("unable to save annotations:"), reports + 1) << failure;
+    const bool isRenamed = std::string_view(failure) == "fsync:error=EIO:when=2";
+    EXPECT_EQ(readText(root.annotationFile()) == before, !isRenamed) << failure;
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1)
+        << "no temporary file is left by " << failure;
+    EXPECT_EQ(elect(b, election), "");
+    EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"a", Dictionary{{"election", election}}},
+                                                                {"b", Dictionary{{"election", election}}}}))
+        << failure;
+  }
+}
+
+}  // namespace
+}  // namespace testsupport
