@@ -65,9 +65,14 @@ Result<Dictionary> readTable(const std::string& path) {
   return tableOfFile(std::get<Value>(file));
 }
 
+/// The file's bytes. A file beyond the limit of reading is refused: the next start would find nothing.
 Result<std::string> serializedTable(const Dictionary& table) {
-  return serializePropertyList(
-      Dictionary{{kVersionKey, ABDAnnotationStore::kFileVersion}, {kDataKey, table}});
+  auto bytes =
+      serializePropertyList(Dictionary{{kVersionKey, ABDAnnotationStore::kFileVersion}, {kDataKey, table}});
+  if (const auto* text = std::get_if<std::string>(&bytes);
+      text != nullptr && text->size() > kMaximumAnnotationFile)
+    return Error::posix(EFBIG);
+  return bytes;
 }
 
 /// `table` without the records that no file can hold.
