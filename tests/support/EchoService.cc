@@ -100,7 +100,7 @@ void EchoService::handle(const std::weak_ptr<qmx::Connection>& weak, qmx::Event&
 
 void EchoService::serve(qmx::Connection& connection, const qmx::Message& request) {
   if (const String* tag = request.string("tag")) add(*tag);
-  if (request.body.contains("cancel")) connection.cancel();
+  if (request.body.contains("cancel")) return connection.cancel();
   std::this_thread::sleep_for(std::chrono::milliseconds(request.unsignedValue("sleep")));
   if (!request.wantsReply()) return;
   qmx::Message reply = request.createReply();
