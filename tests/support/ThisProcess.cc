@@ -1,5 +1,6 @@
 #include "tests/support/ThisProcess.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
@@ -27,6 +28,11 @@ std::vector<std::string> logEntries(const std::string& standardError) {
     if (!line.starts_with("INSTALLED:") && !line.starts_with("UNINSTALLED:")) entries.push_back(line);
   }
   return entries;
+}
+
+size_t entriesWith(const std::vector<std::string>& log, std::string_view text) {
+  return static_cast<size_t>(std::ranges::count_if(
+      log, [text](const std::string& each) { return each.find(text) != std::string::npos; }));
 }
 
 unsigned testSeed() {

@@ -32,6 +32,9 @@ const DeviceRoot& thisDevice();
 /// registry's announcements come in their own time and are left out.
 std::vector<std::string> logEntries(const std::string& standardError);
 
+/// How many of the entries contain `text`.
+size_t entriesWith(const std::vector<std::string>& log, std::string_view text);
+
 /// What `work` writes to the log.
 template <typename F>
 std::vector<std::string> logOf(F work) {
