@@ -6,26 +6,25 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyListCache.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/qmx/Limits.h"
+#include "tests/support/DeviceRoot.h"
 
 namespace platform {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::string_literals;
+using namespace std::literals;
+
+using testsupport::readText, testsupport::writeText;
 
 Value parsed(std::string_view bytes) {
   const Result<Value> result = parsePropertyList(bytes);
@@ -37,6 +36,10 @@ bool isCorrupt(std::string_view bytes) {
   const Result<Value> result = parsePropertyList(bytes);
   const Error* error = std::get_if<Error>(&result);
   return error != nullptr && error->domain == kFileErrorDomain && error->code == kFileReadCorrupt;
+}
+
+void expectCorrupt(const std::vector<std::string_view>& texts) {
+  for (const std::string_view each : texts) EXPECT_TRUE(isCorrupt(each)) << each;
 }
 
 std::string plist(std::string_view body) {
@@ -82,10 +85,8 @@ TEST(XMLPropertyList, ReadsUTF16OfEitherByteOrder) {
     big += c == 'x' ? "\xD8\x3D\xDE\x00"s : std::string{'\0', c};
     little += c == 'x' ? "\x3D\xD8\x00\xDE"s : std::string{c, '\0'};
   }
-  EXPECT_EQ(parsed(big), Value("\xF0\x9F\x98\x80"));
-  EXPECT_EQ(parsed(little), Value("\xF0\x9F\x98\x80"));
-  EXPECT_TRUE(isCorrupt(big + "\xD8"));
-  EXPECT_TRUE(isCorrupt("\xFE\xFF\xD8\x3D\x00<"s));
+  for (const std::string& each : {big, little}) EXPECT_EQ(parsed(each), Value("\xF0\x9F\x98\x80"));
+  expectCorrupt({big + "\xD8", "\xFE\xFF\xD8\x3D\x00<"s});
 }
 
 TEST(XMLPropertyList, IntegersReachOverBoth64BitRangesAndNotBeyond) {
@@ -102,54 +103,29 @@ TEST(XMLPropertyList, IntegersReachOverBoth64BitRangesAndNotBeyond) {
 }
 
 TEST(XMLPropertyList, RefusesWhatIsNotOne) {
-  for (const char* body : {"",
-                           "<true/><true/>",
-                           "text",
-                           "<other/>",
-                           "<dict><string>x</string></dict>",
-                           "<dict><key>a</key></dict>",
-                           "<dict><key>a</key><key>b</key></dict>",
-                           "<dict>text<key>a</key><true/></dict>",
-                           "<array>text</array>",
-                           "<array><true/>text</array>",
-                           "<array><key>a</key></array>",
-                           "<true>x</true>",
-                           "<string><b/></string>",
-                           "<string>&unknown;</string>",
-                           "<string>&amp</string>",
-                           "<string>&</string>",
-                           "<string>&#0;</string>",
-                           "<string>&#1;</string>",
-                           "<string>&#xD800;</string>",
-                           "<string>&#x110000;</string>",
-                           "<string>&#4294967361;</string>",
-                           "<string>&#;</string>",
-                           "<string>\x01</string>",
-                           "<string>\xC3</string>",
-                           "<string>\xED\xA0\x80</string>",
-                           "<real>1,5</real>",
-                           "<real/>",
-                           "<real>+-1</real>",
-                           "<real>1e999</real>",
-                           "<data>a</data>",
-                           "<data>ab==cd</data>",
-                           "<data>a*b=</data>",
-                           "<data>YQ=</data>",
-                           "<date/>",
-                           "<date>2023-02-29T00:00:00Z</date>",
-                           "<date>2023-01-01T24:00:00Z</date>",
-                           "<date>2023-01-01 00:00:00</date>",
-                           "<date>0000-01-01T00:00:00Z</date>",
-                           "<date>2023-13-01T00:00:00Z</date>",
-                           "<array><true/></dict>",
-                           "<array>"}) {
-    EXPECT_TRUE(isCorrupt(plist(body))) << body;
-  }
-  for (const std::string& whole : {""s, "x"s, "<plist>"s, "<dict/>"s, "<plist><true/></plist><plist/>"s,
-                                   "<plist><string>a\0b</string></plist>"s, "x<plist><true/></plist>"s,
-                                   "<plist><true/></plist>x"s, "bplist"s, "bplist01"s, "{ a = b; }"s}) {
-    EXPECT_TRUE(isCorrupt(whole)) << whole;
-  }
+  const std::vector<std::string_view> bodies = {
+      // not one value
+      "", "text", "<other/>", "<true/><true/>", "<true>x</true>", "<array>", "<array><true/></dict>",
+      // what belongs into no array and no dictionary
+      "<array>text</array>", "<array><true/>text</array>", "<array><key>a</key></array>",
+      "<dict><string>x</string></dict>", "<dict><key>a</key></dict>", "<dict><key>a</key><key>b</key></dict>",
+      "<dict>text<key>a</key><true/></dict>",
+      // no text
+      "<string><b/></string>", "<string>&unknown;</string>", "<string>&amp</string>", "<string>&</string>",
+      "<string>&#0;</string>", "<string>&#1;</string>", "<string>&#xD800;</string>",
+      "<string>&#x110000;</string>", "<string>&#4294967361;</string>", "<string>&#;</string>",
+      "<string>\x01</string>", "<string>\xC3</string>", "<string>\xED\xA0\x80</string>",
+      // no number, no data
+      "<real>1,5</real>", "<real/>", "<real>+-1</real>", "<real>1e999</real>", "<data>a</data>",
+      "<data>ab==cd</data>", "<data>a*b=</data>", "<data>YQ=</data>",
+      // no date
+      "<date/>", "<date>2023-02-29T00:00:00Z</date>", "<date>2023-01-01T24:00:00Z</date>",
+      "<date>2023-01-01 00:00:00</date>", "<date>0000-01-01T00:00:00Z</date>",
+      "<date>2023-13-01T00:00:00Z</date>"};
+  for (const std::string_view body : bodies) EXPECT_TRUE(isCorrupt(plist(body))) << body;
+  expectCorrupt({"", "x", "<plist>", "<dict/>", "<plist><true/></plist><plist/>",
+                 "<plist><string>a\0b</string></plist>"sv, "x<plist><true/></plist>",
+                 "<plist><true/></plist>x", "bplist", "bplist01", "{ a = b; }"});
 }
 
 TEST(XMLPropertyList, OfAKeyThatStandsTwiceTheLastValueCounts) {
@@ -203,39 +179,14 @@ std::string binary(const std::vector<std::string>& objects, int referenceSize = 
 }
 
 TEST(BinaryPropertyList, ReadsEveryKindOfValue) {
-  const std::string list =
-      binary({"\xDA\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E\x0F\x10\x11\x12\x13\x14"s,
-              "\x51"s
-              "a",
-              "\x51"s
-              "b",
-              "\x51"s
-              "c",
-              "\x51"s
-              "d",
-              "\x51"s
-              "e",
-              "\x51"s
-              "f",
-              "\x51"s
-              "g",
-              "\x51"s
-              "h",
-              "\x51"s
-              "i",
-              "\x51"s
-              "j",
-              "\x08",
-              "\x09",
-              "\x10\xFF",
-              "\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFE",
-              "\x14\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s,
-              "\x22\x3F\xC0\0\0"s,
-              "\x23\x3F\xF8\0\0\0\0\0\0"s,
-              "\x33\x3F\xF0\0\0\0\0\0\0"s,
-              "\x4F\x10\x10"
-              "0123456789abcdef",
-              "\x62\0\xE9\x4E\x2D"s});
+  std::vector<std::string> objects = {
+      "\xDA\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E\x0F\x10\x11\x12\x13\x14"};
+  for (char key = 'a'; key <= 'j'; ++key) objects.push_back({'\x51', key});
+  objects.insert(objects.end(), {"\x08", "\x09", "\x10\xFF", "\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFE",
+                                 "\x14\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s, "\x22\x3F\xC0\0\0"s,
+                                 "\x23\x3F\xF8\0\0\0\0\0\0"s, "\x33\x3F\xF0\0\0\0\0\0\0"s,
+                                 "\x4F\x10\x10" + "0123456789abcdef"s, "\x62\0\xE9\x4E\x2D"s});
+  const std::string list = binary(objects);
   EXPECT_EQ(parsed(list), Value(Dictionary{{"a", false},
                                            {"b", true},
                                            {"c", 255},
@@ -299,18 +250,13 @@ TEST(BinaryPropertyList, SharedObjectsAreBuiltOnceAndMayNotExpandWithoutBound) {
 
 TEST(BinaryPropertyList, NestingCountsAlongTheLongestWayHoweverObjectsAreShared) {
   const auto chain = [](int depth) {
-    std::vector<std::string> objects;
-    // The top also names the end of the chain, which is therefore built first.
-    for (int i = 0; i < depth; ++i) {
-      const auto reference = [](int to) {
-        return std::string{static_cast<char>(to >> 8), static_cast<char>(to)};
-      };
-      if (i == 0) {
-        objects.push_back("\xA2" + reference(depth / 2) + reference(1));
-      } else {
-        objects.push_back(i + 1 < depth ? "\xA1" + reference(i + 1) : "\xA0"s);
-      }
-    }
+    const auto reference = [](int to) {
+      return std::string{static_cast<char>(to >> 8), static_cast<char>(to)};
+    };
+    // The top also names the middle of the chain, which is therefore built first.
+    std::vector<std::string> objects = {"\xA2" + reference(depth / 2) + reference(1)};
+    for (int i = 2; i < depth; ++i) objects.push_back("\xA1" + reference(i));
+    objects.push_back("\xA0");
     return binary(objects, 2);
   };
   EXPECT_FALSE(isCorrupt(chain(kMaximumFileNesting)));
@@ -350,22 +296,23 @@ TEST(PropertyListWriting, LooksLikeAPropertyListFile) {
 }
 
 TEST(PropertyListWriting, RefusesWhatCannotBeRestored) {
-  const Value impossible[] = {Value(),
-                              UUID::random(),
-                              qmx::encodePropertyList(1),
-                              "\x01",
-                              "\xFF",
-                              "a\0b"s,
-                              "\xEF\xBF\xBF",
-                              std::nan(""),
-                              std::numeric_limits<double>::infinity(),
-                              Date{0.5},
-                              Date{-62135596801},
-                              Date{253402300800},
-                              Date{std::nan("")},
-                              Dictionary{{"\x02", 1}},
-                              Array{Array{UUID()}},
-                              Array{Value()}};
+  const double infinity = std::numeric_limits<double>::infinity(), nan = std::nan("");
+  const std::vector<Value> impossible = {Value(),
+                                         UUID::random(),
+                                         qmx::encodePropertyList(1),
+                                         "\x01",
+                                         "\xFF",
+                                         "a\0b"s,
+                                         "\xEF\xBF\xBF",
+                                         nan,
+                                         infinity,
+                                         Date{0.5},
+                                         Date{-62135596801},
+                                         Date{253402300800},
+                                         Date{nan},
+                                         Dictionary{{"\x02", 1}},
+                                         Array{Array{UUID()}},
+                                         Array{Value()}};
   for (const Value& value : impossible) {
     EXPECT_FALSE(canBeWritten(value)) << value.description();
     const Result<std::string> text = serializePropertyList(value);
@@ -379,65 +326,55 @@ TEST(PropertyListWriting, RefusesWhatCannotBeRestored) {
 
 class PropertyListFiles : public testing::Test {
  protected:
-  PropertyListFiles() {
-    char name[] = "/tmp/propertylist-XXXXXX";
-    root_ = mkdtemp(name);
-  }
-  ~PropertyListFiles() override { fs::remove_all(root_); }
+  PropertyListFiles() { fs::create_directory(root_); }
 
   std::string path(std::string_view name) const { return root_ / name; }
-  void write(std::string_view name, std::string_view text) const {
-    std::ofstream(path(name), std::ios::binary) << text;
-  }
-  std::string contents(std::string_view name) const { return std::get<std::string>(readFile(path(name))); }
+  void write(std::string_view name, std::string_view text) const { writeText(path(name), text); }
+  std::string contents(std::string_view name) const { return readText(path(name)); }
   size_t countOfFiles() const {
     return static_cast<size_t>(std::distance(fs::directory_iterator(root_), fs::directory_iterator()));
   }
-  Error readErrorOf(const std::string& file, uint64_t limit = kMaximumPropertyListFile) const {
-    const Result<Value> result = readPropertyListFile(file, limit);
-    const Error* error = std::get_if<Error>(&result);
-    return error != nullptr ? *error : Error{.domain = "none", .code = 0, .text = {}};
-  }
 
-  fs::path root_;
+  const testsupport::DeviceRoot device_;
+  const fs::path root_ = device_.path() + "/lists";
 };
 
 TEST_F(PropertyListFiles, OnlyRegularFilesOfBoundedSizeAreRead) {
-  const auto is = [](const Error& error, std::string_view domain, int64_t code) {
-    return error.domain == domain && error.code == code;
+  /// Domain and code of the error, "" of a success.
+  const auto failure = [](const std::string& file, uint64_t limit = kMaximumPropertyListFile) {
+    const Result<Value> result = readPropertyListFile(file, limit);
+    const Error* error = std::get_if<Error>(&result);
+    return error != nullptr ? error->domain + " " + std::to_string(error->code) : "";
   };
-  EXPECT_TRUE(is(readErrorOf(path("missing")), "File", 260));
-  EXPECT_TRUE(is(readErrorOf(root_), "POSIX", EINVAL));
-  EXPECT_TRUE(is(readErrorOf("/dev/zero"), "POSIX", EINVAL));
+  const auto posix = [](int number) { return "POSIX " + std::to_string(number); };
+  EXPECT_EQ(failure(path("missing")), "File 260");
+  EXPECT_EQ(failure(root_), posix(EINVAL));
+  EXPECT_EQ(failure("/dev/zero"), posix(EINVAL));
   ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
-  EXPECT_TRUE(is(readErrorOf(path("fifo")), "POSIX", EINVAL)) << "and does not wait for a writer";
+  EXPECT_EQ(failure(path("fifo")), posix(EINVAL)) << "and does not wait for a writer";
   write("file", "x");
-  EXPECT_TRUE(is(readErrorOf(path("file/below")), "POSIX", ENOTDIR));
+  EXPECT_EQ(failure(path("file/below")), posix(ENOTDIR));
   fs::create_symlink("loop", path("loop"));
-  EXPECT_TRUE(is(readErrorOf(path("loop")), "POSIX", ELOOP));
-
+  EXPECT_EQ(failure(path("loop")), posix(ELOOP));
   write("large", "");
-  ASSERT_EQ(truncate(path("large").c_str(), 100'000'000), 0);
-  EXPECT_TRUE(is(readErrorOf(path("large")), "POSIX", EFBIG));
+  fs::resize_file(path("large"), 100'000'000);
+  EXPECT_EQ(failure(path("large")), posix(EFBIG));
   const std::string list = plist("<true/>");
   write("exact", list);
-  EXPECT_TRUE(is(readErrorOf(path("exact"), list.size() - 1), "POSIX", EFBIG));
-  EXPECT_TRUE(is(readErrorOf(path("exact"), list.size()), "none", 0));
+  EXPECT_EQ(failure(path("exact"), list.size() - 1), posix(EFBIG));
+  EXPECT_EQ(failure(path("exact"), list.size()), "");
   write("empty", "");
-  EXPECT_TRUE(is(readErrorOf(path("empty")), "File", 259));
+  EXPECT_EQ(failure(path("empty")), "File 259");
   EXPECT_FALSE(readDictionaryFile(path("exact"))) << "a list, but no dictionary";
 }
 
 TEST_F(PropertyListFiles, ReplacingIsWholeOrNotAtAll) {
+  umask(027);
   EXPECT_EQ(replaceFile(path("list"), "first"), std::nullopt);
   EXPECT_EQ(replaceFile(path("list"), std::string(1 << 20, 'x')), std::nullopt);
   EXPECT_EQ(contents("list").size(), size_t{1} << 20);
   EXPECT_EQ(countOfFiles(), 1u);
-  struct stat status;
-  ASSERT_EQ(stat(path("list").c_str(), &status), 0);
-  const mode_t mask = umask(0);
-  umask(mask);
-  EXPECT_EQ(status.st_mode & 0777, 0666 & ~mask);
+  EXPECT_EQ(fs::status(path("list")).permissions(), fs::perms(0640));
 
   // A file that may not grow so far: the old one stays, and nothing lies beside it.
   rlimit old;
