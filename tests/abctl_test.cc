@@ -1,25 +1,21 @@
 // abctl as people and programs use it: the real program against the real daemon.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "tests/support/Child.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/DeviceRoot.h"
 
 namespace {
 
 using namespace testsupport;
 using Json = nlohmann::json;
+using namespace std::literals;
 namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
@@ -98,14 +94,8 @@ class Invocation {
     }
     return -1;
   }
-  const std::string& out() {
-    status();
-    return out_;
-  }
-  const std::string& err() {
-    status();
-    return err_;
-  }
+  const std::string& out() { return status(), out_; }
+  const std::string& err() { return status(), err_; }
   Json json() { return Json::parse(out()); }
   std::string firstLine() const { return out_.substr(0, out_.find('\n')); }
 
@@ -175,8 +165,21 @@ class Abctl : public testing::Test {
                 form["version"].get<std::string>();
     return result;
   }
-  std::string uuid(const std::string& identifier) {
-    return Invocation(root_, {"show", identifier, "--json"}).json().at(0).at("uuid");
+  Invocation run(const Words& words, const Invocation::Options& options = {}) const {
+    return Invocation(root_, words, options);
+  }
+  int status(const Words& words, const Invocation::Options& options = {}) const {
+    return run(words, options).status();
+  }
+  std::string uuid(const std::string& identifier) const {
+    return run({"show", identifier, "--json"}).json().at(0).at("uuid");
+  }
+  /// Runs it and expects that it ends with this status and says this on standard error.
+  void expectFailure(const Words& words, int status, std::string_view text,
+                     const Invocation::Options& options = {}) const {
+    Invocation failed(root_, words, options);
+    EXPECT_EQ(failed.status(), status) << testing::PrintToString(words) << failed.err();
+    EXPECT_NE(failed.err().find(text), std::string::npos) << failed.err();
   }
 
   DeviceRoot root_;
@@ -193,7 +196,7 @@ TEST_F(Abctl, MatchPrintsATableForPeopleAndWholeFormsForPrograms) {
   for (const char* cell : {"org.notes.share", "1.10", "Notes", "com.example.share"})
     EXPECT_NE(rows[1].find(cell), std::string::npos) << rows[1];
   EXPECT_EQ(table.out().find('\x1b'), std::string::npos) << "no colours without a terminal";
-  const Json forms = Invocation(root_, {"match", "--json"}).json();
+  const Json forms = run({"match", "--json"}).json();
   ASSERT_EQ(forms.size(), 2u);
   EXPECT_EQ(forms[0]["bundleInfo"]["ZQExtension"]["ZQExtensionAttributes"]["ZQExtensionPointName"],
             "com.example.share");
@@ -224,26 +227,14 @@ TEST_F(Abctl, RulesSelectAsTheyAreWritten) {
 }
 
 TEST_F(Abctl, ExitStatusesAndErrorsSayWhatHappenedAndWhatToDo) {
-  Invocation nothing(root_, {"match", "--rule", "ZQExtensionIdentifier=org.nobody"});
-  EXPECT_EQ(nothing.status(), 1);
-  EXPECT_EQ(nothing.out(), "");
-  EXPECT_EQ(nothing.err(), "abctl: no plug-in matches\n");
-
-  for (const std::string name :
-       {"org.nobody", "6C0F2A7E-0B7B-4B43-9E0C-6C6E7F1D2A55", "/nowhere/X.appex", "?odd"}) {
-    Invocation missing(root_, {"show", name});
-    EXPECT_EQ(missing.status(), 1) << name;
-    EXPECT_NE(missing.err().find("no plug-in "), std::string::npos) << missing.err();
-  }
-  Invocation unknown(root_, {"ready", "6C0F2A7E-0B7B-4B43-9E0C-6C6E7F1D2A55"});
-  EXPECT_EQ(unknown.status(), 1);
-  EXPECT_EQ(unknown.err(), "abctl: no such plugin (uuid not found)\n");
-
-  Invocation refused(root_, {"ready", "org.paint.sealed"});
-  EXPECT_EQ(refused.status(), 5);
-  EXPECT_NE(refused.err().find("the host does not have the \"org.paint.seal\" entitlement"),
-            std::string::npos);
-  const Json error = Invocation(root_, {"--json", "ready", "org.paint.sealed"}).json()["error"];
+  expectFailure({"match", "--rule", "ZQExtensionIdentifier=org.nobody"}, 1, "abctl: no plug-in matches\n");
+  const std::string unknown = "6C0F2A7E-0B7B-4B43-9E0C-6C6E7F1D2A55";
+  for (const std::string& name : {"org.nobody"s, unknown, "/nowhere/X.appex"s, "?odd"s})
+    expectFailure({"show", name}, 1, "no plug-in ");
+  expectFailure({"ready", unknown}, 1, "abctl: no such plugin (uuid not found)\n");
+  expectFailure({"ready", "org.paint.sealed"}, 5,
+                "the host does not have the \"org.paint.seal\" entitlement");
+  const Json error = run({"--json", "ready", "org.paint.sealed"}).json()["error"];
   EXPECT_EQ(error["code"], 11);
   EXPECT_EQ(error["exit"], 5);
 }
@@ -252,34 +243,37 @@ TEST_F(Abctl, WrongUsageIsExplainedWithoutAskingTheDaemon) {
   const DeviceRoot empty;
   writeText(empty.path() + "/no.plist", "<plist><dict>");
   writePropertyList(empty.path() + "/array.plist", Array{"x"});
-  const Words wrong[] = {{},
-                         {"frobnicate"},
-                         {"match", "--frobnicate"},
-                         {"match", "org.notes.share"},
-                         {"match", "--rule", "no-pattern"},
-                         {"match", "--rule", "=x"},
-                         {"match", "--rule", "a=true", "--rule", "a=b"},
-                         {"match", "--rule", "a={\"items\""},
-                         {"match", "--rules", empty.path() + "/missing"},
-                         {"match", "--rules", empty.path() + "/no.plist"},
-                         {"match", "--rules", empty.path() + "/array.plist"},
-                         {"match", "--rules", empty.path()},
-                         {"match", "--service", "a/b"},
-                         {"match", "--service", ""},
-                         {"match", "--timeout", "-1"},
-                         {"show"},
-                         {"elect", "org.notes.share"},
-                         {"elect", "org.notes.share", "maybe"},
-                         {"annotate", "org.notes.share"},
-                         {"annotate", "org.notes.share", "--election", "1x"},
-                         {"annotate", "org.notes.share", "--extension", "[1]"},
-                         {"hold"},
-                         {"hold", "--application", "a", "--plugin", "b"},
-                         {"release", "not-a-token"},
-                         {"watch", "--count", "x"}};
-  for (const Words& words : wrong) {
+  const std::string files = "match --rules " + empty.path();
+  const std::vector<std::string> wrong = {"",
+                                          "frobnicate",
+                                          "match --frobnicate",
+                                          "match org.notes.share",
+                                          "match --rule no-pattern",
+                                          "match --rule =x",
+                                          "match --rule a=true --rule a=b",
+                                          "match --rule a={\"items\"",
+                                          files + "/missing",
+                                          files + "/no.plist",
+                                          files + "/array.plist",
+                                          files,
+                                          "match --service a/b",
+                                          "match --service=",
+                                          "match --timeout -1",
+                                          "show",
+                                          "elect org.notes.share",
+                                          "elect org.notes.share maybe",
+                                          "annotate org.notes.share",
+                                          "annotate org.notes.share --election 1x",
+                                          "annotate org.notes.share --extension [1]",
+                                          "hold",
+                                          "hold --application a --plugin b",
+                                          "release not-a-token",
+                                          "watch --count x"};
+  for (const std::string& command : wrong) {
+    std::istringstream text(command);
+    const Words words{std::istream_iterator<std::string>(text), {}};
     Invocation run(empty, words);
-    const std::string command = words.empty() ? "" : words.back();
+
     EXPECT_EQ(run.status(), 2) << command << run.err();
     EXPECT_TRUE(run.err().starts_with("abctl: ")) << command << run.err();
     EXPECT_EQ(run.out(), "") << command;
@@ -305,20 +299,13 @@ TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
   Invocation none(empty, {"match"});
   EXPECT_EQ(none.status(), 4);
   EXPECT_NE(none.err().find(empty.runtime() + "/" + kService), std::string::npos) << none.err();
-  EXPECT_EQ(Invocation(root_, {"match", "--service", "other"}).status(), 4);
+  EXPECT_EQ(status({"match", "--service", "other"}), 4);
   daemon_.reset();
-  EXPECT_EQ(Invocation(root_, {"match"}).status(), 4) << "the socket's file without a daemon behind it";
+  EXPECT_EQ(status({"match"}), 4) << "the socket's file without a daemon behind it";
 
   // Somebody who takes connections and never answers.
-  const FileDescriptor deaf(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  (empty.runtime() + "/deaf").copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_EQ(bind(deaf.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(listen(deaf.get(), 1), 0);
-  Invocation waiting(empty, {"--service", "deaf", "--timeout", "0.2", "match"});
-  EXPECT_EQ(waiting.status(), 4);
-  EXPECT_NE(waiting.err().find("--timeout"), std::string::npos);
+  const FileDescriptor deaf = listeningSocket(root_.runtime() + "/deaf");
+  expectFailure({"--service", "deaf", "--timeout", "0.2", "match"}, 4, "--timeout");
 }
 
 TEST_F(Abctl, InItsBundleItMaySeeEverythingAndACopyElsewhereMayNot) {
@@ -326,10 +313,9 @@ TEST_F(Abctl, InItsBundleItMaySeeEverythingAndACopyElsewhereMayNot) {
             "org.notes.private:1.0 org.notes.share:1.10 org.paint.blur:1.0 org.paint.sealed:1.0");
   const std::string copy = root_.path() + "/abctl-copy";
   fs::copy_file(ABCTL_PROGRAM, copy);
-  Invocation refused(root_, {"match", "--all"}, {.program = copy});
-  EXPECT_EQ(refused.status(), 5);
-  EXPECT_EQ(lines(refused.err()).front(), "abctl: unauthorized discovery flag (ABDiscoverAll)");
-  EXPECT_EQ(Invocation(root_, {"show", "org.notes.private"}, {.program = copy}).status(), 1);
+  expectFailure({"match", "--all"}, 5, "abctl: unauthorized discovery flag (ABDiscoverAll)\n",
+                {.program = copy});
+  EXPECT_EQ(status({"show", "org.notes.private"}, {.program = copy}), 1);
 }
 
 TEST_F(Abctl, PlugInsAreNamedByIdentifierUuidAndPath) {
@@ -349,9 +335,8 @@ TEST_F(Abctl, PlugInsAreNamedByIdentifierUuidAndPath) {
                                          {"org.two", infoDictionary({"x"})["ZQExtension"]}}}}};
   const std::string application = root_.install("Several.app", {several});
   const std::string bundle = application + "/PlugIns/org.several.appex";
-  ASSERT_TRUE(eventually([&] { return Invocation(root_, {"show", "org.two"}).status() == 0; }));
-  EXPECT_EQ(Invocation(root_, {"show", "--json", bundle}).json().size(), 2u)
-      << "a path means the whole bundle";
+  ASSERT_TRUE(eventually([&] { return status({"show", "org.two"}) == 0; }));
+  EXPECT_EQ(run({"show", "--json", bundle}).json().size(), 2u) << "a path means the whole bundle";
 }
 
 TEST_F(Abctl, ShowTellsEverythingAboutAPlugIn) {
@@ -363,19 +348,19 @@ TEST_F(Abctl, ShowTellsEverythingAboutAPlugIn) {
 }
 
 TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
-  EXPECT_EQ(Invocation(root_, {"elect", "org.notes.share", uuid("org.paint.blur"), "use"}).status(), 0);
+  EXPECT_EQ(status({"elect", "org.notes.share", uuid("org.paint.blur"), "use"}), 0);
   EXPECT_EQ(identifiers({"--rule", "ZQUserElection=1"}), "org.notes.share:1.10 org.paint.blur:1.0");
-  EXPECT_EQ(Invocation(root_, {"elect", paint_ + "/PlugIns/org.paint.blur.appex", "ignore"}).status(), 0);
-  EXPECT_NE(Invocation(root_, {"match"}).out().find("ignore"), std::string::npos);
+  EXPECT_EQ(status({"elect", paint_ + "/PlugIns/org.paint.blur.appex", "ignore"}), 0);
+  EXPECT_NE(run({"match"}).out().find("ignore"), std::string::npos);
   Invocation annotate(root_, {"annotate", "org.paint.blur", "--extension", R"({"position": 3})", "--json"});
   EXPECT_EQ(annotate.status(), 0);
   EXPECT_EQ(annotate.json()["annotated"].size(), 1u);
   const Value stored = root_.storedAnnotations()["org.paint.blur"];
   EXPECT_EQ(stored["election"].integerValue(), 2) << "what was not given stays";
   EXPECT_EQ(stored["extension"]["position"].integerValue(), 3);
-  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "default"}).status(), 0);
+  EXPECT_EQ(status({"elect", "org.paint.blur", "default"}), 0);
   EXPECT_EQ(root_.storedAnnotations()["org.paint.blur"]["election"].integerValue(), 0);
-  EXPECT_EQ(Invocation(root_, {"elect", "org.notes.share", "org.nobody", "ignore"}).status(), 1);
+  EXPECT_EQ(status({"elect", "org.notes.share", "org.nobody", "ignore"}), 1);
   EXPECT_EQ(root_.storedAnnotations()["org.notes.share"]["election"].integerValue(), 1)
       << "nothing is elected when a name is wrong";
 }
@@ -388,7 +373,7 @@ TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
        {notes_ + "/PlugIns/org.notes.share.appex/run", std::string("sandbox     plugin"),
         std::string("HOME="), uuid("org.notes.share") + ".plist"})
     EXPECT_NE(ready.out().find(part), std::string::npos) << part << '\n' << ready.out();
-  const Json json = Invocation(root_, {"ready", "org.notes.share", "--json"}).json();
+  const Json json = run({"ready", "org.notes.share", "--json"}).json();
   EXPECT_EQ(json["ready"][0]["registration"]["PlugInIdentifier"], "org.notes.share");
 }
 
@@ -408,9 +393,7 @@ TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
     ASSERT_TRUE(hold.waitFor("\n"));
     EXPECT_EQ(hold.firstLine().size(), 36u);
     EXPECT_EQ(identifiers({}), "org.notes.share:1.10");
-    Invocation denied(root_, {"ready", "org.paint.blur"});
-    EXPECT_EQ(denied.status(), 5) << "held plug-ins are found by name";
-    EXPECT_NE(denied.err().find("the plug-in is on hold"), std::string::npos) << denied.err();
+    expectFailure({"ready", "org.paint.blur"}, 5, "the plug-in is on hold");  // found by name
     hold.signal(SIGINT);
     EXPECT_EQ(hold.status(), 0);
     EXPECT_TRUE(eventually([&] { return identifiers({}) == "org.notes.share:1.10 org.paint.blur:1.0"; }));
@@ -419,7 +402,7 @@ TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
   ASSERT_TRUE(hold.waitFor("\n"));
   const std::string token = Json::parse(hold.firstLine())["token"];
   EXPECT_EQ(identifiers({}), "org.notes.share:1.10");
-  EXPECT_EQ(Invocation(root_, {"release", token}).status(), 0);
+  EXPECT_EQ(status({"release", token}), 0);
   EXPECT_EQ(identifiers({}), "org.notes.share:1.10 org.paint.blur:1.0");
   daemon_.reset();
   EXPECT_EQ(hold.status(), 4) << "it notices that the daemon has gone";
@@ -428,25 +411,22 @@ TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
 TEST_F(Abctl, ARefusedHoldShowsWhatIsInTheWay) {
   const std::string mark = root_.runtime() + "/Assertions/org.notes.share/1";
   writePropertyList(mark, Dictionary{{"BundleIdentifier", "org.notes.share"}});
-  const FileDescriptor busy(open(mark.c_str(), O_RDWR | O_CLOEXEC));
-  struct flock lock {};
-  lock.l_type = F_WRLCK;
-  ASSERT_EQ(fcntl(busy.get(), F_OFD_SETLK, &lock), 0);
+  const FileDescriptor busy = lockedFile(mark);
   Invocation refused(root_, {"hold", "--application", notes_});
   EXPECT_EQ(refused.status(), 5);
   ASSERT_EQ(lines(refused.out()).size(), 2u) << refused.out();
   EXPECT_TRUE(lines(refused.out())[1].starts_with("org.notes.share  org.notes.share")) << refused.out();
   EXPECT_TRUE(refused.err().starts_with("abctl: plug-ins are busy\n")) << refused.err();
-  const Json error = Invocation(root_, {"hold", "--json", "--application", notes_}).json()["error"];
+  const Json error = run({"hold", "--json", "--application", notes_}).json()["error"];
   EXPECT_EQ(error["code"], 14);
   EXPECT_EQ(error["conflicts"][0]["BundleIdentifier"], "org.notes.share");
-  EXPECT_EQ(Invocation(root_, {"hold", "--plugin", notes_ + "/Nothing.appex"}).status(), 1);
+  EXPECT_EQ(status({"hold", "--plugin", notes_ + "/Nothing.appex"}), 1);
 }
 
 TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
   Invocation watch(root_, {"watch", "--count", "2"});
   ASSERT_TRUE(watch.waitFor("watching 2 plug-ins", true)) << watch.err();
-  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "use"}).status(), 0);
+  EXPECT_EQ(status({"elect", "org.paint.blur", "use"}), 0);
   EXPECT_TRUE(watch.waitFor("~ org.paint.blur 1.0: election - -> use\n"));
   Invocation hold(root_, {"hold", "--plugin", "org.notes.share"});
   EXPECT_EQ(watch.status(), 0);
@@ -457,7 +437,7 @@ TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
   Invocation json(root_, {"watch", "--json", "--rule", "ZQUserElection=2"});
   ASSERT_TRUE(json.waitFor("\n"));
   EXPECT_EQ(Json::parse(json.firstLine())["matches"], Json::array());
-  EXPECT_EQ(Invocation(root_, {"elect", "org.paint.blur", "ignore"}).status(), 0);
+  EXPECT_EQ(status({"elect", "org.paint.blur", "ignore"}), 0);
   ASSERT_TRUE(json.waitFor("\"removed\""));
   json.signal(SIGTERM);
   EXPECT_EQ(json.status(), 0);
@@ -467,17 +447,17 @@ TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
 TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
   const std::string loose = root_.path() + "/loose/Ruler.appex";
   root_.writeBundle(loose, {.identifier = "org.ruler"});
-  EXPECT_EQ(Invocation(root_, {"add", "./Ruler.appex"}, {.directory = root_.path() + "/loose"}).status(), 0);
+  EXPECT_EQ(status({"add", "./Ruler.appex"}, {.directory = root_.path() + "/loose"}), 0);
   EXPECT_EQ(identifiers({"--rule", "ZQExtensionIdentifier=org.ruler"}, 1), "") << "no application, no offer";
   EXPECT_EQ(identifiers({"--all", "--rule", "ZQExtensionIdentifier=org.ruler"}), "org.ruler:1.0");
   fs::remove_all(loose);
-  EXPECT_EQ(Invocation(root_, {"remove", loose}).status(), 0);
-  EXPECT_EQ(Invocation(root_, {"remove", loose}).status(), 1) << "not there any more";
-  EXPECT_EQ(Invocation(root_, {"remove", "org.paint.blur"}).status(), 0) << "by identifier";
-  EXPECT_EQ(Invocation(root_, {"show", "org.paint.blur"}).status(), 1);
-  EXPECT_EQ(Invocation(root_, {"add", root_.path()}).status(), 5) << "no plug-in bundle";
-  EXPECT_EQ(Invocation(root_, {"add", loose}).status(), 1) << "nothing there";
-  EXPECT_EQ(Invocation(root_, {"bulk", "--flags", "255"}).status(), 0);
+  EXPECT_EQ(status({"remove", loose}), 0);
+  EXPECT_EQ(status({"remove", loose}), 1) << "not there any more";
+  EXPECT_EQ(status({"remove", "org.paint.blur"}), 0) << "by identifier";
+  EXPECT_EQ(status({"show", "org.paint.blur"}), 1);
+  EXPECT_EQ(status({"add", root_.path()}), 5) << "no plug-in bundle";
+  EXPECT_EQ(status({"add", loose}), 1) << "nothing there";
+  EXPECT_EQ(status({"bulk", "--flags", "255"}), 0);
   EXPECT_TRUE(daemon_->logs("bulk options 0xff not supported"));
 }
 
@@ -486,9 +466,9 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   root_.install("Evil.app",
                 {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}}});
   root_.install("Wide.app", {{.identifier = "org.wide", .info = {{"BWBundleDisplayName", "写真"}}}});
-  ASSERT_TRUE(eventually([&] { return Invocation(root_, {"show", "org.wide"}).status() == 0; }));
-  ASSERT_TRUE(eventually([&] { return Invocation(root_, {"show", "org.evil"}).status() == 0; }));
-  const std::string table = Invocation(root_, {"match"}).out();
+  ASSERT_TRUE(eventually([&] { return status({"show", "org.wide"}) == 0; }));
+  ASSERT_TRUE(eventually([&] { return status({"show", "org.evil"}) == 0; }));
+  const std::string table = run({"match"}).out();
   EXPECT_NE(table.find("a\\u{9B}31m\\u{202E}b\\nc"), std::string::npos) << table;
   const Words rows = lines(table);
   const size_t column = rows[0].find("APPLICATION");
@@ -498,10 +478,9 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   }
 
   const Invocation::Options terminal{.environment = {"TERM=xterm"}, .onTerminal = true, .columns = 60};
-  Invocation narrow(root_, {"match"}, terminal);
-  EXPECT_EQ(narrow.status(), 0);
-  EXPECT_NE(narrow.out().find("\x1b[1m"), std::string::npos) << "a heading in bold";
-  EXPECT_NE(narrow.out().find("…"), std::string::npos);
+  const std::string narrow = run({"match"}, terminal).out();
+  EXPECT_NE(narrow.find("\x1b[1m"), std::string::npos) << "a heading in bold";
+  EXPECT_NE(narrow.find("…"), std::string::npos);
   for (const Words& environment : {Words{"TERM=xterm", "NO_COLOR=1"}, Words{"TERM=dumb"}}) {
     Invocation plain(root_, {"match"}, {.environment = environment, .onTerminal = true, .columns = 60});
     EXPECT_EQ(plain.status(), 0);
