@@ -1,31 +1,17 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <sched.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <functional>
-#include <memory>
 #include <set>
-#include <string>
-#include <utility>
-#include <variant>
-#include <vector>
 
-#include "platform/qmx/PeerIdentity.h"
 #include "platform/security/CodeSigning.h"
 #include "platform/security/Sandbox.h"
-#include "platform/system/FileDescriptor.h"
+#include "tests/support/Child.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/OwnDevice.h"
 
 namespace {
@@ -33,6 +19,13 @@ namespace {
 using namespace platform;
 using namespace testsupport;
 namespace fs = std::filesystem;
+
+using Token = std::optional<std::string>;
+
+/// The error number that goes with no answer; 0 with an answer.
+int failure(const Token& answer) {
+  return answer ? 0 : errno;
+}
 
 class ReadTokenTest : public testing::Test {
  protected:
@@ -45,46 +38,30 @@ class ReadTokenTest : public testing::Test {
   const std::string picture_ = bundle_ + "/Shared/picture";
 };
 
-TEST_F(ReadTokenTest, AnAuthenticTokenSaysThePathThatItIsFor) {
-  for (const std::string& path : {picture_, bundle_}) {
-    const auto token = issueReadToken(path);
-    ASSERT_TRUE(token);
-    EXPECT_EQ(verifyReadToken(*token), path);
-    EXPECT_TRUE(std::all_of(token->begin(), token->end(), [](char c) { return c > ' ' && c < 0x7F; }));
-    EXPECT_NE(issueReadToken(path), token) << "fresh each time";
-  }
-}
-
-TEST_F(ReadTokenTest, ATokenNamesItsFileInCanonicalForm) {
+TEST_F(ReadTokenTest, AnAuthenticTokenSaysTheCanonicalPathThatItIsFor) {
   fs::create_symlink("Shared", bundle_ + "/link");
-  for (const std::string& path : {bundle_ + "/link/picture", bundle_ + "//Shared/picture",
+  for (const std::string& path : {picture_, bundle_ + "/link/picture", bundle_ + "//Shared/picture",
                                   bundle_ + "/Shared/./picture", bundle_ + "/Shared/../Shared/picture"}) {
-    const auto token = issueReadToken(path);
+    const Token token = issueReadToken(path);
     ASSERT_TRUE(token) << path;
     EXPECT_EQ(verifyReadToken(*token), picture_) << path;
+    EXPECT_TRUE(std::ranges::all_of(*token, [](char c) { return c > ' ' && c < 0x7F; }));
+    EXPECT_NE(issueReadToken(path), token) << "fresh each time";
   }
   EXPECT_EQ(verifyReadToken(*issueReadToken(bundle_ + "/link/")), bundle_ + "/Shared");
 }
 
 TEST_F(ReadTokenTest, WhatDoesNotExistOrCannotBeReadGetsTheSystemsError) {
-  EXPECT_EQ(issueReadToken(bundle_ + "/missing"), std::nullopt);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_EQ(issueReadToken(picture_ + "/below"), std::nullopt);
-  EXPECT_EQ(errno, ENOTDIR);
-  EXPECT_EQ(issueReadToken(""), std::nullopt);
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(failure(issueReadToken(bundle_ + "/missing")), ENOENT);
+  EXPECT_EQ(failure(issueReadToken(picture_ + "/below")), ENOTDIR);
+  EXPECT_EQ(failure(issueReadToken("")), ENOENT);
   ASSERT_TRUE(issueReadToken(picture_)) << "the key is there";
   chmod(picture_.c_str(), 0);
   chmod(ownDevice.path().c_str(), 0755);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (geteuid() == 0 && seteuid(65534) != 0) _exit(1);
-    const bool isRefused = !issueReadToken(picture_) && errno == EACCES;
-    _exit(isRefused && issueReadToken(bundle_) ? 0 : 2);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_TRUE(holdsInProcess([this] {
+    if (geteuid() == 0 && seteuid(65534) != 0) return false;
+    return failure(issueReadToken(picture_)) == EACCES && issueReadToken(bundle_);
+  }));
 }
 
 TEST_F(ReadTokenTest, ATokenForABundlesResourceNeverLeadsOutOfTheBundle) {
@@ -92,18 +69,16 @@ TEST_F(ReadTokenTest, ATokenForABundlesResourceNeverLeadsOutOfTheBundle) {
   fs::create_symlink("Shared/picture", bundle_ + "/inner");
   for (const std::string& path : {picture_, std::string("Shared/picture"), bundle_ + "/inner",
                                   bundle_ + "/../P.appex/Shared/picture"}) {
-    const auto token = inside(path);
+    const Token token = inside(path);
     ASSERT_TRUE(token) << path;
     EXPECT_EQ(verifyReadToken(*token), picture_);
   }
-  EXPECT_TRUE(inside(bundle_));
-  EXPECT_TRUE(inside("."));
+  EXPECT_TRUE(inside(bundle_) && inside("."));
   fs::create_symlink("../secret", bundle_ + "/escape");
   fs::create_directory(bundle_ + "-more");
   for (const std::string& path : {bundle_ + "/../secret", bundle_ + "/escape", std::string("../secret"),
                                   std::string("/etc/passwd"), bundle_ + "/..", bundle_ + "-more"}) {
-    EXPECT_EQ(inside(path), std::nullopt) << path;
-    EXPECT_EQ(errno, EACCES) << path;
+    EXPECT_EQ(failure(inside(path)), EACCES) << path;
   }
   fs::create_directory_symlink(bundle_, ownDevice.dataUser() + "/other-name");
   EXPECT_TRUE(issueReadTokenInside(ownDevice.dataUser() + "/other-name", picture_));
@@ -114,25 +89,21 @@ TEST_F(ReadTokenTest, NoChangedTokenIsAuthentic) {
   for (size_t i = 0; i < token.size(); ++i) {
     std::string changed = token;
     changed[i] = changed[i] == 'A' ? 'B' : 'A';
-    ASSERT_EQ(verifyReadToken(changed), std::nullopt) << i;
-    ASSERT_EQ(errno, EBADMSG) << i;
+    ASSERT_EQ(failure(verifyReadToken(changed)), EBADMSG) << i;
   }
   for (const std::string& wrong :
        {std::string(), std::string("v1."), token.substr(0, token.size() - 1), token + "A", token + "=",
         token + std::string(1, '\0'), "v2" + token.substr(2), std::string(100'000, 'A')}) {
-    EXPECT_EQ(verifyReadToken(wrong), std::nullopt);
-    EXPECT_EQ(errno, EBADMSG);
+    EXPECT_EQ(failure(verifyReadToken(wrong)), EBADMSG);
   }
 }
 
 TEST_F(ReadTokenTest, ATokenIsForOneFileAndNotForItsName) {
   const std::string token = *issueReadToken(picture_);
   fs::rename(picture_, picture_ + ".old");
-  EXPECT_EQ(verifyReadToken(token), std::nullopt);
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(failure(verifyReadToken(token)), ENOENT);
   fs::create_symlink(ownDevice.dataUser() + "/secret", picture_);
-  EXPECT_EQ(verifyReadToken(token), std::nullopt);
-  EXPECT_EQ(errno, ESTALE);
+  EXPECT_EQ(failure(verifyReadToken(token)), ESTALE);
 }
 
 /// Runs `isGood` in a fresh process on a fresh device, since a process reads the key once.
@@ -143,7 +114,7 @@ TEST_F(ReadTokenTest, ATokenIsForOneFileAndNotForItsName) {
   } while (false)
 
 bool isRefusedWith(int number) {
-  return !issueReadToken("/") && errno == number && !verifyReadToken("v1.x") && errno == number;
+  return failure(issueReadToken("/")) == number && failure(verifyReadToken("v1.x")) == number;
 }
 
 TEST(TokenKey, AKeyFileThatIsNotThisUsersAloneOrNoKeyIsRefusedUntilItIsMended) {
@@ -199,22 +170,11 @@ TEST(TokenKey, ProcessesThatMakeTheKeyAtTheSameTimeAgreeOnOne) {
 
 /// What isSandboxed() says of a process that first does `prepare`; none when that fails.
 std::optional<bool> isSandboxedAfter(const std::function<bool()>& prepare) {
-  int ready[2];
-  EXPECT_EQ(pipe(ready), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    const bool isPrepared = prepare();
-    if (write(ready[1], isPrepared ? "y" : "n", 1) == 1 && isPrepared) pause();
-    _exit(0);
-  }
-  char answer = 'n';
-  EXPECT_EQ(read(ready[0], &answer, 1), 1);
-  const std::optional<bool> out = answer == 'y' ? std::optional(isSandboxed(child)) : std::nullopt;
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  EXPECT_TRUE(isSandboxed(child)) << "a process that is gone is in doubt";
-  close(ready[0]);
-  close(ready[1]);
+  Child child(prepare);
+  const pid_t pid = child.pid();
+  const auto out = child.isReady() ? std::optional(isSandboxed(pid)) : std::nullopt;
+  child.kill();
+  EXPECT_TRUE(isSandboxed(pid)) << "a process that is gone is in doubt";
   return out;
 }
 
@@ -244,17 +204,15 @@ class EntitlementsTest : public testing::Test {
     writePropertyList(bundle_ + "/Info.plist", Dictionary{{"BWBundleIdentifier", "com.example.p"}});
   }
   void grant(const Value& entitlements) { writePropertyList(file_, entitlements); }
-  /// The entitlements, or none with the error's code in `error`.
-  std::optional<Dictionary> entitlements(int64_t* code = nullptr) const {
+  std::optional<Dictionary> entitlements() const {
     const auto answer = bundleEntitlements(bundle_);
-    const Error* error = std::get_if<Error>(&answer);
-    if (code != nullptr) *code = error != nullptr ? error->code : 0;
-    return error != nullptr ? std::nullopt : std::optional(std::get<Dictionary>(answer));
+    const auto* good = std::get_if<Dictionary>(&answer);
+    return good != nullptr ? std::optional(*good) : std::nullopt;
   }
   void expectRefused(int64_t code, const char* what) const {
-    int64_t actual = 0;
-    EXPECT_EQ(entitlements(&actual), std::nullopt) << what;
-    EXPECT_EQ(actual, code) << what;
+    const auto answer = bundleEntitlements(bundle_);
+    const Error* error = std::get_if<Error>(&answer);
+    EXPECT_EQ(error != nullptr ? error->code : 0, code) << what;
   }
   const std::string bundle_ = ownDevice.dataUser() + "/Applications/A.app";
   const std::string file_ = bundle_ + "/Entitlements.plist";
@@ -309,66 +267,51 @@ TEST_F(EntitlementsTest, WhatIsNoDictionaryIsAnErrorAndNotAnEmptyOne) {
   expectRefused(EFBIG, "too large");
 }
 
+/// Waits until the process runs that program.
+bool waitForImage(pid_t pid, const std::string& path) {
+  std::error_code gone;
+  return eventually([&] { return fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", gone) == path; });
+}
+
 /// A shell that runs from `bundle` and has connected to a socket of ours before; it does what it is told.
 class BundledPeer {
  public:
   explicit BundledPeer(const std::string& bundle) {
-    const std::string program = bundle + "/main";
+    const std::string program = bundle + "/main", path = ownDevice.runtime() + "/peer";
     fs::copy_file(fs::canonical("/bin/sh"), program, fs::copy_options::overwrite_existing);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, (ownDevice.runtime() + "/peer").c_str(), sizeof address.sun_path - 1);
-    const auto* name = reinterpret_cast<const sockaddr*>(&address);
-    const FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(bind(listener.get(), name, sizeof address) + listen(listener.get(), 1), 0);
+    const FileDescriptor listener = listeningSocket(path);
     int commands[2];
     EXPECT_EQ(pipe2(commands, O_CLOEXEC), 0);
-    pid_ = fork();
-    if (pid_ == 0) {
-      const int connection = socket(AF_UNIX, SOCK_STREAM, 0);
-      if (connect(connection, name, sizeof address) != 0) _exit(1);
+    process_.emplace([&] {
       dup2(commands[0], STDIN_FILENO);
+      WireClient::connect(path);
       execl(program.c_str(), program.c_str(), nullptr);
-      _exit(1);
-    }
+      return false;
+    });
     close(commands[0]);
     commands_ = FileDescriptor(commands[1]);
-    EXPECT_TRUE(waitForImage(program));
+    EXPECT_TRUE(waitForImage(pid(), program));
     connection_ = FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    identity_ = qmx::PeerIdentity::ofSocket(connection_.get());
   }
-  ~BundledPeer() { kill(); }
 
-  const std::shared_ptr<const qmx::PeerIdentity>& identity() const { return identity_; }
+  pid_t pid() const { return process_->pid(); }
+  std::shared_ptr<const CodeSigningTask> task() const {
+    return CodeSigningTask::create(qmx::PeerIdentity::ofSocket(connection_.get()));
+  }
   void tell(const std::string& command) const {
     EXPECT_EQ(write(commands_.get(), command.data(), command.size()), static_cast<ssize_t>(command.size()));
   }
-  bool waitForImage(const std::string& path) const {
-    std::error_code gone;
-    for (int i = 0; i < 1000; ++i) {
-      if (fs::read_symlink("/proc/" + std::to_string(pid_) + "/exe", gone) == path) return true;
-      usleep(2000);
-    }
-    return false;
-  }
-  void kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
+  void kill() { process_->kill(); }
 
  private:
-  pid_t pid_ = -1;
+  std::optional<Child> process_;
   FileDescriptor commands_, connection_;
-  std::shared_ptr<const qmx::PeerIdentity> identity_;
 };
 
 TEST_F(EntitlementsTest, AProcessHasThoseOfItsExecutablesBundleWhileItRunsThatExecutable) {
   grant(Dictionary{{"allowed", "share"}});
-  BundledPeer peer(bundle_);
-  const auto task = CodeSigningTask::create(peer.identity());
-  ASSERT_NE(task, nullptr);
+  const BundledPeer peer(bundle_);
+  const auto task = peer.task();
   EXPECT_EQ(task->valueForEntitlement("allowed").value, Value("share"));
   const auto absent = task->valueForEntitlement("other");
   EXPECT_TRUE(absent.value.isNone() && !absent.error);
@@ -380,7 +323,7 @@ TEST_F(EntitlementsTest, AProcessHasThoseOfItsExecutablesBundleWhileItRunsThatEx
 
   const std::string cat = fs::canonical("/bin/cat").string();
   peer.tell("exec " + cat + "\n");
-  ASSERT_TRUE(peer.waitForImage(cat));
+  ASSERT_TRUE(waitForImage(peer.pid(), cat));
   const auto changed = task->valueForEntitlement("other");
   EXPECT_TRUE(changed.value.isNone());
   EXPECT_EQ(changed.error->code, ESRCH);
@@ -390,8 +333,7 @@ TEST_F(EntitlementsTest, AProcessThatIsGoneHasNoneAndOneOutsideOfBundlesHasNoneW
   grant(Dictionary{{"allowed", true}});
   {
     BundledPeer peer(bundle_);
-    const auto task = CodeSigningTask::create(peer.identity());
-    ASSERT_NE(task, nullptr);
+    const auto task = peer.task();
     peer.kill();
     const auto gone = task->valueForEntitlement("allowed");
     EXPECT_TRUE(gone.value.isNone());
