@@ -1,90 +1,70 @@
 // The daemon as a process and the protocol's frame: command line, start-up failures, versions, request names,
 // typed reading, messages without a reply, what is logged and when.
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-
 #include <filesystem>
 
-#include "tests/support/Daemon.h"
+#include "tests/support/Child.h"
+#include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
 
-struct Ending {
-  int status = -1;
-  std::string errors;
-};
-
-/// Runs the daemon until it ends by itself.
-Ending runToEnd(const DeviceRoot& root, std::vector<std::string> arguments,
-                const std::vector<std::string>& moreEnvironment = {}) {
+/// Runs the daemon until it ends by itself; answers what it wrote to standard error.
+std::string outputOfFailedStart(const DeviceRoot& root, std::vector<std::string> arguments, int status,
+                                std::vector<std::string> environment = {}) {
   arguments.insert(arguments.begin(), ABD_PROGRAM);
-  std::vector<std::string> environment = root.environment();
-  environment.push_back("ABD_LOG=stderr");
-  environment.insert(environment.begin(), moreEnvironment.begin(),
-                     moreEnvironment.end());  // the first counts
+  environment.emplace_back("ABD_LOG=stderr");  // of each variable the first counts
+  for (const std::string& each : root.environment()) environment.push_back(each);
   const std::string errors = root.path() + "/ending.log";
   std::filesystem::remove(errors);
-  Process process(arguments, environment, errors);
-  const int status = process.waitForExit();
-  return {.status = status, .errors = readText(errors)};
+  EXPECT_EQ(Process(arguments, environment, errors).waitForExit(), status);
+  return readText(errors);
 }
 
 TEST(CommandLine, PrintsTheUsageLineAndEndsWith2ForWhatItDoesNotUnderstand) {
   const DeviceRoot root;
   const std::vector<std::vector<std::string>> lines = {
       {"-x"}, {"-S"}, {"-c"}, {"extra"}, {"-v", "extra"}, {"-S", "a", "--", "extra"}};
-  for (const auto& arguments : lines) {
-    const Ending ending = runToEnd(root, arguments);
-    EXPECT_EQ(ending.status, 2) << arguments[0];
-    EXPECT_EQ(ending.errors, "Usage: abd [-S servicename] [-v]\n");
-  }
+  for (const auto& arguments : lines)
+    EXPECT_EQ(outputOfFailedStart(root, arguments, 2), "Usage: abd [-S servicename] [-v]\n");
   EXPECT_FALSE(std::filesystem::exists(root.state() + "/Hollin")) << "something was built first";
 }
 
 TEST(StartUp, FailsWithAReasonForServiceNamesThatCannotBeListenedOn) {
   const DeviceRoot root;
   for (const std::string& name : {std::string(), std::string("a/b"), std::string(150, 'n')}) {
-    const Ending ending = runToEnd(root, {"-S", name});
-    EXPECT_EQ(ending.status, 1) << name;
-    EXPECT_NE(ending.errors.find("unable to listen for service \"" + name + "\""), std::string::npos);
-    EXPECT_NE(ending.errors.find("unable to construct server"), std::string::npos);
+    const std::string output = outputOfFailedStart(root, {"-S", name}, 1);
+    EXPECT_NE(output.find("unable to listen for service \"" + name + "\""), std::string::npos) << output;
+    EXPECT_NE(output.find("unable to construct server"), std::string::npos) << output;
   }
 }
 
 TEST(StartUp, LeavesALivingDaemonAloneAndTakesOverTheSocketOfADeadOne) {
   const DeviceRoot root;
   Daemon daemon(root);
-  {
-    const DeviceRoot other;  // its own state, the same runtime directory
-    const Ending ending = runToEnd(other, {"-S", "abd.test"}, {"XDG_RUNTIME_DIR=" + root.path() + "/run"});
-    EXPECT_EQ(ending.status, 1);
-    EXPECT_NE(ending.errors.find("unable to construct server"), std::string::npos);
+  const DeviceRoot other;  // its own state, the same runtime directory
+  const std::string sameRuntime = "XDG_RUNTIME_DIR=" + root.path() + "/run";
+  for (const std::string& output : {outputOfFailedStart(other, {"-S", "abd.test"}, 1, {sameRuntime}),
+                                    outputOfFailedStart(root, {"-S", "another"}, 1)})
+    EXPECT_NE(output.find("unable to construct server"), std::string::npos) << output;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(errorOf(daemon.connect().call(message("bulk"))), "");
+    daemon.kill();
+    daemon.start();
   }
-  const Ending second = runToEnd(root, {"-S", "another"});  // the same state directory
-  EXPECT_EQ(second.status, 1);
-  EXPECT_NE(second.errors.find("unable to construct server"), std::string::npos);
-
-  WireClient client = daemon.connect();
-  EXPECT_EQ(errorOf(client.call(message("bulk"))), "");
-  daemon.kill();
-  daemon.start();
-  WireClient again = daemon.connect();
-  EXPECT_EQ(errorOf(again.call(message("bulk"))), "");
 }
 
-TEST(StartUp, EndsWhenTheAnnotationDirectoryCannotBeMade) {
+TEST(StartUp, EndsWithoutADirectoryForTheAnnotations) {
   const DeviceRoot root;
-  writeText(root.state() + "/com.veltra.ambrel", "a file where the directory should be");
-  const Ending ending = runToEnd(root, {"-S", "abd.test"});
-  EXPECT_GT(ending.status, 127) << ending.errors;
-  EXPECT_NE(ending.errors.find("unable to create plugin annotations directory:file://" + root.state()),
-            std::string::npos)
-      << ending.errors;
+  std::string output = outputOfFailedStart(root, {}, 128 + SIGABRT, {"HOME=", "XDG_STATE_HOME="});
+  EXPECT_NE(output.find("unable to locate user directory: errno 2"), std::string::npos) << output;
+  const std::string directory = root.state() + "/com.veltra.ambrel";
+  writeText(directory, "a file where the directory should be");
+  output = outputOfFailedStart(root, {}, 128 + SIGABRT);
+  EXPECT_NE(
+      output.find("unable to create plugin annotations directory:file://" + directory + "/ error:POSIX "),
+      std::string::npos)
+      << output;
 }
 
 TEST(StartUp, CacheLimitsThatAreNoNumbersReadAs0) {
@@ -98,18 +78,17 @@ TEST(StartUp, CacheLimitsThatAreNoNumbersReadAs0) {
   }
 }
 
-class Requests : public testing::Test {
+class Requests : public DaemonTest {
  protected:
-  const DeviceRoot root;
-  Daemon daemon{root};
-  WireClient client = daemon.connect();
+  Requests() { start(); }
+  std::string errorOfBody(const Dictionary& body) { return errorOf(client->call(body)); }
 };
 
 TEST_F(Requests, OnlyVersions2And3AreServed) {
   const auto answer = [&](const Value& version) {
     Dictionary body = {{"request", "bulk"}};
     if (!version.isNone()) body.set("version", version);
-    return errorOf(client.call(body));
+    return errorOfBody(body);
   };
   const auto refused = [](const char* shown) {
     return std::string("7: unsupported protocol version ") + shown + " (current 3)";
@@ -127,147 +106,111 @@ TEST_F(Requests, OnlyVersions2And3AreServed) {
 }
 
 TEST_F(Requests, TheVersionIsJudgedBeforeTheName) {
-  EXPECT_EQ(errorOf(client.call({{"version", 5}, {"request", "nothing"}})),
+  EXPECT_EQ(errorOfBody({{"version", 5}, {"request", "nothing"}}),
             "7: unsupported protocol version 5 (current 3)");
-  EXPECT_EQ(errorOf(client.call({{"version", 2}, {"request", "nothing"}})), "4: unrecognized request");
-  EXPECT_EQ(errorOf(client.call({{"version", 3}, {"request", "Bulk"}})), "4: unrecognized request");
-  EXPECT_EQ(errorOf(client.call({{"version", 3}})), "4: invalid request format (missing type)");
-  EXPECT_EQ(errorOf(client.call({{"version", 3}, {"request", 5}})),
-            "4: invalid request format (missing type)");
-  EXPECT_EQ(errorOf(client.call({})), "7: unsupported protocol version 0 (current 3)");
+  EXPECT_EQ(errorOfBody({{"version", 2}, {"request", "nothing"}}), "4: unrecognized request");
+  EXPECT_EQ(errorOfBody({{"version", 3}, {"request", "Bulk"}}), "4: unrecognized request");
+  EXPECT_EQ(errorOfBody({{"version", 3}}), "4: invalid request format (missing type)");
+  EXPECT_EQ(errorOfBody({{"version", 3}, {"request", 5}}), "4: invalid request format (missing type)");
 }
 
 TEST_F(Requests, ListsOfTheWrongTypeCountAsMissing) {
   for (const Value& wrong : {Value(), Value("text"), Value(Dictionary{{"a", 1}}), Value(UUID::random())}) {
     for (const char* name : {"add", "remove", "lock"})
-      EXPECT_EQ(errorOf(client.call(message(name, {{"paths", wrong}}))), "4: invalid request format") << name;
+      EXPECT_EQ(error(name, {{"paths", wrong}}), "4: invalid request format") << name;
     for (const char* name : {"ready", "access"})
-      EXPECT_EQ(errorOf(client.call(message(name, {{"uuids", wrong}}))), "4: invalid request format (uuid)");
-    EXPECT_EQ(errorOf(client.call(
-                  message("annotate", {{"uuids", wrong}, {"annotations", Dictionary{{"election", 1}}}}))),
+      EXPECT_EQ(error(name, {{"uuids", wrong}}), "4: invalid request format (uuid)");
+    EXPECT_EQ(error("annotate", {{"uuids", wrong}, {"annotations", Dictionary{{"election", 1}}}}),
               "4: invalid request format (uuid)");
   }
 }
 
 TEST_F(Requests, UuidListsStopAtTheFirstEntryThatIsNoKnownPlugIn) {
   for (const char* name : {"ready", "access"}) {
-    EXPECT_EQ(errorOf(client.call(message(name, {{"uuids", Array{UUID::random().string()}}}))),
+    EXPECT_EQ(error(name, {{"uuids", Array{UUID::random().string()}}}),
               "4: invalid request (bad uuid array)");
-    EXPECT_EQ(
-        errorOf(client.call(message(name, {{"uuids", Array{Data(std::string_view("0123456789abcdef"))}}}))),
-        "4: invalid request (bad uuid array)");
+    EXPECT_EQ(error(name, {{"uuids", Array{Data(std::string_view("0123456789abcdef"))}}}),
+              "4: invalid request (bad uuid array)");
     const UUID unknown = UUID::random();
-    EXPECT_EQ(errorOf(client.call(message(name, {{"uuids", Array{unknown, 5}}}))),
-              "4: no such plugin (uuid not found)");
-    EXPECT_TRUE(daemon.logs("Hollin cannot find plug-in with UUID:" + unknown.string()));
-    EXPECT_EQ(errorOf(client.call(message(name, {{"uuids", Array()}}))), "");
+    EXPECT_EQ(error(name, {{"uuids", Array{unknown, 5}}}), "4: no such plugin (uuid not found)");
+    EXPECT_TRUE(daemon->logs("Hollin cannot find plug-in with UUID:" + unknown.string()));
+    EXPECT_EQ(error(name, {{"uuids", Array()}}), "");
   }
 }
 
 TEST_F(Requests, AMessageThatWantsNoReplyIsServedAndNotAnswered) {
-  client.sendFrame(qmx::FrameKind::message, 0, message("bulk", {{"flags", 0xabc}}));
-  client.sendFrame(qmx::FrameKind::message, 0, message("nothing"));
-  client.sendFrame(qmx::FrameKind::message, 0, message("match"));
-  EXPECT_EQ(errorOf(client.call(message("bulk"))), "");
-  EXPECT_TRUE(daemon.logs("bulk options 0xabc not supported"));
-  EXPECT_TRUE(client.isSilent());
-}
-
-TEST_F(Requests, RepliesKeepTheOrderAndTheNumbersOfTheirRequests) {
-  std::string batch;
-  for (uint64_t id = 100; id < 140; ++id)
-    batch += frameBytes(qmx::FrameKind::request, id, message(id % 2 == 0 ? "bulk" : "match"));
-  client.sendBytes(batch);
-  for (uint64_t id = 100; id < 140; ++id) {
-    const std::optional<Frame> frame = client.receive();
-    ASSERT_TRUE(frame);
-    EXPECT_EQ(frame->id, id);
-    EXPECT_EQ(frame->body["matches"].isNone(), id % 2 == 0);
-  }
+  client->sendFrame(qmx::FrameKind::message, 0, message("bulk", {{"flags", 0xabc}}));
+  client->sendFrame(qmx::FrameKind::message, 0, message("nothing"));
+  client->sendFrame(qmx::FrameKind::message, 0, message("match"));
+  EXPECT_EQ(error("bulk"), "");
+  EXPECT_TRUE(daemon->logs("bulk options 0xabc not supported"));
+  EXPECT_TRUE(client->isSilent());
 }
 
 TEST_F(Requests, AWellFormedFrameWithoutAMapIsLoggedAndTheConnectionLivesOn) {
-  client.sendFrame(qmx::FrameKind::request, 1, Array{"not", "a", "map"});
-  client.sendFrame(qmx::FrameKind::message, 0, "text");
-  EXPECT_EQ(errorOf(client.call(message("bulk"))), "");
-  EXPECT_EQ(daemon.logCount("unexpected message "), 2u);
-  EXPECT_TRUE(daemon.logs(" on connection <connection "));
-}
-
-TEST_F(Requests, WhatIsNoFrameClosesItsConnectionAndNoOther) {
-  WireClient other = daemon.connect();
-  const std::string frame = frameBytes(qmx::FrameKind::request, 1, message("bulk"));
-  const std::string reply = frameBytes(qmx::FrameKind::reply, 1, Dictionary());
-  std::string unknownKind = frame;
-  unknownKind[5] = 3;
-  const std::vector<std::string> streams = {reply, unknownKind, std::string("\0\0\0\1\xff", 5),
-                                            std::string("\0\0\0\0", 4), std::string("\x7f\xff\xff\xff", 4)};
-  for (const std::string& each : streams) {
-    WireClient bad = daemon.connect();
-    bad.sendBytes(each);
-    EXPECT_TRUE(bad.isClosedByPeer());
-  }
-  EXPECT_EQ(errorOf(other.call(message("bulk"))), "");
+  for (const Value& body : {Value(7), Value(Array{"not", "a", "map"}), Value(false)})
+    client->sendFrame(qmx::FrameKind::request, 1, body);
+  client->sendFrame(qmx::FrameKind::message, 0, "text");
+  EXPECT_EQ(error("bulk"), "");
+  EXPECT_EQ(daemon->logCount("unexpected message "), 4u);
+  EXPECT_TRUE(daemon->logs(" on connection <connection "));
 }
 
 TEST_F(Requests, APeerIsReportedWhenItComesAsksAndDies) {
   const std::string pid = std::to_string(getpid());
-  client.call(message("bulk"));
-  EXPECT_TRUE(daemon.logs("client " + pid + " " + std::filesystem::canonical("/proc/self/exe").string()));
-  EXPECT_TRUE(daemon.logs("client " + pid + " request bulk"));
-  client.close();
-  EXPECT_TRUE(daemon.waitForLog("client " + pid + " is dead"));
+  client->call(message("bulk"));
+  EXPECT_TRUE(daemon->logs("client " + pid + " " + std::filesystem::canonical("/proc/self/exe").string()));
+  EXPECT_TRUE(daemon->logs("client " + pid + " request bulk"));
+  client->close();
+  EXPECT_TRUE(daemon->waitForLog("client " + pid + " is dead"));
 }
 
-/// Lets a child process connect `socket` and exit after `delay`; answers its pid, 0 when it failed.
-pid_t connectedByAChild(const Daemon& daemon, const FileDescriptor& socket, useconds_t delay) {
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  daemon.socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
-  const pid_t child = fork();
-  if (child == 0) {
-    const int result = ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-    usleep(delay);
-    _exit(result);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return status == 0 ? child : 0;
+/// A child process that has connected `socket` to the daemon.
+Child connectedByAChild(const Daemon& daemon, const FileDescriptor& socket) {
+  const sockaddr_un address = socketAddress(daemon.socketPath());
+  return Child([&] {
+    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  });
 }
 
 TEST_F(Requests, APeerWhoseProcessIsGoneIsServedUntilItsSocketCloses) {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const std::string pid = std::to_string(connectedByAChild(daemon, socket, 200'000));
-  EXPECT_TRUE(daemon.waitForLog("client " + pid + " termination imminent"));
-  WireClient survivor(std::move(socket));
-  EXPECT_EQ(errorOf(survivor.call(message("bulk"))), "");
-  survivor.close();
-  EXPECT_TRUE(daemon.waitForLog("client " + pid + " is dead"));
-  EXPECT_EQ(daemon.logCount("client " + pid + " termination imminent"), 1u);
+  Child child = connectedByAChild(*daemon, socket);
+  const std::string peer = "client " + std::to_string(child.pid());
+  ASSERT_TRUE(daemon->waitForLog(peer));
+  child.kill();
+  EXPECT_TRUE(daemon->waitForLog(peer + " termination imminent"));
+  client.emplace(std::move(socket));
+  EXPECT_EQ(error("bulk"), "");
+  client->close();
+  EXPECT_TRUE(daemon->waitForLog(peer + " is dead"));
+  EXPECT_EQ(daemon->logCount(peer + " termination imminent"), 1u);
 }
 
 TEST_F(Requests, APeerThatExitsBeforeItIsLookedAtHasNoKnownExecutable) {
-  kill(daemon.pid(), SIGSTOP);
+  kill(daemon->pid(), SIGSTOP);
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const std::string pid = std::to_string(connectedByAChild(daemon, socket, 0));
-  kill(daemon.pid(), SIGCONT);
-  WireClient survivor(std::move(socket));
-  EXPECT_EQ(errorOf(survivor.call(message("match"))), "");
-  EXPECT_TRUE(daemon.logs("client " + pid + " (unknown)"));
-  EXPECT_EQ(errorOf(survivor.call(message("match", {{"flags", 0x200}}))),
-            "11: unauthorized discovery flag (ABDiscoverAll)");
+  Child child = connectedByAChild(*daemon, socket);
+  const std::string pid = std::to_string(child.pid());
+  child.kill();
+  kill(daemon->pid(), SIGCONT);
+  client.emplace(std::move(socket));
+  EXPECT_EQ(error("match"), "");
+  EXPECT_TRUE(daemon->logs("client " + pid + " (unknown)"));
+  EXPECT_EQ(error("match", {{"flags", 0x200}}), "11: unauthorized discovery flag (ABDiscoverAll)");
 }
 
 TEST_F(Requests, Every1000thRequestOfAClientIsCounted) {
   const std::string line = "client " + std::to_string(getpid()) + " used ";
-  WireClient other = daemon.connect();
-  for (int i = 0; i < 999; ++i) client.call(message("bulk"));
+  WireClient other = daemon->connect();
+  for (int i = 0; i < 999; ++i) client->call(message("bulk"));
   for (int i = 0; i < 10; ++i) other.call(message("bulk"));
-  EXPECT_FALSE(daemon.logs(line));
-  client.call({{"version", 9}});
-  EXPECT_TRUE(daemon.logs(line + "1000 requests so far"));
-  for (int i = 0; i < 1000; ++i) client.call(message("bulk"));
-  EXPECT_TRUE(daemon.logs(line + "2000 requests so far"));
-  EXPECT_EQ(daemon.logCount(line), 2u);
+  EXPECT_FALSE(daemon->logs(line));
+  client->call({{"version", 9}});
+  EXPECT_TRUE(daemon->logs(line + "1000 requests so far"));
+  for (int i = 0; i < 1000; ++i) client->call(message("bulk"));
+  EXPECT_TRUE(daemon->logs(line + "2000 requests so far"));
+  EXPECT_EQ(daemon->logCount(line), 2u);
 }
 
 TEST(Verbosity, DecidesWhatIsLogged) {
