@@ -4,17 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 
 #include "abd/database/ABDAnnotationStore.h"
-#include "abd/database/ABDUserPrefs.h"
-#include "platform/log/Failure.h"
 #include "platform/propertylist/PropertyList.h"
-#include "platform/system/Preferences.h"
-#include "tests/support/Daemon.h"
 #include "tests/support/ThisServer.h"
 
 namespace {
@@ -59,12 +53,9 @@ class AnnotationStore : public testing::Test {
   }
 };
 
-TEST_F(AnnotationStore, AFirstStartIsSilentAndMakesNoFile) {
-  EXPECT_EQ(logOf([] { ABDAnnotationStore store(file()); }), Log{});
-  EXPECT_FALSE(fs::exists(file()));
-}
-
 TEST_F(AnnotationStore, MergesEntriesAndWritesEveryChange) {
+  EXPECT_EQ(logOf([] { ABDAnnotationStore first(file()); }), Log{});
+  EXPECT_FALSE(fs::exists(file())) << "a first start is silent and makes no file";
   ABDAnnotationStore store(file());
   store.setAnnotation(Dictionary{{"election", 1}}, *plugIn());
   EXPECT_EQ(stored(), fileOf({{"annotated", Dictionary{{"election", 1}}}}));
@@ -74,20 +65,10 @@ TEST_F(AnnotationStore, MergesEntriesAndWritesEveryChange) {
   EXPECT_EQ(store.annotationForPlugIn(*plugIn()), Value(both));
   store.setAnnotation(Dictionary{{"election", 2}}, *plugIn());
   EXPECT_EQ(store.annotationForIdentifier("annotated")["election"], Value(2));
-  EXPECT_EQ(ABDAnnotationStore(file()).annotations(), store.annotations());
+
   store.setAnnotation(std::nullopt, *plugIn());
   EXPECT_EQ(stored(), fileOf({}));
   EXPECT_TRUE(store.annotationForPlugIn(*plugIn()).isNone());
-}
-
-TEST_F(AnnotationStore, PlugInsOfOneKeyShareTheirRecord) {
-  const Record replacer =
-      testsupport::registeredRecord({.identifier = "annotated.replacer",
-                                     .entitlements = {{"com.veltra.developer.replace-plugin", "annotated"}}});
-  ABDAnnotationStore store(file());
-  store.setAnnotation(Dictionary{{"election", 1}}, *replacer);
-  EXPECT_EQ(store.annotationForPlugIn(*plugIn())["election"], Value(1));
-  EXPECT_TRUE(store.annotationForIdentifier("annotated.replacer").isNone());
 }
 
 TEST_F(AnnotationStore, KeepsWhatItDoesNotKnow) {
@@ -118,32 +99,28 @@ TEST_F(AnnotationStore, AFileThatCannotBeReadIsReportedAndLeftUntilTheFirstChang
     writePropertyList(file(), contents);
     EXPECT_EQ(refusal(), versionError(read));
   }
-  writePropertyList(file(), Dictionary{{"version", 16}});
-  EXPECT_NE(refusal().find("\"data\" is not a dictionary"), std::string::npos);
-  writePropertyList(file(), Dictionary{{"version", 16}, {"data", Array()}});
-  EXPECT_NE(refusal().find("\"data\" is not a dictionary"), std::string::npos);
+  const auto expectRefusal = [](const char* text) { EXPECT_NE(refusal().find(text), std::string::npos); };
+  for (const Value& contents :
+       {Value(Dictionary{{"version", 16}}), Value(Dictionary{{"version", "16 or so"}, {"data", Array()}})}) {
+    writePropertyList(file(), contents);
+    expectRefusal("\"data\" is not a dictionary");
+  }
   writePropertyList(file(), Array{16});
-  EXPECT_NE(refusal().find("does not hold a dictionary"), std::string::npos);
+  expectRefusal("does not hold a dictionary");
+  fs::remove(file());
+  fs::create_directory(file());
+  expectRefusal("POSIX");
+  fs::remove(file());
+  ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
+  expectRefusal("POSIX");  // and nobody waits for a writer
+  fs::remove(file());
   writeText(file(), "<plist><dict><key>version");
-  EXPECT_NE(refusal().find("File 259"), std::string::npos);
+  expectRefusal("File 259");
 
   ABDAnnotationStore store(file());
   EXPECT_EQ(testsupport::readText(file()), "<plist><dict><key>version");
   store.setAnnotation(Dictionary{{"election", 1}}, *plugIn());
   EXPECT_EQ(stored(), fileOf({{"annotated", Dictionary{{"election", 1}}}}));
-}
-
-TEST_F(AnnotationStore, AcceptsAVersionThatIsWrittenAsText) {
-  writePropertyList(file(), Dictionary{{"version", "16 or so"}, {"data", Dictionary{{"a", Dictionary()}}}});
-  EXPECT_EQ(ABDAnnotationStore(file()).annotations().size(), 1u);
-}
-
-TEST_F(AnnotationStore, AFileInThePlaceOfAnotherKindIsReported) {
-  fs::create_directory(file());
-  EXPECT_NE(refusal().find("POSIX"), std::string::npos);
-  fs::remove(file());
-  ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
-  EXPECT_NE(refusal().find("POSIX"), std::string::npos);  // and nobody waits for a writer
 }
 
 TEST_F(AnnotationStore, AFailedSaveIsLoggedAndItsChangeIsInTheNextOne) {
@@ -170,51 +147,6 @@ TEST_F(AnnotationStore, ARelativePathMeansTheDirectoryOfTheStart) {
   EXPECT_TRUE(fs::exists(directory() + "/Relative"));
   const ABDAnnotationStore missing(directory() + "/none/Annotations");
   EXPECT_FALSE(fs::exists(directory() + "/none"));
-}
-
-TEST_F(AnnotationStore, LivesInItsOwnDirectoryByDefault) {
-  const std::string directory = thisDevice().state() + "/com.veltra.ambrel";
-  fs::remove_all(directory);
-  EXPECT_EQ(ABDAnnotationStore::defaultDatabaseURL().path(), directory + "/Annotations");
-  EXPECT_EQ(fs::status(directory).permissions(), fs::perms::owner_all);
-  EXPECT_EQ(ABDAnnotationStore::defaultDatabaseURL().path(), directory + "/Annotations");
-}
-
-TEST_F(AnnotationStore, ADefaultDirectoryThatCannotBeMadeIsAnInternalInconsistency) {
-  const std::string directory = thisDevice().state() + "/com.veltra.ambrel";
-  fs::remove_all(directory);
-  writeText(directory, "in the way");
-  try {
-    ABDAnnotationStore::defaultDatabaseURL();
-    ADD_FAILURE() << "nothing was raised";
-  } catch (const InternalInconsistency& failure) {
-    EXPECT_TRUE(std::string_view(failure.what())
-                    .starts_with("unable to create plugin annotations directory:file://" + directory +
-                                 "/ error:POSIX "));
-  }
-  fs::remove(directory);
-}
-
-TEST_F(AnnotationStore, ADaemonWithoutAPerUserDirectoryEnds) {
-  std::vector<std::string> environment = {"HOME=", "XDG_STATE_HOME=", "ABD_LOG=stderr"};  // the first counts
-  for (const std::string& variable : thisDevice().environment()) environment.push_back(variable);
-  const std::string errors = directory() + "/errors";
-  testsupport::Process daemon({ABD_PROGRAM, "-S", "abd.homeless"}, environment, errors);
-  EXPECT_EQ(daemon.waitForExit(), 128 + SIGABRT);
-  EXPECT_NE(testsupport::readText(errors).find("unable to locate user directory: errno 2"),
-            std::string::npos);
-}
-
-TEST_F(AnnotationStore, ExclusionsAreThoseOfThisHostAsTheyAreNow) {
-  const ABDUserPrefs preferences;
-  EXPECT_TRUE(preferences.exclusions().isNone());
-  const Dictionary excluded = {{"exclusions", Array{Dictionary{{"a", "b"}}}}};
-  writePropertyList(thisDevice().configUser() + "/Preferences/com.veltra.ambrel.userprefs.plist", excluded);
-  EXPECT_TRUE(preferences.exclusions().isNone());
-  writePropertyList(hostPreferencesPath("com.veltra.ambrel.userprefs"), excluded);
-  EXPECT_EQ(preferences.exclusions(), excluded["exclusions"]);
-  fs::remove(hostPreferencesPath("com.veltra.ambrel.userprefs"));
-  EXPECT_TRUE(preferences.exclusions().isNone());
 }
 
 }  // namespace
