@@ -1,94 +1,47 @@
 // "annotate": what is stored, where it shows, and that what was answered survives kills, full disks and
 // directories that cannot be written.
 
-#include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
-#include <functional>
 #include <limits>
 #include <map>
 #include <random>
 
 #include "platform/propertylist/PropertyList.h"
-#include "tests/support/Daemon.h"
+#include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// A binary property list of dictionaries and short ASCII strings, which may hold what XML cannot.
-std::string binaryPropertyList(const Value& root) {
-  std::vector<std::string> objects;
-  const std::function<uint8_t(const Value&)> add = [&](const Value& value) {
-    const size_t number = objects.size();
-    objects.emplace_back();
-    std::string object;
-    if (const auto text = value.string()) {
-      object = "\x5f\x10" + std::string(1, static_cast<char>(text->size())) + std::string(*text);
-    } else {
-      std::string keys, values;
-      for (const auto& [key, each] : *value.dictionary()) {
-        keys += static_cast<char>(add(key));
-        values += static_cast<char>(add(each));
-      }
-      object = static_cast<char>(0xd0 | keys.size()) + keys + values;
-    }
-    objects[number] = object;
-    return static_cast<uint8_t>(number);
-  };
-  add(root);
-  std::string bytes = "bplist00", offsets;
-  for (const std::string& object : objects) {
-    for (const int shift : {8, 0}) offsets += static_cast<char>(bytes.size() >> shift);
-    bytes += object;
-  }
-  const size_t table = bytes.size();
-  const auto bigEndian = [](size_t number) {
-    std::string text;
-    for (int shift = 56; shift >= 0; shift -= 8) text += static_cast<char>(number >> shift);
-    return text;
-  };
-  return bytes + offsets + std::string(6, '\0') + "\x02\x01" + bigEndian(objects.size()) + bigEndian(0) +
-         bigEndian(table);
-}
-
-class Annotate : public testing::Test {
+class Annotate : public DaemonTest {
  protected:
-  void start(Daemon::Options options = {}) {
-    daemon.reset();
-    daemon.emplace(root, std::move(options));
-    client.emplace(daemon->connect());
-  }
   Dictionary annotate(const std::vector<UUID>& uuids, const Value& annotations) {
-    Dictionary body = message("annotate", {{"uuids", uuidArray(uuids)}});
-    body.set("annotations", annotations);
-    return client->call(body);
+    return call("annotate", {{"uuids", uuidArray(uuids)}, {"annotations", annotations}});
   }
-  std::string elect(const UUID& uuid, const Value& election) {
-    return errorOf(annotate({uuid}, Dictionary{{"election", election}}));
+  std::string elect(const UUID& plugIn, const Value& election) {
+    return errorOf(annotate({plugIn}, Dictionary{{"election", election}}));
   }
-  Value annotationsInForm(const char* identifier) {
-    return formOf(match(*client), identifier)["annotations"];
+  std::string elect(const char* identifier, const Value& election) {
+    return elect(uuid(identifier), election);
   }
-  std::string elected(const char* pattern) {
-    return identifiers(match(*client, Dictionary{{"ZQUserElection", pattern}}));
+  Value annotationsInForm(std::string_view identifier) { return form(identifier)["annotations"]; }
+  std::string elected(const char* pattern) { return found(Dictionary{{"ZQUserElection", pattern}}); }
+  /// Installs an application with these plug-ins, starts the daemon, and answers the first's UUID.
+  UUID startWith(const std::vector<PlugInBundle>& plugIns) {
+    root.install("A.app", plugIns);
+    start();
+    return uuid(plugIns.front().identifier);
   }
-
-  const DeviceRoot root;
-  std::optional<Daemon> daemon;
-  std::optional<WireClient> client;
+  static fs::perms permissions(const fs::path& path) { return fs::status(path).permissions(); }
 };
 
 TEST_F(Annotate, AnElectionIsStoredLoggedAnnouncedAndShownInForms) {
-  root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}, {.identifier = "c"}});
-  start();
+  const UUID a = startWith({{.identifier = "a"}, {.identifier = "b"}, {.identifier = "c"}}), b = uuid("b");
   EXPECT_FALSE(fs::exists(root.annotationFile())) << "nothing is written before the first change";
-  const UUID a = uuidOf(*client, "a"), b = uuidOf(*client, "b");
   EXPECT_EQ(Value(annotate({a, b}, Dictionary{{"election", 1}, {"Other", "dropped"}})), Value(Dictionary()));
   const std::string line = "client " + std::to_string(getpid()) + " plug-in ";
   EXPECT_TRUE(daemon->logs(line + "a election := 1") && daemon->logs(line + "b election := 1"));
@@ -110,17 +63,12 @@ TEST_F(Annotate, AnElectionIsStoredLoggedAnnouncedAndShownInForms) {
 
   start();
   EXPECT_EQ(annotationsInForm("a"), Value(Dictionary{{"election", 257}, {"extension", extension}}));
-  struct stat file = {};
-  ASSERT_EQ(stat(root.annotationFile().c_str(), &file), 0);
-  EXPECT_EQ(file.st_mode & 0777, 0644u);
-  ASSERT_EQ(stat(fs::path(root.annotationFile()).parent_path().c_str(), &file), 0);
-  EXPECT_EQ(file.st_mode & 0777, 0700u);
+  EXPECT_EQ(permissions(root.annotationFile()), fs::perms(0644));
+  EXPECT_EQ(permissions(fs::path(root.annotationFile()).parent_path()), fs::perms(0700));
 }
 
 TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
-  root.install("A.app", {{.identifier = "a"}});
-  start();
-  const UUID a = uuidOf(*client, "a");
+  const UUID a = startWith({{.identifier = "a"}});
   const Value good = Dictionary{{"k", 1}};
   for (const Value& wrong : {Value(), Value("text"), Value(Array{1}), Value(5)})
     EXPECT_EQ(errorOf(annotate({a}, wrong)), "4: invalid request format (bad annotations dictionary)");
@@ -135,8 +83,7 @@ TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
     EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"election", 1}, {"extension", extension}})),
               "4: invalid request format (annotation extension)")
         << extension.description();
-  EXPECT_EQ(Value(client->call(message("annotate", {{"annotations", Dictionary{{"Else", 1}}}}))),
-            Value(Dictionary()))
+  EXPECT_EQ(Value(call("annotate", {{"annotations", Dictionary{{"Else", 1}}}})), Value(Dictionary()))
       << "without a known entry the list is not read";
   EXPECT_FALSE(fs::exists(root.annotationFile()));
   EXPECT_EQ(root.changeNotifications(), 0u);
@@ -150,23 +97,18 @@ TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
 }
 
 TEST_F(Annotate, WhatCameBeforeABadEntryStays) {
-  root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
-  start();
-  const UUID a = uuidOf(*client, "a"), b = uuidOf(*client, "b");
+  const UUID a = startWith({{.identifier = "a"}, {.identifier = "b"}}), b = uuid("b");
   EXPECT_EQ(errorOf(annotate({a, UUID::random(), b}, Dictionary{{"election", 2}})),
             "4: no such plugin (uuid not found)");
   EXPECT_EQ(elected("2"), "a");
   EXPECT_EQ(root.changeNotifications(), 1u);
-  EXPECT_EQ(errorOf(client->call(message(
-                "annotate", {{"uuids", Array{b, "text"}}, {"annotations", Dictionary{{"election", 2}}}}))),
+  EXPECT_EQ(error("annotate", {{"uuids", Array{b, "text"}}, {"annotations", Dictionary{{"election", 2}}}}),
             "4: invalid request (bad uuid array)");
   EXPECT_EQ(elected("2"), "a b");
 }
 
 TEST_F(Annotate, TheDeepestExtensionThatIsTakenIsReadBackAndOneDeeperIsRefused) {
-  root.install("A.app", {{.identifier = "a"}});
-  start();
-  const UUID a = uuidOf(*client, "a");
+  const UUID a = startWith({{.identifier = "a"}});
   const auto nested = [](int depth) {
     Value value = 1;
     for (int i = 0; i < depth; ++i) value = Dictionary{{"k", value}};
@@ -185,37 +127,46 @@ TEST_F(Annotate, APlugInAndItsReplacementShareTheirElection) {
       "A.app", {{.identifier = "old"},
                 {.identifier = "new", .entitlements = {{"com.veltra.developer.replace-plugin", "old"}}}});
   start();
-  EXPECT_EQ(elect(uuidOf(*client, "new"), 2), "");
+  EXPECT_EQ(elect("new", 2), "");
   EXPECT_EQ(elected("2"), "new old");
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"old", Dictionary{{"election", 2}}}}));
   fs::rename(application, root.path() + "/away");
-  ASSERT_TRUE(eventually([&] { return match(*client).empty(); }));
+  ASSERT_TRUE(eventually([&] { return found().empty(); }));
   fs::rename(root.path() + "/away", application);
-  ASSERT_TRUE(eventually([&] { return match(*client).size() == 2; }));
+  ASSERT_TRUE(eventually([&] { return found() == "new old"; }));
   EXPECT_EQ(elected("2"), "new old") << "an uninstall touches no annotation";
 }
 
 TEST_F(Annotate, PlugInsThatElectThemselvesAreElectedWithoutAnnouncement) {
-  root.install("A.app",
-               {{.identifier = "auto", .entitlements = {{"com.veltra.developer.auto-elect-plugin", true}}}});
-  start();
+  const UUID plugIn =
+      startWith({{.identifier = "auto", .entitlements = {{"com.veltra.developer.auto-elect-plugin", true}}}});
   EXPECT_EQ(elected("1"), "auto");
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"auto", Dictionary{{"election", 1}}}}));
   EXPECT_EQ(root.changeNotifications(), 0u);
-  EXPECT_EQ(elect(uuidOf(*client, "auto"), 2), "");
+  EXPECT_EQ(elect(plugIn, 2), "");
   start();
   EXPECT_EQ(elected("2"), "auto") << "an election that was made stays";
 }
 
 TEST_F(Annotate, APlugInWhoseNameNoFileCanHoldSpoilsNobodysElection) {
   const std::string application = root.install("A.app", {{.identifier = "good"}, {.identifier = "strange"}});
-  Dictionary info = infoDictionary({.identifier = "bell\a"});
-  writeText(DeviceRoot::plugInPath(application, "strange") + "/Info.plist", binaryPropertyList(info));
+  // {BWBundleIdentifier = "bell\a"; ZQExtension = {}}, which only a binary list can say.
+  const std::string info =
+      "bplist00\xD2\x01\x02\x03\x04\x5F\x10\x12"
+      "BWBundleIdentifier"
+      "\x5B"
+      "ZQExtension"
+      "\x55"
+      "bell\a"
+      "\xD0\x08\x0D\x22\x2E\x34" +
+      std::string(6, '\0') + "\x01\x01" +
+      std::string("\0\0\0\0\0\0\0\x05\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x35", 24);
+  writeText(DeviceRoot::plugInPath(application, "strange") + "/Info.plist", info);
   start();
-  EXPECT_EQ(elect(uuidOf(*client, "bell\a"), 1), "");
+  EXPECT_EQ(elect("bell\a", 1), "");
   EXPECT_TRUE(daemon->logs("unable to save annotations:"));
   EXPECT_EQ(annotationsInForm("bell\a")["election"], Value(1)) << "kept in memory";
-  EXPECT_EQ(elect(uuidOf(*client, "good"), 2), "");
+  EXPECT_EQ(elect("good", 2), "");
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"good", Dictionary{{"election", 2}}}}));
 }
 
@@ -229,22 +180,20 @@ TEST_F(Annotate, ARejectedFileIsReportedAndStaysUntilTheFirstChange) {
   EXPECT_TRUE(daemon->logs("found database version 15 needed version 16"));
   EXPECT_EQ(annotationsInForm("a"), Value(Dictionary()));
   EXPECT_EQ(Value(*readDictionaryFile(root.annotationFile())), outdated);
-  EXPECT_EQ(elect(uuidOf(*client, "a"), 1), "");
+  EXPECT_EQ(elect("a", 1), "");
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"a", Dictionary{{"election", 1}}}}));
 }
 
 TEST_F(Annotate, ARelativeFileLiesWhereTheDaemonWasStarted) {
   root.install("A.app", {{.identifier = "a"}});
   start({.arguments = {"-d", "mine.plist"}, .directory = root.path()});
-  EXPECT_EQ(elect(uuidOf(*client, "a"), 1), "");
+  EXPECT_EQ(elect("a", 1), "");
   EXPECT_EQ((*readDictionaryFile(root.path() + "/mine.plist"))["version"], Value(16));
   EXPECT_FALSE(fs::exists(root.state() + "/com.veltra.ambrel"));
 }
 
 TEST_F(Annotate, OtherClientsWaitForOneAnnotationNotForAllThatAClientHasSent) {
-  root.install("A.app", {{.identifier = "a"}});
-  start();
-  const UUID a = uuidOf(*client, "a");
+  const UUID a = startWith({{.identifier = "a"}});
   constexpr size_t kRequests = 40;
   for (size_t i = 0; i < kRequests; ++i)
     client->send(message("annotate", {{"uuids", Array{a}}, {"annotations", Dictionary{{"election", i}}}}));
@@ -273,9 +222,7 @@ class SavingFails : public Annotate {
   }
   void expectKeptUntilItCanBeSaved(const std::function<void()>& breakIt,
                                    const std::function<void()>& mendIt) {
-    root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
-    start();
-    const UUID a = uuidOf(*client, "a"), b = uuidOf(*client, "b");
+    const UUID a = startWith({{.identifier = "a"}, {.identifier = "b"}}), b = uuid("b");
     ASSERT_EQ(elect(a, 1), "");
     const std::string before = readText(root.annotationFile());
     breakIt();
@@ -326,7 +273,7 @@ TEST_F(Annotate, WhatWasAnsweredSurvivesAKillAtAnyMoment) {
   root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}, {.identifier = "c"}});
   start({.arguments = {}});
   std::vector<UUID> uuids;
-  for (const std::string& name : names) uuids.push_back(uuidOf(*client, name));
+  for (const std::string& name : names) uuids.push_back(uuid(name));
   std::mt19937 random(42);
   std::map<std::string, int64_t> answered;
   int64_t serial = 0;
@@ -371,8 +318,7 @@ TEST_F(Annotate, WhatWasAnsweredSurvivesAKillAtAnyMoment) {
         << "left-over temporary files are swept";
   }
   EXPECT_GT(answers, static_cast<size_t>(kKills / 4)) << "kills came while requests were being answered";
-  for (const std::string& name : names)
-    EXPECT_EQ(annotationsInForm(name.c_str()), root.storedAnnotations()[name]);
+  for (const std::string& name : names) EXPECT_EQ(annotationsInForm(name), root.storedAnnotations()[name]);
 }
 
 }  // namespace
