@@ -1,27 +1,22 @@
 // "ready" and "access": checks, refusals and what is left for the service launcher.
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <filesystem>
 
 #include "platform/propertylist/PropertyList.h"
-#include "tests/support/Daemon.h"
+#include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
 
 namespace fs = std::filesystem;
 
-class Ready : public testing::Test {
+class Ready : public DaemonTest {
  protected:
-  void start(Daemon::Options options = {}) {
-    daemon.emplace(root, std::move(options));
-    client.emplace(daemon->connect());
-  }
   Dictionary ready(const std::vector<UUID>& uuids) {
-    return client->call(message("ready", {{"uuids", uuidArray(uuids)}, {"flags", 99}}));
+    return call("ready", {{"uuids", uuidArray(uuids)}, {"flags", 99}});
+  }
+  void hold(const char* identifier) {
+    EXPECT_EQ(error("lock", {{"paths", Array{form(identifier)["path"]}}, {"flags", 2}}), "");
   }
   std::string registrationPath(const UUID& plugIn) const {
     return root.runtime() + "/Launcher/" + std::to_string(getpid()) + "/" + plugIn.string() + ".plist";
@@ -30,13 +25,14 @@ class Ready : public testing::Test {
     return readDictionaryFile(registrationPath(plugIn)).value_or(Dictionary());
   }
   bool isRegistered(const UUID& plugIn) const { return fs::exists(registrationPath(plugIn)); }
-  const Value& service(const Dictionary& registered) const {
-    return registered["LaunchDescription"]["QMXService"];
+  /// Starts the daemon, and a host with the entitlement that "sealed" plug-ins ask for.
+  WireClient& startWithHolder() {
+    const std::string bundle = hostBundle("Holder", {{"org.key", true}});
+    start();
+    return holder.emplace(root, *daemon, bundle).client();
   }
-
-  const DeviceRoot root;
-  std::optional<Daemon> daemon;
-  std::optional<WireClient> client;
+  const Dictionary sealed = {{"ZQExtensionHostEntitlement", "org.key"}};
+  std::optional<Host> holder;
 };
 
 TEST_F(Ready, RegistersThePlugInForTheHostWithItsEnvironment) {
@@ -46,20 +42,22 @@ TEST_F(Ready, RegistersThePlugInForTheHostWithItsEnvironment) {
                  .info = {{"QMXService",
                            Dictionary{{"EnvironmentVariables", Dictionary{{"OWN", "1"}, {"TMPDIR", "/own"}}},
                                       {"_SandboxProfile", "none"},
+                                      {"_OmitSandboxParameters", false},
                                       {"Niceness", 5}}}}}});
   start({.environment = {"ABTEST_SDK=" + root.path() + "/sdks"}});
-  const UUID uuid = uuidOf(*client, "a");
-  EXPECT_EQ(Value(ready({uuid, uuid})), Value(Dictionary()));
+  const UUID a = uuid("a");
+  EXPECT_EQ(Value(ready({a, a})), Value(Dictionary()));
 
-  const Dictionary registered = registration(uuid);
+  const Dictionary registered = registration(a);
   const std::string path = DeviceRoot::plugInPath(application, "a");
   const std::string container = root.dataUser() + "/Containers/a";
-  EXPECT_EQ(registered["PlugInIdentifier"].string(), "a");
-  EXPECT_EQ(registered["BundleIdentifier"].string(), "a");
-  EXPECT_EQ(registered["BundleVersion"].string(), "100");
-  EXPECT_EQ(registered["ExecutablePath"].string(), path + "/run");
+  const Dictionary plain = {{"PlugInIdentifier", "a"},
+                            {"BundleIdentifier", "a"},
+                            {"BundleVersion", "100"},
+                            {"ExecutablePath", path + "/run"}};
+  for (const auto& [key, value] : plain) EXPECT_EQ(registered[key], value) << key.view();
   EXPECT_EQ(registered["LaunchDescription"]["BWBundlePackageType"].string(), "QMX!");
-  EXPECT_EQ(service(registered),
+  EXPECT_EQ(registered["LaunchDescription"]["QMXService"],
             Value(Dictionary{{"EnvironmentVariables", Dictionary{{"HOME", container},
                                                                  {"BWFIXED_USER_HOME", container},
                                                                  {"TMPDIR", "/own"},
@@ -70,7 +68,7 @@ TEST_F(Ready, RegistersThePlugInForTheHostWithItsEnvironment) {
                              {"_OmitSandboxParameters", true}}));
   EXPECT_TRUE(daemon->logs("assigning plug-in a(4.2) to plugin sandbox"));
   EXPECT_EQ(daemon->logCount("enabling pid=" + std::to_string(getpid()) + " for plug-in a(4.2) " +
-                             uuid.string() + " " + path),
+                             a.string() + " " + path),
             1u)
       << "named twice, enabled once";
 }
@@ -81,54 +79,51 @@ TEST_F(Ready, ChoosesTheSandboxByExtensionPointAndConsent) {
                         .attributes = attributes,
                         .plugIn = {{"ZQExtensionPointIdentifier", "com.veltra.keyboard-service"}}};
   };
-  root.install("Keys.app", {keyboard("asks", {{"RequestsOpenAccess", true}}), keyboard("silent", {})});
+  root.install("Keys.app", {keyboard("asks", {{"RequestsOpenAccess", true}}), keyboard("silent", {}),
+                            keyboard("text", {{"RequestsOpenAccess", "YES"}})});
   root.install("Filter.app", {{.identifier = "filter",
                                .plugIn = {{"ZQExtensionPointIdentifier", "com.veltra.fennix.filter-data"}}}});
   start();
   const auto profile = [&](const char* identifier) {
-    const UUID uuid = uuidOf(*client, identifier);
-    EXPECT_EQ(errorOf(ready({uuid})), "");
-    return std::string(service(registration(uuid))["_SandboxProfile"].string().value_or("?"));
+    const UUID plugIn = uuid(identifier);
+    EXPECT_EQ(errorOf(ready({plugIn})), "");
+    return registration(plugIn)["LaunchDescription"]["QMXService"]["_SandboxProfile"];
   };
   const auto consent = [&](bool granted) {
     writePropertyList(root.configUser() + "/Consent.plist",
                       Dictionary{{"app.Keys", Dictionary{{"kQSVServiceKeyboardNetwork", granted}}}});
   };
-  EXPECT_EQ(profile("asks"), "keyboard");
+  EXPECT_EQ(profile("asks"), Value("keyboard"));
   consent(true);
-  EXPECT_EQ(profile("asks"), "plugin") << "consent is read anew";
-  EXPECT_EQ(profile("silent"), "keyboard");
+  EXPECT_EQ(profile("asks"), Value("plugin")) << "consent is read anew";
+  EXPECT_EQ(profile("silent"), Value("keyboard"));
+  EXPECT_EQ(profile("text"), Value("keyboard")) << "it does not ask with the boolean";
   consent(false);
-  EXPECT_EQ(profile("asks"), "keyboard");
-  EXPECT_EQ(profile("filter"), "network-filter");
+  EXPECT_EQ(profile("asks"), Value("keyboard"));
+  EXPECT_EQ(profile("filter"), Value("network-filter"));
   EXPECT_TRUE(daemon->logs("assigning plug-in filter(1.0) to network-filter sandbox"));
   writeText(root.configUser() + "/Consent.plist", "no property list");
-  EXPECT_EQ(profile("asks"), "keyboard");
+  EXPECT_EQ(profile("asks"), Value("keyboard"));
   EXPECT_TRUE(daemon->logs("QSVAccessCopyInformationForBundle failed for "));
 }
 
 TEST_F(Ready, ARefusalEnablesNothingOfTheList) {
-  root.install("A.app", {{.identifier = "free"},
-                         {.identifier = "sealed", .plugIn = {{"ZQExtensionHostEntitlement", "org.key"}}},
-                         {.identifier = "held"}});
-  writePropertyList(root.path() + "/hosts/Holder.app/Entitlements.plist", Dictionary{{"org.key", true}});
-  start();
-  Host holder(root, *daemon, root.path() + "/hosts/Holder.app");
-  const UUID free = uuidOf(*client, "free"), held = uuidOf(*client, "held"),
-             sealed = uuidOf(holder.client(), "sealed");
-  EXPECT_EQ(errorOf(ready({free, sealed})),
-            "11: access to plugin sealed denied: the host does not have the \"org.key\" entitlement");
-  EXPECT_TRUE(daemon->logs("denied access to pid " + std::to_string(getpid()) + " for plugin sealed(" +
-                           sealed.string() + "): the host does not have the \"org.key\" entitlement"));
-  client->call(
-      message("lock", {{"paths", Array{*formOf(match(*client), "held")["path"].string()}}, {"flags", 2}}));
+  root.install("A.app",
+               {{.identifier = "free"}, {.identifier = "s", .plugIn = sealed}, {.identifier = "held"}});
+  WireClient& other = startWithHolder();
+  const UUID free = uuid("free"), held = uuid("held"), s = uuidOf(other, "s");
+  EXPECT_EQ(errorOf(ready({free, s})),
+            "11: access to plugin s denied: the host does not have the \"org.key\" entitlement");
+  EXPECT_TRUE(daemon->logs("denied access to pid " + std::to_string(getpid()) + " for plugin s(" +
+                           s.string() + "): the host does not have the \"org.key\" entitlement"));
+  hold("held");
   EXPECT_EQ(errorOf(ready({free, held})), "11: access to plugin held denied: the plug-in is on hold");
   EXPECT_EQ(errorOf(ready({free, UUID::random()})), "4: no such plugin (uuid not found)");
   EXPECT_FALSE(isRegistered(free));
 
-  EXPECT_EQ(errorOf(holder.client().call(message("ready", {{"uuids", Array{sealed}}}))), "");
-  EXPECT_TRUE(fs::exists(root.runtime() + "/Launcher/" + std::to_string(holder.pid()) + "/" +
-                         sealed.string() + ".plist"));
+  EXPECT_EQ(errorOf(other.call(message("ready", {{"uuids", Array{s}}}))), "");
+  EXPECT_TRUE(fs::exists(root.runtime() + "/Launcher/" + std::to_string(holder->pid()) + "/" + s.string() +
+                         ".plist"));
 }
 
 TEST_F(Ready, DataPlugInsNeedNoEnabling) {
@@ -136,12 +131,8 @@ TEST_F(Ready, DataPlugInsNeedNoEnabling) {
                {{.identifier = "data",
                  .plugIn = {{"ZQExtensionProtocol", "#Data"}, {"ZQExtensionHostEntitlement", "org.key"}}},
                 {.identifier = "code"}});
-  start();
-  const Dictionary body = message("match", {{"flags", 0}});
   // Discovery asks the policy of data plug-ins too, so the UUID comes from a host that has the entitlement.
-  writePropertyList(root.path() + "/hosts/Holder.app/Entitlements.plist", Dictionary{{"org.key", true}});
-  Host holder(root, *daemon, root.path() + "/hosts/Holder.app");
-  const UUID data = uuidOf(holder.client(), "data"), code = uuidOf(*client, "code");
+  const UUID data = uuidOf(startWithHolder(), "data"), code = uuid("code");
   EXPECT_EQ(errorOf(ready({data})), "") << "no policy is asked";
   EXPECT_FALSE(daemon->logs("enabling pid="));
   EXPECT_EQ(errorOf(ready({data, code, data})), "");
@@ -157,8 +148,7 @@ TEST_F(Ready, AFailureIsAnsweredOnceAndTheOthersAreStillEnabled) {
   for (const char* bad : {"bad.1", "bad.2"})
     fs::permissions(DeviceRoot::plugInPath(application, bad) + "/run", fs::perms::owner_read);
   start();
-  const UUID good = uuidOf(*client, "good"), bad1 = uuidOf(*client, "bad.1"), bad2 = uuidOf(*client, "bad.2"),
-             fine = uuidOf(*client, "fine");
+  const UUID good = uuid("good"), bad1 = uuid("bad.1"), bad2 = uuid("bad.2"), fine = uuid("fine");
   const std::string pid = std::to_string(getpid());
   const std::string error = errorOf(ready({good, bad1, bad2, fine}));
   EXPECT_TRUE(error == "4: unable to enable plug-in bad.1(" + bad1.string() + ") for pid " + pid ||
@@ -174,13 +164,12 @@ TEST_F(Ready, ABundleThatIsGoneHasNoExecutableAndNoToken) {
   const std::string bundle = root.path() + "/Loose.app/PlugIns/lost.appex";
   root.writeBundle(bundle, {.identifier = "lost"});
   start();
-  ASSERT_EQ(errorOf(client->call(message("add", {{"paths", Array{bundle}}}))), "");
-  const UUID lost = uuidOf(*client, "lost");
+  ASSERT_EQ(error("add", {{"paths", Array{bundle}}}), "");
+  const UUID lost = uuid("lost");
   fs::rename(bundle, root.path() + "/away");
   EXPECT_EQ(errorOf(ready({lost})),
             "4: cannot obtain executable path for plug-in lost(" + lost.string() + ")");
-  EXPECT_EQ(errorOf(client->call(message("access", {{"uuids", Array{lost}}}))),
-            "4: cannot create extension to " + bundle + ": 2");
+  EXPECT_EQ(error("access", {{"uuids", Array{lost}}}), "4: cannot create extension to " + bundle + ": 2");
 }
 
 TEST_F(Ready, WithoutADataContainerNothingIsFound) {
@@ -188,18 +177,18 @@ TEST_F(Ready, WithoutADataContainerNothingIsFound) {
   root.install("A.app", {{.identifier = "homeless"},
                          {.identifier = "d", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}});
   start();
-  EXPECT_EQ(identifiers(match(*client)), "d");
+  EXPECT_EQ(found(), "d");
   EXPECT_TRUE(daemon->logs("this plug-in has no sandbox data container"));
 }
 
 TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {
   const std::string application = root.install("A.app", {{.identifier = "a"}});
   start();
-  const UUID uuid = uuidOf(*client, "a");
-  ASSERT_EQ(errorOf(ready({uuid})), "");
-  ASSERT_TRUE(isRegistered(uuid));
+  const UUID a = uuid("a");
+  ASSERT_EQ(errorOf(ready({a})), "");
+  ASSERT_TRUE(isRegistered(a));
   fs::rename(application, root.path() + "/away");
-  EXPECT_TRUE(eventually([&] { return !isRegistered(uuid); }));
+  EXPECT_TRUE(eventually([&] { return !isRegistered(a); }));
   EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:a a(100) "));
   EXPECT_FALSE(daemon->logs("PLUGIN REMOVAL:"));
 }
@@ -207,27 +196,21 @@ TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {
 TEST_F(Ready, ARegistrationThatCannotBeRemovedIsReported) {
   const std::string application = root.install("A.app", {{.identifier = "a"}});
   start();
-  uuidOf(*client, "a");
+  EXPECT_EQ(found(), "a");
   fs::create_directories(registrationPath(UUID()));  // no file: it cannot be unlinked
   fs::rename(application, root.path() + "/away");
   EXPECT_TRUE(daemon->waitForLog("PLUGIN REMOVAL:a RESULT:21"));
 }
 
 TEST_F(Ready, AccessGivesOneTokenForEachInOrderAndAsksNothing) {
-  root.install("A.app", {{.identifier = "open"},
-                         {.identifier = "held"},
-                         {.identifier = "sealed", .plugIn = {{"ZQExtensionHostEntitlement", "org.key"}}}});
-  writePropertyList(root.path() + "/hosts/Holder.app/Entitlements.plist", Dictionary{{"org.key", true}});
-  start();
-  Host holder(root, *daemon, root.path() + "/hosts/Holder.app");
-  const UUID sealed = uuidOf(holder.client(), "sealed"), open = uuidOf(*client, "open"),
-             held = uuidOf(*client, "held");
-  client->call(
-      message("lock", {{"paths", Array{*formOf(match(*client), "held")["path"].string()}}, {"flags", 2}}));
+  root.install("A.app",
+               {{.identifier = "open"}, {.identifier = "held"}, {.identifier = "s", .plugIn = sealed}});
+  const UUID s = uuidOf(startWithHolder(), "s"), open = uuid("open"), held = uuid("held");
+  hold("held");
   const auto access = [&](const Value& version, const std::vector<UUID>& uuids) {
-    return client->call(message("access", {{"uuids", uuidArray(uuids)}, {"version", version}}));
+    return call("access", {{"uuids", uuidArray(uuids)}, {"version", version}});
   };
-  const Dictionary reply = access(3, {open, held, sealed, open});
+  const Dictionary reply = access(3, {open, held, s, open});
   EXPECT_EQ(errorOf(reply), "");
   const Array* tokens = reply["extensions"].array();
   ASSERT_TRUE(tokens != nullptr && tokens->size() == 4);
