@@ -1,26 +1,15 @@
 #include "platform/launcher/ServiceLauncher.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <filesystem>
 #include <future>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/launcher/ProcessAssertions.h"
-#include "platform/propertylist/PropertyList.h"
-#include "platform/queue/SerialQueue.h"
+#include "tests/support/Child.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/OwnDevice.h"
 
 namespace {
@@ -28,32 +17,6 @@ namespace {
 using namespace platform;
 using namespace testsupport;
 namespace fs = std::filesystem;
-
-/// A process that lives until it is killed, and stays a zombie until it is waited for.
-class Child {
- public:
-  Child() : pid_(fork()) {
-    while (pid_ == 0) pause();
-  }
-  ~Child() { end(); }
-  pid_t pid() const { return pid_; }
-  void kill() const { ::kill(pid_, SIGKILL); }
-  void end() {
-    if (pid_ <= 0) return;
-    kill();
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_;
-};
-
-template <typename F>
-bool eventually(const F& condition) {
-  for (int i = 0; i < 1000 && !condition(); ++i) usleep(2000);
-  return condition();
-}
 
 class LauncherTest : public testing::Test {
  protected:
@@ -66,6 +29,10 @@ class LauncherTest : public testing::Test {
     return addExternalService(host, executable_, {{"QMXService", Dictionary()}}, service);
   }
   int add(pid_t host) const { return add(host, service_); }
+  bool isRegistered(pid_t host, const ExternalService& service) const {
+    return externalService(host, service.plugInUUID).has_value();
+  }
+  bool isRegistered(pid_t host) const { return isRegistered(host, service_); }
   int32_t remove(const std::string& identifier, const std::string& version) {
     std::promise<int32_t> result;
     removeExternalService(identifier, version, queue_, [this, &result](int32_t code) {
@@ -90,19 +57,19 @@ TEST_F(LauncherTest, AHostReadsWhatItWasAllowedToStart) {
   const Dictionary description{{"QMXService", Dictionary{{"_SandboxProfile", "plugin"}}},
                                {"BWBundlePackageType", "QMX!"}};
   ASSERT_EQ(addExternalService(getpid(), executable_, description, service_), 0);
-  const auto registration = externalService(getpid(), service_.plugInUUID);
-  ASSERT_TRUE(registration);
-  EXPECT_EQ((*registration)["PlugInIdentifier"], Value("com.example.plugin"));
-  EXPECT_EQ((*registration)[kLauncherBundleIdentifierKey], Value("com.example.bundle"));
-  EXPECT_EQ((*registration)["BundleVersion"], Value("3"));
-  EXPECT_EQ((*registration)["ExecutablePath"], Value(executable_));
-  EXPECT_EQ((*registration)["LaunchDescription"], Value(description));
+  const Dictionary registration = externalService(getpid(), service_.plugInUUID).value();
+  const Dictionary expected = {{"PlugInIdentifier", "com.example.plugin"},
+                               {kLauncherBundleIdentifierKey, "com.example.bundle"},
+                               {"BundleVersion", "3"},
+                               {"ExecutablePath", executable_},
+                               {"LaunchDescription", description}};
+  for (const auto& [key, value] : expected) EXPECT_EQ(registration[key], value) << key.view();
   EXPECT_EQ(fs::status(file(getpid())).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
   ASSERT_EQ(add(getpid()), 0) << "a second registration takes the place of the first";
   EXPECT_EQ((*externalService(getpid(), service_.plugInUUID))["LaunchDescription"],
             Value(Dictionary{{"QMXService", Dictionary()}}));
-  EXPECT_EQ(externalService(getppid(), service_.plugInUUID), std::nullopt) << "it is this host's alone";
+  EXPECT_FALSE(isRegistered(getppid())) << "it is this host's alone";
 }
 
 TEST_F(LauncherTest, RefusalsAreErrorNumbersAndLeaveNothing) {
@@ -119,9 +86,8 @@ TEST_F(LauncherTest, RefusalsAreErrorNumbersAndLeaveNothing) {
   writeText(ownDevice.runtime() + "/Launcher", "in the way");
   EXPECT_EQ(add(host.pid()), ENOTDIR);
   fs::remove(ownDevice.runtime() + "/Launcher");
-  host.kill();
+  host.signal(SIGKILL);
   EXPECT_TRUE(eventually([&] { return add(host.pid()) == ESRCH; })) << "a zombie starts nothing";
-  host.end();
   EXPECT_EQ(add(0), ESRCH);
   EXPECT_EQ(add(-1), ESRCH);
 }
@@ -135,25 +101,23 @@ TEST_F(LauncherTest, ARemovalTakesEveryRegistrationOfTheIdentifierAndVersion) {
   ASSERT_EQ(add(first.pid()) + add(second.pid()) + add(second.pid(), other) + add(second.pid(), later), 0);
   EXPECT_EQ(remove("com.example.bundle", "5"), kRemovalNoSuchService);
   EXPECT_EQ(remove("com.example.bundle", "3"), kRemovalDone);
-  EXPECT_FALSE(externalService(first.pid(), service_.plugInUUID));
-  EXPECT_FALSE(externalService(second.pid(), service_.plugInUUID));
-  EXPECT_FALSE(externalService(second.pid(), other.plugInUUID));
-  EXPECT_TRUE(externalService(second.pid(), later.plugInUUID));
+  EXPECT_FALSE(isRegistered(first.pid()) || isRegistered(second.pid()) || isRegistered(second.pid(), other));
+  EXPECT_TRUE(isRegistered(second.pid(), later));
   EXPECT_EQ(remove("com.example.bundle", "3"), kRemovalNoSuchService);
 }
 
 TEST_F(LauncherTest, ARemovalSparesWhatIsRegisteredAfterIt) {
   ASSERT_EQ(add(getpid()), 0);
   // Keeps the background thread busy until the plug-in is there again.
-  std::promise<void> isRegisteredAgain;
-  RunLoop::background().async([&isRegisteredAgain] { isRegisteredAgain.get_future().wait(); });
+  std::promise<void> again;
+  RunLoop::background().async([&again] { again.get_future().wait(); });
   std::promise<int32_t> result;
   removeExternalService("com.example.bundle", "3", queue_,
                         [&result](int32_t code) { result.set_value(code); });
   ASSERT_EQ(add(getpid()), 0);
-  isRegisteredAgain.set_value();
+  again.set_value();
   result.get_future().wait();
-  EXPECT_TRUE(externalService(getpid(), service_.plugInUUID));
+  EXPECT_TRUE(isRegistered(getpid()));
 }
 
 TEST_F(LauncherTest, RegistrationsOfDeadHostsAreSwept) {
@@ -161,11 +125,11 @@ TEST_F(LauncherTest, RegistrationsOfDeadHostsAreSwept) {
   const pid_t pid = dead.pid();
   ASSERT_EQ(add(pid), 0);
   writeText(hostDirectory(pid) + "/.unfinished", "");
-  dead.end();
-  EXPECT_FALSE(externalService(pid, service_.plugInUUID));
+  dead.kill();
+  EXPECT_FALSE(isRegistered(pid));
   ASSERT_EQ(add(getpid()), 0);
   EXPECT_TRUE(eventually([&] { return !fs::exists(hostDirectory(pid)); }));
-  EXPECT_TRUE(externalService(getpid(), service_.plugInUUID));
+  EXPECT_TRUE(isRegistered(getpid()));
 }
 
 TEST_F(LauncherTest, ARegistrationForAnEarlierProcessOfTheSameIdIsNotTheHosts) {
@@ -173,7 +137,7 @@ TEST_F(LauncherTest, ARegistrationForAnEarlierProcessOfTheSameIdIsNotTheHosts) {
   Dictionary stale = *externalService(getpid(), service_.plugInUUID);
   stale.set("HostStartTime", stale["HostStartTime"].unsignedValue() - 1);
   writePropertyList(file(getpid()), stale);
-  EXPECT_FALSE(externalService(getpid(), service_.plugInUUID));
+  EXPECT_FALSE(isRegistered(getpid()));
   remove("com.example.other", "1");
   EXPECT_FALSE(fs::exists(file(getpid()))) << "swept";
 }
@@ -186,8 +150,8 @@ TEST_F(LauncherTest, HostsComeAndGoWhileOthersAreSwept) {
       for (int i = 0; i < 60; ++i) {
         ExternalService service = service_;
         service.plugInUUID = UUID::random();
-        Child host;
-        if (add(host.pid(), service) != 0 || !externalService(host.pid(), service.plugInUUID)) ++failures;
+        const Child host;
+        if (add(host.pid(), service) != 0 || !isRegistered(host.pid(), service)) ++failures;
       }
     });
   }
@@ -198,38 +162,25 @@ TEST_F(LauncherTest, HostsComeAndGoWhileOthersAreSwept) {
   EXPECT_TRUE(fs::is_empty(ownDevice.runtime() + "/Launcher"));
 }
 
-/// A service manager's socket under an abstract name; $NOTIFY_SOCKET is read at the first marking.
-class ServiceManager {
- public:
-  ServiceManager() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
-    const std::string name = "abd-test-" + std::to_string(getpid());
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, name.data(), name.size());
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr*>(&address), length), 0);
-    setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
-  }
-  ~ServiceManager() { close(socket_); }
-  /// The last text that was sent, "" for none.
-  std::string lastText() const {
+TEST(BusyMarkings, TheServiceManagerSeesHowManyAreOpenAndNeverBlocksThem) {
+  // A service manager's socket under an abstract name; $NOTIFY_SOCKET is read at the first marking.
+  const FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+  const std::string name = "abd-test-" + std::to_string(getpid());
+  const sockaddr_un address = socketAddress('\0' + name);
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+  setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
+  const auto lastText = [&manager] {
     char buffer[256];
     std::string text;
-    for (ssize_t length; (length = recv(socket_, buffer, sizeof buffer, 0)) >= 0;)
-      text.assign(buffer, static_cast<size_t>(length));
+    for (ssize_t size; (size = recv(manager.get(), buffer, sizeof buffer, 0)) >= 0;)
+      text.assign(buffer, static_cast<size_t>(size));
     return text;
-  }
-
- private:
-  int socket_;
-};
-
-TEST(BusyMarkings, TheServiceManagerSeesHowManyAreOpenAndNeverBlocksThem) {
-  const ServiceManager manager;
+  };
   EXPECT_EQ(BusyMarking::count(), 0u);
   {
     const BusyMarking first;
-    EXPECT_EQ(manager.lastText(), "STATUS=busy (1)");
+    EXPECT_EQ(lastText(), "STATUS=busy (1)");
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
       threads.emplace_back([] {
@@ -238,10 +189,10 @@ TEST(BusyMarkings, TheServiceManagerSeesHowManyAreOpenAndNeverBlocksThem) {
       });
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(BusyMarking::count(), 1u);
-    manager.lastText();
+    lastText();
   }
   EXPECT_EQ(BusyMarking::count(), 0u);
-  EXPECT_EQ(manager.lastText(), "STATUS=idle");
+  EXPECT_EQ(lastText(), "STATUS=idle");
 }
 
 class AssertionsTest : public testing::Test {
@@ -271,41 +222,28 @@ TEST_F(AssertionsTest, AnInstanceIsBusyWhileItsAssertionLives) {
 }
 
 TEST_F(AssertionsTest, AnInstanceThatIsKilledIsNoLongerBusy) {
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    const auto assertion = BusyAssertion::take("com.example.a");
-    if (write(ready[1], assertion ? "y" : "n", 1) == 1) pause();
-    _exit(1);
-  }
-  char answer = 0;
-  ASSERT_EQ(read(ready[0], &answer, 1), 1);
-  EXPECT_EQ(answer, 'y');
+  Child child([] {
+    static const auto assertion = BusyAssertion::take("com.example.a");
+    return assertion != nullptr;
+  });
+  EXPECT_TRUE(child.isReady());
   EXPECT_EQ(busyExtensionInstances(bundle_).size(), 1u);
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
+  child.kill();
   EXPECT_TRUE(busyExtensionInstances(bundle_).empty());
   EXPECT_EQ(files("com.example.a"), 1u) << "asking changes nothing";
   const auto next = BusyAssertion::take("com.example.a");
   EXPECT_EQ(files("com.example.a"), 1u) << "the next instance clears what dead ones left";
-  close(ready[0]);
-  close(ready[1]);
 }
 
 TEST_F(AssertionsTest, OnlyAWriteLockCountsAndWhatItsFileDoesNotSayIsLeftOut) {
   const std::string path = ownDevice.runtime() + "/Assertions/com.example.a/instance";
   writeText(path, "no property list");
-  const int file = open(path.c_str(), O_RDWR);
-  struct flock lock {};
-  lock.l_whence = SEEK_SET;
-  lock.l_type = F_RDLCK;
-  ASSERT_EQ(fcntl(file, F_OFD_SETLK, &lock), 0);
-  EXPECT_TRUE(busyExtensionInstances(bundle_).empty());
-  lock.l_type = F_WRLCK;
-  ASSERT_EQ(fcntl(file, F_OFD_SETLK, &lock), 0);
+  FileDescriptor file = lockedFile(path, F_RDLCK);
+  EXPECT_TRUE(file && busyExtensionInstances(bundle_).empty());
+  file = FileDescriptor();
+  file = lockedFile(path);
   EXPECT_EQ(busyExtensionInstances(bundle_), std::vector<Dictionary>{Dictionary()});
-  close(file);
+  file = FileDescriptor();
   ASSERT_EQ(mkfifo((path + "-fifo").c_str(), 0600), 0);
   EXPECT_TRUE(busyExtensionInstances(bundle_).empty()) << "and nothing blocks";
 }
