@@ -1,8 +1,5 @@
 // The server, its clients and holds as objects: what no other process can bring about or see.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include "abd/ABDPlugInHold.h"
 #include "abd/ABDQmxClient.h"
 #include "platform/launcher/ServiceLauncher.h"
@@ -79,7 +76,7 @@ TEST(Hold, ThatComesAfterTheDeathOfItsClientIsReleasedAtOnce) {
   EXPECT_EQ(thisDevice().changeNotifications(), notifications + 2) << "made known, and its end, too";
 }
 
-TEST(Hold, IsKnownByItsTokenAndMarksTheProcessBusy) {
+TEST(Hold, MarksTheProcessBusy) {
   const auto plugIn = registeredRecord({.identifier = "busy"});
   ASSERT_NE(plugIn, nullptr);
   Peer peer;
@@ -87,11 +84,7 @@ TEST(Hold, IsKnownByItsTokenAndMarksTheProcessBusy) {
   {
     const auto first = std::make_shared<ABDPlugInHold>(ABDPlugInHold::PlugIns{plugIn, plugIn}, peer.client);
     const ABDPlugInHold second({plugIn}, peer.client);
-    EXPECT_EQ(first->blocked().size(), 1u);
     EXPECT_FALSE(*first == second);
-    EXPECT_TRUE(*first == *first);
-    EXPECT_EQ(first->client(), peer.client);
-    EXPECT_LE(first->created(), second.created());
     EXPECT_EQ(BusyMarking::count(), 2u);
     thisServer().addHold(first);
   }
