@@ -1,19 +1,17 @@
 // "add", "remove" and "bulk": what they answer, what they change, what they leave alone; and announcements.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <filesystem>
 
-#include "tests/support/Daemon.h"
+#include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
 
 namespace fs = std::filesystem;
 
-class Registration : public testing::Test {
+class Registration : public DaemonTest {
  protected:
+  Registration() { start(); }
   /// A plug-in in an application that lies where nobody scans.
   std::string looseBundle(const std::string& identifier) const {
     const std::string path =
@@ -21,29 +19,24 @@ class Registration : public testing::Test {
     root.writeBundle(path, {.identifier = identifier});
     return path;
   }
-  Dictionary call(const char* name, const Array& paths) {
-    return client.call(message(name, {{"paths", paths}}));
+  std::string errorOfPaths(const char* request, const Array& paths) {
+    return error(request, {{"paths", paths}});
   }
-  std::string found() { return identifiers(match(client)); }
-
-  const DeviceRoot root;
-  Daemon daemon{root};
-  WireClient client = daemon.connect();
 };
 
 TEST_F(Registration, AnAddedPlugInIsFoundByTheNextRequestAndARemovedOneIsNot) {
   const std::string first = looseBundle("first"), second = looseBundle("second");
-  EXPECT_EQ(Value(call("add", {first, second})), Value(Dictionary())) << "a success has no keys";
+  EXPECT_EQ(Value(call("add", {{"paths", Array{first, second}}})), Value(Dictionary())) << "a success has no keys";
   EXPECT_EQ(found(), "first second");
-  EXPECT_TRUE(daemon.waitForLog("INSTALLED:first first(100) "));
-  EXPECT_TRUE(daemon.waitForLog(" " + first));
-  EXPECT_EQ(errorOf(call("add", {first})), "") << "again is a success";
+  EXPECT_TRUE(daemon->waitForLog("INSTALLED:first first(100) "));
+  EXPECT_TRUE(daemon->waitForLog(" " + first));
+  EXPECT_EQ(errorOfPaths("add", {first}), "") << "again is a success";
   EXPECT_EQ(found(), "first second");
 
-  EXPECT_EQ(Value(call("remove", {first})), Value(Dictionary()));
+  EXPECT_EQ(Value(call("remove", {{"paths", Array{first}}})), Value(Dictionary()));
   EXPECT_EQ(found(), "second");
-  EXPECT_TRUE(daemon.waitForLog("UNINSTALLED:first first(100) "));
-  EXPECT_EQ(errorOf(call("remove", {first})), "9: no plugin at " + first);
+  EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:first first(100) "));
+  EXPECT_EQ(errorOfPaths("remove", {first}), "9: no plugin at " + first);
 }
 
 TEST_F(Registration, PathsAreJudgedInOrderAndTheWalkStopsAtTheFirstBadOne) {
@@ -52,17 +45,17 @@ TEST_F(Registration, PathsAreJudgedInOrderAndTheWalkStopsAtTheFirstBadOne) {
   fs::create_directories(root.path() + "/loose/empty.appex");
   const std::string refused = root.path() + "/loose/empty.appex";
 
-  EXPECT_EQ(errorOf(call("add", {missing, good})), "9: invalid plugin path: " + missing);
-  EXPECT_EQ(errorOf(call("add", {"relative/dir", good})), "9: absolute path required: relative/dir");
-  EXPECT_EQ(errorOf(call("add", {"", good})), "9: absolute path required: ");
-  EXPECT_EQ(errorOf(call("add", {5, good})), "4: invalid request format");
-  EXPECT_EQ(errorOf(call("add", Array())), "");
+  EXPECT_EQ(errorOfPaths("add", {missing, good}), "9: invalid plugin path: " + missing);
+  EXPECT_EQ(errorOfPaths("add", {"relative/dir", good}), "9: absolute path required: relative/dir");
+  EXPECT_EQ(errorOfPaths("add", {"", good}), "9: absolute path required: ");
+  EXPECT_EQ(errorOfPaths("add", {5, good}), "4: invalid request format");
+  EXPECT_EQ(errorOfPaths("add", Array()), "");
   EXPECT_EQ(found(), "") << "nothing behind a bad entry is looked at";
 
-  EXPECT_EQ(errorOf(call("add", {good, refused, later})), "2: unable to register plug-in at " + refused);
-  EXPECT_EQ(daemon.logCount("failed to register plug-in at " + refused), 1u);
+  EXPECT_EQ(errorOfPaths("add", {good, refused, later}), "2: unable to register plug-in at " + refused);
+  EXPECT_EQ(daemon->logCount("failed to register plug-in at " + refused), 1u);
   EXPECT_EQ(found(), "good") << "what came before stays registered";
-  EXPECT_EQ(errorOf(call("add", {later, 5, missing})), "4: invalid request format");
+  EXPECT_EQ(errorOfPaths("add", {later, 5, missing}), "4: invalid request format");
   EXPECT_EQ(found(), "good later");
 }
 
@@ -70,27 +63,27 @@ TEST_F(Registration, SymbolicLinksAreResolvedBeforeTheRegistryIsAsked) {
   const std::string real = looseBundle("linked");
   const std::string link = root.path() + "/link.appex";
   fs::create_symlink(real, link);
-  EXPECT_EQ(errorOf(call("add", {link})), "");
-  EXPECT_EQ(formOf(match(client), "linked")["path"].string(), real);
-  EXPECT_EQ(errorOf(call("remove", {real + "/../linked.appex/."})), "");
-  EXPECT_EQ(errorOf(call("remove", {link})), "9: no plugin at " + real) << "the resolved path is shown";
+  EXPECT_EQ(errorOfPaths("add", {link}), "");
+  EXPECT_EQ(formOf(match(*client), "linked")["path"].string(), real);
+  EXPECT_EQ(errorOfPaths("remove", {real + "/../linked.appex/."}), "");
+  EXPECT_EQ(errorOfPaths("remove", {link}), "9: no plugin at " + real) << "the resolved path is shown";
 }
 
 TEST_F(Registration, APlugInWhoseBundleIsGoneCanStillBeRemoved) {
   const std::string path = looseBundle("gone");
-  ASSERT_EQ(errorOf(call("add", {path})), "");
+  ASSERT_EQ(errorOfPaths("add", {path}), "");
   fs::remove_all(path);
-  EXPECT_EQ(errorOf(call("remove", {path})), "");
-  EXPECT_EQ(errorOf(call("remove", {path})), "9: no plugin at " + path) << "as received: it resolves no more";
-  EXPECT_EQ(errorOf(call("remove", Array())), "");
-  EXPECT_EQ(errorOf(call("remove", {"x"})), "9: absolute path required: x");
+  EXPECT_EQ(errorOfPaths("remove", {path}), "");
+  EXPECT_EQ(errorOfPaths("remove", {path}), "9: no plugin at " + path) << "as received: it resolves no more";
+  EXPECT_EQ(errorOfPaths("remove", Array()), "");
+  EXPECT_EQ(errorOfPaths("remove", {"x"}), "9: absolute path required: x");
 }
 
 TEST_F(Registration, PlugInsOfTheSystemStay) {
   const std::string application = root.install("System.app", {{.identifier = "sys"}}, true);
   ASSERT_TRUE(eventually([&] { return found() == "sys"; }));
   const std::string path = DeviceRoot::plugInPath(application, "sys");
-  EXPECT_EQ(errorOf(call("remove", {path})), "9: no plugin at " + path);
+  EXPECT_EQ(errorOfPaths("remove", {path}), "9: no plugin at " + path);
   EXPECT_EQ(found(), "sys");
 }
 
@@ -103,9 +96,9 @@ TEST_F(Registration, APathHasToFitItsBufferAsReceivedAndResolved) {
     if (path.size() < length) path += "/";
     return path;
   };
-  EXPECT_EQ(errorOf(call("add", {padded(1023)})), "");
+  EXPECT_EQ(errorOfPaths("add", {padded(1023)}), "");
   EXPECT_EQ(found(), "deep");
-  EXPECT_EQ(errorOf(call("add", {padded(1024)})), "9: invalid plugin path: " + padded(1024));
+  EXPECT_EQ(errorOfPaths("add", {padded(1024)}), "9: invalid plugin path: " + padded(1024));
 
   // A short path whose canonical form is too long.
   std::string deep = root.path();
@@ -113,28 +106,27 @@ TEST_F(Registration, APathHasToFitItsBufferAsReceivedAndResolved) {
   fs::create_directories(deep);
   const std::string link = root.path() + "/short";
   fs::create_directory_symlink(deep, link);
-  EXPECT_EQ(errorOf(call("add", {link})), "9: invalid plugin path: " + link);
+  EXPECT_EQ(errorOfPaths("add", {link}), "9: invalid plugin path: " + link);
 }
 
 TEST_F(Registration, BulkIsAcceptedLoggedAndDoesNothing) {
-  EXPECT_EQ(Value(client.call(message("bulk", {{"flags", UINT64_MAX}}))), Value(Dictionary()));
-  EXPECT_TRUE(daemon.logs("bulk options 0xffffffffffffffff not supported"));
-  EXPECT_EQ(Value(client.call(message("bulk"))), Value(Dictionary()));
-  EXPECT_EQ(errorOf(client.call(message("bulk", {{"flags", "text"}}))), "");
-  EXPECT_EQ(errorOf(client.call(message("bulk", {{"flags", -5}}))), "");
-  EXPECT_EQ(daemon.logCount("bulk options 0x0 not supported"), 3u);
+  EXPECT_EQ(Value(call("bulk", {{"flags", UINT64_MAX}})), Value(Dictionary()));
+  EXPECT_TRUE(daemon->logs("bulk options 0xffffffffffffffff not supported"));
+  EXPECT_EQ(Value(call("bulk")), Value(Dictionary()));
+  EXPECT_EQ(error("bulk", {{"flags", "text"}}), "");
+  EXPECT_EQ(error("bulk", {{"flags", -5}}), "");
+  EXPECT_EQ(daemon->logCount("bulk options 0x0 not supported"), 3u);
 }
 
 TEST_F(Registration, ApplicationsComeAndGoWhileTheDaemonRuns) {
   const std::string application = root.install("Live.app", {{.identifier = "one"}, {.identifier = "two"}});
   EXPECT_TRUE(eventually([&] { return found() == "one two"; }));
-  const UUID uuid = uuidOf(client, "one");
+  const UUID uuid = uuidOf(*client, "one");
   fs::rename(application, root.path() + "/away");
   EXPECT_TRUE(eventually([&] { return found().empty(); }));
-  EXPECT_TRUE(daemon.waitForLog("UNINSTALLED:one one(100) " + uuid.string() + " " +
-                                DeviceRoot::plugInPath(application, "one")));
-  EXPECT_EQ(errorOf(client.call(message("access", {{"uuids", Array{uuid}}}))),
-            "4: no such plugin (uuid not found)");
+  EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:one one(100) " + uuid.string() + " " +
+                                 DeviceRoot::plugInPath(application, "one")));
+  EXPECT_EQ(error("access", {{"uuids", Array{uuid}}}), "4: no such plugin (uuid not found)");
 }
 
 }  // namespace
