@@ -114,6 +114,21 @@ TEST_F(Requests, TheVersionIsJudgedBeforeTheName) {
   EXPECT_EQ(errorOfBody({{"version", 3}, {"request", 5}}), "4: invalid request format (missing type)");
 }
 
+TEST_F(Requests, APeerThatOnlyStopsSendingStillLearnsThatItsVersionIsNotServed) {
+  std::string stream =
+      frameBytes(qmx::FrameKind::request, 1, Dictionary{{"request", "bulk"}, {"version", 9}});
+  stream += frameBytes(qmx::FrameKind::request, 2, message("bulk"));
+  // Both arrive together with the end of the stream.
+  kill(daemon->pid(), SIGSTOP);
+  client->sendBytes(stream);
+  client->shutdownSending();
+  kill(daemon->pid(), SIGCONT);
+  const auto reply = client->receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(errorOf(*reply->body.dictionary()), "7: unsupported protocol version 9 (current 3)");
+  EXPECT_TRUE(client->isClosedByPeer());
+}
+
 TEST_F(Requests, ListsOfTheWrongTypeCountAsMissing) {
   for (const Value& wrong : {Value(), Value("text"), Value(Dictionary{{"a", 1}}), Value(UUID::random())}) {
     for (const char* name : {"add", "remove", "lock"})

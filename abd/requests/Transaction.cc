@@ -46,7 +46,7 @@ const Transaction::Request Transaction::kRequests[] = {
 };
 
 Transaction::Transaction(qmx::Message request, std::shared_ptr<ABDQmxClient> client)
-    : client_(std::move(client)), request_(std::move(request)) {
+    : client_(std::move(client)), connection_(client_->connection()), request_(std::move(request)) {
   if (request_.wantsReply()) reply_ = request_.createReply();
 }
 
@@ -131,8 +131,7 @@ void Transaction::done() {
   if (!reply_) return;
   if (server().verbose() >= ABDServer::kVerboseMessages) server().debug("Replying %@", *reply_);
   if (trace::requestOutputIsEnabled()) trace::requestOutput(client_->pid(), reply_->description());
-  if (const std::shared_ptr<qmx::Connection> connection = client_->connection())
-    connection->send(*std::exchange(reply_, std::nullopt));
+  if (connection_ != nullptr) connection_->send(*std::exchange(reply_, std::nullopt));
 }
 
 void Transaction::fail(int64_t code, std::string_view message) {

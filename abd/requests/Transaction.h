@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "abd/ABDPlugInHold.h"
+#include "platform/qmx/Connection.h"
 #include "platform/qmx/Message.h"
 #include "platform/value/Error.h"
 #include "platform/value/Value.h"
@@ -84,6 +85,7 @@ class Transaction {
   bool refuseBusyPlugIns(const ABDPlugInHold::PlugIns& plugIns);
 
   const std::shared_ptr<ABDQmxClient> client_;
+  const std::shared_ptr<qmx::Connection> connection_;  // kept until the reply is sent
   const qmx::Message request_;
   std::optional<qmx::Message> reply_;  // none when the message wants no reply
   uint64_t version_ = 0;

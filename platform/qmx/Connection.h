@@ -6,9 +6,10 @@
 //
 // A connection is created suspended; nothing is read before resume(). A peer connection dies once: the event
 // handler gets what had arrived and then connectionInvalid as its last event, and is released; the loop drops
-// its own reference, and whoever holds a weak one then finds it gone. Replies that were sent before are still
-// written. A client connection lives as long as its owner keeps it: when the service cannot be reached or
-// goes away, the event handler and every pending reply get the error, and the next send connects anew.
+// its own reference. Replies are written as long as somebody keeps the connection to send them, to a peer
+// that only stopped sending, and the stream is closed after that. A client connection lives as long as its
+// owner keeps it: when the service cannot be reached or goes away, the event handler and every pending reply
+// get the error, and the next send connects anew.
 //
 // Peer connections hand over one message at a time, in the order of arrival, between pieces of work of the
 // loop's queues: what the event handler submits to a queue of the same loop has run before the next message
@@ -65,7 +66,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   /// Starts reading and delivering. Once.
   virtual void resume() = 0;
   /// Sends a message or a reply. Never blocks: what the peer does not take is kept in order (bounded by
-  /// kMaximumUnsentBytes, beyond which requests of this peer wait). Sending on a dead connection does
+  /// kMaximumUnsentBytes, beyond which requests of this peer wait). On a cancelled connection it does
   /// nothing. Peer connections: on the loop's thread; client connections: any thread.
   virtual void send(Message message) = 0;
   /// Sends a request; `handler` runs once, on the connection's queue. Client connections; any thread.

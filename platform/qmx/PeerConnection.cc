@@ -76,7 +76,10 @@ PeerConnection::PeerConnection(RunLoop& loop, FileDescriptor socket, std::shared
       frameLimit_(loop, kFrameTimeout, [this] { die(Ending::flush, "a frame did not end in time"); }),
       sendLimit_(loop, kSendTimeout, [this] { die(Ending::drop, "the peer takes no replies"); }) {}
 
-PeerConnection::~PeerConnection() = default;
+/// Replies to what was handed over at the end were sent after the death.
+PeerConnection::~PeerConnection() {
+  settleOutput();
+}
 
 std::string PeerConnection::description() const {
   return format("<connection %p fd=%d pid=%d>", static_cast<const void*>(this), number_, peer_->pid());
@@ -181,13 +184,13 @@ bool PeerConnection::deliverFront() {
 }
 
 void PeerConnection::send(Message message) {
-  if (state_ == State::dead || isWritingOver_) return;
+  if (isWritingOver_) return;
   if (!output_.append(message)) {
     systemLog("%@: a reply is too large for a frame", *this);
-    dieSoon(Ending::drop);
+    if (state_ != State::dead) dieSoon(Ending::drop);
     return;
   }
-  if (isTurnNoted_) return;
+  if (isTurnNoted_ || state_ == State::dead) return;
   isTurnNoted_ = true;
   loop_.tellEndOfTurn(std::shared_ptr<RunLoop::Source>(self(), this));
 }
@@ -267,22 +270,22 @@ void PeerConnection::die(Ending ending, const char* reason) {
   stopWatchingProcess();
   if (wasLive) loop_.remove(number_);
   if (isEnlisted_) loop_.withdraw(*this);
-  if (ending == Ending::drop) output_.clear();
+  if (ending == Ending::drop) {
+    isWritingOver_ = true;
+    output_.clear();
+  }
 
   Handler handler = std::move(handler_);
   handler_ = nullptr;
   if (handler) handler(Event(ConnectionError::connectionInvalid));
-  settleOutput();
 }
 
-/// Writes what is due, now or later, and closes the socket.
+/// Writes what is due, now or later.
 void PeerConnection::settleOutput() {
-  std::shared_ptr<void> admission = std::move(admission_);
-  FileDescriptor socket = std::move(socket_);
   if (output_.empty() || isWritingOver_) return;
-  const OutputQueue::Outcome outcome = output_.write(socket.get());
+  const OutputQueue::Outcome outcome = output_.write(number_);
   if (outcome == OutputQueue::Outcome::everything || outcome == OutputQueue::Outcome::failed) return;
-  std::make_shared<LastWords>(loop_, std::move(socket), std::move(output_), std::move(admission))->start();
+  std::make_shared<LastWords>(loop_, std::move(socket_), std::move(output_), std::move(admission_))->start();
 }
 
 void PeerConnection::handleProcessExit() {

@@ -1,7 +1,8 @@
 #pragma once
 
 // The daemon's end of a connection, made by a Listener for each peer. Everything happens on the loop's
-// thread. After resume() the loop keeps the connection until it dies.
+// thread. After resume() the loop keeps the connection until it dies; then those who still owe it a reply may
+// keep it, and the socket is closed with the object.
 //
 // Bytes are read when the descriptor is readable; whole frames wait in the reader and are handed to the event
 // handler one at a time, when the loop asks its sources (RunLoop::enlist). Replies are collected and written
@@ -80,7 +81,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   bool isEnlisted_ = false;     // among the loop's sources
   bool isTurnNoted_ = false;    // finishTurn() will come
   bool isBlocked_ = false;      // the socket takes no more for now
-  bool isWritingOver_ = false;  // a write has failed
+  bool isWritingOver_ = false;  // a write has failed, or what is due is dropped
   bool isProcessWatched_ = false;
   uint64_t begunFrame_ = 0;  // total() of the reader when the frame clock was started
   TimeLimit frameLimit_, sendLimit_;
