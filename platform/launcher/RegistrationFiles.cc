@@ -145,10 +145,6 @@ RegistrationFiles::Removal RegistrationFiles::remove(const std::string* bundleId
                                                      const std::string* bundleVersion, WriteNumber upTo) {
   Removal out;
   if (directory().empty()) return out;
-  const auto note = [&out](int number) {
-    if (out.error == 0) out.error = number;
-    return number == 0;
-  };
   for (const std::string& host : namesIn(directory(), out.error)) {
     const std::string hostDirectory = directory() + "/" + host;
     pid_t pid = 0;
@@ -167,7 +163,12 @@ RegistrationFiles::Removal RegistrationFiles::remove(const std::string* bundleId
       const bool isDead =
           !startTime || !registration || (*registration)["HostStartTime"].unsignedValue() != *startTime;
       if (!isMeant && !isDead) continue;
-      if (note(removeUnlessNewer(file, upTo)) && isMeant) out.removedAny = true;
+      const int number = removeUnlessNewer(file, upTo);
+      if (number == 0) {
+        out.removedAny |= isMeant;
+      } else if (out.error == 0 && (isMeant || !registration)) {
+        out.error = number;  // others are swept by the way
+      }
     }
     if (!startTime) rmdir(hostDirectory.c_str());
   }

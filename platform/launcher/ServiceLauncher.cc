@@ -56,8 +56,8 @@ void removeExternalService(const std::string& bundleIdentifier, const std::strin
   RunLoop::background().async([bundleIdentifier, bundleVersion, upTo = RegistrationFiles::lastWrite(), &queue,
                                completion = std::move(completion)]() mutable {
     const auto removal = RegistrationFiles::remove(&bundleIdentifier, &bundleVersion, upTo);
-    const int32_t result = removal.removedAny   ? kRemovalDone
-                           : removal.error != 0 ? removal.error
+    const int32_t result = removal.error != 0   ? removal.error
+                           : removal.removedAny ? kRemovalDone
                                                 : kRemovalNoSuchService;
     queue.async([completion = std::move(completion), result] { completion(result); });
   });
