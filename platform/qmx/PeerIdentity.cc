@@ -24,7 +24,8 @@ namespace platform::qmx {
 
 namespace {
 
-constexpr size_t kLongestPath = 4096;
+/// Bytes of an executable's path; a longer one counts as unknown.
+constexpr size_t kLongestPath = 2048;
 
 /// Clock ticks since the system was started.
 uint64_t ticksNow() {

@@ -1,6 +1,7 @@
 #include "platform/value/Date.h"
 
 #include <cmath>
+#include <cstdio>
 #include <ctime>
 
 namespace platform {
@@ -21,7 +22,11 @@ std::string Date::description() const {
   tm parts{};
   if (gmtime_r(&whole, &parts) == nullptr) return std::to_string(whole) + " seconds since 1970";
   char text[64];
-  return std::string(text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts));
+  std::string out(text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts));
+  const auto microseconds = static_cast<int>((secondsSince1970 - static_cast<double>(whole)) * 1e6);
+  if (microseconds != 0)
+    out.append(text, static_cast<size_t>(snprintf(text, sizeof text, ".%06d", microseconds)));
+  return out + " +0000";
 }
 
 }  // namespace platform

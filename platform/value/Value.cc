@@ -528,14 +528,12 @@ void describeQuoted(std::string_view text, std::string& out) {
 }
 
 void describeData(std::span<const uint8_t> bytes, std::string& out) {
-  constexpr size_t kShown = 24;
   constexpr char kDigits[] = "0123456789abcdef";
   out += '<';
-  for (size_t i = 0; i < std::min(bytes.size(), kShown); ++i) {
-    out += kDigits[bytes[i] >> 4];
-    out += kDigits[bytes[i] & 15];
+  for (const uint8_t byte : bytes) {
+    out += kDigits[byte >> 4];
+    out += kDigits[byte & 15];
   }
-  if (bytes.size() > kShown) out += "... " + std::to_string(bytes.size()) + " bytes";
   out += '>';
 }
 
