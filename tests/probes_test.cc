@@ -56,7 +56,7 @@ TEST(Probes, FireWithTheirArguments) {
   Process debugger({kDebugger, "--batch", "-nx", "-x", script, "--args", ABD_PROGRAM, "-S", "abd.test"},
                    root.environment(), root.path() + "/log");
   const std::string socket = root.runtime() + "/abd.test";
-  ASSERT_TRUE(eventually([&] { return fs::exists(socket) || !debugger.isRunning(); }));
+  ASSERT_TRUE(eventually([&] { return WireClient::connect(socket).fd() >= 0 || !debugger.isRunning(); }));
   if (!debugger.isRunning())
     GTEST_SKIP() << "programs cannot be debugged here: " << readText(root.path() + "/log");
 
