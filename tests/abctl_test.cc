@@ -1,9 +1,7 @@
 // abctl as people and programs use it: the real program against the real daemon.
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -32,100 +30,49 @@ class Invocation {
   };
   Invocation(const DeviceRoot& root, const Words& words) : Invocation(root, words, Options()) {}
   Invocation(const DeviceRoot& root, const Words& words, const Options& options) {
-    Words arguments = {options.program}, environment = root.environment();
-    arguments.insert(arguments.end(), words.begin(), words.end());
-    environment.insert(environment.end(), options.environment.begin(), options.environment.end());
-    int input[2], output[2], error[2];
-    EXPECT_EQ(pipe2(input, O_CLOEXEC) | pipe2(error, O_CLOEXEC), 0);
+    static int count = 0;
+    files_ = root.path() + "/abctl." + std::to_string(count++);
+    writeText(files_ + ".in", options.input);
+    writeText(files_ + ".out", "");
+    const FileDescriptor input(open((files_ + ".in").c_str(), O_RDONLY | O_CLOEXEC));
+    FileDescriptor output(open((files_ + ".out").c_str(), O_WRONLY | O_CLOEXEC));
     if (options.onTerminal) {
       winsize size{};
       size.ws_col = options.columns;
-      EXPECT_EQ(openpty(&output[0], &output[1], nullptr, nullptr, &size), 0);
-      fcntl(output[0], F_SETFD, FD_CLOEXEC);
-    } else {
-      EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
+      int ends[2];
+      EXPECT_EQ(openpty(&ends[0], &ends[1], nullptr, nullptr, &size), 0);
+      terminal_ = FileDescriptor(ends[0]);
+      output = FileDescriptor(ends[1]);
     }
-    const std::vector<char*> argv = pointers(arguments), envp = pointers(environment);
-    pid_ = fork();
-    if (pid_ == 0) {
-      if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(126);
-      dup2(input[0], 0);
-      dup2(output[1], 1);
-      dup2(error[1], 2);
-      execve(argv[0], argv.data(), envp.data());
-      _exit(127);
-    }
-    for (const int fd : {input[0], output[1], error[1]}) close(fd);
-    EXPECT_EQ(write(input[1], options.input.data(), options.input.size()),
-              static_cast<ssize_t>(options.input.size()));
-    close(input[1]);
-    output_ = FileDescriptor(output[0]);
-    error_ = FileDescriptor(error[0]);
+    Words arguments = {options.program}, environment = root.environment();
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    environment.insert(environment.end(), options.environment.begin(), options.environment.end());
+    process_.emplace(arguments, environment, files_ + ".err", input.get(), options.directory, output.get());
   }
-  ~Invocation() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  Invocation(const Invocation&) = delete;
-  Invocation& operator=(const Invocation&) = delete;
 
-  /// Reads until `text` was written to standard output (or to standard error).
+  /// Waits until `text` was written to standard output (or to standard error).
   bool waitFor(std::string_view text, bool onError = false) {
-    const std::string& where = onError ? err_ : out_;
-    return eventually([&] {
-      read(10);
-      return where.find(text) != std::string::npos;
-    });
+    return eventually([&] { return written(onError).find(text) != std::string::npos; });
   }
-  void signal(int number) const { kill(pid_, number); }
+  void signal(int number) const { process_->signal(number); }
   /// Waits for the end; 128 and more for a signal, -1 when it does not end.
-  int status() {
-    if (pid_ <= 0) return status_;
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    int status = 0;
-    while (std::chrono::steady_clock::now() < deadline) {
-      const bool ended = waitpid(pid_, &status, WNOHANG) == pid_;
-      while (read(ended ? 0 : 10)) {
-      }
-      if (!ended) continue;
-      pid_ = -1;
-      return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    return -1;
-  }
-  const std::string& out() { return status(), out_; }
-  const std::string& err() { return status(), err_; }
+  int status() { return process_->waitForExit(); }
+  std::string out() { return status(), written(false); }
+  std::string err() { return status(), written(true); }
   Json json() { return Json::parse(out()); }
-  std::string firstLine() const { return out_.substr(0, out_.find('\n')); }
+  std::string firstLine() const { return written(false).substr(0, written(false).find('\n')); }
 
  private:
-  static std::vector<char*> pointers(Words& words) {
-    std::vector<char*> result;
-    for (std::string& word : words) result.push_back(word.data());
-    result.push_back(nullptr);
-    return result;
-  }
-  /// Takes what is there, waiting at most `milliseconds` for it; whether there was something.
-  bool read(int milliseconds) {
-    pollfd ready[] = {{output_.get(), POLLIN, 0}, {error_.get(), POLLIN, 0}};
-    if (poll(ready, 2, milliseconds) <= 0) return false;
-    bool any = false;
-    char buffer[65536];
-    for (const auto& [fd, events, revents] : ready) {
-      if (revents == 0) continue;
-      const ssize_t count = ::read(fd, buffer, sizeof buffer);
-      if (count > 0) (fd == output_.get() ? out_ : err_).append(buffer, static_cast<size_t>(count));
-      any = any || count > 0;
-    }
-    if (!any) usleep(2000);  // both ended
-    return any;
+  std::string written(bool onError) const {
+    if (onError || !terminal_) return readText(files_ + (onError ? ".err" : ".out"));
+    char buffer[65536];  // more than such a terminal holds
+    const ssize_t size = read(terminal_.get(), buffer, sizeof buffer);
+    return {buffer, static_cast<size_t>(std::max<ssize_t>(size, 0))};
   }
 
-  pid_t pid_ = -1;
-  int status_ = -1;
-  FileDescriptor output_, error_;
-  std::string out_, err_;
+  std::string files_;
+  FileDescriptor terminal_;
+  std::optional<Process> process_;
 };
 
 Words lines(const std::string& text) {
@@ -483,9 +430,9 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   EXPECT_NE(narrow.find("…"), std::string::npos);
   for (const Words& environment : {Words{"TERM=xterm", "NO_COLOR=1"}, Words{"TERM=dumb"}}) {
     Invocation plain(root_, {"match"}, {.environment = environment, .onTerminal = true, .columns = 60});
-    EXPECT_EQ(plain.status(), 0);
-    EXPECT_EQ(plain.out().find('\x1b'), std::string::npos) << plain.out();
-    for (const std::string& row : lines(plain.out())) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
+    const std::string text = plain.out();
+    EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
+    for (const std::string& row : lines(text)) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
   }
 }
 

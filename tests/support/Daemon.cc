@@ -28,7 +28,8 @@ std::vector<char*> pointers(const std::vector<std::string>& strings) {
 }  // namespace
 
 Process::Process(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
-                 const std::string& errorFile, int standardInput, const std::string& directory) {
+                 const std::string& errorFile, int standardInput, const std::string& directory,
+                 int standardOutput) {
   const std::vector<char*> argv = pointers(arguments);
   const std::vector<char*> envp = pointers(environment);
   const FileDescriptor errors(open(errorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
@@ -38,7 +39,7 @@ Process::Process(const std::vector<std::string>& arguments, const std::vector<st
   if (pid_ != 0) return;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   dup2(input, STDIN_FILENO);
-  dup2(input, STDOUT_FILENO);
+  dup2(standardOutput >= 0 ? standardOutput : input, STDOUT_FILENO);
   dup2(errors.get(), STDERR_FILENO);
   if (!directory.empty() && chdir(directory.c_str()) != 0) _exit(126);
   execve(argv[0], argv.data(), envp.data());

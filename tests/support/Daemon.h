@@ -22,9 +22,11 @@ namespace testsupport {
 /// A child process. Its standard error goes to a file.
 class Process {
  public:
-  /// `standardInput`: a descriptor for the child's standard input and output, or -1 for none.
+  /// `standardInput`: a descriptor for the child's standard input and output (that may be another one), or -1
+  /// for none.
   Process(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
-          const std::string& errorFile, int standardInput = -1, const std::string& directory = {});
+          const std::string& errorFile, int standardInput = -1, const std::string& directory = {},
+          int standardOutput = -1);
   ~Process();
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;

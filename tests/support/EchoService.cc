@@ -5,10 +5,9 @@
 #include <algorithm>
 
 #include "platform/value/Error.h"
+#include "tests/support/Daemon.h"
 
 namespace testsupport {
-
-using namespace std::chrono_literals;
 
 EncodedPropertyList encodedOfSize(size_t size) {
   // A byte string with a four-byte length.
@@ -51,15 +50,10 @@ std::string EchoService::history() const {
 }
 
 bool EchoService::waitFor(std::string_view word, size_t count) const {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (std::chrono::steady_clock::now() < deadline) {
-    {
-      const std::lock_guard lock(mutex_);
-      if (static_cast<size_t>(std::ranges::count(history_, word)) >= count) return true;
-    }
-    std::this_thread::sleep_for(1ms);
-  }
-  return false;
+  return eventually([&] {
+    const std::lock_guard lock(mutex_);
+    return static_cast<size_t>(std::ranges::count(history_, word)) >= count;
+  });
 }
 
 std::shared_ptr<const qmx::PeerIdentity> EchoService::lastPeer() const {

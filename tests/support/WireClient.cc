@@ -2,14 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/qmx/Encoding.h"
+#include "tests/support/Child.h"
 
 namespace testsupport {
 
@@ -34,8 +31,7 @@ uint32_t frameLength(std::string_view header) {
 
 WireClient WireClient::connect(const std::string& socketPath) {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+  const sockaddr_un address = socketAddress(socketPath);
   if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     return WireClient(FileDescriptor());
   return WireClient(std::move(socket));
