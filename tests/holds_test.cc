@@ -1,38 +1,16 @@
 // "lock": holds on applications and on plug-ins, what they block, how they end.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include "tests/support/Daemon.h"
+#include "tests/support/Child.h"
+#include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
 
 constexpr uint64_t kApplications = 1, kPlugIns = 2;
 
-/// What a busy instance of a plug-in does: holds a write lock on its assertion file.
-class BusyInstance {
- public:
-  BusyInstance(const DeviceRoot& root, const std::string& bundleIdentifier, const Dictionary& contents)
-      : BusyInstance(root.runtime() + "/Assertions/" + bundleIdentifier + "/instance", contents) {}
-  explicit operator bool() const { return locked_; }
-
- private:
-  BusyInstance(const std::string& path, const Dictionary& contents) {
-    writePropertyList(path, contents);
-    file_ = FileDescriptor(open(path.c_str(), O_RDWR | O_CLOEXEC));
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    locked_ = fcntl(file_.get(), F_OFD_SETLK, &lock) == 0;
-  }
-  FileDescriptor file_;
-  bool locked_ = false;
-};
-
-class Holds : public testing::Test {
+class Holds : public DaemonTest {
  protected:
+  Holds() { start(); }
   Dictionary hold(WireClient& by, const Array& paths, uint64_t flags) {
     return by.call(message("lock", {{"paths", paths}, {"flags", flags}}));
   }
@@ -43,124 +21,125 @@ class Holds : public testing::Test {
     EXPECT_EQ(reply.size(), 1u);
     return reply["uuids"].uuid().value_or(UUID());
   }
-  Dictionary release(const Array& tokens) { return client.call(message("lock", {{"uuids", tokens}})); }
-  std::string found() { return identifiers(match(client)); }
+  Dictionary release(const Array& tokens) { return call("lock", {{"uuids", tokens}}); }
+  /// What a busy instance of a plug-in does: holds the write lock of its assertion file.
+  FileDescriptor busyInstance(const std::string& identifier, const Dictionary& contents) const {
+    const std::string path = root.runtime() + "/Assertions/" + identifier + "/instance";
+    writePropertyList(path, contents);
+    return lockedFile(path);
+  }
   std::string plugIn(const std::string& identifier) const {
     return DeviceRoot::plugInPath(application, identifier);
   }
 
-  const DeviceRoot root;
   const std::string application = root.install("A.app", {{.identifier = "one"}, {.identifier = "two"}});
   const std::string other = root.install("B.app", {{.identifier = "three"}});
   const std::string empty = root.install("C.app", {});
-  Daemon daemon{root};
-  WireClient client = daemon.connect();
 };
 
 TEST_F(Holds, BlockDiscoveryAndReadinessUntilTheyAreReleased) {
-  const UUID one = uuidOf(client, "one");
-  const UUID token = granted(client, {plugIn("one")}, kPlugIns);
+  const UUID one = uuid("one");
+  const UUID token = granted(*client, {plugIn("one")}, kPlugIns);
   EXPECT_NE(token, UUID());
-  EXPECT_TRUE(daemon.logs("hold request granted uuid:" + token.string()));
+  EXPECT_TRUE(daemon->logs("hold request granted uuid:" + token.string()));
   EXPECT_EQ(found(), "three two");
-  EXPECT_EQ(errorOf(client.call(message("ready", {{"uuids", Array{one}}}))),
+  EXPECT_EQ(error("ready", {{"uuids", Array{one}}}),
             "11: access to plugin one denied: the plug-in is on hold");
-  EXPECT_TRUE(daemon.logs("denied access to pid " + std::to_string(getpid()) + " for plugin one(" +
-                          one.string() + "): the plug-in is on hold"));
+  EXPECT_TRUE(daemon->logs("denied access to pid " + std::to_string(getpid()) + " for plugin one(" +
+                           one.string() + "): the plug-in is on hold"));
 
   const size_t notifications = root.changeNotifications();
   EXPECT_EQ(Value(release({token})), Value(Dictionary()));
-  EXPECT_TRUE(daemon.logs("releasing plug-in hold " + token.string() + " at client's request"));
+  EXPECT_TRUE(daemon->logs("releasing plug-in hold " + token.string() + " at client's request"));
   EXPECT_EQ(root.changeNotifications(), notifications + 1);
   EXPECT_EQ(found(), "one three two");
   EXPECT_EQ(Value(release({token, UUID::random()})), Value(Dictionary())) << "unknown tokens are ignored";
-  EXPECT_EQ(daemon.logCount("releasing plug-in hold"), 1u);
+  EXPECT_EQ(daemon->logCount("releasing plug-in hold"), 1u);
   EXPECT_EQ(root.changeNotifications(), notifications + 1);
 }
 
 TEST_F(Holds, OfWholeApplicationsTakeEveryPlugInInside) {
   EXPECT_EQ(root.changeNotifications(), 0u);
-  const UUID token = granted(client, {application, empty, application}, kApplications);
+  const UUID token = granted(*client, {application, empty, application}, kApplications);
   EXPECT_EQ(root.changeNotifications(), 1u);
   EXPECT_EQ(found(), "three");
-  const UUID second = granted(client, {plugIn("two"), plugIn("two")}, kPlugIns);
+  const UUID second = granted(*client, {plugIn("two"), plugIn("two")}, kPlugIns);
   release({token});
   EXPECT_EQ(found(), "one three") << "two holds block until both are released";
   release({second});
   EXPECT_EQ(found(), "one three two");
-  granted(client, {empty}, kApplications);
-  granted(client, Array(), 77);
-  granted(client, Array(), kPlugIns);
+  granted(*client, {empty}, kApplications);
+  granted(*client, Array(), 77);
+  granted(*client, Array(), kPlugIns);
   EXPECT_EQ(found(), "one three two") << "holds on no plug-ins";
 }
 
 TEST_F(Holds, AreNotMadeWhenAPathOrTheFlagsAreWrong) {
   const std::string missing = root.path() + "/nothing";
-  EXPECT_EQ(errorOf(hold(client, {plugIn("one"), missing}, kPlugIns)), "9: invalid path: " + missing);
-  EXPECT_EQ(errorOf(hold(client, {plugIn("one"), application}, kPlugIns)),
+  EXPECT_EQ(errorOf(hold(*client, {plugIn("one"), missing}, kPlugIns)), "9: invalid path: " + missing);
+  EXPECT_EQ(errorOf(hold(*client, {plugIn("one"), application}, kPlugIns)),
             "9: no plug-in at path:" + application);
-  EXPECT_TRUE(daemon.logs("Hollin cannot find plug-in at path:" + application));
-  EXPECT_EQ(errorOf(hold(client, {plugIn("one"), "relative"}, kPlugIns)),
+  EXPECT_TRUE(daemon->logs("Hollin cannot find plug-in at path:" + application));
+  EXPECT_EQ(errorOf(hold(*client, {plugIn("one"), "relative"}, kPlugIns)),
             "9: absolute path required: relative");
-  EXPECT_EQ(errorOf(hold(client, {plugIn("one"), 5}, kPlugIns)), "4: invalid request format");
+  EXPECT_EQ(errorOf(hold(*client, {plugIn("one"), 5}, kPlugIns)), "4: invalid request format");
   for (const uint64_t flags : {0u, 3u, 0x101u})
-    EXPECT_EQ(errorOf(hold(client, {application}, flags)),
+    EXPECT_EQ(errorOf(hold(*client, {application}, flags)),
               "4: invalid request format (unsupported hold flags)");
-  EXPECT_EQ(errorOf(client.call(message("lock", {{"paths", Array{missing}}}))), "9: invalid path: " + missing)
+  EXPECT_EQ(error("lock", {{"paths", Array{missing}}}), "9: invalid path: " + missing)
       << "a path is judged before the flags";
   EXPECT_EQ(found(), "one three two");
   EXPECT_EQ(root.changeNotifications(), 0u);
 }
 
 TEST_F(Holds, AReleaseIsWhateverCarriesTokensAndStopsAtWhatIsNone) {
-  const UUID first = granted(client, {plugIn("one")}, kPlugIns);
-  const UUID second = granted(client, {plugIn("two")}, kPlugIns);
+  const UUID first = granted(*client, {plugIn("one")}, kPlugIns);
+  const UUID second = granted(*client, {plugIn("two")}, kPlugIns);
   EXPECT_EQ(errorOf(release({first, "text", second})), "4: invalid request (bad uuid array)");
   EXPECT_EQ(found(), "one three") << "what came before stays released";
-  const Dictionary reply = client.call(
+  const Dictionary reply = client->call(
       message("lock", {{"uuids", Array{second}}, {"paths", Array{plugIn("one")}}, {"flags", kPlugIns}}));
   EXPECT_EQ(Value(reply), Value(Dictionary())) << "the paths are ignored";
   EXPECT_EQ(found(), "one three two");
   EXPECT_TRUE(
-      client.call(message("lock", {{"uuids", "no array"}, {"paths", Array{plugIn("one")}}, {"flags", 2}}))
-          .contains("uuids"))
+      call("lock", {{"uuids", "no array"}, {"paths", Array{plugIn("one")}}, {"flags", 2}}).contains("uuids"))
       << "tokens of another type count as absent";
 }
 
 TEST_F(Holds, OfApplicationsAreRefusedWhileAPlugInIsBusy) {
   {
-    const BusyInstance busy(root, "two", {{"BundleIdentifier", "two"}});
-    const BusyInstance nameless(root, "one", {{"Other", 1}});
+    const FileDescriptor busy = busyInstance("two", {{"BundleIdentifier", "two"}});
+    const FileDescriptor nameless = busyInstance("one", {{"Other", 1}});
     ASSERT_TRUE(busy && nameless);
-    const Dictionary refusal = hold(client, {other, application}, kApplications);
+    const Dictionary refusal = hold(*client, {other, application}, kApplications);
     EXPECT_EQ(errorOf(refusal), "14: plug-ins are busy");
     EXPECT_EQ(refusal["conflicts"], Value(Array{Dictionary{{"BundleIdentifier", "two"}}}));
     EXPECT_FALSE(refusal.contains("uuids"));
-    EXPECT_TRUE(daemon.logs("hold rejected. Busy plug-ins:(two("));
-    EXPECT_TRUE(daemon.logs("marrowd reported incomplete bundle for plug-in one"));
+    EXPECT_TRUE(daemon->logs("hold rejected. Busy plug-ins:(two("));
+    EXPECT_TRUE(daemon->logs("marrowd reported incomplete bundle for plug-in one"));
     EXPECT_EQ(found(), "one three two");
     EXPECT_EQ(root.changeNotifications(), 0u);
-    granted(client, {plugIn("two")}, kPlugIns);
+    granted(*client, {plugIn("two")}, kPlugIns);
     EXPECT_EQ(found(), "one three") << "single plug-ins are held though they run";
   }
-  granted(client, {application}, kApplications);
+  granted(*client, {application}, kApplications);
   EXPECT_EQ(found(), "three") << "a file that nobody locks is no busy instance";
 }
 
 TEST_F(Holds, EndWithTheirClientAndNoOther) {
-  Host host(root, daemon, root.path() + "/hosts/Holder.app");
+  Host host(root, *daemon, root.path() + "/hosts/Holder.app");
   std::vector<UUID> tokens;
   for (const char* each : {"one", "two"}) tokens.push_back(granted(host.client(), {plugIn(each)}, kPlugIns));
   tokens.push_back(granted(host.client(), Array(), kPlugIns));
-  const UUID mine = granted(client, {plugIn("one")}, kPlugIns);
+  const UUID mine = granted(*client, {plugIn("one")}, kPlugIns);
   EXPECT_EQ(found(), "three");
   const size_t notifications = root.changeNotifications();
   const std::string pid = std::to_string(host.pid());
   host.kill();
-  ASSERT_TRUE(daemon.waitForLog("client " + pid + " is dead"));
+  ASSERT_TRUE(daemon->waitForLog("client " + pid + " is dead"));
   for (const UUID& token : tokens)
-    EXPECT_TRUE(daemon.logs("releasing plug-in hold " + token.string() + " for dead client pid " + pid));
-  EXPECT_EQ(daemon.logCount("releasing plug-in hold"), 3u);
+    EXPECT_TRUE(daemon->logs("releasing plug-in hold " + token.string() + " for dead client pid " + pid));
+  EXPECT_EQ(daemon->logCount("releasing plug-in hold"), 3u);
   EXPECT_EQ(root.changeNotifications(), notifications + 3);
   EXPECT_EQ(found(), "three two") << "the hold of another client stays";
   release({mine});
@@ -170,7 +149,7 @@ TEST_F(Holds, EndWithTheirClientAndNoOther) {
 TEST_F(Holds, NoHoldOutlivesAClientThatDiesWhileItAsks) {
   // The stream ends right behind the request, before it is served, and while requests are being served.
   for (int round = 0; round < 60; ++round) {
-    WireClient dying = daemon.connect();
+    WireClient dying = daemon->connect();
     const int requests = 1 + round % 5;
     for (int i = 0; i < requests; ++i)
       dying.send(message("lock", {{"paths", Array{application}}, {"flags", kApplications}}));
@@ -178,49 +157,35 @@ TEST_F(Holds, NoHoldOutlivesAClientThatDiesWhileItAsks) {
     if (round % 2 == 0) dying.shutdownSending();
     dying.close();
   }
-  EXPECT_TRUE(daemon.waitForLog(" is dead", 60));
+  EXPECT_TRUE(daemon->waitForLog(" is dead", 60));
   EXPECT_EQ(found(), "one three two");
-  EXPECT_EQ(daemon.logCount("hold request granted"), daemon.logCount("releasing plug-in hold"));
-}
-
-TEST_F(Holds, HostsThatAreKilledWhileTheyAskLeaveNothingHeld) {
-  for (int round = 0; round < 8; ++round) {
-    Host host(root, daemon, root.path() + "/hosts/Killed.app");
-    for (int i = 0; i < 40; ++i)
-      host.client().send(message("lock", {{"paths", Array{application, other}}, {"flags", kApplications}}));
-    usleep(static_cast<useconds_t>(round * 1500));
-    host.kill();
-  }
-  EXPECT_TRUE(daemon.waitForLog(" is dead", 1));
-  EXPECT_TRUE(eventually(
-      [&] { return daemon.logCount("hold request granted") == daemon.logCount("releasing plug-in hold"); }));
-  EXPECT_EQ(found(), "one three two");
+  EXPECT_EQ(daemon->logCount("hold request granted"), daemon->logCount("releasing plug-in hold"));
 }
 
 TEST_F(Holds, ARequestBehindTheDeathOfItsClientIsDropped) {
   std::vector<PlugInBundle> many;
   for (int i = 0; i < 150; ++i) many.push_back({.identifier = "many." + std::to_string(i)});
   root.install("Many.app", many);
-  ASSERT_TRUE(eventually([&] { return match(client).size() == 153; }));
-  WireClient dying = daemon.connect();
+  ASSERT_TRUE(eventually([&] { return match(*client).size() == 153; }));
+  WireClient dying = daemon->connect();
   std::string stream;
   for (int i = 0; i < 20; ++i) stream += frameBytes(qmx::FrameKind::message, 0, message("match"));
   stream += frameBytes(qmx::FrameKind::message, 0, message("bulk", {{"flags", 0xdead}}));
   dying.sendBytes(stream);
   dying.close();
-  EXPECT_TRUE(daemon.waitForLog(" is dead"));
-  client.call(message("bulk"));
-  EXPECT_FALSE(daemon.logs("bulk options 0xdead"));
+  EXPECT_TRUE(daemon->waitForLog(" is dead"));
+  call("bulk");
+  EXPECT_FALSE(daemon->logs("bulk options 0xdead"));
 }
 
 TEST_F(Holds, StayWhenTheirPlugInIsUninstalled) {
-  const UUID token = granted(client, {plugIn("one")}, kPlugIns);
-  ASSERT_EQ(errorOf(client.call(message("remove", {{"paths", Array{plugIn("one")}}}))), "");
-  ASSERT_EQ(errorOf(client.call(message("add", {{"paths", Array{plugIn("one")}}}))), "");
-  EXPECT_EQ(daemon.logCount("releasing plug-in hold"), 0u);
+  const UUID token = granted(*client, {plugIn("one")}, kPlugIns);
+  ASSERT_EQ(error("remove", {{"paths", Array{plugIn("one")}}}), "");
+  ASSERT_EQ(error("add", {{"paths", Array{plugIn("one")}}}), "");
+  EXPECT_EQ(daemon->logCount("releasing plug-in hold"), 0u);
   release({token});
-  EXPECT_EQ(daemon.logCount("releasing plug-in hold"), 1u);
-  EXPECT_FALSE(daemon.logs("PLUGIN REMOVAL:")) << "a service that was never registered is silent";
+  EXPECT_EQ(daemon->logCount("releasing plug-in hold"), 1u);
+  EXPECT_FALSE(daemon->logs("PLUGIN REMOVAL:")) << "a service that was never registered is silent";
 }
 
 }  // namespace
