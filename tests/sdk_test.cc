@@ -1,10 +1,9 @@
 // Resolution against extension-point SDKs, canonicalization, diagnosis.
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 
+#include "Ambrel/ABCollections.h"
 #include "Ambrel/ABPlugInCore.h"
 #include "tests/support/ThisProcess.h"
 
@@ -17,8 +16,8 @@ using testsupport::writePropertyList;
 
 class SDK : public testing::Test {
  protected:
-  void SetUp() override { thisDevice(); }
-  void TearDown() override { unsetenv("ABTEST_SDK"); }
+  SDK() { thisDevice(); }
+  ~SDK() override { unsetenv("ABTEST_SDK"); }
 
   static void registerSDK(const std::string& name, const Dictionary& section) {
     writePropertyList(thisDevice().dataUser() + "/SDKs/" + name + ".plist",
@@ -43,36 +42,18 @@ class SDK : public testing::Test {
 };
 
 TEST_F(SDK, FillsInWhatThePlugInLacksLevelByLevel) {
-  const Dictionary sdk = {
-      {"new", 1},
-      {"both", 1},
-      {"CleanTimeout", 30},
-      {"section",
-       Dictionary{{"new", 1}, {"both", 1}, {"CleanTimeout", 30}, {"deep", Dictionary{{"new", 1}}}}},
-      {"shape", Dictionary{{"x", 1}}},
-      {"list", Array{1}},
-      {"Shared", Array{"a", "b"}}};
-  const Dictionary info = {
-      {"own", 2},
-      {"both", 2},
-      {"CleanTimeout", 5},
-      {"section", Dictionary{{"own", 2}, {"both", 2}, {"CleanTimeout", 5}, {"deep", Dictionary{{"own", 2}}}}},
-      {"shape", "text"},
-      {"list", Array{2}},
-      {"Shared", Array{"b", "c", "c"}}};
-  EXPECT_EQ(ABPlugInCore::mergeDictionary(sdk, info),
-            (Dictionary{{"new", 1},
-                        {"own", 2},
-                        {"both", 2},
-                        {"CleanTimeout", 30},
-                        {"section", Dictionary{{"new", 1},
-                                               {"own", 2},
-                                               {"both", 2},
-                                               {"CleanTimeout", 30},
-                                               {"deep", Dictionary{{"new", 1}, {"own", 2}}}}},
-                        {"shape", "text"},
-                        {"list", Array{2}},
-                        {"Shared", Array{"b", "c", "a"}}}));
+  const auto level = [](const Dictionary& entries, const Value& below) {
+    return ambrel::dictionaryChanging(entries, "section", below);
+  };
+  const Dictionary sdk = {{"new", 1}, {"both", 1}, {"CleanTimeout", 30}};
+  const Dictionary info = {{"own", 2}, {"both", 2}, {"CleanTimeout", 5}};
+  const Dictionary merged = {{"new", 1}, {"own", 2}, {"both", 2}, {"CleanTimeout", 30}};
+  EXPECT_EQ(ABPlugInCore::mergeDictionary(level(sdk, level(sdk, sdk)), level(info, level(info, info))),
+            level(merged, level(merged, merged)));
+  EXPECT_EQ(ABPlugInCore::mergeDictionary(
+                {{"shape", Dictionary{{"x", 1}}}, {"list", Array{1}}, {"Shared", Array{"a", "b"}}},
+                {{"shape", "text"}, {"list", Array{2}}, {"Shared", Array{"b", "c", "c"}}}),
+            (Dictionary{{"shape", "text"}, {"list", Array{2}}, {"Shared", Array{"b", "c", "a"}}}));
 }
 
 TEST_F(SDK, SharesWhatAMergeLeavesAsItIs) {
