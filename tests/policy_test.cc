@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <map>
-#include <optional>
-#include <string>
 
 #include "platform/policy/Consent.h"
 #include "platform/policy/Restrictions.h"
@@ -50,25 +45,15 @@ TEST_F(ConsentTest, TheUsersDecisionsAboutTheApplicationAreReadAnewEachTime) {
                                     {"refused", false},
                                     {"number", true},
                                     {"undecided", std::nullopt}}));
-  writePropertyList(file_, Dictionary{{"com.example.app", Dictionary{{kQSVServiceKeyboardNetwork, false}}}});
-  EXPECT_EQ(decisions(), (Decisions{{"kQSVServiceKeyboardNetwork", false}}));
-}
-
-TEST_F(ConsentTest, AFileThatCannotBeReadIsNothingAndNotAnEmptyList) {
-  writeText(file_, "<plist><dict><key>com.example.app");
-  EXPECT_EQ(decisions(), std::nullopt);
+  writePropertyList(file_, Dictionary{{"com.example.app", "all"}});
+  EXPECT_EQ(decisions(), Decisions()) << "a misshapen entry";
+  fs::remove(app_ + "/Info.plist");
+  EXPECT_EQ(decisions(), Decisions()) << "an application without an identifier";
   writePropertyList(file_, Array{"no dictionary"});
   EXPECT_EQ(decisions(), std::nullopt);
   fs::remove(file_);
   fs::create_directory(file_);
   EXPECT_EQ(decisions(), std::nullopt);
-}
-
-TEST_F(ConsentTest, AnApplicationWithoutAnIdentifierOrWithAMisshapenEntryDecidedNothing) {
-  writePropertyList(file_, Dictionary{{"com.example.app", "all"}});
-  EXPECT_EQ(decisions(), Decisions());
-  fs::remove(app_ + "/Info.plist");
-  EXPECT_EQ(decisions(), Decisions());
 }
 
 TEST(Restrictions, TheLowestOfAllRatingsThatAreSetIsEffective) {
@@ -93,14 +78,10 @@ TEST(Restrictions, TheLowestOfAllRatingsThatAreSetIsEffective) {
 TEST(TypeGraph, ConformanceIsReflexiveTransitiveAndOutlivesCycles) {
   TypeGraph graph;
   graph.addDeclarations({{"a", Array{"b", "c"}}, {"b", Array{"d"}}, {"d", "a"}, {"e", Array{7, "a"}}});
-  EXPECT_TRUE(graph.conforms("unknown", "unknown"));
-  EXPECT_TRUE(graph.conforms("a", "d"));
-  EXPECT_TRUE(graph.conforms("d", "c"));
-  EXPECT_TRUE(graph.conforms("e", "c"));
-  EXPECT_FALSE(graph.conforms("c", "a"));
-  EXPECT_FALSE(graph.conforms("a", "e"));
-  EXPECT_FALSE(graph.conforms("a", "unknown"));
-  EXPECT_FALSE(graph.conforms("A", "a"));
+  for (const auto& [type, to] : {std::pair("unknown", "unknown"), {"a", "d"}, {"d", "c"}, {"e", "c"}})
+    EXPECT_TRUE(graph.conforms(type, to)) << type;
+  for (const auto& [type, to] : {std::pair("c", "a"), {"a", "e"}, {"a", "unknown"}, {"A", "a"}})
+    EXPECT_FALSE(graph.conforms(type, to)) << type;
 }
 
 TEST(TypeGraph, MIMETypesAreKnownUnderTheirAliasesInBothDirections) {
@@ -143,37 +124,42 @@ class ActivationRulesTest : public testing::Test {
     letFilesSettle();
   }
   /// Items of one type each.
-  static Dictionary items(std::initializer_list<const char*> types) {
+  static Dictionary items(const std::vector<const char*>& types) {
     Array list;
     for (const char* type : types) list.append(Dictionary{{"types", Array{type}}});
     return {{"items", list}};
   }
 };
 
-TEST_F(ActivationRulesTest, ABooleanAcceptsAnyItemsOrNone) {
-  EXPECT_TRUE(evaluateActivationRule(true, items({"anything"})));
-  EXPECT_FALSE(evaluateActivationRule(true, items({})));
-  EXPECT_FALSE(evaluateActivationRule(false, items({"anything"})));
-}
-
 TEST_F(ActivationRulesTest, EachItemCountsForEveryTypeThatItConformsTo) {
-  const Value rule = Dictionary{{"image", 2}, {"file", 3}};
-  EXPECT_TRUE(evaluateActivationRule(rule, items({"photo", "image"})));
-  EXPECT_FALSE(evaluateActivationRule(rule, items({"photo", "image", "photo"}))) << "three images";
-  EXPECT_TRUE(evaluateActivationRule(rule, items({"photo", "image", "movie"})));
-  EXPECT_FALSE(evaluateActivationRule(rule, items({"photo", "image", "movie", "movie"}))) << "four files";
-  EXPECT_FALSE(evaluateActivationRule(rule, items({"photo", "song"}))) << "one counts nowhere";
+  const Value limits = Dictionary{{"image", 2}, {"file", 3}};
+  const auto images = [](const Value& limit) { return Value(Dictionary{{"image", limit}}); };
+  const struct {
+    Value rule;
+    std::vector<const char*> types;
+    bool isAccepted;
+  } cases[] = {
+      {true, {"anything"}, true},
+      {true, {}, false},
+      {false, {"anything"}, false},
+      {limits, {"photo", "image"}, true},
+      {limits, {"photo", "image", "photo"}, false},  // three images
+      {limits, {"photo", "image", "movie"}, true},
+      {limits, {"photo", "image", "movie", "movie"}, false},  // four files
+      {limits, {"photo", "song"}, false},                     // one counts nowhere
+      {images(true), {"photo", "photo", "photo"}, true},
+      {images(1), {"photo", "photo", "photo"}, false},  // the number 1 is a count
+      {images(3.5), {"photo", "photo", "photo"}, true},
+      {images(false), {"photo"}, false},
+      {images(0), {"photo"}, false},
+      {images(-1), {"photo"}, false},
+      {images("3"), {"photo"}, false},
+  };
+  for (const auto& each : cases)
+    EXPECT_EQ(evaluateActivationRule(each.rule, items(each.types)), each.isAccepted)
+        << each.rule.description() << " " << each.types.size();
   const Dictionary both{{"items", Array{Dictionary{{"types", Array{7, "song", "photo"}}}}}};
-  EXPECT_TRUE(evaluateActivationRule(rule, both)) << "one of an item's types is enough";
-}
-
-TEST_F(ActivationRulesTest, ALimitIsANumberOrTrueForAnyCount) {
-  const Dictionary three = items({"photo", "photo", "photo"});
-  EXPECT_TRUE(evaluateActivationRule(Dictionary{{"image", true}}, three));
-  EXPECT_FALSE(evaluateActivationRule(Dictionary{{"image", 1}}, three)) << "the number 1 is a count";
-  EXPECT_TRUE(evaluateActivationRule(Dictionary{{"image", 3.5}}, three));
-  for (const Value& none : {Value(false), Value(0), Value(-1), Value("3")})
-    EXPECT_FALSE(evaluateActivationRule(Dictionary{{"image", none}}, items({"photo"}))) << none.description();
+  EXPECT_TRUE(evaluateActivationRule(limits, both)) << "one of an item's types is enough";
 }
 
 TEST_F(ActivationRulesTest, AnythingOfAnotherShapeIsNotAccepted) {
