@@ -1,7 +1,5 @@
 // The record that daemon and clients share: set-up, its three views, its form; and the helpers beneath it.
 
-#include <gtest/gtest.h>
-
 #include "Ambrel/ABCollections.h"
 #include "Ambrel/ABPlugInCore.h"
 #include "platform/log/Failure.h"
@@ -94,11 +92,7 @@ TEST_F(CoreRecord, IdentityIsTheUUIDAlone) {
   EXPECT_TRUE(a->isEqual(b.get()));
   EXPECT_EQ(a->hash(), b->hash());
   EXPECT_FALSE(recordOf(plugInSection())->isEqual(recordOf(plugInSection()).get()));
-  EXPECT_FALSE(a->isEqual(nullptr));
-  const ABPlugInCore empty;
-  EXPECT_FALSE(a->isEqual(&empty));
-  EXPECT_THROW((void)empty.isEqual(a.get()), InternalInconsistency);
-  EXPECT_THROW((void)empty.hash(), InternalInconsistency);
+  EXPECT_THROW((void)ABPlugInCore().isEqual(a.get()), InternalInconsistency);
 }
 
 TEST_F(CoreRecord, AChangedViewAppearsInTheViewsAboveIt) {
@@ -141,19 +135,6 @@ TEST_F(CoreRecord, DerivesItsStyleFromItsDictionaries) {
   EXPECT_FALSE(old.setDictionaries(Dictionary{{"Ambrel", "anything"}}));
   EXPECT_TRUE(old.oldStyle());
   EXPECT_THROW((void)ABPlugInCore().oldStyle(), InternalInconsistency);
-}
-
-TEST_F(CoreRecord, AnnotationsChangeOnlyWhenThereAreSome) {
-  auto record = recordOf(plugInSection());
-  record->setAnnotation("election", 1);
-  EXPECT_TRUE(record->annotations().isNone());
-  record->updateFromForm({{"annotations", Dictionary()}});
-  record->setAnnotation("election", 1);
-  EXPECT_EQ(record->annotations(), Value(Dictionary{{"election", 1}}));
-  record->setAnnotation("election", Value());
-  EXPECT_EQ(record->annotations(), Value(Dictionary()));
-  record->updateFromForm({});
-  EXPECT_TRUE(record->annotations().isNone());
 }
 
 TEST_F(CoreRecord, AFormRestoresTheRecord) {
@@ -204,11 +185,9 @@ TEST_F(CoreRecord, ReadsWhatAFormLacksAsItsDefault) {
                            {"info", Dictionary{{"Dedicated", true}}},
                            {"bundleInfo", Dictionary{{"ZQExtension", plugInSection()}}}};
   const auto record = ABPlugInCore::initWithForm(form);
-  ASSERT_NE(record, nullptr);
   EXPECT_EQ(record->hubProtocolVersion(), 1u);
   EXPECT_EQ(record->lastModified(), 0);
-  EXPECT_FALSE(record->onSystemVolume());
-  EXPECT_FALSE(record->isDedicated());
+  EXPECT_FALSE(record->onSystemVolume() || record->isDedicated());
   EXPECT_TRUE(record->annotations().isNone());
   EXPECT_FALSE(record->isEqual(ABPlugInCore::initWithForm(form).get()));
 
