@@ -1,7 +1,5 @@
 // The database: its cache and its limit, look-ups, the narrowed search, elections, announcements.
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <set>
 

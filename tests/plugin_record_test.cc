@@ -1,8 +1,6 @@
 // The daemon's record: building from the registry, names, entitlements, forms, what the user and the device
 // allow, and the preparation of launches.
 
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <filesystem>

@@ -1,11 +1,9 @@
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <set>
 
 #include "platform/security/CodeSigning.h"

@@ -2,7 +2,6 @@
 // daemon that was built with a sanitizer: the harness fails when the daemon reports anything or ends.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
