@@ -244,10 +244,7 @@ bool Registrar::unregisterBundle(const std::string& path) {
   // The bundle may be gone, and what contained it too.
   std::string canonical = canonicalPathOfFutureFile(path);
   if (canonical.empty()) canonical = path;
-  if (catalog_.locations()->isOnSystemVolume(canonical)) {
-    systemLog("refusing to unregister bundle at %@: it is part of the system", canonical);
-    return false;
-  }
+  if (catalog_.locations()->isOnSystemVolume(canonical)) return false;
   if (!catalog_.unregisterBundle(canonical, secondsNow())) return false;
   save();
   return true;
