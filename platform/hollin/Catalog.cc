@@ -125,10 +125,15 @@ void Catalog::apply(std::span<const Sighting> sightings, uint64_t since, double 
       continue;
     }
     if (state == nullptr) state = &findOrAdd(sighting.path);
-    state->entry = sighting.entry;
+    noteEntry(*state, sighting);
     settle(*state, sighting.facts, change);
   }
   announcer_.enqueue(std::move(change.uninstalled), std::move(change.installed));
+}
+
+/// Who looks at a bundle by its path does not know whether a scan finds it too, by a link for example.
+void Catalog::noteEntry(State& state, const Sighting& sighting) {
+  if (sighting.entry.size() != 0 || sighting.facts == nullptr) state.entry = sighting.entry;
 }
 
 void Catalog::settle(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change) {
@@ -176,7 +181,7 @@ void Catalog::registerBundle(const Sighting& sighting, uint64_t since, double no
   }
   Change change{{}, {}, &outcome, now};
   if (sighting.entry.size() == 0) state.isByPath = true;
-  state.entry = sighting.entry;
+  noteEntry(state, sighting);
   const bool isSame = state.facts != nullptr &&
                       state.facts->isReadFrom(sighting.facts->info, sighting.facts->entitlementsFile);
   if (!isSame || state.goneSince != 0) retire(state, change);

@@ -28,7 +28,7 @@ namespace platform::hollin {
 struct Sighting {
   String path;
   std::shared_ptr<const BundleFacts> facts;  // null: there is no bundle
-  String entry;                              // where a scan found it; empty when none did
+  String entry;                              // where a scan found it; empty when it was looked at by its path
 };
 
 class Catalog : public std::enable_shared_from_this<Catalog> {
@@ -72,7 +72,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   /// Whether a sighting (facts as unchanged() found them, or null) would change anything.
   bool isNews(const Sighting& sighting) const;
   void apply(std::span<const Sighting> sightings, uint64_t since, double now, Outcome& outcome);
-  /// Registers a bundle on demand; by path unless `sighting.entry` says that scans find it too.
+  /// Registers a bundle on demand; by path unless `sighting.entry` says that scans find it.
   void registerBundle(const Sighting& sighting, uint64_t since, double now, Outcome& outcome);
   /// False when nothing is registered at that path.
   bool unregisterBundle(std::string_view path, double now);
@@ -128,6 +128,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
 
   State* find(std::string_view path);
   State& findOrAdd(const String& path);
+  static void noteEntry(State& state, const Sighting& sighting);
   void settle(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
   void miss(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
   void assignSlots(State& state, double now);
