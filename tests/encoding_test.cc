@@ -207,18 +207,5 @@ TEST(Message, DescriptionWritesEncodedListsOut) {
   EXPECT_EQ(broken.description(), "{matches = <property list, 2 bytes>}");
 }
 
-TEST(Message, IntegersThatAreNegativeOrOfAnotherKindReadAsZero) {
-  const Message message{.body = {{"good", std::numeric_limits<uint64_t>::max()},
-                                 {"negative", -3},
-                                 {"text", "3"},
-                                 {"real", 3.0},
-                                 {"yes", true}}};
-  EXPECT_EQ(message.unsignedValue("good"), std::numeric_limits<uint64_t>::max());
-  for (const char* key : {"negative", "text", "real", "yes", "missing"})
-    EXPECT_EQ(message.unsignedValue(key), 0u) << key;
-  EXPECT_EQ(message.string("good"), nullptr);
-  EXPECT_EQ(message.string("text")->view(), "3");
-}
-
 }  // namespace
 }  // namespace platform::qmx
