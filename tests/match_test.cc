@@ -91,16 +91,6 @@ TEST_F(Match, RulesThatAreNoDictionaryFailBeforeTheFlagsAreLookedAtAndVersion2Su
   EXPECT_EQ(Value(call("match", {{"version", 2}})), Value(Dictionary()));
 }
 
-TEST_F(Match, ABadBundleIsReportedAndHarmsNoOther) {
-  const std::string application = root.install(
-      "A.app", {{.identifier = "good"}, {.identifier = "hybrid", .plugIn = {{"EmbeddedCode", "x"}}}});
-  writeText(application + "/PlugIns/broken.appex/Info.plist", "<plist><dict><key>");
-  start();
-  EXPECT_EQ(found(), "good");
-  EXPECT_TRUE(
-      daemon->logs("ignoring mis-configured plug-in at " + DeviceRoot::plugInPath(application, "hybrid")));
-}
-
 TEST_F(Match, OfOneIdentifierTheNewestVersionIsReturnedUnlessMoreIsAskedFor) {
   root.install("Old.app", {{.identifier = "x", .version = "1.9"}});
   root.install("New.app", {{.identifier = "x", .version = "1.10"}});
