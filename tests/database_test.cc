@@ -146,14 +146,6 @@ TEST_F(Database, ElectionsNarrowByTheirLowBits) {
 TEST_F(Database, ElectsWhoAsksForItUnlessSomeoneChose) {
   const Record record = registeredRecord({.identifier = "auto", .entitlements = {{kAutoElect, "yes"}}});
   EXPECT_EQ(election(*record), Value(1));
-  const auto afterRebuilding = [&](const Value& chosen) {
-    elect(*record, chosen);
-    purge();
-    look(record->uuid());
-    return election(*record);
-  };
-  EXPECT_EQ(afterRebuilding(2), Value(2));
-  EXPECT_EQ(afterRebuilding(0), Value(1));
   thisServer().setAnnotation(Dictionary{{"election", 0}, {"extension", Dictionary{{"a", 1}}}}, *record);
   purge();
   look(record->uuid());
