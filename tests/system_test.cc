@@ -8,7 +8,6 @@
 #include "platform/qmx/SDKRegistry.h"
 #include "platform/system/Directories.h"
 #include "platform/system/Notifications.h"
-#include "platform/system/Preferences.h"
 #include "platform/system/Probes.h"
 #include "tests/support/Child.h"
 #include "tests/support/OwnDevice.h"
@@ -241,18 +240,6 @@ TEST(SDKRegistry, AUsersDefinitionWinsAndEveryQuestionSeesTheFilesOfNow) {
   EXPECT_EQ(qmx::copyExtensionSDKEntry("../escape"), std::nullopt);
 }
 
-TEST(SDKRegistry, TheTestDirectoryHoldsFilesOfExactlyTheName) {
-  const std::string directory = ownDevice.path() + "/test-sdks";
-  writePropertyList(directory + "/share", Dictionary{{"from", "test"}});
-  writePropertyList(directory + "/list", Array{"no dictionary"});
-  EXPECT_EQ(qmx::testSDKEntry("share"), std::nullopt) << "without the variable there is none";
-  const ScopedEnvironment environment({{"ABTEST_SDK", directory}});
-  ASSERT_TRUE(qmx::testSDKEntry("share"));
-  EXPECT_EQ((*qmx::testSDKEntry("share"))["from"], Value("test"));
-  for (const char* name : {"list", "missing", "", "..", "../test-sdks/share"})
-    EXPECT_EQ(qmx::testSDKEntry(name), std::nullopt) << name;
-}
-
 /// Runs `loop` until `isDone` or two seconds have passed.
 bool runUntil(RunLoop& loop, const std::function<bool()>& isDone) {
   for (int i = 0; i < 400 && !isDone(); ++i) {
@@ -317,22 +304,6 @@ TEST_F(NotificationsTest, ANameThatIsNoFileNameIsNeitherPostedNorWatched) {
   EXPECT_FALSE(fs::exists(ownDevice.runtime() + "/escape"));
   const NotificationObserver observer("a/b", loop_, [](uint64_t) {});
   EXPECT_FALSE(observer.isWatching());
-}
-
-TEST(Preferences, OnlyTheHostsOwnScopeIsSeenAndAlwaysAsItIsNow) {
-  clearOwnDevice();
-  const std::string domain = "com.example.prefs";
-  writePropertyList(ownDevice.configUser() + "/Preferences/" + domain + ".plist",
-                    Dictionary{{"exclusions", Array{"any host"}}});
-  EXPECT_TRUE(hostPreference(domain, "exclusions").isNone());
-  const std::string file = hostPreferencesPath(domain);
-  EXPECT_EQ(file,
-            ownDevice.configUser() + "/Preferences/ByHost/" + domain + "." + hostIdentifier() + ".plist");
-  writePropertyList(file, Dictionary{{"exclusions", Array{"this host"}}});
-  EXPECT_EQ(hostPreference(domain, "exclusions"), Value(Array{"this host"}));
-  writePropertyList(file, Dictionary{{"other", 1}});
-  EXPECT_TRUE(hostPreference(domain, "exclusions").isNone());
-  EXPECT_TRUE(hostPreference("../x", "exclusions").isNone());
 }
 
 #ifdef PLATFORM_HAS_PROBES
