@@ -60,7 +60,6 @@ std::shared_ptr<const BundleFacts> readBundleFacts(const std::string& path, cons
 struct SDKFacts {
   std::vector<String> names;
   bool isData = false;  // gives the protocol "#Data" to plug-ins without one
-  friend bool operator==(const SDKFacts&, const SDKFacts&) = default;
 };
 
 /// The facts of the SDK called `name`, of its test definition and of the registered one together.

@@ -92,10 +92,10 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   /// The same for all plug-ins that are registered.
   std::vector<String> unknownSDKs(uint64_t& generation) const;
   /// False when SDKs changed since: read it again.
-  bool addSDK(const String& name, SDKFacts facts, uint64_t generation);
+  bool addSDK(const String& name, const SDKFacts& facts, uint64_t generation);
   /// Names of all SDKs in use; what others read until now does not count any more.
   std::vector<String> beginSDKRefresh();
-  void setSDK(const String& name, SDKFacts facts);
+  void setSDK(const String& name, const SDKFacts& facts);
 
   // The store. What changed is taken, written, and given back when that failed.
   std::vector<Registration> takeUnsaved(size_t most);
@@ -116,7 +116,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
     std::vector<const State*> bundles;  // with registered plug-ins
   };
   struct SDK {
-    SDKFacts facts;
+    std::vector<String> names;  // that it ever gave while the process runs
     bool isKnown = false;
     Postings plugIns;
   };
@@ -138,7 +138,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   void remove(const PlugInProxy& proxy);
   const std::shared_ptr<const ApplicationProxy>& applicationFor(const State& state, std::string_view path);
   void touch(State& state);
-  void indexSDKNames();
+  void addSDKNames(const String& name, SDK& sdk, const SDKFacts& facts);
   bool hasName(const PlugInProxy& proxy, std::string_view name) const;
   HLProxyList findByIdentifier(const std::vector<std::string>& identifiers) const;
   HLProxyList findByName(const std::vector<std::string>& names) const;

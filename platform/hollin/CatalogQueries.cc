@@ -45,7 +45,7 @@ bool Catalog::hasName(const PlugInProxy& proxy, std::string_view name) const {
   if (contains(plugIn.names, name)) return true;
   if (plugIn.sdk.size() == 0) return false;
   const auto found = sdks_.find(plugIn.sdk);
-  return found != sdks_.end() && contains(found->second.facts.names, name);
+  return found != sdks_.end() && contains(found->second.names, name);
 }
 
 HLProxyList Catalog::findByIdentifier(const std::vector<std::string>& identifiers) const {
@@ -146,14 +146,10 @@ std::vector<String> Catalog::unknownSDKs(uint64_t& generation) const {
   return out;
 }
 
-bool Catalog::addSDK(const String& name, SDKFacts facts, uint64_t generation) {
+bool Catalog::addSDK(const String& name, const SDKFacts& facts, uint64_t generation) {
   const std::lock_guard lock(mutex_);
   if (generation != sdkGeneration_) return false;
-  SDK& sdk = sdks_[name];
-  if (sdk.isKnown) return true;
-  sdk.facts = std::move(facts);
-  sdk.isKnown = true;
-  for (const String& point : sdk.facts.names) sdksByName_[point].push_back(name);
+  addSDKNames(name, sdks_[name], facts);
   return true;
 }
 
@@ -166,19 +162,19 @@ std::vector<String> Catalog::beginSDKRefresh() {
   return names;
 }
 
-void Catalog::setSDK(const String& name, SDKFacts facts) {
+void Catalog::setSDK(const String& name, const SDKFacts& facts) {
   const std::lock_guard lock(mutex_);
-  const auto found = sdks_.find(name);
-  if (found == sdks_.end() || (found->second.isKnown && found->second.facts == facts)) return;
-  found->second.facts = std::move(facts);
-  found->second.isKnown = true;
-  indexSDKNames();
+  if (const auto found = sdks_.find(name); found != sdks_.end()) addSDKNames(name, found->second, facts);
 }
 
-void Catalog::indexSDKNames() {
-  sdksByName_.clear();
-  for (const auto& [name, sdk] : sdks_)
-    for (const String& point : sdk.facts.names) sdksByName_[point].push_back(name);
+/// Names that the SDK does not give any more stay: whoever took over the SDK as it was is matched by them.
+void Catalog::addSDKNames(const String& name, SDK& sdk, const SDKFacts& facts) {
+  sdk.isKnown = true;
+  for (const String& point : facts.names) {
+    if (contains(sdk.names, point)) continue;
+    sdk.names.push_back(point);
+    sdksByName_[point].push_back(name);
+  }
 }
 
 }  // namespace platform::hollin
