@@ -191,36 +191,22 @@ TEST_F(Abctl, WrongUsageIsExplainedWithoutAskingTheDaemon) {
   writeText(empty.path() + "/no.plist", "<plist><dict>");
   writePropertyList(empty.path() + "/array.plist", Array{"x"});
   const std::string files = "match --rules " + empty.path();
-  const std::vector<std::string> wrong = {"",
-                                          "frobnicate",
-                                          "match --frobnicate",
-                                          "match org.notes.share",
-                                          "match --rule no-pattern",
-                                          "match --rule =x",
-                                          "match --rule a=true --rule a=b",
-                                          "match --rule a={\"items\"",
-                                          files + "/missing",
-                                          files + "/no.plist",
-                                          files + "/array.plist",
-                                          files,
-                                          "match --service a/b",
-                                          "match --service=",
-                                          "match --timeout -1",
-                                          "show",
-                                          "elect org.notes.share",
-                                          "elect org.notes.share maybe",
-                                          "annotate org.notes.share",
-                                          "annotate org.notes.share --election 1x",
-                                          "annotate org.notes.share --extension [1]",
-                                          "hold",
-                                          "hold --application a --plugin b",
-                                          "release not-a-token",
-                                          "watch --count x"};
+  const std::vector<std::string> wrong = {
+      // no command and no arguments that there are
+      "", "frobnicate", "match --frobnicate", "match org.notes.share",
+      // rules
+      "match --rule no-pattern", "match --rule =x", "match --rule a=true --rule a=b",
+      "match --rule a={\"items\"", files + "/missing", files + "/no.plist", files + "/array.plist", files,
+      // options of all commands
+      "match --service a/b", "match --service=", "match --timeout -1",
+      // what the others need
+      "show", "elect org.notes.share", "elect org.notes.share maybe", "annotate org.notes.share",
+      "annotate org.notes.share --election 1x", "annotate org.notes.share --extension [1]", "hold",
+      "hold --application a --plugin b", "release not-a-token", "watch --count x"};
   for (const std::string& command : wrong) {
     std::istringstream text(command);
     const Words words{std::istream_iterator<std::string>(text), {}};
     Invocation run(empty, words);
-
     EXPECT_EQ(run.status(), 2) << command << run.err();
     EXPECT_TRUE(run.err().starts_with("abctl: ")) << command << run.err();
     EXPECT_EQ(run.out(), "") << command;
@@ -299,9 +285,10 @@ TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
   EXPECT_EQ(identifiers({"--rule", "ZQUserElection=1"}), "org.notes.share:1.10 org.paint.blur:1.0");
   EXPECT_EQ(status({"elect", paint_ + "/PlugIns/org.paint.blur.appex", "ignore"}), 0);
   EXPECT_NE(run({"match"}).out().find("ignore"), std::string::npos);
-  Invocation annotate(root_, {"annotate", "org.paint.blur", "--extension", R"({"position": 3})", "--json"});
-  EXPECT_EQ(annotate.status(), 0);
-  EXPECT_EQ(annotate.json()["annotated"].size(), 1u);
+  EXPECT_EQ(run({"annotate", "org.paint.blur", "--extension", R"({"position": 3})", "--json"})
+                .json()["annotated"]
+                .size(),
+            1u);
   const Value stored = root_.storedAnnotations()["org.paint.blur"];
   EXPECT_EQ(stored["election"].integerValue(), 2) << "what was not given stays";
   EXPECT_EQ(stored["extension"]["position"].integerValue(), 3);
@@ -316,9 +303,8 @@ TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
   Invocation ready(root_,
                    {"ready", "org.notes.share", "--run", "ls $XDG_RUNTIME_DIR/veltra/Launcher/$$; exit 7"});
   EXPECT_EQ(ready.status(), 7) << ready.err();
-  for (const std::string& part :
-       {notes_ + "/PlugIns/org.notes.share.appex/run", std::string("sandbox     plugin"),
-        std::string("HOME="), uuid("org.notes.share") + ".plist"})
+  for (const std::string& part : {notes_ + "/PlugIns/org.notes.share.appex/run", "sandbox     plugin"s,
+                                  "HOME="s, uuid("org.notes.share") + ".plist"})
     EXPECT_NE(ready.out().find(part), std::string::npos) << part << '\n' << ready.out();
   const Json json = run({"ready", "org.notes.share", "--json"}).json();
   EXPECT_EQ(json["ready"][0]["registration"]["PlugInIdentifier"], "org.notes.share");
@@ -326,8 +312,7 @@ TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
 
 TEST_F(Abctl, AccessPrintsATokenForEachPlugIn) {
   const Json tokens =
-      Invocation(root_, {"access", "--json", "org.notes.share", "org.paint.blur", "org.notes.share"})
-          .json()["access"];
+      run({"access", "--json", "org.notes.share", "org.paint.blur", "org.notes.share"}).json()["access"];
   ASSERT_EQ(tokens.size(), 2u) << "each once";
   EXPECT_EQ(tokens[1]["uuid"], uuid("org.paint.blur"));
   EXPECT_NE(tokens[0]["extension"], tokens[1]["extension"]);
