@@ -57,6 +57,11 @@ class Record {
     const std::lock_guard lock(mutex_);
     return all_;
   }
+  /// Waits until there are as many characters.
+  std::string waitFor(size_t size) const {
+    while (all().size() < size) std::this_thread::sleep_for(1ms);
+    return all();
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -200,19 +205,18 @@ TEST(SerialQueueTest, dropsWaitingWorkAndWaitsForRunningWorkWhenDestroyed) {
   EXPECT_EQ(queue, nullptr);
 }
 
-/// What `attempt` records, as soon as that is `expected`: a turn is cut short when the machine is busy.
-std::string recordOf(std::string_view expected, const std::function<std::string()>& attempt) {
+/// Expects that `attempt` records this at last: a turn is cut short when the machine is busy.
+void expectRecord(const std::string& expected, const std::function<std::string()>& attempt) {
   std::string record;
   for (int i = 0; i < 100 && record != expected; ++i) record = attempt();
-  return record;
+  EXPECT_EQ(record, expected);
 }
 
 TEST(RunLoopTest, runsWorkOfItsOwnThreadWithinTheTurnAndInOrder) {
   LoopThread thread;
   SerialQueue queue("service", thread.loop);
-  const auto attempt = [&] {
+  expectRecord("abcdet", [&] {
     Record record;
-    std::latch done(1);
     thread.loop.async([&] {
       thread.loop.atEndOfTurn([&] { record.add("e"); });
       queue.async([&] {
@@ -223,12 +227,10 @@ TEST(RunLoopTest, runsWorkOfItsOwnThreadWithinTheTurnAndInOrder) {
       thread.loop.after(0ns, [&] { record.add("t"); });
       record.add("a");
     });
-    thread.loop.after(1ms, [&] { done.count_down(); });
-    done.wait();
+    record.waitFor(6);
     thread.run([] {});
     return record.all();
-  };
-  EXPECT_EQ(recordOf("abcdet", attempt), "abcdet");
+  });
 }
 
 /// Supplies pieces of work, each of which is queued like a request.
@@ -253,7 +255,7 @@ class Supplier final : public RunLoop::Source {
 TEST(RunLoopTest, letsSourcesTakeTurnsAndTellsThemOfTheTurnsEnd) {
   LoopThread thread;
   SerialQueue queue("service", thread.loop);
-  const auto attempt = [&] {
+  expectRecord("ababa|", [&] {
     Record record;
     const auto first = std::make_shared<Supplier>(queue, record, "a", 3);
     const auto second = std::make_shared<Supplier>(queue, record, "b", 2);
@@ -262,10 +264,8 @@ TEST(RunLoopTest, letsSourcesTakeTurnsAndTellsThemOfTheTurnsEnd) {
       thread.loop.enlist(second);
       thread.loop.tellEndOfTurn(first);
     });
-    while (record.all().size() < 6) std::this_thread::yield();
-    return record.all();
-  };
-  EXPECT_EQ(recordOf("ababa|", attempt), "ababa|");
+    return record.waitFor(6);
+  });
 }
 
 TEST(RunLoopTest, looksAtDescriptorsAfterALongPieceOfWork) {
@@ -288,8 +288,7 @@ TEST(RunLoopTest, looksAtDescriptorsAfterALongPieceOfWork) {
     });
     queue.async([&] { record.add("2"); });
   });
-  while (record.all().size() < 3) std::this_thread::yield();
-  EXPECT_EQ(record.all(), "1e2");
+  EXPECT_EQ(record.waitFor(3), "1e2");
   close(ends[0]);
   close(ends[1]);
 }
@@ -327,8 +326,7 @@ TEST(RunLoopTest, runsTimersInOrderAndNotThoseThatWereCancelled) {
   const auto cancelled = thread.loop.after(10ms, [&] { record.add("x"); });
   thread.loop.after(1ms, [&] { record.add("a"); });
   thread.loop.cancel(cancelled);
-  while (record.all().size() < 3) std::this_thread::sleep_for(1ms);
-  EXPECT_EQ(record.all(), "abc");
+  EXPECT_EQ(record.waitFor(3), "abc");
   EXPECT_GE(std::chrono::steady_clock::now() - start, 40ms);
 }
 
