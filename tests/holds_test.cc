@@ -68,7 +68,7 @@ TEST_F(Holds, OfWholeApplicationsTakeEveryPlugInInside) {
   EXPECT_EQ(found(), "one three") << "two holds block until both are released";
   release({second});
   EXPECT_EQ(found(), "one three two");
-  granted(*client, {empty}, kApplications);
+  granted(*client, {empty, root.path()}, kApplications);
   granted(*client, Array(), 77);
   granted(*client, Array(), kPlugIns);
   EXPECT_EQ(found(), "one three two") << "holds on no plug-ins";

@@ -22,26 +22,21 @@ using namespace testsupport;
 using namespace std::literals;
 namespace fs = std::filesystem;
 
-/// Environment variables that have other values while this lives.
-class ScopedEnvironment {
- public:
-  using Values = std::map<std::string, std::optional<std::string>>;
-  explicit ScopedEnvironment(const Values& values) {
-    for (const auto& [name, value] : values) {
+/// The directories of a process in whose environment these variables have other values.
+Directories directoriesWith(std::map<std::string, std::optional<std::string>> values) {
+  const auto exchange = [&values] {
+    for (auto& [name, value] : values) {
       const char* old = getenv(name.c_str());
-      saved_[name] = old != nullptr ? std::optional<std::string>(old) : std::nullopt;
-    }
-    apply(values);
-  }
-  ~ScopedEnvironment() { apply(saved_); }
-
- private:
-  static void apply(const Values& values) {
-    for (const auto& [name, value] : values)
+      const auto saved = old != nullptr ? std::optional<std::string>(old) : std::nullopt;
       value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
-  }
-  Values saved_;
-};
+      value = saved;
+    }
+  };
+  exchange();
+  const Directories directories = Directories::fromEnvironment();
+  exchange();
+  return directories;
+}
 
 class DirectoriesTest : public testing::Test {
  protected:
@@ -51,13 +46,12 @@ class DirectoriesTest : public testing::Test {
 };
 
 TEST_F(DirectoriesTest, WhatTheVariablesDoNotNameLiesInTheHomeDirectory) {
-  const ScopedEnvironment environment({{"HOME", base_},
-                                       {"XDG_DATA_HOME", std::nullopt},
-                                       {"XDG_CONFIG_HOME", ""},
-                                       {"XDG_STATE_HOME", "relative/state"},
-                                       {"XDG_DATA_DIRS", ""},
-                                       {"XDG_CONFIG_DIRS", std::nullopt}});
-  const Directories directories = Directories::fromEnvironment();
+  const Directories directories = directoriesWith({{"HOME", base_},
+                                                   {"XDG_DATA_HOME", std::nullopt},
+                                                   {"XDG_CONFIG_HOME", ""},
+                                                   {"XDG_STATE_HOME", "relative/state"},
+                                                   {"XDG_DATA_DIRS", ""},
+                                                   {"XDG_CONFIG_DIRS", std::nullopt}});
   EXPECT_EQ(directories.dataUser, base_ + "/.local/share/veltra");
   EXPECT_EQ(directories.configUser, base_ + "/.config/veltra");
   EXPECT_EQ(directories.state, base_ + "/.local/state/veltra");
@@ -69,11 +63,8 @@ TEST_F(DirectoriesTest, WhatTheVariablesDoNotNameLiesInTheHomeDirectory) {
 
 TEST_F(DirectoriesTest, WithoutAHomeThereAreNoDirectoriesOfTheUser) {
   for (const auto& home : {std::optional<std::string>(), std::optional<std::string>("not/absolute")}) {
-    const ScopedEnvironment environment({{"HOME", home},
-                                         {"XDG_DATA_HOME", std::nullopt},
-                                         {"XDG_CONFIG_HOME", std::nullopt},
-                                         {"XDG_STATE_HOME", std::nullopt}});
-    const Directories directories = Directories::fromEnvironment();
+    const Directories directories = directoriesWith(
+        {{"HOME", home}, {"XDG_DATA_HOME", {}}, {"XDG_CONFIG_HOME", {}}, {"XDG_STATE_HOME", {}}});
     EXPECT_EQ(directories.dataUser + directories.configUser + directories.state, "");
     EXPECT_EQ(directories.dataRoots(), directories.dataSystem);
   }
@@ -82,10 +73,9 @@ TEST_F(DirectoriesTest, WithoutAHomeThereAreNoDirectoriesOfTheUser) {
 TEST_F(DirectoriesTest, ARootThatIsNamedTwiceCountsOnceAndInCanonicalForm) {
   fs::create_directories(base_ + "/real");
   fs::create_directory_symlink(base_ + "/real", base_ + "/link");
-  const ScopedEnvironment environment(
+  const Directories directories = directoriesWith(
       {{"XDG_DATA_HOME", base_ + "/link"},
        {"XDG_DATA_DIRS", "/one:" + base_ + "/real/:relative:/two:/one/:" + base_ + "/real/./"}});
-  const Directories directories = Directories::fromEnvironment();
   EXPECT_EQ(directories.dataUser, base_ + "/real/veltra");
   EXPECT_EQ(directories.dataSystem, (std::vector<std::string>{"/one/veltra", "/two/veltra"}));
   EXPECT_EQ(directories.mimeData, (std::vector<std::string>{base_ + "/real/mime", "/one/mime", "/two/mime"}));
