@@ -151,16 +151,10 @@ TEST_F(Annotate, PlugInsThatElectThemselvesAreElectedWithoutAnnouncement) {
 TEST_F(Annotate, APlugInWhoseNameNoFileCanHoldSpoilsNobodysElection) {
   const std::string application = root.install("A.app", {{.identifier = "good"}, {.identifier = "strange"}});
   // {BWBundleIdentifier = "bell\a"; ZQExtension = {}}, which only a binary list can say.
-  const std::string info =
-      "bplist00\xD2\x01\x02\x03\x04\x5F\x10\x12"
-      "BWBundleIdentifier"
-      "\x5B"
-      "ZQExtension"
-      "\x55"
-      "bell\a"
-      "\xD0\x08\x0D\x22\x2E\x34" +
-      std::string(6, '\0') + "\x01\x01" +
-      std::string("\0\0\0\0\0\0\0\x05\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x35", 24);
+  const std::string objects = "\xD2\1\2\3\4_\020\022BWBundleIdentifier[ZQExtensionUbell\a\xD0";
+  const std::string trailer(
+      "\010\015\042\056\064\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\5\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\065", 37);
+  const std::string info = "bplist00" + objects + trailer;
   writeText(DeviceRoot::plugInPath(application, "strange") + "/Info.plist", info);
   start();
   EXPECT_EQ(elect("bell\a", 1), "");

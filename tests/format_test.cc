@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -66,32 +65,13 @@ TEST(Formatting, AFormatThatDoesNotFitIsPrintedWithoutHarm) {
   EXPECT_EQ(formatArguments("%d %", arguments), "1 (?)");
 }
 
-/// What `work` writes to standard error.
-template <typename F>
-std::string standardErrorOf(const F& work) {
-  setenv("ABD_LOG", "stderr", 1);
-  int ends[2];
-  EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
-  const int saved = dup(STDERR_FILENO);
-  dup2(ends[1], STDERR_FILENO);
-  work();
-  dup2(saved, STDERR_FILENO);
-  close(saved);
-  close(ends[1]);
-  std::string text(65536, '\0');
-  text.resize(static_cast<size_t>(std::max<ssize_t>(read(ends[0], text.data(), text.size()), 0)));
-  close(ends[0]);
-  return text;
-}
-
 TEST(SystemLog, OneEntryIsOneLineWithTheProcessInFront) {
-  const std::string text = standardErrorOf([] {
-    systemLog("first %@", String("a\nb\tc\rd\x1b[31m\x7f"));
-    systemLog(
-        "second \xC2\x9B"
-        "31m gr\xC3\xBC\xC3\x9F");
-    writeLogEntry(std::string_view("nul\0end %d", 10));
-  });
+  setenv("ABD_LOG", "stderr", 1);
+  testing::internal::CaptureStderr();
+  systemLog("first %@", String("a\nb\tc\rd\x1b[31m\x7f"));
+  systemLog("second \xC2\23331m gr\xC3\xBC\xC3\x9F");
+  writeLogEntry(std::string_view("nul\0end %d", 10));
+  const std::string text = testing::internal::GetCapturedStderr();
   const std::string prefix =
       format("%s[%d]: ", static_cast<const char*>(program_invocation_short_name), getpid());
   EXPECT_EQ(text, prefix + "first a\\nb\\tc\\x0dd\\x1b[31m\\x7f\n" + prefix +

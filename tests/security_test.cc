@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <future>
 #include <set>
 
 #include "platform/security/CodeSigning.h"
@@ -142,26 +143,15 @@ TEST(TokenKey, AKeyFileThatIsNotThisUsersAloneOrNoKeyIsRefusedUntilItIsMended) {
 TEST(TokenKey, ProcessesThatMakeTheKeyAtTheSameTimeAgreeOnOne) {
   const auto isGood = [] {
     fs::remove_all(ownDevice.state());
-    int ends[2];
-    if (pipe(ends) != 0) return false;
-    constexpr int kProcesses = 8;
-    for (int i = 0; i < kProcesses; ++i) {
-      if (fork() != 0) continue;
-      std::string token = issueReadToken("/").value_or("none");
-      token.resize(256, ' ');
-      _exit(write(ends[1], token.data(), token.size()) == 256 ? 0 : 1);
-    }
+    std::vector<std::future<std::string>> processes(8);
+    for (auto& each : processes)
+      each = std::async(std::launch::async, answerOfProcess,
+                        [] { return issueReadToken("/").value_or("none"); });
     std::set<std::string> tokens;
-    for (int i = 0; i < kProcesses; ++i) {
-      char text[256];
-      if (read(ends[0], text, sizeof text) != sizeof text) return false;
-      const std::string token(text, sizeof text);
-      if (verifyReadToken(token.substr(0, token.find(' '))) != "/") return false;
-      tokens.insert(token);
-    }
-    while (wait(nullptr) > 0) continue;
+    for (auto& each : processes) tokens.insert(each.get());
     const auto files = fs::directory_iterator(ownDevice.state());
-    return tokens.size() == kProcesses && std::distance(begin(files), end(files)) == 1;
+    return tokens.size() == processes.size() && std::distance(begin(files), end(files)) == 1 &&
+           std::ranges::all_of(tokens, [](const auto& each) { return verifyReadToken(each) == "/"; });
   };
   EXPECT_IN_FRESH_PROCESS(isGood);
 }
@@ -265,45 +255,39 @@ TEST_F(EntitlementsTest, WhatIsNoDictionaryIsAnErrorAndNotAnEmptyOne) {
   expectRefused(EFBIG, "too large");
 }
 
-/// Waits until the process runs that program.
-bool waitForImage(pid_t pid, const std::string& path) {
-  std::error_code gone;
-  return eventually([&] { return fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", gone) == path; });
-}
-
-/// A shell that runs from `bundle` and has connected to a socket of ours before; it does what it is told.
+/// A shell that runs from `bundle` and has connected to a socket of ours before.
 class BundledPeer {
  public:
   explicit BundledPeer(const std::string& bundle) {
     const std::string program = bundle + "/main", path = ownDevice.runtime() + "/peer";
     fs::copy_file(fs::canonical("/bin/sh"), program, fs::copy_options::overwrite_existing);
     const FileDescriptor listener = listeningSocket(path);
-    int commands[2];
-    EXPECT_EQ(pipe2(commands, O_CLOEXEC), 0);
     process_.emplace([&] {
-      dup2(commands[0], STDIN_FILENO);
       WireClient::connect(path);
-      execl(program.c_str(), program.c_str(), nullptr);
+      execl(program.c_str(), program.c_str(), "-c", "kill -STOP $$; exec sleep 1000", nullptr);
       return false;
     });
-    close(commands[0]);
-    commands_ = FileDescriptor(commands[1]);
-    EXPECT_TRUE(waitForImage(pid(), program));
+    EXPECT_EQ(image(), program);
     connection_ = FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   }
 
-  pid_t pid() const { return process_->pid(); }
   std::shared_ptr<const CodeSigningTask> task() const {
     return CodeSigningTask::create(qmx::PeerIdentity::ofSocket(connection_.get()));
   }
-  void tell(const std::string& command) const {
-    EXPECT_EQ(write(commands_.get(), command.data(), command.size()), static_cast<ssize_t>(command.size()));
+  /// Lets it run another program, which lies in no bundle.
+  bool leaveBundle() const {
+    return eventually([&, program = image()] {
+      process_->signal(SIGCONT);
+      return image() != program;
+    });
   }
   void kill() { process_->kill(); }
 
  private:
+  fs::path image() const { return fs::read_symlink("/proc/" + std::to_string(process_->pid()) + "/exe"); }
+
   std::optional<Child> process_;
-  FileDescriptor commands_, connection_;
+  FileDescriptor connection_;
 };
 
 TEST_F(EntitlementsTest, AProcessHasThoseOfItsExecutablesBundleWhileItRunsThatExecutable) {
@@ -319,9 +303,7 @@ TEST_F(EntitlementsTest, AProcessHasThoseOfItsExecutablesBundleWhileItRunsThatEx
   EXPECT_EQ(task->valueForEntitlement("other").error->code, EPERM);
   chmod(file_.c_str(), 0600);
 
-  const std::string cat = fs::canonical("/bin/cat").string();
-  peer.tell("exec " + cat + "\n");
-  ASSERT_TRUE(waitForImage(peer.pid(), cat));
+  ASSERT_TRUE(peer.leaveBundle());
   const auto changed = task->valueForEntitlement("other");
   EXPECT_TRUE(changed.value.isNone());
   EXPECT_EQ(changed.error->code, ESRCH);

@@ -8,9 +8,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <sstream>
+
+#include "tests/support/ThisProcess.h"
 
 namespace testsupport {
 
@@ -123,8 +124,7 @@ std::vector<std::string> Daemon::log() const {
 }
 
 size_t Daemon::logCount(std::string_view text) const {
-  return static_cast<size_t>(std::ranges::count_if(
-      log(), [&](const std::string& entry) { return entry.find(text) != std::string::npos; }));
+  return entriesWith(log(), text);
 }
 
 bool Daemon::waitForLog(std::string_view text, size_t count, std::chrono::milliseconds timeout) const {
