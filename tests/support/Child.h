@@ -40,7 +40,7 @@ class Child {
 
 /// What `work` answers in a process of its own.
 std::string answerOfProcess(const std::function<std::string()>& work);
-/// What `work` answers in a process of its own.
+/// Whether `work` holds in a process of its own.
 inline bool holdsInProcess(const std::function<bool()>& work) {
   return answerOfProcess([&work] { return work() ? "yes" : "no"; }) == "yes";
 }
