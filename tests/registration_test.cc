@@ -26,7 +26,8 @@ class Registration : public DaemonTest {
 
 TEST_F(Registration, AnAddedPlugInIsFoundByTheNextRequestAndARemovedOneIsNot) {
   const std::string first = looseBundle("first"), second = looseBundle("second");
-  EXPECT_EQ(Value(call("add", {{"paths", Array{first, second}}})), Value(Dictionary())) << "a success has no keys";
+  EXPECT_EQ(Value(call("add", {{"paths", Array{first, second}}})), Value(Dictionary()))
+      << "a success has no keys";
   EXPECT_EQ(found(), "first second");
   EXPECT_TRUE(daemon->waitForLog("INSTALLED:first first(100) "));
   EXPECT_TRUE(daemon->waitForLog(" " + first));
