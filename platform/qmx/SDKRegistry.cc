@@ -1,6 +1,7 @@
 #include "platform/qmx/SDKRegistry.h"
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "platform/propertylist/PropertyListCache.h"
 #include "platform/system/Directories.h"
@@ -28,10 +29,19 @@ std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name) {
   return std::nullopt;
 }
 
-std::optional<Dictionary> testSDKEntry(std::string_view name) {
+std::optional<std::string> testSDKDirectory() {
   const char* directory = std::getenv("ABTEST_SDK");
-  if (directory == nullptr || !isSafeFileName(name)) return std::nullopt;
-  return cache().dictionary(std::string(directory) + "/" + std::string(name));
+  if (directory == nullptr || *directory == '\0') return std::nullopt;
+  std::error_code error;
+  const std::filesystem::path path = std::filesystem::absolute(directory, error);
+  if (error) return std::nullopt;  // there is no working directory any more
+  return path.string();
+}
+
+std::optional<Dictionary> testSDKEntry(std::string_view name) {
+  const auto directory = testSDKDirectory();
+  if (!directory || !isSafeFileName(name)) return std::nullopt;
+  return cache().dictionary(*directory + "/" + std::string(name));
 }
 
 void clearSDKCache() {

@@ -14,6 +14,9 @@ namespace platform::qmx {
 /// The registered entry of an SDK, or none. A name that cannot be a file name is not registered.
 std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name);
 
+/// The absolute path of the directory named by ABTEST_SDK; none when the variable is not set, or empty.
+std::optional<std::string> testSDKDirectory();
+
 /// The entry of `name` in the directory named by ABTEST_SDK (a file of exactly that name), when the variable
 /// is set and the file holds a dictionary.
 std::optional<Dictionary> testSDKEntry(std::string_view name);
