@@ -12,13 +12,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
 #include "platform/hollin/PlatformThread.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
+#include "platform/qmx/SDKRegistry.h"
 
 namespace platform::hollin {
 
@@ -79,10 +79,8 @@ void Monitor::registrationsChanged() {
 }
 
 void Monitor::run() {
-  watchPlaces();
-  watchRegistered();
-  scanEverything();
-  registrar_.refreshSDKs();
+  schedule(everythingDue_, Clock::duration::zero());
+  work();
   makeDataContainers(std::exchange(registeredAtStart_, {}));
   while (!isStopping_) {
     wait();
@@ -109,15 +107,14 @@ void Monitor::readEvents() {
   });
   if (isComplete) return;
   systemLog("events of the file system were lost: looking at all applications again");
-  schedule(placesDue_, kQuietPeriod);
-  schedule(sdksDue_, kQuietPeriod);
+  schedule(everythingDue_, kQuietPeriod);
 }
 
 void Monitor::handle(Subject& subject, std::string_view name, bool isOnTheWay) {
   switch (subject.kind) {
     case Subject::Kind::applications:
       if (isOnTheWay || name.empty()) {
-        schedule(placesDue_, kShortPeriod);
+        schedule(everythingDue_, kShortPeriod);
       } else {
         mark(pendingEntries_, subject.path + "/" + std::string(name));
       }
@@ -129,8 +126,7 @@ void Monitor::handle(Subject& subject, std::string_view name, bool isOnTheWay) {
       mark(pendingRegistered_, subject.path);
       return;
     case Subject::Kind::sdks:
-      if (isOnTheWay || name.empty()) schedule(placesDue_, kShortPeriod);
-      schedule(sdksDue_, kShortPeriod);
+      schedule(isOnTheWay || name.empty() ? everythingDue_ : sdksDue_, kShortPeriod);
       return;
   }
 }
@@ -152,7 +148,7 @@ std::optional<Monitor::Clock::time_point> Monitor::nextDue() const {
   const auto consider = [&next](Clock::time_point due) {
     if (!next || due < *next) next = due;
   };
-  for (const auto* due : {&placesDue_, &sdksDue_, &everythingDue_})
+  for (const auto* due : {&everythingDue_, &sdksDue_})
     if (*due) consider(**due);
   for (const auto* pending : {&pendingEntries_, &pendingRegistered_})
     for (const auto& [path, entry] : *pending) consider(entry.due);
@@ -180,17 +176,9 @@ void Monitor::work() {
     due.reset();
     return true;
   };
-  if (haveRegistrationsChanged_.exchange(false)) watchRegistered();
-  if (isDue(placesDue_)) {
-    watchPlaces();
-    watchRegistered();
-    everythingDue_ = Clock::now();
-  }
+  if (haveRegistrationsChanged_.exchange(false)) collectRegistered();
+  if (isDue(everythingDue_)) lookAtEverything();
   if (isDue(sdksDue_)) registrar_.refreshSDKs();
-  if (everythingDue_ && *everythingDue_ <= Clock::now()) {
-    everythingDue_.reset();
-    scanEverything();
-  }
   if (const auto entries = takeDue(pendingEntries_); !entries.empty()) scanEntries(entries);
   if (const auto paths = takeDue(pendingRegistered_); !paths.empty()) lookAtRegistered(paths);
   judgeExhaustion();
@@ -205,28 +193,45 @@ Subject& Monitor::subjectOf(Subject::Kind kind, const std::string& path) {
   return *subject;
 }
 
-/// Watches "Applications" and "SDKs" of all roots and the way to them, whether they exist or not.
-void Monitor::watchPlaces() {
-  catalog_.setLocations(Locations::current(directories_));
-  const auto watch = [this](Subject::Kind kind, const std::string& configured) {
-    const std::string canonical = canonicalPath(configured);
-    Subject& subject = subjectOf(kind, configured);
-    if (!canonical.empty()) subject.path = canonical;
-    watches_.begin(subject);
-    watches_.addWay(subject, configured);
-    if (!canonical.empty()) watches_.add(subject, canonical);
-    watches_.end(subject);
-  };
-  for (const std::string& root : directories_.dataRoots()) {
-    watch(Subject::Kind::applications, root + "/Applications");
-    watch(Subject::Kind::sdks, root + "/SDKs");
-  }
-  const char* tests = std::getenv("ABTEST_SDK");
-  if (tests != nullptr && *tests == '/') watch(Subject::Kind::sdks, tests);
+/// A whole round, as at start: every watch is renewed, and what it is for is looked at after that.
+void Monitor::lookAtEverything() {
+  watches_.resetExhaustion();
+  watchPlaces();
+  watchRegistered();
+  scanEverything();
+  registrar_.refreshSDKs();
 }
 
-/// Watches bundles registered by path and the way to them; the bundles may be gone.
+/// Watches a directory and the way to it, whether it exists or not.
+void Monitor::watch(Subject& subject, const std::string& path) {
+  watches_.begin(subject);
+  watches_.addWay(subject, path);
+  watches_.add(subject, path);
+  watches_.end(subject);
+}
+
+/// Watches "Applications" and "SDKs" of all roots.
+void Monitor::watchPlaces() {
+  const auto watchPlace = [this](Subject::Kind kind, const std::string& configured) {
+    Subject& subject = subjectOf(kind, configured);
+    watch(subject, configured);
+    if (std::string path = canonicalPath(configured); !path.empty()) subject.path = std::move(path);
+  };
+  for (const std::string& root : directories_.dataRoots()) {
+    watchPlace(Subject::Kind::applications, root + "/Applications");
+    watchPlace(Subject::Kind::sdks, root + "/SDKs");
+  }
+  if (const auto tests = qmx::testSDKDirectory()) watchPlace(Subject::Kind::sdks, *tests);
+  catalog_.setLocations(Locations::current(directories_));
+}
+
 void Monitor::watchRegistered() {
+  collectRegistered();
+  for (const auto& [path, subject] : registered_) watch(*subject, path);
+}
+
+/// Bundles registered by path; they may be gone. A new one is watched when it is looked at.
+void Monitor::collectRegistered() {
   std::unordered_map<std::string, std::unique_ptr<Subject>> before;
   before.swap(registered_);
   for (const String& path : catalog_.registeredByPath()) {
@@ -235,12 +240,8 @@ void Monitor::watchRegistered() {
       registered_.insert(std::move(known));
       continue;
     }
-    Subject& subject = subjectOf(Subject::Kind::registered, key);
-    watches_.begin(subject);
-    watches_.addWay(subject, key);
-    watches_.add(subject, key);
-    watches_.end(subject);
-    mark(pendingRegistered_, key);  // it may have changed before it was watched
+    subjectOf(Subject::Kind::registered, key);
+    mark(pendingRegistered_, key);
   }
   for (const auto& [path, subject] : before) watches_.drop(*subject);
 }
@@ -257,7 +258,6 @@ void Monitor::visit(const std::string& directory, const std::string& entry,
 
 void Monitor::scanEverything() {
   const uint64_t since = catalog_.clock();
-  watches_.resetExhaustion();
   std::unordered_map<std::string, Subject*> visited;
   Scanner scanner([this, &visited](const std::string& directory, const std::string& entry) {
     visit(directory, entry, visited);
@@ -295,14 +295,9 @@ void Monitor::scanEntries(const std::vector<std::string>& entries) {
 
 void Monitor::lookAtRegistered(const std::vector<std::string>& paths) {
   // The directory may be another one now.
-  for (const std::string& path : paths) {
-    const auto subject = registered_.find(path);
-    if (subject == registered_.end()) continue;
-    watches_.begin(*subject->second);
-    watches_.addWay(*subject->second, path);
-    watches_.add(*subject->second, path);
-    watches_.end(*subject->second);
-  }
+  for (const std::string& path : paths)
+    if (const auto subject = registered_.find(path); subject != registered_.end())
+      watch(*subject->second, path);
   takeReport(registrar_.lookAt(paths, [this](const std::string& p) { return isBusy(p); }));
 }
 

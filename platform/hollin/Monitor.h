@@ -61,8 +61,11 @@ class Monitor {
   std::optional<Clock::time_point> nextDue() const;
   std::vector<std::string> takeDue(PendingPaths& pending);
 
+  void lookAtEverything();
   void watchPlaces();
   void watchRegistered();
+  void collectRegistered();
+  void watch(Subject& subject, const std::string& path);
   void scanEverything();
   void scanEntries(const std::vector<std::string>& entries);
   void lookAtRegistered(const std::vector<std::string>& paths);
@@ -87,7 +90,7 @@ class Monitor {
   std::unordered_map<std::string, std::unique_ptr<Subject>> places_, entries_, registered_;  // by path
   PendingPaths pendingEntries_, pendingRegistered_;
   std::unordered_map<std::string, Clock::time_point> busySince_;
-  std::optional<Clock::time_point> placesDue_, sdksDue_, everythingDue_;
+  std::optional<Clock::time_point> everythingDue_, sdksDue_;
   bool isPeriodic_ = false;  // watches ran out
 };
 
