@@ -137,6 +137,17 @@ TEST_F(CoreRecord, DerivesItsStyleFromItsDictionaries) {
   EXPECT_THROW((void)ABPlugInCore().oldStyle(), InternalInconsistency);
 }
 
+TEST_F(CoreRecord, AnnotationsChangeOnlyWhenThereAreSome) {
+  auto record = recordOf(plugInSection());
+  record->setAnnotation("election", 1);
+  EXPECT_TRUE(record->annotations().isNone());
+  record->updateFromForm({{"annotations", Dictionary()}});
+  record->setAnnotation("election", 1);
+  EXPECT_EQ(record->annotations(), Value(Dictionary{{"election", 1}}));
+  record->setAnnotation("election", Value());
+  EXPECT_EQ(record->annotations(), Value(Dictionary()));
+}
+
 TEST_F(CoreRecord, AFormRestoresTheRecord) {
   auto record = recordOf(plugInSection());
   record->setOriginalIdentifier("org.notes.first");
