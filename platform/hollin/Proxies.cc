@@ -16,6 +16,27 @@ namespace platform::hollin {
 
 namespace {
 
+using Lookup = std::optional<std::string> (*)(const std::string& bundle, const Dictionary& info);
+
+/// A name of the bundle at `path`. Which state of its Info file has none is remembered in `absence`: many
+/// bundles lack a name, and are asked for it by every request.
+std::optional<std::string> nameOf(const String& path, Lookup lookup, Absence& absence) {
+  const std::string bundle(path.view());
+  // What the user's language adds is no part of that file.
+  if (const auto nameless = absence.known();
+      nameless && nameless == FileIdentity::ofFile(bundle + "/Info.plist"))
+    return lookup(bundle, Dictionary());
+  auto info = qmx::Bundle::infoDictionaryAt(bundle);
+  auto name = info ? lookup(bundle, *info) : std::nullopt;
+  if (!info || name) return name;
+  // Once more, so that the state is noted that was read.
+  const auto file = FileIdentity::ofFile(bundle + "/Info.plist");
+  info = qmx::Bundle::infoDictionaryAt(bundle);
+  name = info ? lookup(bundle, *info) : std::nullopt;
+  if (!name && file && file->isSettled()) absence.note(*file);
+  return name;
+}
+
 std::optional<std::string> copied(const std::optional<String>& text) {
   return text ? std::optional<std::string>(text->view()) : std::nullopt;
 }
@@ -46,13 +67,22 @@ bool isDataPlugIn(const PlugInFacts& plugIn, bool isMultiplexed) {
 
 }  // namespace
 
+std::optional<FileIdentity> Absence::known() const {
+  const std::lock_guard lock(mutex_);
+  return file_ == nullptr ? std::nullopt : std::optional(*file_);
+}
+
+void Absence::note(const FileIdentity& file) {
+  const std::lock_guard lock(mutex_);
+  file_ = std::make_unique<const FileIdentity>(file);
+}
+
 std::optional<URL> ApplicationProxy::bundleURL() const {
   return URL::file(path_, true);
 }
 
 std::optional<std::string> ApplicationProxy::localizedName() const {
-  const auto info = qmx::Bundle::infoDictionaryAt(path_);
-  return info ? qmx::localizedBundleName(std::string(path_.view()), *info) : std::nullopt;
+  return nameOf(path_, qmx::localizedBundleName, noName_);
 }
 
 std::optional<URL> ApplicationProxy::bundleContainerURL() const {
@@ -88,18 +118,12 @@ std::optional<URL> PlugInProxy::bundleURL() const {
   return URL::file(facts_->path, true);
 }
 
-std::optional<Dictionary> PlugInProxy::infoDictionary() const {
-  return qmx::Bundle::infoDictionaryAt(facts_->path);
-}
-
 std::optional<std::string> PlugInProxy::localizedName() const {
-  const auto info = infoDictionary();
-  return info ? qmx::localizedBundleName(std::string(facts_->path.view()), *info) : std::nullopt;
+  return nameOf(facts_->path, qmx::localizedBundleName, noName_);
 }
 
 std::optional<std::string> PlugInProxy::localizedShortName() const {
-  const auto info = infoDictionary();
-  return info ? qmx::localizedBundleShortName(std::string(facts_->path.view()), *info) : std::nullopt;
+  return nameOf(facts_->path, qmx::localizedBundleShortName, noShortName_);
 }
 
 std::optional<std::string> PlugInProxy::bundleIdentifier() const {
@@ -111,7 +135,7 @@ std::optional<std::string> PlugInProxy::bundleVersion() const {
 }
 
 Value PlugInProxy::ambrelDictionary() const {
-  const auto info = infoDictionary();
+  const auto info = qmx::Bundle::infoDictionaryAt(facts_->path);
   if (!info) return {};
   const Value& top = (*info)["ZQExtension"];
   return facts_->isMultiplexed ? top["Multiple"][pluginIdentifier()] : top;

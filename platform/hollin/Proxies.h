@@ -18,6 +18,17 @@ namespace platform::hollin {
 
 class Catalog;
 
+/// The state of a file in which something was not found.
+class Absence {
+ public:
+  std::optional<FileIdentity> known() const;
+  void note(const FileIdentity& file);
+
+ private:
+  inline static std::mutex mutex_;  // of all: held for a comparison, and seldom asked for
+  std::unique_ptr<const FileIdentity> file_;
+};
+
 class ApplicationProxy final : public HLApplicationProxy {
  public:
   /// `container` is empty for an application without one.
@@ -33,6 +44,7 @@ class ApplicationProxy final : public HLApplicationProxy {
  private:
   const std::weak_ptr<const Catalog> catalog_;
   const String path_, container_;
+  mutable Absence noName_;
 };
 
 /// What all plug-in proxies of one registry share.
@@ -68,8 +80,6 @@ class PlugInProxy final : public HLAmbrelProxy {
   void markUninstalled() { isUninstalled_.store(true, std::memory_order_release); }
 
  private:
-  std::optional<Dictionary> infoDictionary() const;
-
   const std::shared_ptr<const BundleFacts> facts_;
   const std::shared_ptr<const ApplicationProxy> application_;
   const std::shared_ptr<const Surroundings> surroundings_;
@@ -80,6 +90,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   const bool isOnSystemVolume_;
   std::atomic<bool> isUninstalled_{false};
   mutable std::atomic<bool> hasContainer_{false};  // it was made, or found, once
+  mutable Absence noName_, noShortName_;
 };
 
 }  // namespace platform::hollin

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <vector>
 
@@ -113,6 +114,14 @@ FileIdentity FileIdentity::of(const struct stat& status) {
           .size = static_cast<uint64_t>(status.st_size),
           .modificationNanoseconds = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec,
           .changeNanoseconds = status.st_ctim.tv_sec * kNanoseconds + status.st_ctim.tv_nsec};
+}
+
+bool FileIdentity::isSettled() const {
+  constexpr int64_t kNanoseconds = 1'000'000'000;
+  constexpr int64_t kSettlesIn = 100'000'000;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec * kNanoseconds + now.tv_nsec - changeNanoseconds >= kSettlesIn;
 }
 
 std::optional<FileIdentity> FileIdentity::ofFile(const std::string& path) {

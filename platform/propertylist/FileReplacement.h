@@ -31,6 +31,10 @@ struct FileIdentity {
   static FileIdentity of(const struct stat& status);
   /// None when the file is missing or is not a regular file (symbolic links are followed).
   static std::optional<FileIdentity> ofFile(const std::string& path);
+  /// False while the file changed so short a time ago that it may change again without another time stamp
+  /// (file systems take theirs from a clock that ticks a few hundred times a second at most): what was read
+  /// from it then is not to be kept.
+  bool isSettled() const;
   friend auto operator<=>(const FileIdentity&, const FileIdentity&) = default;
 };
 

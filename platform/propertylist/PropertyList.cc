@@ -53,15 +53,16 @@ Result<std::string> readFile(const std::string& path, uint64_t limit) {
   if (fstat(file.get(), &status) != 0) return readError(errno, path);
   if (!S_ISREG(status.st_mode)) return readError(EINVAL, path);
   if (static_cast<uint64_t>(status.st_size) > limit) return readError(EFBIG, path);
-  // One byte more than expected, so that the end is seen without growing.
-  std::string contents(static_cast<size_t>(status.st_size) + 1, '\0');
+  // One byte more than expected: a read that ends short of it, where the file should end, has seen the end.
+  const auto expected = static_cast<size_t>(status.st_size);
+  std::string contents(expected + 1, '\0');
   size_t size = 0;
   while (true) {
     const ssize_t count = read(file.get(), contents.data() + size, contents.size() - size);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return readError(errno, path);
-    if (count == 0) break;
     size += static_cast<size_t>(count);
+    if (count == 0 || size == expected) break;
     if (size > limit) return readError(EFBIG, path);
     if (size == contents.size()) contents.resize(2 * size);
   }

@@ -1,6 +1,5 @@
 #include "platform/propertylist/PropertyListCache.h"
 
-#include <ctime>
 #include <list>
 #include <mutex>
 #include <unordered_map>
@@ -9,20 +8,6 @@
 #include "platform/propertylist/PropertyList.h"
 
 namespace platform {
-
-namespace {
-
-/// A file that changed a moment ago may change again without another time stamp: file systems take theirs
-/// from a clock that ticks a few hundred times a second at most.
-constexpr int64_t kQuietNanoseconds = 100'000'000;
-
-bool isQuiet(const FileIdentity& identity) {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec - identity.changeNanoseconds >= kQuietNanoseconds;
-}
-
-}  // namespace
 
 struct PropertyListCache::Implementation {
   struct Entry {
@@ -78,7 +63,7 @@ std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path)
     cache.remove(path);
   }
   if (!identity) return std::nullopt;
-  const bool keeps = isQuiet(*identity);
+  const bool keeps = identity->isSettled();
   std::optional<Dictionary> dictionary = readDictionaryFile(path);
   if (!keeps) return dictionary;
   const std::lock_guard lock(cache.mutex);

@@ -12,7 +12,6 @@
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyList.h"
 #include "platform/qmx/Bundle.h"
-#include "platform/system/FileAge.h"
 #include "platform/system/FileDescriptor.h"
 
 namespace platform {
@@ -88,7 +87,7 @@ Reading readEntitlements(const std::string& path) {
   struct stat status {};
   if (!file || fstat(file.get(), &status) != 0) return {Error::posix(errno, path)};
   const FileIdentity identity = FileIdentity::of(status);
-  const std::optional<FileIdentity> lasting = isSettled(identity) ? std::optional(identity) : std::nullopt;
+  const std::optional<FileIdentity> lasting = identity.isSettled() ? std::optional(identity) : std::nullopt;
   if (auto reason = reasonNotToHonour(status, path)) return {*reason, lasting};
   std::string bytes(static_cast<size_t>(status.st_size), '\0');
   size_t done = 0;

@@ -14,7 +14,6 @@
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyList.h"
 #include "platform/system/Directories.h"
-#include "platform/system/FileAge.h"
 #include "platform/types/TypeGraph.h"
 
 namespace platform {
@@ -91,7 +90,7 @@ class Conformance {
     Files files = presentFiles();
     if (graph_ == nullptr || !areSettled_ || files != files_) {
       areSettled_ =
-          std::all_of(files.begin(), files.end(), [](const auto& file) { return isSettled(file.second); });
+          std::all_of(files.begin(), files.end(), [](const auto& file) { return file.second.isSettled(); });
       auto graph = readGraph(files);
       files_ = std::move(files);
       const std::lock_guard lock(mutex_);
