@@ -122,8 +122,8 @@ TEST_F(PlugInRecord, ItsRequestFormSaysWhatItsWholeFormSays) {
 
   Dictionary expected = record->exportForm();
   EXPECT_EQ(encodedForms({form, form}), Value(Array{expected, expected}));
-  form.set("annotations", Dictionary{{"election", 1}});
-  form.set("overrider", "uuid");
+  form.set(PlugInForm::annotations, Dictionary{{"election", 1}});
+  form.set(PlugInForm::overrider, "uuid");
   EXPECT_EQ(form["annotations"]["election"], Value(1));
   expected.set("annotations", Dictionary{{"election", 1}});
   expected.set("overrider", "uuid");

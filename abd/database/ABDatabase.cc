@@ -122,11 +122,11 @@ std::optional<ABDPlugInSet> ABDatabase::findPlugIns(const std::optional<Dictiona
 ABDPlugInSet ABDatabase::recordsForProxies(const HLProxyList& proxies) {
   ABDPlugInSet records;
   records.reserve(proxies.size());
-  // Plug-ins of one application stand together and are judged together.
+  // Plug-ins of one application stand together and are judged together. A plug-in without a bundle URL gets
+  // no record.
   std::shared_ptr<const HLBundleProxy> container;
   bool isPlaceholder = false;
   for (const auto& proxy : proxies) {
-    if (!proxy->bundleURL()) continue;
     auto containing = proxy->containingBundle();
     if (containing != container) {
       container = std::move(containing);

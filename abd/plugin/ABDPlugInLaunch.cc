@@ -27,29 +27,28 @@ constexpr const char* kServicePackageType = "QMX!";
 }  // namespace
 
 Dictionary ABDPlugIn::issueResourceExtensions(const Value& shared) const {
-  const Array resources = shared.isString()           ? Array{shared}
-                          : shared.array() != nullptr ? *shared.array()
-                                                      : Array();
   Dictionary tokens;
-  for (const Value& resource : resources) {
-    const String* name = resource.sharedString();
-    if (name == nullptr) continue;
-    const bool isBundle = name->view() == ".";
-    const URL target = isBundle ? *url() : url()->appending(name->view());
+  const auto issue = [this, &tokens](const String& name) {
+    const bool isBundle = name.view() == ".";
+    const auto target = isBundle ? std::nullopt : std::optional(url()->appending(name.view()));
     if (const auto token =
-            isBundle ? ABIssueSandboxExtension(target) : ABIssueSandboxExtension(target, *url())) {
-      tokens.set(*name, *token);
+            isBundle ? ABIssueSandboxExtension(*url()) : ABIssueSandboxExtension(*target, *url())) {
+      tokens.set(name, *token);
     } else {
-      systemLog("failed to make extension for %@ in plug-in at %@: %s", target.path(), path(),
-                std::strerror(errno));
+      systemLog("failed to make extension for %@ in plug-in at %@: %s", isBundle ? path() : target->path(),
+                path(), std::strerror(errno));
     }
-  }
+  };
+  if (const String* name = shared.sharedString()) issue(*name);
+  if (const Array* names = shared.array())
+    for (const Value& each : *names)
+      if (const String* name = each.sharedString()) issue(*name);
   return tokens;
 }
 
 void ABDPlugIn::augmentForm(PlugInForm& form) const {
   const Value& shared = plugInDictionary()[plugInkey::shared];
-  if (!shared.isNone()) form.set(formkey::extensions, issueResourceExtensions(shared));
+  if (!shared.isNone()) form.set(PlugInForm::extensions, issueResourceExtensions(shared));
 }
 
 Dictionary ABDPlugIn::environment() const {

@@ -1,17 +1,32 @@
 #include "abd/plugin/PlugInForm.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
+#include "Ambrel/ABInfoKeys.h"
 #include "abd/plugin/ABDPlugIn.h"
 
 namespace abd {
 
+namespace {
+
+constexpr const char* kEntryKeys[] = {formkey::annotations, formkey::extensions, formkey::overrider,
+                                      formkey::overriding};
+static_assert(std::size(kEntryKeys) == PlugInForm::entryCount);
+
+}  // namespace
+
 PlugInForm::PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept,
-                       Dictionary late)
-    : plugIn_(std::move(plugIn)), kept_(std::move(kept)), late_(std::move(late)) {}
+                       Dictionary names)
+    : plugIn_(std::move(plugIn)), kept_(std::move(kept)), names_(std::move(names)) {
+  entries_[annotations] = Dictionary();
+}
 
 Value PlugInForm::operator[](std::string_view key) const {
-  if (const Value& value = late_[key]; !value.isNone()) return value;
+  for (size_t i = 0; i < entryCount; ++i)
+    if (key == kEntryKeys[i]) return entries_[i];
+  if (const Value& name = names_[key]; !name.isNone()) return name;
   // What is asked of every form comes from the record without building a form.
   if (key == formkey::identifier) return plugIn_->identifier();
   if (key == formkey::version) return plugIn_->version();
@@ -22,11 +37,13 @@ Value PlugInForm::operator[](std::string_view key) const {
 }
 
 void PlugInForm::encodeInto(qmx::EncodedListBuilder& builder) const {
-  const bool hasAnnotations = late_.contains(formkey::annotations);
-  builder.beginMap(kept_->count + late_.size() + (hasAnnotations ? 0 : 1));
+  const auto count = static_cast<size_t>(
+      std::ranges::count_if(entries_, [](const Value& value) { return !value.isNone(); }));
+  builder.beginMap(kept_->count + names_.size() + count);
   builder.kept(kept_->entries);
-  for (const auto& [key, value] : late_) builder.entry(key, value);
-  if (!hasAnnotations) builder.entry(formkey::annotations, Dictionary());
+  for (const auto& [key, value] : names_) builder.entry(key, value);
+  for (size_t i = 0; i < entryCount; ++i)
+    if (!entries_[i].isNone()) builder.entry(kEntryKeys[i], entries_[i]);
 }
 
 }  // namespace abd

@@ -4,6 +4,7 @@
 // few entries that belong to this request. Reading by key answers what the whole form would. A value of one
 // request; copies share the kept part.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -27,14 +28,15 @@ class PlugInForm {
     uint8_t names = 0;  // which localized names are among them
   };
 
-  /// `late` are the entries that are not in the kept part of `plugIn`.
-  PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept, Dictionary late);
+  /// The entries that belong to a request.
+  enum Entry : uint8_t { annotations, extensions, overrider, overriding, entryCount };
+
+  /// `names` are localized names that are not in the kept part of `plugIn`, under their keys.
+  PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept, Dictionary names);
 
   /// The value under `key`, or a none value.
   Value operator[](std::string_view key) const;
-  /// Sets an entry that belongs to this request. REQUIRES: `key` is "annotations", "extensions", "overrider"
-  /// or "overriding".
-  void set(String key, Value value) { late_.set(std::move(key), std::move(value)); }
+  void set(Entry entry, Value value) { entries_[entry] = std::move(value); }
   const std::shared_ptr<const ABDPlugIn>& plugIn() const { return plugIn_; }
 
   /// Appends the whole form as the next element of `builder`'s list.
@@ -43,7 +45,8 @@ class PlugInForm {
  private:
   std::shared_ptr<const ABDPlugIn> plugIn_;
   std::shared_ptr<const KeptPart> kept_;
-  Dictionary late_;
+  Dictionary names_;
+  std::array<Value, entryCount> entries_;  // no table: most forms have some
 };
 
 }  // namespace abd

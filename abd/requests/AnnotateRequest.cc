@@ -52,7 +52,7 @@ void Transaction::annotatePlugIns() {
 
 void Transaction::addAnnotationForPlugIn(ABDServer& server, const ABDPlugIn& plugIn, PlugInForm& form) {
   Value stored = server.annotationForPlugIn(plugIn);
-  form.set(formkey::annotations, stored.isNone() ? Value(Dictionary()) : std::move(stored));
+  form.set(PlugInForm::annotations, stored.isNone() ? Value(Dictionary()) : std::move(stored));
 }
 
 }  // namespace abd

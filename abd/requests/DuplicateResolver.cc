@@ -42,26 +42,30 @@ DuplicateResolver::Verdict DuplicateResolver::admit(Candidate candidate) {
   if (keepsEverything_) return {.accepted = true, .displaced = {}};
   Group& group = groups_[candidate.identifier.view()];
   if (keepsAllVersions_ && group.versions == nullptr) group.versions = std::make_unique<Versions>();
-  const std::optional<size_t> rival = firstRival(group, candidate);
+  const std::optional<size_t> rival =
+      keepsAllVersions_ ? firstRival(*group.versions, candidate) : std::optional<size_t>(group.only);
   if (rival) {
     const Candidate& other = accepted_[*rival];
     const std::weak_ordering order = compareVersions(candidate, other);
     if (order < 0 || (order == 0 && !isPreferred(candidate, other))) return {};
     isDisplaced_[*rival] = true;
-    if (keepsAllVersions_) std::erase(sameVersion(group, other), *rival);
+    if (keepsAllVersions_) std::erase(sameVersion(*group.versions, other), *rival);
   }
   const size_t number = accepted_.size();
-  group.members.push_back(number);
-  if (keepsAllVersions_) sameVersion(group, candidate).push_back(number);
+  if (keepsAllVersions_) {
+    group.versions->members.push_back(number);
+    sameVersion(*group.versions, candidate).push_back(number);
+  } else {
+    group.only = static_cast<uint32_t>(number);
+  }
   accepted_.push_back(std::move(candidate));
   isDisplaced_.push_back(false);
   return {.accepted = true, .displaced = rival};
 }
 
 /// The first of the accepted ones at which the scan would end.
-std::optional<size_t> DuplicateResolver::firstRival(Group& group, const Candidate& candidate) {
-  if (keepsAllVersions_ && candidate.version) {
-    const Versions& versions = *group.versions;
+std::optional<size_t> DuplicateResolver::firstRival(Versions& versions, const Candidate& candidate) const {
+  if (candidate.version) {
     std::optional<size_t> rival;
     if (const auto same = versions.byVersion.find(candidate.version->view());
         same != versions.byVersion.end() && !same->second.empty())
@@ -70,13 +74,13 @@ std::optional<size_t> DuplicateResolver::firstRival(Group& group, const Candidat
       rival = rival ? std::min(*rival, versions.withoutVersion.front()) : versions.withoutVersion.front();
     return rival;
   }
-  while (group.first < group.members.size() && isDisplaced_[group.members[group.first]]) ++group.first;
-  if (group.first == group.members.size()) return std::nullopt;
-  return group.members[group.first];
+  const std::vector<size_t>& members = versions.members;
+  while (versions.first < members.size() && isDisplaced_[members[versions.first]]) ++versions.first;
+  if (versions.first == members.size()) return std::nullopt;
+  return members[versions.first];
 }
 
-std::vector<size_t>& DuplicateResolver::sameVersion(Group& group, const Candidate& candidate) {
-  Versions& versions = *group.versions;
+std::vector<size_t>& DuplicateResolver::sameVersion(Versions& versions, const Candidate& candidate) {
   return candidate.version ? versions.byVersion[candidate.version->view()] : versions.withoutVersion;
 }
 

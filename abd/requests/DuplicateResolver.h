@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <string_view>
 #include <unordered_map>
@@ -40,27 +41,30 @@ class DuplicateResolver {
   struct VersionOrder {
     bool operator()(std::string_view a, std::string_view b) const;
   };
-  /// Where all versions are wanted: the accepted candidates of one identifier that were not displaced.
+  /// Where all versions are wanted: the accepted candidates of one identifier, by their numbers in order of
+  /// acceptance.
   struct Versions {
+    std::vector<size_t> members;  // those before `first` were displaced
+    size_t first = 0;
+    // Those that were not displaced.
     std::map<std::string_view, std::vector<size_t>, VersionOrder> byVersion;
     std::vector<size_t> withoutVersion;
   };
-  /// The accepted candidates of one identifier, by their numbers in order of acceptance. Few bytes: there are
-  /// mostly as many groups as candidates.
+  /// What is accepted of one identifier. Few bytes: there are mostly as many groups as candidates.
   struct Group {
-    std::vector<size_t> members;  // those before `first` were displaced
-    size_t first = 0;
-    std::unique_ptr<Versions> versions;  // only when all versions are wanted
+    std::optional<uint32_t> only;        // the number of the one that was not displaced
+    std::unique_ptr<Versions> versions;  // instead of it when all versions are wanted
   };
 
-  std::optional<size_t> firstRival(Group& group, const Candidate& candidate);
-  std::vector<size_t>& sameVersion(Group& group, const Candidate& candidate);
+  std::optional<size_t> firstRival(Versions& versions, const Candidate& candidate) const;
+  static std::vector<size_t>& sameVersion(Versions& versions, const Candidate& candidate);
 
   const bool keepsAllVersions_;
   const bool keepsEverything_;
   std::vector<Candidate> accepted_;
   std::vector<bool> isDisplaced_;
-  std::unordered_map<std::string_view, Group> groups_;  // keys lie in accepted_
+  std::pmr::monotonic_buffer_resource memory_;
+  std::pmr::unordered_map<std::string_view, Group> groups_{&memory_};  // keys lie in accepted_
 };
 
 }  // namespace abd

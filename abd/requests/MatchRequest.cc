@@ -136,8 +136,8 @@ void Matches::markOverrides() {
     const auto entry = overrides_.find(std::string(identifier.view()));
     if (entry == overrides_.end()) continue;
     PlugInForm& replacing = accepted_[entry->second].form;
-    each.form.set(formkey::overrider, replacing[formkey::uuid]);
-    replacing.set(formkey::overriding, identifier);
+    each.form.set(PlugInForm::overrider, replacing[formkey::uuid]);
+    replacing.set(PlugInForm::overriding, identifier);
   }
 }
 
