@@ -93,21 +93,22 @@ void ABPlugInCore::canonicalize() {
   const Dictionary* own = plugInDictionary_.dictionary();
   if (own == nullptr) return;
   Dictionary plugIn = *own;
-  Dictionary attributeDictionary;
-  if (const Dictionary* given = attributes().dictionary()) attributeDictionary = *given;
 
   if (isAppExtension()) {
     if (!plugIn.contains(plugInkey::protocol)) plugIn.set(plugInkey::protocol, kObjectClass);
     if (!plugIn.contains(plugInkey::principalClass)) plugIn.set(plugInkey::principalClass, kObjectClass);
     plugIn.set(plugInkey::shared, Array{"."});
   }
-  attributeDictionary.set(attributekey::format,
-                          plugIn.contains(plugInkey::embeddedCode) ? "hybrid" : "standard");
-  if (!attributeDictionary.contains(attributekey::version)) {
-    const Value& shortVersion = bundleInfoDictionary_[bundlekey::shortVersion];
-    attributeDictionary.set(attributekey::version, shortVersion.isNone() ? Value("1") : shortVersion);
+  const Dictionary* given = attributes().dictionary();
+  if (given != nullptr || attributes().isNone()) {  // anything else is for the diagnosis to refuse
+    Dictionary complete = given != nullptr ? *given : Dictionary();
+    complete.set(attributekey::format, plugIn.contains(plugInkey::embeddedCode) ? "hybrid" : "standard");
+    if (!complete.contains(attributekey::version)) {
+      const Value& shortVersion = bundleInfoDictionary_[bundlekey::shortVersion];
+      complete.set(attributekey::version, shortVersion.isNone() ? Value("1") : shortVersion);
+    }
+    plugIn.set(plugInkey::attributes, std::move(complete));
   }
-  plugIn.set(plugInkey::attributes, std::move(attributeDictionary));
   setPlugInDictionary(std::move(plugIn));
 }
 
@@ -115,9 +116,11 @@ std::optional<Error> ABPlugInCore::diagnose() const {
   if (!identifier_)
     return ABError(kABErrorMisconfigured,
                    "missing identifier (no ZQExtensionIdentifier, nor even BWBundleIdentifier)");
-  for (const char* required : {plugInkey::protocol, plugInkey::attributes})
-    if (plugInDictionary_[required].isNone())
-      return ABErrorWithFormat(kABErrorMisconfigured, "missing \"%@\" key in Info.plist or SDK", required);
+  const auto missing = [](const char* key) {
+    return ABErrorWithFormat(kABErrorMisconfigured, "missing \"%@\" key in Info.plist or SDK", key);
+  };
+  if (plugInDictionary_[plugInkey::protocol].isNone()) return missing(plugInkey::protocol);
+  if (attributes().dictionary() == nullptr) return missing(plugInkey::attributes);
   if (isAppExtension() && plugInDictionary_[plugInkey::principalClass].string() != kObjectClass)
     return ABErrorWithFormat(kABErrorMisconfigured, "Application Extensions may not use the \"%@\" key",
                              plugInkey::principalClass);
