@@ -143,11 +143,17 @@ TEST_F(Match, APlugInWithoutAnApplicationIsSeenOnlyByManagers) {
   EXPECT_EQ(foundBy(host, kAll | kSystemOnly), "inside loose") << "visibility is not looked at";
 
   EXPECT_EQ(errorFor(*client), denied) << "no bundle, no entitlement";
-  Host without(root, *daemon, hostBundle("Refused", {{kManager, false}}));
-  EXPECT_EQ(errorFor(without.client()), denied) << "the entitlement is false";
+  for (const Value& no : {Value(false), Value(0)}) {
+    Host without(root, *daemon, hostBundle("Refused", {{kManager, no}}));
+    EXPECT_EQ(errorFor(without.client()), denied) << "the entitlement equals false";
+  }
   Host confined(root, *daemon, manager, {.isConfined = true});
   EXPECT_EQ(errorFor(confined.client()), denied) << "a sandboxed manager";
   EXPECT_EQ(foundBy(confined), "inside");
+  const Dictionary hold = {{"paths", Array{root.dataUser() + "/Applications/A.app"}}, {"flags", 1}};
+  ASSERT_EQ(error("lock", hold), "");
+  EXPECT_EQ(found(), "");
+  EXPECT_EQ(foundBy(host, kAll), "inside loose") << "nor are holds";
 
   hostBundle("Manager", {});
   EXPECT_EQ(errorFor(host.client()), denied) << "asked anew for each request";

@@ -30,6 +30,26 @@ TEST(CommandLine, PrintsTheUsageLineAndEndsWith2ForWhatItDoesNotUnderstand) {
   EXPECT_FALSE(std::filesystem::exists(root.state() + "/Hollin")) << "something was built first";
 }
 
+TEST(StartUp, WithoutOptionsItServesTheDefaultNameAndKeeps150Records) {
+  const DeviceRoot root;
+  std::vector<PlugInBundle> plugIns;
+  for (int i = 0; i < 151; ++i) plugIns.push_back({.identifier = "p" + std::to_string(i)});
+  root.install("A.app", plugIns);
+  const std::string log = root.path() + "/bare.log";
+  std::vector<std::string> environment = root.environment();
+  environment.insert(environment.begin(), "ABD_LOG=stderr");
+  Process daemon({ABD_PROGRAM}, environment, log);
+  const std::string socket = root.runtime() + "/com.veltra.ambrel.abd";
+  ASSERT_TRUE(eventually([&] { return WireClient::connect(socket).fd() >= 0; }));
+  WireClient client = WireClient::connect(socket);
+  EXPECT_EQ(match(client).size(), 151u);
+  EXPECT_EQ(readText(log), "") << "the limit is not exceeded before the last was kept";
+  EXPECT_EQ(match(client, Dictionary{{"ZQExtensionIdentifier", "p0"}}).size(), 1u);
+  root.install("B.app", {{.identifier = "another"}});
+  EXPECT_TRUE(eventually([&] { return match(client).size() == 152; }));
+  EXPECT_NE(readText(log).find("purging cache for 151 > 150"), std::string::npos);
+}
+
 TEST(StartUp, FailsWithAReasonForServiceNamesThatCannotBeListenedOn) {
   const DeviceRoot root;
   for (const std::string& name : {std::string(), std::string("a/b"), std::string(150, 'n')}) {
@@ -112,6 +132,7 @@ TEST_F(Requests, TheVersionIsJudgedBeforeTheName) {
   EXPECT_EQ(errorOfBody({{"version", 3}, {"request", "Bulk"}}), "4: unrecognized request");
   EXPECT_EQ(errorOfBody({{"version", 3}}), "4: invalid request format (missing type)");
   EXPECT_EQ(errorOfBody({{"version", 3}, {"request", 5}}), "4: invalid request format (missing type)");
+  EXPECT_EQ(daemon->logCount("client " + std::to_string(getpid()) + " request (null)"), 2u);
 }
 
 TEST_F(Requests, APeerThatOnlyStopsSendingStillLearnsThatItsVersionIsNotServed) {
@@ -231,17 +252,20 @@ TEST_F(Requests, Every1000thRequestOfAClientIsCounted) {
 TEST(Verbosity, DecidesWhatIsLogged) {
   const DeviceRoot root;
   root.install("A.app", {{.identifier = "percent.%d%s%@"}});
+  std::string whole;
+  for (int i = 0; i < 40; ++i) whole += "78";
   for (const size_t verbosity : {0u, 1u, 2u}) {
     Daemon daemon(root, {.arguments = std::vector<std::string>(verbosity, "-v")});
     WireClient client = daemon.connect();
     const UUID uuid = uuidOf(client, "percent.%d%s%@");
-    const Dictionary reply = client.call(
-        message("annotate", {{"uuids", uuidArray({uuid})}, {"annotations", Dictionary{{"election", 7}}}}));
+    const Dictionary reply = client.call(message("annotate", {{"uuids", uuidArray({uuid})},
+                                                              {"annotations", Dictionary{{"election", 7}}},
+                                                              {"more", Data(std::string(40, 'x'))}}));
     EXPECT_EQ(errorOf(reply), "");
     EXPECT_TRUE(daemon.logs(" plug-in percent.%d%s%@ election := 7")) << "always, and written as it is";
     EXPECT_EQ(daemon.logs("request annotate"), verbosity >= 1);
-    EXPECT_EQ(daemon.logs("incoming request "), verbosity >= 2);
-    EXPECT_EQ(daemon.logs("Replying "), verbosity >= 2);
+    EXPECT_EQ(daemon.logs("more = <" + whole + ">"), verbosity >= 2);
+    EXPECT_EQ(daemon.logs("Replying {}"), verbosity >= 2);
   }
 }
 
