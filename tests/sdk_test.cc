@@ -162,6 +162,9 @@ TEST_F(SDK, CanonicalizationRecordsVersionAndFormat) {
 TEST_F(SDK, DiagnosisNamesTheFirstFault) {
   EXPECT_EQ(diagnosis({{"ZQExtensionProtocol", "P"}}, "/a.plugin"), "");
   EXPECT_EQ(diagnosis({}, "/a.plugin"), "missing \"ZQExtensionProtocol\" key in Info.plist or SDK");
+  for (const Value& attributes : {Value(Array{1}), Value("x")})
+    EXPECT_EQ(diagnosis({{"ZQExtensionAttributes", attributes}}),
+              "missing \"ZQExtensionAttributes\" key in Info.plist or SDK");
   EXPECT_EQ(diagnosis({{"PrincipalClass", "Own"}, {"PassProxy", true}}),
             "Application Extensions may not use the \"PrincipalClass\" key");
   EXPECT_EQ(diagnosis({{"PassProxy", false}, {"EmbeddedCode", 1}}),
