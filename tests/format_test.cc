@@ -16,46 +16,17 @@ namespace {
 
 using namespace platform;
 
-TEST(Formatting, PrintsEveryConversionOfOurMessages) {
-  EXPECT_EQ(format("client %d %s", 42, "/usr/bin/host"), "client 42 /usr/bin/host");
-  EXPECT_EQ(format("client %d used %u requests so far", -1, 4000000000u),
-            "client -1 used 4000000000 requests so far");
-  EXPECT_EQ(format("INSTALLED:%@ %@(%@)", String("a"), std::string("b"), std::string_view("c")),
-            "INSTALLED:a b(c)");
-  EXPECT_EQ(format("error %@", Error{"Ambrel", 4, "no"}), "error Ambrel 4 \"no\"");
-  EXPECT_EQ(format("100%% of %@", Value(7)), "100% of 7");
-  EXPECT_EQ(format("nothing"), "nothing");
-}
-
-TEST(Formatting, NoneIsNullWhateverItIsNoneOf) {
-  EXPECT_EQ(format("%@", std::optional<std::string>()), "(null)");
-  EXPECT_EQ(format("%@", std::optional<UUID>()), "(null)");
-  EXPECT_EQ(format("%@", std::shared_ptr<Error>()), "(null)");
-  const char* missing = nullptr;
-  EXPECT_EQ(format("%s|%@", missing, missing), "(null)|(null)");
-}
-
+// The messages themselves stand in the tests of what logs them.
 TEST(Formatting, TheArgumentsTypeDecidesItsSizeAndSign) {
   EXPECT_EQ(format("%lx %x", uint64_t{0xFFFFFFFFFFFFFFFF}, 255), "ffffffffffffffff ff");
-  EXPECT_EQ(format("%d", std::numeric_limits<int64_t>::min()), "-9223372036854775808");
+  EXPECT_EQ(format("%d %u", std::numeric_limits<int64_t>::min(), 4000000000u),
+            "-9223372036854775808 4000000000");
   EXPECT_EQ(format("%d", std::numeric_limits<uint64_t>::max()), "18446744073709551615");
-  // As printf(3) would with the argument that it expects.
-  EXPECT_EQ(format("%x %u", -1, int8_t{-1}), "ffffffff 255");
-  EXPECT_EQ(format("%lld", int16_t{-3}), "-3");
-  EXPECT_EQ(format("%d", true), "1");
-}
-
-TEST(Formatting, WidthsPrecisionsAndFlagsAreThoseOfPrintf) {
-  EXPECT_EQ(format("[%5d|%-5d|%05d|%+d]", 42, 42, -42, 42), "[   42|42   |-0042|+42]");
-  EXPECT_EQ(format("[%.3s|%6s|%-6s|%5.2s|%.0s]", "abcdef", "ab", "ab", "abc", "x"),
-            "[abc|    ab|ab    |   ab|]");
-  EXPECT_EQ(format("%#x %08.3f", 255, 3.14159), "0xff 0003.142");
-  EXPECT_EQ(format("[%4@]", String("x")), "[   x]");
-}
-
-TEST(Formatting, ArgumentsAreNeverReadAsFormats) {
-  EXPECT_EQ(format("%@ %s", String("%@ %d"), "%s%n%"), "%@ %d %s%n%");
-  EXPECT_EQ(format("%@", std::string(5000, '%')), std::string(5000, '%'));
+  EXPECT_EQ(format("%x %u", -1, int8_t{-1}), "ffffffff 255") << "as printf(3) with what it expects";
+  const char* missing = nullptr;
+  EXPECT_EQ(format("%s|%@|%@", missing, std::optional<UUID>(), std::shared_ptr<Error>()),
+            "(null)|(null)|(null)");
+  EXPECT_EQ(format("[%-4d|%04d|%.2s|%5@]", 1, -2, "abc", String("x")), "[1   |-002|ab|    x]");
 }
 
 // A format that is not a literal is outside the compiler's check.
@@ -80,12 +51,6 @@ TEST(SystemLog, OneEntryIsOneLineWithTheProcessInFront) {
 
 TEST(SystemLog, ABrokenInvariantIsLoggedBeforeTheProcessEnds) {
   setenv("ABD_LOG", "stderr", 1);
-  EXPECT_DEATH(
-      {
-        installTerminateHandler();
-        [&]() noexcept { raiseInternalInconsistency("unable to locate user directory: errno %d", 2); }();
-      },
-      "unable to locate user directory: errno 2");
   EXPECT_DEATH(
       {
         installTerminateHandler();
