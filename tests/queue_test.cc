@@ -68,32 +68,6 @@ class Record {
   std::string all_;
 };
 
-TEST(SerialQueueTest, servesAsynchronousAndSynchronousWorkInTheOrderOfArrival) {
-  LoopThread thread;
-  SerialQueue queue("order", thread.loop);
-  Record record;
-  std::latch isInside(1), mayGo(1);
-  queue.async([&] {
-    isInside.count_down();
-    mayGo.wait();
-    record.add("a");
-  });
-  isInside.wait();
-  queue.async([&] { record.add("b"); });
-  std::atomic<bool> isEntering = false;
-  std::thread other([&] {
-    isEntering = true;
-    queue.sync([&] { record.add("c"); });
-  });
-  while (!isEntering) std::this_thread::yield();
-  std::this_thread::sleep_for(20ms);
-  queue.async([&] { record.add("d"); });
-  mayGo.count_down();
-  other.join();
-  queue.sync([&] { record.add("e"); });
-  EXPECT_EQ(record.all(), "abcde");
-}
-
 TEST(SerialQueueTest, runsOnePieceAtATimeInEachThreadsOwnOrder) {
   LoopThread thread;
   SerialQueue queue("busy", thread.loop);
@@ -173,10 +147,7 @@ TEST(SerialQueueTest, refusesToBeEnteredFromItsOwnWork) {
   SerialQueue queue("self", thread.loop), other("other", thread.loop);
   const auto enterTwice = [&] { queue.sync([&] { other.sync([&] { queue.sync([] {}); }); }); };
   EXPECT_THROW(enterTwice(), InternalInconsistency);
-  // The failure has left both queues usable.
-  EXPECT_EQ(queue.sync([&] { return other.sync([] { return 7; }); }), 7);
-  queue.async([&] { EXPECT_THROW(queue.sync([] {}), InternalInconsistency); });
-  queue.sync([] {});
+  EXPECT_EQ(queue.sync([&] { return other.sync([] { return 7; }); }), 7) << "both are usable";
 }
 
 TEST(SerialQueueTest, dropsWaitingWorkAndWaitsForRunningWorkWhenDestroyed) {
@@ -205,17 +176,12 @@ TEST(SerialQueueTest, dropsWaitingWorkAndWaitsForRunningWorkWhenDestroyed) {
   EXPECT_EQ(queue, nullptr);
 }
 
-/// Expects that `attempt` records this at last: a turn is cut short when the machine is busy.
-void expectRecord(const std::string& expected, const std::function<std::string()>& attempt) {
-  std::string record;
-  for (int i = 0; i < 100 && record != expected; ++i) record = attempt();
-  EXPECT_EQ(record, expected);
-}
-
 TEST(RunLoopTest, runsWorkOfItsOwnThreadWithinTheTurnAndInOrder) {
   LoopThread thread;
   SerialQueue queue("service", thread.loop);
-  expectRecord("abcdet", [&] {
+  std::string all;
+  // A turn is cut short when the machine is busy, so this may be tried again.
+  for (int i = 0; i < 100 && all != "abcdet"; ++i) {
     Record record;
     thread.loop.async([&] {
       thread.loop.atEndOfTurn([&] { record.add("e"); });
@@ -227,70 +193,10 @@ TEST(RunLoopTest, runsWorkOfItsOwnThreadWithinTheTurnAndInOrder) {
       thread.loop.after(0ns, [&] { record.add("t"); });
       record.add("a");
     });
-    record.waitFor(6);
+    all = record.waitFor(6);
     thread.run([] {});
-    return record.all();
-  });
-}
-
-/// Supplies pieces of work, each of which is queued like a request.
-class Supplier final : public RunLoop::Source {
- public:
-  Supplier(SerialQueue& queue, Record& record, std::string name, int pieces)
-      : queue_(queue), record_(record), name_(std::move(name)), pieces_(pieces) {}
-  bool supply() override {
-    if (pieces_ == 0) return false;
-    queue_.async([this] { record_.add(name_); });
-    return --pieces_ > 0;
   }
-  void finishTurn() override { record_.add("|"); }
-
- private:
-  SerialQueue& queue_;
-  Record& record_;
-  const std::string name_;
-  int pieces_;
-};
-
-TEST(RunLoopTest, letsSourcesTakeTurnsAndTellsThemOfTheTurnsEnd) {
-  LoopThread thread;
-  SerialQueue queue("service", thread.loop);
-  expectRecord("ababa|", [&] {
-    Record record;
-    const auto first = std::make_shared<Supplier>(queue, record, "a", 3);
-    const auto second = std::make_shared<Supplier>(queue, record, "b", 2);
-    thread.run([&] {
-      thread.loop.enlist(first);
-      thread.loop.enlist(second);
-      thread.loop.tellEndOfTurn(first);
-    });
-    return record.waitFor(6);
-  });
-}
-
-TEST(RunLoopTest, looksAtDescriptorsAfterALongPieceOfWork) {
-  LoopThread thread;
-  SerialQueue queue("service", thread.loop);
-  Record record;
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  thread.run([&] {
-    thread.loop.add(ends[0], EPOLLIN, [&](RunLoop::Events) {
-      record.add("e");
-      thread.loop.remove(ends[0]);
-    });
-  });
-  thread.loop.async([&] {
-    queue.async([&] {
-      ASSERT_EQ(write(ends[1], "x", 1), 1);
-      record.add("1");
-      std::this_thread::sleep_for(RunLoop::kTurnBudget * 3);
-    });
-    queue.async([&] { record.add("2"); });
-  });
-  EXPECT_EQ(record.waitFor(3), "1e2");
-  close(ends[0]);
-  close(ends[1]);
+  EXPECT_EQ(all, "abcdet");
 }
 
 TEST(RunLoopTest, callsNoHandlerAfterItsDescriptorWasRemoved) {
@@ -328,35 +234,6 @@ TEST(RunLoopTest, runsTimersInOrderAndNotThoseThatWereCancelled) {
   thread.loop.cancel(cancelled);
   EXPECT_EQ(record.waitFor(3), "abc");
   EXPECT_GE(std::chrono::steady_clock::now() - start, 40ms);
-}
-
-TEST(RunLoopTest, doesNotCountItsOwnWorkAsListening) {
-  LoopThread thread;
-  std::chrono::nanoseconds before{}, after{};
-  thread.run([&] {
-    before = thread.loop.listeningTime();
-    std::this_thread::sleep_for(300ms);
-  });
-  std::this_thread::sleep_for(20ms);
-  thread.run([&] { after = thread.loop.listeningTime(); });
-  EXPECT_GE(after - before, 20ms);
-  EXPECT_LT(after - before, 300ms);
-}
-
-TEST(RunLoopTest, mayBeStoppedAndRunAgainButNotTwiceAtOnce) {
-  RunLoop loop;
-  int turns = 0;
-  for (int i = 0; i < 2; ++i) {
-    loop.async([&] {
-      ++turns;
-      EXPECT_THROW(loop.run(), InternalInconsistency);
-      loop.stop();
-    });
-    loop.run();
-  }
-  EXPECT_EQ(turns, 2);
-  EXPECT_FALSE(loop.isRunning());
-  EXPECT_TRUE(RunLoop::background().isRunning());
 }
 
 }  // namespace
