@@ -22,7 +22,7 @@ struct Sides {
 };
 
 /// One client that waits for each reply: p50, p99 and rate.
-void benchOneClient(const Sides& sides, const std::string& where, size_t slice) {
+void benchOneClient(const Sides& sides, const std::string& where, size_t slice, std::optional<double> aim) {
   Client subject(sides.daemon.socketPath()), baseline(sides.bare.socketPath());
   Pairs p50, p99, rate;
   std::vector<double> latencies[2];
@@ -50,7 +50,7 @@ void benchOneClient(const Sides& sides, const std::string& where, size_t slice) 
     p99.add(percentile(latencies[0], 0.99), percentile(latencies[1], 0.99));
     rate.add(spent[0], spent[1]);
   }
-  report("(a) 1 client, " + where + ": p50", p50, 1.3);
+  report("(a) 1 client, " + where + ": p50", p50, aim);
   report("(a) 1 client, " + where + ": p99", p99, std::nullopt);
   reportRate("(a) 1 client, " + where + ": requests", rate, static_cast<double>(slice), std::nullopt,
              requestsPerSecond);
@@ -96,9 +96,12 @@ void benchRequests() {
   for (const bool toOneCore : {true, false}) {
     for (const pid_t process : {0, daemon.pid(), bare.pid(), joining.pid()}) pin(process, toOneCore);
     const std::string where = toOneCore ? "one core" : "unpinned";
-    benchOneClient(sides, where, 3000);
-    benchLoad(sides, bare, "(a) 8 clients, " + where, 8, 1, 12000, 1.3, std::nullopt);
-    benchLoad(sides, bare, "(a) 16 in flight, " + where, 1, 16, 24000, std::nullopt, 1.0);
+    // Unpinned, a wake-up across processors costs more than a request, and whether it comes to one is the
+    // scheduler's choice for each side: figures without an aim.
+    const auto aim = [toOneCore](double ratio) { return toOneCore ? std::optional(ratio) : std::nullopt; };
+    benchOneClient(sides, where, 3000, aim(1.3));
+    benchLoad(sides, bare, "(a) 8 clients, " + where, 8, 1, 12000, aim(1.3), std::nullopt);
+    benchLoad(sides, bare, "(a) 16 in flight, " + where, 1, 16, 24000, std::nullopt, aim(1.0));
     benchLoad(sides, joining, "(a) 16 in flight, echo joins replies, " + where, 1, 16, 24000, std::nullopt,
               std::nullopt);
   }
