@@ -12,7 +12,6 @@ using namespace testsupport;
 
 namespace fs = std::filesystem;
 
-using Log = std::vector<std::string>;
 using Record = std::shared_ptr<ABDPlugIn>;
 
 constexpr const char* kAutoElect = "com.veltra.developer.auto-elect-plugin";
@@ -43,53 +42,6 @@ class Database : public testing::Test {
     thisServer().setCacheLimit(1000);
   }
 };
-
-TEST_F(Database, KeepsRecordsUntilTheLimitIsPassed) {
-  purge();
-  std::vector<UUID> uuids;
-  for (const char* name : {"cache.a", "cache.b", "cache.c", "cache.d"})
-    uuids.push_back(
-        HLAmbrelProxy::ambrelProxyForURL(URL::file(registerBundle({.identifier = name})))->pluginUUID());
-  thisServer().setCacheLimit(2);  // one record is there already
-  std::vector<Record> records;
-  const auto lookUp = [&](size_t index) { return logOf([&] { records.push_back(look(uuids[index])); }); };
-  EXPECT_EQ(lookUp(0), Log{});
-  EXPECT_EQ(lookUp(1), Log{});
-  EXPECT_EQ(look(uuids[0]), records[0]);
-  EXPECT_EQ(lookUp(2), Log{"purging cache for 3 > 2"});
-  EXPECT_EQ(look(uuids[2]), records[2]);
-  EXPECT_EQ(lookUp(3), Log{});
-  EXPECT_NE(look(uuids[0]), records[0]);
-  EXPECT_TRUE(look(uuids[0])->isEqual(records[0].get()));
-
-  purge();
-  thisServer().setCacheLimit(0);
-  EXPECT_EQ(lookUp(0), Log{"purging cache for 1 > 0"});
-  EXPECT_EQ(look(uuids[0]), records.back());
-  EXPECT_EQ(lookUp(1), Log{"purging cache for 1 > 0"});
-}
-
-TEST_F(Database, FindsThePlugInsOfAnApplicationButForUnusableOnes) {
-  const std::string application =
-      thisDevice().install("Several.app", {{.identifier = "several.b"},
-                                           {.identifier = "several.a"},
-                                           {.identifier = "several.bad", .plugIn = {{"PassProxy", 1}}}});
-  for (const char* name : {"several.a", "several.b", "several.bad"})
-    ASSERT_EQ(thisServer().addPlugIn(URL::file(DeviceRoot::plugInPath(application, name))), std::nullopt);
-  std::string names;
-  logOf([&] {
-    const auto records = thisServer().plugInsWithinApplication(URL::file(application)).value();
-    for (const auto& record : records) names += std::string(record->identifier().view()) + " ";
-  });
-  EXPECT_EQ(names, "several.a several.b ");
-}
-
-TEST_F(Database, ARefusedRegistrationIsAnErrorValue) {
-  EXPECT_EQ(thisServer().addPlugIn(URL::file(thisDevice().path())),
-            ABError(2, "Hollin failed to register the plug-in"));
-  EXPECT_EQ(thisServer().removePlugIn(URL::file("/none.appex")),
-            ABError(2, "Hollin failed to deregister the plug-in"));
-}
 
 TEST_F(Database, NarrowsTheSearchByLiteralsOnly) {
   registeredRecord({.identifier = "search.a", .point = "search.point"});
@@ -132,10 +84,6 @@ TEST_F(Database, ElectionsNarrowByTheirLowBits) {
   elect(*record, -1);
   EXPECT_TRUE(found("elected", "=255"));
   EXPECT_TRUE(found("elected", ">5"));
-
-  const Record replacer = registeredRecord(
-      {.identifier = "elected.too", .entitlements = {{"com.veltra.developer.replace-plugin", "elected"}}});
-  EXPECT_TRUE(found("elected.too", "255"));
 
   registerBundle({.identifier = "elected.auto", .entitlements = {{kAutoElect, true}}});
   registerBundle({.identifier = "elected.text", .entitlements = {{kAutoElect, "yes"}}});

@@ -1,5 +1,7 @@
 // "lock": holds on applications and on plug-ins, what they block, how they end.
 
+#include <cstddef>
+
 #include "tests/support/Child.h"
 #include "tests/support/DaemonTest.h"
 
@@ -176,6 +178,32 @@ TEST_F(Holds, ARequestBehindTheDeathOfItsClientIsDropped) {
   EXPECT_TRUE(daemon->waitForLog(" is dead"));
   call("bulk");
   EXPECT_FALSE(daemon->logs("bulk options 0xdead"));
+}
+
+TEST_F(Holds, MarkTheDaemonBusyForAServiceManagerThatNeverBlocksIt) {
+  // The manager's socket under an abstract name.
+  const FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const std::string name = "abd-test-" + std::to_string(getpid());
+  const sockaddr_un address = socketAddress('\0' + name);
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+  const auto lastText = [&manager] {
+    char buffer[256];
+    std::string text;
+    for (ssize_t size; (size = recv(manager.get(), buffer, sizeof buffer, 0)) >= 0;)
+      text.assign(buffer, static_cast<size_t>(size));
+    return text;
+  };
+  start({.environment = {"NOTIFY_SOCKET=@" + name}});
+  const UUID first = granted(*client, {plugIn("one"), plugIn("two")}, kPlugIns);
+  EXPECT_EQ(lastText(), "STATUS=busy (1)");
+  // Far more texts than the unread socket has room for.
+  for (int i = 0; i < 300; ++i) release({granted(*client, {plugIn("one")}, kPlugIns)});
+  lastText();
+  const UUID second = granted(*client, {plugIn("one")}, kPlugIns);
+  EXPECT_EQ(lastText(), "STATUS=busy (2)");
+  release({first, second});
+  EXPECT_EQ(lastText(), "STATUS=idle");
 }
 
 TEST_F(Holds, StayWhenTheirPlugInIsUninstalled) {

@@ -1,6 +1,5 @@
 #include "platform/launcher/ServiceLauncher.h"
 
-#include <cstddef>
 #include <future>
 #include <thread>
 
@@ -130,39 +129,6 @@ TEST_F(LauncherTest, HostsComeAndGoWhileOthersAreSwept) {
   EXPECT_EQ(failures, 0);
   remove("com.example.none", "1");
   EXPECT_TRUE(fs::is_empty(ownDevice.runtime() + "/Launcher"));
-}
-
-TEST(BusyMarkings, TheServiceManagerSeesHowManyAreOpenAndNeverBlocksThem) {
-  // A service manager's socket under an abstract name; $NOTIFY_SOCKET is read at the first marking.
-  const FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
-  const std::string name = "abd-test-" + std::to_string(getpid());
-  const sockaddr_un address = socketAddress('\0' + name);
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
-  setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
-  const auto lastText = [&manager] {
-    char buffer[256];
-    std::string text;
-    for (ssize_t size; (size = recv(manager.get(), buffer, sizeof buffer, 0)) >= 0;)
-      text.assign(buffer, static_cast<size_t>(size));
-    return text;
-  };
-  EXPECT_EQ(BusyMarking::count(), 0u);
-  {
-    const BusyMarking first;
-    EXPECT_EQ(lastText(), "STATUS=busy (1)");
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-      threads.emplace_back([] {
-        // Far more texts than the unread socket has room for.
-        for (int i = 0; i < 200; ++i) const BusyMarking marking;
-      });
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(BusyMarking::count(), 1u);
-    lastText();
-  }
-  EXPECT_EQ(BusyMarking::count(), 0u);
-  EXPECT_EQ(lastText(), "STATUS=idle");
 }
 
 class AssertionsTest : public testing::Test {

@@ -1,11 +1,7 @@
-// The daemon's record: building from the registry, names, entitlements, forms, what the user and the device
-// allow, and the preparation of launches.
-
-#include <unistd.h>
+// The daemon's record: building from the registry, forms, ratings, and what it shares.
 
 #include <filesystem>
 
-#include "platform/launcher/ServiceLauncher.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/security/Sandbox.h"
 #include "tests/support/ThisServer.h"
@@ -66,22 +62,6 @@ TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
             nullptr);
 }
 
-TEST_F(PlugInRecord, OfABundleThatIsGoneHasNoConsent) {
-  const Record gone = installedRecord("Vanished.app", {.identifier = "vanished"});
-  fs::remove_all(*gone->containingPath());
-  const Log log = logOf([&] { EXPECT_TRUE(gone->allowedQSVServices().empty()); });
-  EXPECT_EQ(entriesWith(log, "failed to create bundle for " + gone->path()), 1u);
-}
-
-TEST_F(PlugInRecord, EntitlementsCountUnlessTheyAreFalse) {
-  const Record record = registeredRecord(
-      {.identifier = "entitled",
-       .entitlements = {{"true", true}, {"text", "no"}, {"two", 2}, {"false", false}, {"zero", 0}}});
-  for (const char* held : {"true", "text", "two"}) EXPECT_TRUE(record->hasEntitlement(held)) << held;
-  for (const char* lacking : {"false", "zero", "missing"})
-    EXPECT_FALSE(record->hasEntitlement(lacking)) << lacking;
-}
-
 TEST_F(PlugInRecord, AnnotatesThePlugInThatItReplaces) {
   const auto key = [](const char* name, const Value& replaced) {
     return registeredRecord(
@@ -91,21 +71,6 @@ TEST_F(PlugInRecord, AnnotatesThePlugInThatItReplaces) {
   EXPECT_EQ(key("replacer.text", "original"), String("original"));
   EXPECT_EQ(key("replacer.list", Array{"original"}), String("replacer.list"));
 }
-
-TEST_F(PlugInRecord, NamesAreReadOnceWhenTheyAreThere) {
-  const Record record = installedRecord(
-      "Named.app",
-      {.identifier = "named", .info = {{"BWBundleDisplayName", "Display"}, {"BWBundleName", "Short"}}});
-  EXPECT_EQ(record->localizedContainingName(), String("Named"));
-  EXPECT_EQ(record->localizedName(), String("Display"));
-  EXPECT_EQ(record->localizedShortName(), String("Short"));
-  writePropertyList(record->path() + "/Info.plist",
-                    infoDictionary({.identifier = "named", .info = {{"BWBundleName", "Changed"}}}));
-  EXPECT_EQ(record->localizedName(), String("Display"));
-  EXPECT_EQ(record->localizedShortName(), String("Short"));
-}
-
-// --- Forms ---
 
 Value encodedForms(const std::vector<PlugInForm>& forms) {
   qmx::EncodedListBuilder builder;
@@ -145,33 +110,18 @@ TEST_F(PlugInRecord, ANameThatAppearsLaterIsInTheNextForm) {
   EXPECT_EQ(record->exportForm()["localizedShortName"], Value("Late"));
 }
 
-// --- What the user and the device allow ---
-
-TEST_F(PlugInRecord, AgeRatingsLimitByRank) {
-  const auto rated = [](const std::string& name, const Value& metadata) {
-    const std::string container = thisDevice().dataUser() + "/Applications/" + name;
-    writePropertyList(container + "/ZintraMetadata.plist", metadata);
-    return installedRecord(name + "/Rated.app", {.identifier = "rated." + name});
+TEST_F(PlugInRecord, ARatingWithoutARankLimitsNothing) {
+  writePropertyList(thisDevice().configUser() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 0}});
+  const auto isRestricted = [](const std::string& name, const Value& rating) {
+    writePropertyList(thisDevice().dataUser() + "/Applications/" + name + "/ZintraMetadata.plist",
+                      Dictionary{{"rating", rating}});
+    return installedRecord(name + "/Rated.app", {.identifier = "rated." + name})->ageRestricted();
   };
-  const Record adult = rated("adult", Dictionary{{"rating", Dictionary{{"rank", 300}}}});
-  const Record limit = rated("limit", Dictionary{{"rating", Dictionary{{"rank", 200}}}});
-  const Record odd = rated("odd", Dictionary{{"rating", Array{"rank"}}});
-  const Record text = rated("text", Dictionary{{"rating", Dictionary{{"rank", "300"}}}});
-  const Record lonely = registeredRecord({.identifier = "rated.lonely"});
-
-  EXPECT_FALSE(adult->ageRestricted());
-  const std::string restrictions = thisDevice().configUser() + "/Restrictions.plist";
-  writePropertyList(restrictions, Dictionary{{"maximumAppsRating", 200}});
-  EXPECT_TRUE(adult->ageRestricted());
-  for (const Record& allowed : {limit, odd, text, lonely}) EXPECT_FALSE(allowed->ageRestricted());
-
-  writePropertyList(thisDevice().dataUser() + "/Applications/adult/ZintraMetadata.plist", Dictionary());
-  EXPECT_EQ(adult->containerAgeRestriction(), 300);  // read once
-  fs::remove(restrictions);
-  EXPECT_FALSE(adult->ageRestricted());
+  EXPECT_TRUE(isRestricted("adult", Dictionary{{"rank", 300}}));
+  EXPECT_FALSE(isRestricted("odd", Array{"rank"}) || isRestricted("text", Dictionary{{"rank", "300"}}));
+  EXPECT_FALSE(registeredRecord({.identifier = "rated.lonely"})->ageRestricted());
+  fs::remove(thisDevice().configUser() + "/Restrictions.plist");
 }
-
-// --- Launch ---
 
 TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
   const std::string path = thisDevice().path() + "/bundles/sharing.plugin";
@@ -199,35 +149,6 @@ TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
   PlugInForm closedForm = closed->requestForm();
   closed->augmentForm(closedForm);
   EXPECT_TRUE(closedForm["extensions"].isNone());
-}
-
-TEST_F(PlugInRecord, ARefusedLaunchSaysWhoAndWhy) {
-  const Record record = registeredRecord({.identifier = "refused"});
-  const std::string name = "refused(" + record->uuid().string() + ")";
-  const auto refuse = [&](pid_t pid, int number) {
-    const Log log = logOf([&] {
-      EXPECT_EQ(record->enableForPid(pid),
-                ABError(4, "unable to enable plug-in " + name + " for pid " + std::to_string(pid)));
-    });
-    EXPECT_EQ(entriesWith(log, "qmx error " + std::to_string(number) + " allowing pid " +
-                                   std::to_string(pid) + " to use plug-in refused(1.0) " +
-                                   record->uuid().string() + " at " + record->path()),
-              1u);
-  };
-  refuse(999999999, ESRCH);
-  fs::remove(record->path() + "/run");
-  refuse(getpid(), ENOENT);
-}
-
-TEST_F(PlugInRecord, ADataPlugInIsEnabledWithoutAHome) {
-  const Record record =
-      registeredRecord({.identifier = "homeless", .plugIn = {{"ZQExtensionProtocol", "#Data"}}});
-  const Log log = logOf([&] { EXPECT_EQ(record->enableForPid(getpid()), std::nullopt); });
-  const Dictionary service = externalService(getpid(), record->uuid()).value();
-  EXPECT_EQ(service["LaunchDescription"]["QMXService"]["EnvironmentVariables"], Value(Dictionary()));
-  EXPECT_EQ(entriesWith(log, "no data container for plug-in homeless(1.0) " + record->uuid().string() +
-                                 " at " + record->path()),
-            1u);
 }
 
 }  // namespace

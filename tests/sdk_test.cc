@@ -56,13 +56,6 @@ TEST_F(SDK, FillsInWhatThePlugInLacksLevelByLevel) {
             (Dictionary{{"shape", "text"}, {"list", Array{2}}, {"Shared", Array{"b", "c", "a"}}}));
 }
 
-TEST_F(SDK, SharesWhatAMergeLeavesAsItIs) {
-  const Dictionary info = {{"a", Dictionary{{"x", 1}}}, {"b", Dictionary{{"y", 1}}}};
-  const Dictionary merged = ABPlugInCore::mergeDictionary({{"a", Dictionary{{"x", 2}}}, {"c", 3}}, info);
-  EXPECT_TRUE(merged["a"].isSameObject(info["a"]));
-  EXPECT_TRUE(merged["b"].isSameObject(info["b"]));
-}
-
 TEST_F(SDK, UnitesSharedResourcesOfAnyShape) {
   const auto unite = [](const Value& sdk, const Value& info) {
     return ABPlugInCore::mergeSharedResources(sdk, info);
