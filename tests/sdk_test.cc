@@ -12,7 +12,7 @@ namespace {
 using namespace ambrel;
 using testsupport::logOf;
 using testsupport::thisDevice;
-using testsupport::writePropertyList;
+using testsupport::writePropertyList, testsupport::writeText;
 
 class SDK : public testing::Test {
  protected:
@@ -69,6 +69,8 @@ TEST_F(SDK, UnitesSharedResourcesOfAnyShape) {
 
 TEST_F(SDK, ATestDirectoryComesBeforeTheRegisteredSDKs) {
   registerSDK("point.both", {{"From", "registry"}});
+  writePropertyList(thisDevice().dataSystem() + "/SDKs/point.one.plist",
+                    Dictionary{{"ZQExtension", Dictionary{{"From", "system"}}}});
   registerSDK("point.one", {{"From", "registry"}});
   const std::string directory = thisDevice().path() + "/sdks";
   writePropertyList(directory + "/point.both", Dictionary{{"ZQExtension", Dictionary{{"From", "test"}}}});
@@ -79,7 +81,9 @@ TEST_F(SDK, ATestDirectoryComesBeforeTheRegisteredSDKs) {
     return resolve({{"ZQExtensionPointIdentifier", name}})->plugInDictionary()["From"];
   };
   EXPECT_EQ(from("point.both"), Value("test"));
-  EXPECT_EQ(from("point.one"), Value("registry"));
+  EXPECT_EQ(from("point.one"), Value("registry")) << "the user's comes before the system's";
+  writeText(thisDevice().dataUser() + "/SDKs/point.one.plist", "damaged");
+  EXPECT_EQ(from("point.one"), Value("system"));
   EXPECT_EQ(from("point.array"), Value("registry"));
   for (const char* name : {"", "..", "../sdks/point.both"})
     logOf([&] { EXPECT_TRUE(from(name).isNone()) << name; });

@@ -5,15 +5,10 @@
 #include <thread>
 
 #include "platform/qmx/Bundle.h"
-#include "platform/qmx/SDKRegistry.h"
 #include "platform/system/Directories.h"
 #include "platform/system/Notifications.h"
-#include "platform/system/Probes.h"
 #include "tests/support/Child.h"
 #include "tests/support/OwnDevice.h"
-
-PLATFORM_DECLARE_PROBE(abd, system__test);
-PLATFORM_DEFINE_PROBE(abd, system__test);
 
 namespace {
 
@@ -61,15 +56,6 @@ TEST_F(DirectoriesTest, WhatTheVariablesDoNotNameLiesInTheHomeDirectory) {
   EXPECT_EQ(directories.mimeData.front(), base_ + "/.local/share/mime");
 }
 
-TEST_F(DirectoriesTest, WithoutAHomeThereAreNoDirectoriesOfTheUser) {
-  for (const auto& home : {std::optional<std::string>(), std::optional<std::string>("not/absolute")}) {
-    const Directories directories = directoriesWith(
-        {{"HOME", home}, {"XDG_DATA_HOME", {}}, {"XDG_CONFIG_HOME", {}}, {"XDG_STATE_HOME", {}}});
-    EXPECT_EQ(directories.dataUser + directories.configUser + directories.state, "");
-    EXPECT_EQ(directories.dataRoots(), directories.dataSystem);
-  }
-}
-
 TEST_F(DirectoriesTest, ARootThatIsNamedTwiceCountsOnceAndInCanonicalForm) {
   fs::create_directories(base_ + "/real");
   fs::create_directory_symlink(base_ + "/real", base_ + "/link");
@@ -98,16 +84,6 @@ TEST_F(DirectoriesTest, APrivateDirectoryIsRefusedUnlessItIsOursAlone) {
   EXPECT_EQ(makePrivateDirectory(path), EPERM);
 }
 
-TEST_F(DirectoriesTest, MissingParentsAreMadeAndFilesInTheWayAreErrors) {
-  EXPECT_EQ(makeDirectories(base_ + "/a//b/c/"), 0);
-  EXPECT_EQ(fs::status(base_ + "/a/b").permissions(), fs::perms::owner_all);
-  EXPECT_EQ(makeDirectories(base_ + "/a/b/c"), 0);
-  writeText(base_ + "/file", "");
-  EXPECT_EQ(makeDirectories(base_ + "/file"), ENOTDIR);
-  EXPECT_EQ(makeDirectories(base_ + "/file/below"), ENOTDIR);
-  EXPECT_EQ(makeDirectories(""), ENOENT);
-}
-
 TEST_F(DirectoriesTest, APathThatMayStillComeIsCanonicalAsFarAsItExists) {
   fs::create_directories(base_ + "/real");
   fs::create_directory_symlink("real", base_ + "/link");
@@ -123,7 +99,7 @@ TEST_F(DirectoriesTest, APathThatMayStillComeIsCanonicalAsFarAsItExists) {
   EXPECT_FALSE(isInside("/ab", "/a"));
 }
 
-TEST_F(DirectoriesTest, NamesThatAreNoFileNamesAreRefused) {
+TEST(FileNames, ThatLeadElsewhereAreRefused) {
   for (const std::string& name : {"com.example.a"s, "..."s, std::string(200, 'x')})
     EXPECT_TRUE(isSafeFileName(name)) << name;
   for (const std::string& name : {""s, "."s, ".."s, "a/b"s, "a\0b"s, std::string(201, 'x')})
@@ -166,15 +142,6 @@ TEST_F(BundleTest, AnExecutableBelongsToTheInnermostBundleAroundIt) {
   EXPECT_EQ(qmx::Bundle::mainBundle()->property(qmx::Bundle::bundlePath), std::nullopt);
 }
 
-TEST_F(BundleTest, ADirectoryIsABundleWhateverItHoldsAndAFileIsNone) {
-  EXPECT_EQ(qmx::Bundle::create(app_ + "/Info.plist", qmx::Bundle::directory), nullptr);
-  EXPECT_EQ(qmx::Bundle::create(app_ + "/missing", qmx::Bundle::directory), nullptr);
-  const auto bundle = qmx::Bundle::create(app_ + "/bin/../bin/", qmx::Bundle::directory);
-  EXPECT_EQ(bundle->property(qmx::Bundle::bundlePath), app_ + "/bin");
-  EXPECT_EQ(bundle->property(qmx::Bundle::supportPathProperty), app_ + "/bin");
-  EXPECT_EQ(bundle->property(qmx::Bundle::executablePathProperty), std::nullopt);
-}
-
 TEST_F(BundleTest, TheExecutableStaysInTheBundle) {
   EXPECT_EQ(executable(), app_ + "/bin/main");
   writeInfo("not-there");
@@ -212,24 +179,6 @@ TEST_F(BundleTest, NamesAreInTheUsersLanguageWhereTheBundleKnowsIt) {
   EXPECT_EQ(namesIn("../../x"), "Pictures of All|Pictures");
 }
 
-TEST(SDKRegistry, AUsersDefinitionWinsAndEveryQuestionSeesTheFilesOfNow) {
-  clearOwnDevice();
-  const auto from = [] {
-    const auto entry = qmx::copyExtensionSDKEntry("share");
-    return entry ? std::string((*entry)["from"].string().value_or("?")) : std::string("none");
-  };
-  EXPECT_EQ(from(), "none");
-  writePropertyList(ownDevice.dataSystem() + "/SDKs/share.plist", Dictionary{{"from", "system"}});
-  EXPECT_EQ(from(), "system");
-  const std::string own = ownDevice.dataUser() + "/SDKs/share.plist";
-  writePropertyList(own, Dictionary{{"from", "user"}});
-  EXPECT_EQ(from(), "user");
-  writeText(own, "damaged");
-  EXPECT_EQ(from(), "system");
-  writePropertyList(ownDevice.dataUser() + "/escape.plist", Dictionary{{"from", "elsewhere"}});
-  EXPECT_EQ(qmx::copyExtensionSDKEntry("../escape"), std::nullopt);
-}
-
 /// Runs `loop` until `isDone` or two seconds have passed.
 bool runUntil(RunLoop& loop, const std::function<bool()>& isDone) {
   for (int i = 0; i < 400 && !isDone(); ++i) {
@@ -239,18 +188,17 @@ bool runUntil(RunLoop& loop, const std::function<bool()>& isDone) {
   return isDone();
 }
 
-class NotificationsTest : public testing::Test {
- protected:
-  NotificationsTest() { clearOwnDevice(); }
-  std::string file(const std::string& name) const { return ownDevice.runtime() + "/Notifications/" + name; }
-  RunLoop loop_;
-};
-
-TEST_F(NotificationsTest, EveryPostAfterTheObserverWasMadeIsCounted) {
+TEST(Notifications, EveryPostAfterTheObserverWasMadeIsCounted) {
+  clearOwnDevice();
+  RunLoop loop;
   postNotification("change");
   uint64_t posts = 0;
-  NotificationObserver observer("change", loop_, [&posts](uint64_t count) { posts += count; });
-  ASSERT_TRUE(observer.isWatching());
+  std::unique_ptr<NotificationObserver> observer;
+  observer = std::make_unique<NotificationObserver>("change", loop, [&](uint64_t count) {
+    posts += count;
+    if (posts == 202) observer.reset();
+  });
+  ASSERT_TRUE(observer->isWatching());
   // Before the loop has ever run, by several threads, and beside another notification.
   {
     std::vector<std::jthread> threads;
@@ -260,53 +208,14 @@ TEST_F(NotificationsTest, EveryPostAfterTheObserverWasMadeIsCounted) {
       });
   }
   postNotification("other");
-  EXPECT_TRUE(runUntil(loop_, [&posts] { return posts == 200; })) << posts;
+  EXPECT_TRUE(runUntil(loop, [&posts] { return posts == 200; })) << posts;
+  // A file that is made anew counts from its beginning.
+  fs::remove(ownDevice.runtime() + "/Notifications/change");
   postNotification("change");
-  EXPECT_TRUE(runUntil(loop_, [&posts] { return posts == 201; })) << posts;
-  EXPECT_EQ(fs::file_size(file("change")), 202u);
-}
-
-TEST_F(NotificationsTest, AFileThatIsMadeAnewCountsFromItsBeginning) {
-  for (int i = 0; i < 3; ++i) postNotification("change");
-  uint64_t posts = 0;
-  NotificationObserver observer("change", loop_, [&posts](uint64_t count) { posts += count; });
-  fs::remove(file("change"));
+  EXPECT_TRUE(runUntil(loop, [&posts] { return posts == 201; })) << posts;
   postNotification("change");
-  EXPECT_TRUE(runUntil(loop_, [&posts] { return posts == 1; })) << posts;
+  EXPECT_TRUE(runUntil(loop, [&posts] { return posts == 202; })) << posts;
+  EXPECT_EQ(observer, nullptr) << "it may end itself in its handler";
 }
-
-TEST_F(NotificationsTest, AnObserverMayEndItselfInItsHandler) {
-  std::unique_ptr<NotificationObserver> observer;
-  int calls = 0;
-  observer = std::make_unique<NotificationObserver>("change", loop_, [&](uint64_t) {
-    ++calls;
-    observer.reset();
-  });
-  postNotification("change");
-  EXPECT_TRUE(runUntil(loop_, [&calls] { return calls == 1; }));
-  postNotification("change");
-  runUntil(loop_, [round = 0]() mutable { return ++round > 5; });
-  EXPECT_EQ(calls, 1);
-}
-
-TEST_F(NotificationsTest, ANameThatIsNoFileNameIsNeitherPostedNorWatched) {
-  postNotification("../escape");
-  EXPECT_FALSE(fs::exists(ownDevice.runtime() + "/escape"));
-  const NotificationObserver observer("a/b", loop_, [](uint64_t) {});
-  EXPECT_FALSE(observer.isWatching());
-}
-
-#ifdef PLATFORM_HAS_PROBES
-TEST(Probes, AProbeIsEnabledWhileATracerHoldsItsSemaphore) {
-  EXPECT_FALSE(PLATFORM_PROBE_ENABLED(abd, system__test));
-  abd_system__test_semaphore = 1;  // as tracers do in the process that they watch
-  EXPECT_TRUE(PLATFORM_PROBE_ENABLED(abd, system__test));
-  const char* text = "text";
-  PLATFORM_PROBE3(abd, system__test, 1, text, true);
-  abd_system__test_semaphore = 0;
-  EXPECT_NE(readText("/proc/self/exe").find(std::string("abd\0system__test\0", 17)), std::string::npos)
-      << "the probe's note names provider and probe";
-}
-#endif
 
 }  // namespace
