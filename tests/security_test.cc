@@ -37,17 +37,25 @@ class ReadTokenTest : public testing::Test {
   const std::string picture_ = bundle_ + "/Shared/picture";
 };
 
-TEST_F(ReadTokenTest, AnAuthenticTokenSaysTheCanonicalPathThatItIsFor) {
-  fs::create_symlink("Shared", bundle_ + "/link");
-  for (const std::string& path : {picture_, bundle_ + "/link/picture", bundle_ + "//Shared/picture",
-                                  bundle_ + "/Shared/./picture", bundle_ + "/Shared/../Shared/picture"}) {
-    const Token token = issueReadToken(path);
+TEST_F(ReadTokenTest, ATokenForABundlesResourceSaysItsCanonicalPathAndNeverLeadsOut) {
+  const auto inside = [this](const std::string& path) { return issueReadTokenInside(bundle_, path); };
+  fs::create_symlink("Shared/picture", bundle_ + "/inner");
+  for (const std::string& path : {picture_, std::string("Shared/picture"), bundle_ + "/inner",
+                                  bundle_ + "//Shared/./picture", bundle_ + "/../P.appex/Shared/picture"}) {
+    const Token token = inside(path);
     ASSERT_TRUE(token) << path;
     EXPECT_EQ(verifyReadToken(*token), picture_) << path;
     EXPECT_TRUE(std::ranges::all_of(*token, [](char c) { return c > ' ' && c < 0x7F; }));
-    EXPECT_NE(issueReadToken(path), token) << "fresh each time";
   }
-  EXPECT_EQ(verifyReadToken(*issueReadToken(bundle_ + "/link/")), bundle_ + "/Shared");
+  EXPECT_TRUE(inside(bundle_) && inside("."));
+  fs::create_symlink("../secret", bundle_ + "/escape");
+  fs::create_directory(bundle_ + "-more");
+  for (const std::string& path : {bundle_ + "/../secret", bundle_ + "/escape", std::string("../secret"),
+                                  std::string("/etc/passwd"), bundle_ + "/..", bundle_ + "-more"}) {
+    EXPECT_EQ(failure(inside(path)), EACCES) << path;
+  }
+  fs::create_directory_symlink(bundle_, ownDevice.dataUser() + "/other-name");
+  EXPECT_TRUE(issueReadTokenInside(ownDevice.dataUser() + "/other-name", picture_));
 }
 
 TEST_F(ReadTokenTest, WhatDoesNotExistOrCannotBeReadGetsTheSystemsError) {
@@ -61,26 +69,6 @@ TEST_F(ReadTokenTest, WhatDoesNotExistOrCannotBeReadGetsTheSystemsError) {
     if (geteuid() == 0 && seteuid(65534) != 0) return false;
     return failure(issueReadToken(picture_)) == EACCES && issueReadToken(bundle_);
   }));
-}
-
-TEST_F(ReadTokenTest, ATokenForABundlesResourceNeverLeadsOutOfTheBundle) {
-  const auto inside = [this](const std::string& path) { return issueReadTokenInside(bundle_, path); };
-  fs::create_symlink("Shared/picture", bundle_ + "/inner");
-  for (const std::string& path : {picture_, std::string("Shared/picture"), bundle_ + "/inner",
-                                  bundle_ + "/../P.appex/Shared/picture"}) {
-    const Token token = inside(path);
-    ASSERT_TRUE(token) << path;
-    EXPECT_EQ(verifyReadToken(*token), picture_);
-  }
-  EXPECT_TRUE(inside(bundle_) && inside("."));
-  fs::create_symlink("../secret", bundle_ + "/escape");
-  fs::create_directory(bundle_ + "-more");
-  for (const std::string& path : {bundle_ + "/../secret", bundle_ + "/escape", std::string("../secret"),
-                                  std::string("/etc/passwd"), bundle_ + "/..", bundle_ + "-more"}) {
-    EXPECT_EQ(failure(inside(path)), EACCES) << path;
-  }
-  fs::create_directory_symlink(bundle_, ownDevice.dataUser() + "/other-name");
-  EXPECT_TRUE(issueReadTokenInside(ownDevice.dataUser() + "/other-name", picture_));
 }
 
 TEST_F(ReadTokenTest, NoChangedTokenIsAuthentic) {
@@ -192,142 +180,69 @@ class EntitlementsTest : public testing::Test {
     writePropertyList(bundle_ + "/Info.plist", Dictionary{{"BWBundleIdentifier", "com.example.p"}});
   }
   void grant(const Value& entitlements) { writePropertyList(file_, entitlements); }
-  std::optional<Dictionary> entitlements() const {
-    const auto answer = bundleEntitlements(bundle_);
-    const auto* good = std::get_if<Dictionary>(&answer);
-    return good != nullptr ? std::optional(*good) : std::nullopt;
-  }
-  void expectRefused(int64_t code, const char* what) const {
+  /// The error of reading them; 0 when they were read.
+  int64_t failureToRead() const {
     const auto answer = bundleEntitlements(bundle_);
     const Error* error = std::get_if<Error>(&answer);
-    EXPECT_EQ(error != nullptr ? error->code : 0, code) << what;
+    return error != nullptr ? error->code : 0;
   }
   const std::string bundle_ = ownDevice.dataUser() + "/Applications/A.app";
   const std::string file_ = bundle_ + "/Entitlements.plist";
 };
 
-TEST_F(EntitlementsTest, ABundlesFileIsSeenAsItIsNowAndParsedOnce) {
-  EXPECT_EQ(entitlements(), Dictionary()) << "no file";
-  grant(Dictionary{{"a", true}});
-  ASSERT_EQ(entitlements(), (Dictionary{{"a", true}}));
-  letFilesSettle();
-  ASSERT_TRUE(entitlements());
-  EXPECT_TRUE(entitlements()->isSameObject(*entitlements()));
-  grant(Dictionary{{"b", 1}});
-  EXPECT_EQ(entitlements(), (Dictionary{{"b", 1}}));
-  fs::remove(file_);
-  EXPECT_EQ(entitlements(), Dictionary());
-}
-
 TEST_F(EntitlementsTest, AFileThatOthersMayHaveWrittenIsNotHonoured) {
+  EXPECT_EQ(std::get<Dictionary>(bundleEntitlements(bundle_)), Dictionary()) << "no file";
   grant(Dictionary{{"a", true}});
-  ASSERT_TRUE(entitlements());
-  chmod(file_.c_str(), 0664);
-  expectRefused(EPERM, "writable by its group");
-  chmod(file_.c_str(), 0646);
-  expectRefused(EPERM, "writable by others");
-  chmod(file_.c_str(), 0444);
-  EXPECT_TRUE(entitlements());
+  for (const auto& [mode, code] : {std::pair(0444, 0), {0664, EPERM}, {0646, EPERM}, {0600, 0}}) {
+    chmod(file_.c_str(), static_cast<mode_t>(mode));
+    EXPECT_EQ(failureToRead(), code) << mode;
+  }
   fs::rename(file_, bundle_ + "/real");
   fs::create_symlink("real", file_);
-  expectRefused(EPERM, "a symbolic link");
+  EXPECT_EQ(failureToRead(), EPERM) << "a symbolic link";
   fs::remove(file_);
   ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
-  expectRefused(EPERM, "a pipe, which must not block either");
+  EXPECT_EQ(failureToRead(), EPERM) << "a pipe, which must not block either";
   fs::remove(file_);
-  fs::create_directory(file_);
-  expectRefused(EPERM, "a directory");
-  fs::remove(file_);
+  grant(Array{"a"});
+  EXPECT_EQ(failureToRead(), kFileReadCorrupt) << "an error and not an empty dictionary";
+  ASSERT_EQ(truncate(file_.c_str(), (16 << 20) + 1), 0);
+  EXPECT_EQ(failureToRead(), EFBIG);
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   grant(Dictionary{{"a", true}});
   ASSERT_EQ(chown(file_.c_str(), 12345, 12345), 0);
-  expectRefused(EPERM, "someone else's");
+  EXPECT_EQ(failureToRead(), EPERM) << "someone else's";
 }
-
-TEST_F(EntitlementsTest, WhatIsNoDictionaryIsAnErrorAndNotAnEmptyOne) {
-  writeText(file_, "<plist><dict>");
-  expectRefused(kFileReadCorrupt, "damaged");
-  grant(Array{"a"});
-  expectRefused(kFileReadCorrupt, "an array");
-  writeText(file_, "");
-  expectRefused(kFileReadCorrupt, "empty");
-  ASSERT_EQ(truncate(file_.c_str(), (16 << 20) + 1), 0);
-  expectRefused(EFBIG, "too large");
-}
-
-/// A shell that runs from `bundle` and has connected to a socket of ours before.
-class BundledPeer {
- public:
-  explicit BundledPeer(const std::string& bundle) {
-    const std::string program = bundle + "/main", path = ownDevice.runtime() + "/peer";
-    fs::copy_file(fs::canonical("/bin/sh"), program, fs::copy_options::overwrite_existing);
-    const FileDescriptor listener = listeningSocket(path);
-    process_.emplace([&] {
-      WireClient::connect(path);
-      execl(program.c_str(), program.c_str(), "-c", "kill -STOP $$; exec sleep 1000", nullptr);
-      return false;
-    });
-    EXPECT_EQ(image(), program);
-    connection_ = FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  }
-
-  std::shared_ptr<const CodeSigningTask> task() const {
-    return CodeSigningTask::create(qmx::PeerIdentity::ofSocket(connection_.get()));
-  }
-  /// Lets it run another program, which lies in no bundle.
-  bool leaveBundle() const {
-    return eventually([&, program = image()] {
-      process_->signal(SIGCONT);
-      return image() != program;
-    });
-  }
-  void kill() { process_->kill(); }
-
- private:
-  fs::path image() const { return fs::read_symlink("/proc/" + std::to_string(process_->pid()) + "/exe"); }
-
-  std::optional<Child> process_;
-  FileDescriptor connection_;
-};
 
 TEST_F(EntitlementsTest, AProcessHasThoseOfItsExecutablesBundleWhileItRunsThatExecutable) {
   grant(Dictionary{{"allowed", "share"}});
-  const BundledPeer peer(bundle_);
-  const auto task = peer.task();
+  // A shell that runs from the bundle and has connected to a socket of ours before.
+  const std::string program = bundle_ + "/main", path = ownDevice.runtime() + "/peer";
+  fs::copy_file(fs::canonical("/bin/sh"), program);
+  const FileDescriptor listener = listeningSocket(path);
+  Child process([&] {
+    WireClient::connect(path);
+    execl(program.c_str(), program.c_str(), "-c", "kill -STOP $$; exec sleep 1000", nullptr);
+    return false;
+  });
+  const FileDescriptor connection(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const auto task = CodeSigningTask::create(qmx::PeerIdentity::ofSocket(connection.get()));
   EXPECT_EQ(task->valueForEntitlement("allowed").value, Value("share"));
-  const auto absent = task->valueForEntitlement("other");
-  EXPECT_TRUE(absent.value.isNone() && !absent.error);
-  grant(Dictionary{{"other", true}});
-  EXPECT_EQ(task->valueForEntitlement("other").value, Value(true)) << "asked anew each time";
-  chmod(file_.c_str(), 0666);
-  EXPECT_EQ(task->valueForEntitlement("other").error->code, EPERM);
-  chmod(file_.c_str(), 0600);
 
-  ASSERT_TRUE(peer.leaveBundle());
-  const auto changed = task->valueForEntitlement("other");
-  EXPECT_TRUE(changed.value.isNone());
-  EXPECT_EQ(changed.error->code, ESRCH);
-}
-
-TEST_F(EntitlementsTest, AProcessThatIsGoneHasNoneAndOneOutsideOfBundlesHasNoneWithoutAnError) {
-  grant(Dictionary{{"allowed", true}});
-  {
-    BundledPeer peer(bundle_);
-    const auto task = peer.task();
-    peer.kill();
-    const auto gone = task->valueForEntitlement("allowed");
-    EXPECT_TRUE(gone.value.isNone());
-    EXPECT_EQ(gone.error->code, ESRCH);
-    EXPECT_EQ(CodeSigningTask::create(nullptr), nullptr);
-  }
-  int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  const auto task = CodeSigningTask::create(qmx::PeerIdentity::ofSocket(ends[0]));
-  ASSERT_NE(task, nullptr);
-  const auto answer = task->valueForEntitlement("allowed");
-  EXPECT_TRUE(answer.value.isNone() && !answer.error);
-  close(ends[0]);
-  close(ends[1]);
+  // It runs another program, which lies in no bundle.
+  ASSERT_TRUE(eventually([&] {
+    process.signal(SIGCONT);
+    return fs::read_symlink("/proc/" + std::to_string(process.pid()) + "/exe") != program;
+  }));
+  const auto expectLost = [&task] {
+    const auto answer = task->valueForEntitlement("allowed");
+    EXPECT_TRUE(answer.value.isNone());
+    EXPECT_EQ(answer.error->code, ESRCH);
+  };
+  expectLost();
+  process.kill();
+  expectLost();
+  EXPECT_EQ(CodeSigningTask::create(nullptr), nullptr);
 }
 
 }  // namespace
