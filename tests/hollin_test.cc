@@ -234,26 +234,6 @@ TEST_F(HollinTest, whereRootsOverlapTheUsersCounts) {
   EXPECT_EQ(installed(), Strings{"theirs"});
 }
 
-TEST_F(HollinTest, bundlesOfOneIdentifierAndPlugInsOfOneBundleAreToldApart) {
-  root.install("One.app", {{.identifier = "same"}});
-  root.install("Two.app", {{.identifier = "same", .info = {{"BWBundleVersion", "200"}}}});
-  const Dictionary entry = {{"ZQExtensionAttributes", Dictionary{{"ZQExtensionPointName", "many"}}}};
-  root.install("Multi.app", {{.identifier = "multi",
-                              .plugIn = {{"Multiple", Dictionary{{"m.b", entry}, {"m.a", entry}}}}}});
-  root.install("Odd.app", {{.identifier = "odd", .plugIn = {{"Multiple", "no dictionary"}}}});
-  root.install("Named.app", {{.identifier = "bundle", .plugIn = {{"ZQExtensionIdentifier", "own"}}}});
-  open();
-  EXPECT_EQ(installed(), (Strings{"m.a", "m.b", "odd", "own", "same", "same"}));
-  const Strings same = {"same"};
-  const std::string second = "200";
-  EXPECT_EQ(registry->pluginsWithIdentifiers(&same, nullptr, &second, {})->size(), 1u);
-  const auto lowest = registry->proxyForURL(URL::file(applications + "/Multi.app/PlugIns/multi.appex"));
-  ASSERT_NE(lowest, nullptr);
-  EXPECT_EQ(lowest->originalIdentifier(), "m.a");
-  EXPECT_EQ(lowest->ambrelDictionary(), Value(entry));
-  EXPECT_EQ(only("own")->bundleIdentifier(), "bundle");
-}
-
 TEST_F(HollinTest, badBundlesHarmNoOther) {
   const std::string application = root.install("Mixed.app", {{.identifier = "good"}});
   const auto bundle = [&application](const std::string& name) {
@@ -541,25 +521,6 @@ TEST_F(HollinTest, plugInsGetDataContainersOfTheirOwnAlone) {
   root.writeBundle(loose, {.identifier = "loose"});
   ASSERT_TRUE(registers(loose));
   EXPECT_TRUE(fs::exists(containers + "/loose/tmp")) << "when it is registered";
-}
-
-TEST_F(HollinTest, applicationsAnswerForTheirPlugIns) {
-  const std::string boxed = root.install("box/Boxed.app", {{.identifier = "z"}, {.identifier = "a"}});
-  root.install("Bare.app", {});
-  const std::string loose = boxed + "/PlugIns/Loose.bundle";
-  root.writeBundle(loose, {.identifier = "loose"});
-  open();
-  ASSERT_TRUE(registers(loose));
-  const auto application = registry->applicationForURL(URL::file(boxed));
-  ASSERT_NE(application, nullptr);
-  EXPECT_EQ(only("a")->containingBundle(), application);
-  EXPECT_EQ(application->bundleContainerURL()->path(), applications + "/box");
-  EXPECT_EQ(identifiers(application->ambrelPlugins()), (Strings{"a", "loose", "z"}));
-  const auto bare = registry->applicationForURL(URL::file(applications + "/Bare.app"));
-  EXPECT_TRUE(bare->ambrelPlugins().empty());
-  EXPECT_EQ(bare->bundleContainerURL(), std::nullopt);
-  for (const char* none : {"/Nothing.app", "/box", "/Bare.app/PlugIns"})
-    EXPECT_EQ(registry->applicationForURL(URL::file(applications + none)), nullptr) << none;
 }
 
 pid_t threadCalled(const std::string& name) {

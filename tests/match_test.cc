@@ -187,8 +187,15 @@ TEST_F(Match, ThePolicyOfHostAndPlugInHidesPlugIns) {
   const std::string pid = "client " + std::to_string(getpid()) + " cannot use plugin ";
   EXPECT_TRUE(daemon->logs(pid + "sealed: the host does not have the \"org.key\" entitlement"));
   EXPECT_TRUE(daemon->logs(pid + "game: the containing Application is age restricted"));
+  const std::string restrictions = root.configUser() + "/Restrictions.plist";
+  writePropertyList(restrictions, Dictionary{{"maximumAppsRating", 1000}});
+  EXPECT_EQ(found(), "open") << "a user cannot lift the device's limit";
   writePropertyList(root.configDevice() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 300}});
   EXPECT_EQ(found(), "game open") << "the limit is read anew";
+  writePropertyList(restrictions, Dictionary{{"maximumAppsRating", -1}});
+  EXPECT_EQ(found(), "open") << "the lowest counts";
+  writePropertyList(restrictions, Dictionary{{"maximumAppsRating", "-1"}});
+  EXPECT_EQ(found(), "game open") << "no number, no limit";
 
   Host holder(root, *daemon, hostBundle("Holder", {{"org.key", "any value"}}));
   EXPECT_EQ(foundBy(holder), "game open sealed");

@@ -57,14 +57,6 @@ TEST_F(Operators, AnUnknownOperatorIsLoggedEachTimeAndNeverHolds) {
   }
 }
 
-TEST_F(Operators, ListsHoldWhenOneElementDoesAndNonStringsNever) {
-  EXPECT_TRUE(ABDPlugIn::matchValue("b", Array{1, "a", ">a"}));
-  EXPECT_FALSE(ABDPlugIn::matchValue("b", Array{"a", true, Dictionary()}));
-  EXPECT_FALSE(ABDPlugIn::matchValue("b", Array()));
-  EXPECT_FALSE(ABDPlugIn::matchValue("b", 1));
-  EXPECT_FALSE(ABDPlugIn::matchValue(1, "1"));
-}
-
 class Rules : public DeviceWithTypes {
  protected:
   static const ABDPlugIn& plugIn() {
@@ -174,17 +166,6 @@ TEST(Literals, AreWhatAPatternCanOnlyBeTheSameAs) {
        {"", "<a", "?TY-IS:a", "-a", " a", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xC3", "\x80"})
     EXPECT_EQ(literalOfPattern(none), std::nullopt) << none;
   EXPECT_EQ(literalOfPattern(5), std::nullopt);
-}
-
-TEST(Literals, OfAListAreNoneAsSoonAsOneElementHasNone) {
-  using List = std::vector<std::string>;
-  EXPECT_EQ(literalList("a"), List{"a"});
-  EXPECT_EQ(literalList(Array{"a", "=b"}), (List{"a", "b"}));
-  EXPECT_EQ(literalList(Array()), List());
-  EXPECT_EQ(literalList(Array{"a", "<b"}), std::nullopt);
-  EXPECT_EQ(literalList(Array{"a", 1}), std::nullopt);
-  for (const Value& none : {Value(), Value("?"), Value(true), Value(Dictionary())})
-    EXPECT_EQ(literalList(none), std::nullopt);
 }
 
 // --- Narrowing ---

@@ -74,9 +74,9 @@ TEST(Probes, FireWithTheirArguments) {
     EXPECT_TRUE(fired("discover__raw", "1")) << readText(output);
     EXPECT_EQ(errorOf(client.call(message("ready", {{"uuids", uuidArray({a})}}))), "");
     EXPECT_TRUE(fired("plugin__ready", a.string()));
-    EXPECT_EQ(errorOf(client.call(message("add", {{"paths", stringArray({bundle + "/../a.appex"})}}))), "");
+    EXPECT_EQ(errorOf(client.call(message("add", {{"paths", Array{bundle + "/../a.appex"}}}))), "");
     EXPECT_TRUE(fired("plugin__add", bundle));
-    client.call(message("remove", {{"paths", stringArray({bundle, "/nowhere"})}}));
+    client.call(message("remove", {{"paths", Array{bundle, "/nowhere"}}}));
     EXPECT_TRUE(fired("plugin__remove", bundle + " 1"));
     EXPECT_TRUE(fired("plugin__remove", "/nowhere 0"));
     client.call(Dictionary{{"version", 3}});

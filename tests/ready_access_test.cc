@@ -89,7 +89,7 @@ TEST_F(Ready, ChoosesTheSandboxByExtensionPointAndConsent) {
     EXPECT_EQ(errorOf(ready({plugIn})), "");
     return registration(plugIn)["LaunchDescription"]["QMXService"]["_SandboxProfile"];
   };
-  const auto consent = [&](bool granted) {
+  const auto consent = [&](const Value& granted) {
     writePropertyList(root.configUser() + "/Consent.plist",
                       Dictionary{{"app.Keys", Dictionary{{"kQSVServiceKeyboardNetwork", granted}}}});
   };
@@ -98,8 +98,12 @@ TEST_F(Ready, ChoosesTheSandboxByExtensionPointAndConsent) {
   EXPECT_EQ(profile("asks"), Value("plugin")) << "consent is read anew";
   EXPECT_EQ(profile("silent"), Value("keyboard"));
   EXPECT_EQ(profile("text"), Value("keyboard")) << "it does not ask with the boolean";
-  consent(false);
-  EXPECT_EQ(profile("asks"), Value("keyboard"));
+  for (const Value& no : {Value(false), Value("yes"), Value(0)}) {
+    consent(no);
+    EXPECT_EQ(profile("asks"), Value("keyboard")) << no.description();
+  }
+  writePropertyList(root.configUser() + "/Consent.plist", Dictionary{{"app.Keys", true}});
+  EXPECT_EQ(profile("asks"), Value("keyboard")) << "a misshapen entry";
   EXPECT_EQ(profile("filter"), Value("network-filter"));
   EXPECT_TRUE(daemon->logs("assigning plug-in filter(1.0) to network-filter sandbox"));
   writeText(root.configUser() + "/Consent.plist", "no property list");
@@ -170,15 +174,6 @@ TEST_F(Ready, ABundleThatIsGoneHasNoExecutableAndNoToken) {
   EXPECT_EQ(errorOf(ready({lost})),
             "4: cannot obtain executable path for plug-in lost(" + lost.string() + ")");
   EXPECT_EQ(error("access", {{"uuids", Array{lost}}}), "4: cannot create extension to " + bundle + ": 2");
-}
-
-TEST_F(Ready, WithoutADataContainerNothingIsFound) {
-  writeText(root.dataUser() + "/Containers", "no directory");
-  root.install("A.app", {{.identifier = "homeless"},
-                         {.identifier = "d", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}});
-  start();
-  EXPECT_EQ(found(), "d");
-  EXPECT_TRUE(daemon->logs("this plug-in has no sandbox data container"));
 }
 
 TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {

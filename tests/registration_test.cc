@@ -119,16 +119,5 @@ TEST_F(Registration, BulkIsAcceptedLoggedAndDoesNothing) {
   EXPECT_EQ(daemon->logCount("bulk options 0x0 not supported"), 3u);
 }
 
-TEST_F(Registration, ApplicationsComeAndGoWhileTheDaemonRuns) {
-  const std::string application = root.install("Live.app", {{.identifier = "one"}, {.identifier = "two"}});
-  EXPECT_TRUE(eventually([&] { return found() == "one two"; }));
-  const UUID uuid = uuidOf(*client, "one");
-  fs::rename(application, root.path() + "/away");
-  EXPECT_TRUE(eventually([&] { return found().empty(); }));
-  EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:one one(100) " + uuid.string() + " " +
-                                 DeviceRoot::plugInPath(application, "one")));
-  EXPECT_EQ(error("access", {{"uuids", Array{uuid}}}), "4: no such plugin (uuid not found)");
-}
-
 }  // namespace
 }  // namespace testsupport

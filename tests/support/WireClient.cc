@@ -133,12 +133,6 @@ Array uuidArray(const std::vector<UUID>& uuids) {
   return array;
 }
 
-Array stringArray(const std::vector<std::string>& strings) {
-  Array array;
-  for (const std::string& each : strings) array.append(each);
-  return array;
-}
-
 std::vector<Dictionary> match(WireClient& client, const Value& rules, uint64_t flags) {
   Dictionary body = message("match", {{"flags", flags}});
   if (!rules.isNone()) body.set("rules", rules);

@@ -61,7 +61,6 @@ std::string frameBytes(qmx::FrameKind kind, uint64_t id, const Value& body);
 /// A request's body of version 3.
 Dictionary message(std::string_view name, const Dictionary& more = {});
 Array uuidArray(const std::vector<UUID>& uuids);
-Array stringArray(const std::vector<std::string>& strings);
 
 /// The forms that a "match" finds; the request has to succeed.
 std::vector<Dictionary> match(WireClient& client, const Value& rules = {}, uint64_t flags = 0);

@@ -1,8 +1,5 @@
+// Types: which conform to which, who declares them, and what activation rules accept.
 
-#include <map>
-
-#include "platform/policy/Consent.h"
-#include "platform/policy/Restrictions.h"
 #include "platform/types/ActivationRules.h"
 #include "platform/types/TypeConformance.h"
 #include "platform/types/TypeGraph.h"
@@ -13,60 +10,6 @@ namespace {
 using namespace platform;
 using namespace testsupport;
 namespace fs = std::filesystem;
-
-class ConsentTest : public testing::Test {
- protected:
-  ConsentTest() {
-    clearOwnDevice();
-    writePropertyList(app_ + "/Info.plist", Dictionary{{"BWBundleIdentifier", "com.example.app"}});
-  }
-  std::optional<std::map<std::string, std::optional<bool>>> decisions() const {
-    const auto bundle = qmx::Bundle::create(app_, qmx::Bundle::directory);
-    const auto entries = QSVAccessCopyInformationForBundle(*bundle);
-    if (!entries) return std::nullopt;
-    std::map<std::string, std::optional<bool>> out;
-    for (const ConsentEntry& entry : *entries) out[entry.service] = entry.granted;
-    return out;
-  }
-  using Decisions = std::map<std::string, std::optional<bool>>;
-  const std::string app_ = ownDevice.dataUser() + "/Applications/A.app";
-  const std::string file_ = ownDevice.configUser() + "/Consent.plist";
-};
-
-TEST_F(ConsentTest, TheUsersDecisionsAboutTheApplicationAreReadAnewEachTime) {
-  EXPECT_EQ(decisions(), Decisions()) << "no file";
-  writePropertyList(file_, Dictionary{{"com.example.app", Dictionary{{kQSVServiceKeyboardNetwork, true},
-                                                                     {"refused", false},
-                                                                     {"number", 1},
-                                                                     {"undecided", "yes"}}}});
-  EXPECT_EQ(decisions(), (Decisions{{"kQSVServiceKeyboardNetwork", true},
-                                    {"refused", false},
-                                    {"number", true},
-                                    {"undecided", std::nullopt}}));
-  writePropertyList(file_, Dictionary{{"com.example.app", "all"}});
-  EXPECT_EQ(decisions(), Decisions()) << "a misshapen entry";
-  fs::remove(app_ + "/Info.plist");
-  EXPECT_EQ(decisions(), Decisions()) << "an application without an identifier";
-  writePropertyList(file_, Array{"no dictionary"});
-  EXPECT_EQ(decisions(), std::nullopt);
-}
-
-TEST(Restrictions, TheLowestOfAllRatingsThatAreSetIsEffective) {
-  clearOwnDevice();
-  const std::string device = ownDevice.configDevice() + "/Restrictions.plist";
-  const std::string user = ownDevice.configUser() + "/Restrictions.plist";
-  EXPECT_EQ(maximumAppsRating(), std::nullopt);
-  writePropertyList(device, Dictionary{{"maximumAppsRating", 300}});
-  EXPECT_EQ(maximumAppsRating(), 300);
-  writePropertyList(user, Dictionary{{"maximumAppsRating", 1000}});
-  EXPECT_EQ(maximumAppsRating(), 300) << "a user cannot lift the device's limit";
-  writePropertyList(user, Dictionary{{"maximumAppsRating", -1}});
-  EXPECT_EQ(maximumAppsRating(), -1);
-  for (const Value& none : {Value("200"), Value(true)}) {
-    writePropertyList(user, Dictionary{{"maximumAppsRating", none}});
-    EXPECT_EQ(maximumAppsRating(), 300) << none.description();
-  }
-}
 
 TEST(TypeGraph, ConformanceIsReflexiveTransitiveAndOutlivesCycles) {
   TypeGraph graph;
