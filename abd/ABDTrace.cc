@@ -52,7 +52,8 @@ void pluginAdd(const std::string& resolvedPath) {
 }
 
 void pluginRemove(const std::string& path, bool resolved) {
-  PLATFORM_PROBE2(abd, plugin__remove, path.c_str(), resolved);
+  const int isResolved = resolved ? 1 : 0;  // not every tracer finds an argument in a byte register
+  PLATFORM_PROBE2(abd, plugin__remove, path.c_str(), isResolved);
 }
 
 void pluginReady(const platform::UUID& uuid) {
