@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -15,9 +16,12 @@ constexpr const char* kLogSocket = "/dev/log";
 /// A longer entry does not fit the log socket's datagrams; the copy on standard error is always whole.
 constexpr size_t kLongestLogDatagram = 96 * 1024;
 
+std::atomic<bool> isKeptFromStandardError = false;
+
 bool copiesToStandardError() {
   const char* choice = std::getenv("ABD_LOG");
   if (choice != nullptr && std::strcmp(choice, "stderr") == 0) return true;
+  if (isKeptFromStandardError) return false;
   return isatty(STDERR_FILENO) == 1 || access(kLogSocket, W_OK) != 0;
 }
 
@@ -48,6 +52,10 @@ std::string escapeControlCharacters(std::string_view text) {
 }
 
 }  // namespace
+
+void keepLogFromStandardError() {
+  isKeptFromStandardError = true;
+}
 
 void writeLogEntry(std::string_view text) {
   static const bool toStandardError = [] {

@@ -11,6 +11,10 @@
 
 namespace platform {
 
+/// Leaves the copy on standard error out from now on, unless ABD_LOG asks for it: for programs that tell
+/// their user what went wrong themselves. Before the first entry.
+void keepLogFromStandardError();
+
 /// Writes one finished entry.
 void writeLogEntry(std::string_view text);
 
