@@ -80,6 +80,8 @@ int removeStale(const sockaddr_un& address) {
 
 std::variant<ServiceSocket, Error> ServiceSocket::create(const std::string& serviceName) {
   const auto address = serviceAddress(serviceName);
+  if (Directories::shared().runtime.empty())
+    return Error::posix(ENOENT, "private runtime directory (XDG_RUNTIME_DIR)");
   if (const auto* number = std::get_if<int>(&address))
     return Error::posix(*number, "service name \"" + serviceName + "\"");
   ServiceSocket out;
