@@ -29,7 +29,11 @@ const char* const kHowToStart =
 void requireSocket(const std::string& service) {
   const std::string& runtime = platform::Directories::shared().runtime;
   if (runtime.empty())
-    throw Failure(kUnreachable, "there is no private runtime directory", "set XDG_RUNTIME_DIR");
+    throw Failure(
+        kUnreachable,
+        "there is no private runtime directory: XDG_RUNTIME_DIR is not set, and what stands in for it "
+        "is somebody else's",
+        "set XDG_RUNTIME_DIR as it is set for the daemon");
   const std::string path = runtime + "/" + service;
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0)
@@ -44,9 +48,6 @@ std::string hintFor(int64_t code) {
              "more";
     case ambrel::kABErrorVersion:
       return "abctl and abd are of different versions";
-    case ambrel::kABErrorPath:
-      return "a path names a plug-in's bundle (or an application's, with --application); `abctl match "
-             "--json` has them";
     case ambrel::kABErrorBusy:
       return "close what uses them and try again; single plug-ins can be held while they run (--plugin)";
     default:
@@ -90,7 +91,9 @@ Dictionary Daemon::wait(Slot& slot) {
   if (!slot.arrived.wait_for(lock, limit, [&slot] { return slot.reply.has_value(); }))
     throw Failure(kUnreachable, "the daemon did not answer in time", "try again with a longer --timeout");
   if (const auto* const broken = std::get_if<platform::qmx::ConnectionError>(&*slot.reply))
-    throw Failure(kUnreachable, "the daemon's connection ended: " + platform::qmx::description(*broken),
+    throw Failure(kUnreachable,
+                  "no daemon answers at " + platform::Directories::shared().runtime + "/" + service_ + ": " +
+                      platform::qmx::description(*broken),
                   kHowToStart);
   const Dictionary body = std::get<platform::qmx::Message>(*slot.reply).body;
   if (const auto error = ambrel::ABDaemonClient::errorInReply(*slot.reply)) {
@@ -102,14 +105,19 @@ Dictionary Daemon::wait(Slot& slot) {
 }
 
 template <typename Send>
-Dictionary Daemon::ask(Send&& send) {
+Dictionary Daemon::ask(Send&& send, const char* pathHint) {
   const auto slot = std::make_shared<Slot>();
   send([slot](Reply&& reply) {
     const std::lock_guard lock(slot->mutex);
     slot->reply = std::move(reply);
     slot->arrived.notify_one();
   });
-  return wait(*slot);
+  try {
+    return wait(*slot);
+  } catch (Failure& failure) {
+    if (failure.daemonCode == ambrel::kABErrorPath) failure.hint = pathHint;
+    throw;
+  }
 }
 
 std::vector<Dictionary> Daemon::match(const Dictionary& rules, uint64_t flags) {
@@ -125,11 +133,13 @@ std::vector<Dictionary> Daemon::match(const Dictionary& rules, uint64_t flags) {
 }
 
 void Daemon::add(const std::vector<std::string>& paths) {
-  ask([&](auto done) { client_->addPlugIns(paths, std::move(done)); });
+  ask([&](auto done) { client_->addPlugIns(paths, std::move(done)); },
+      "name the directory of a plug-in bundle");
 }
 
 void Daemon::remove(const std::vector<std::string>& paths) {
-  ask([&](auto done) { client_->removePlugIns(paths, std::move(done)); });
+  ask([&](auto done) { client_->removePlugIns(paths, std::move(done)); },
+      "nothing is registered there, or it is part of the system volume and cannot be removed");
 }
 
 void Daemon::bulk(uint64_t flags) {
@@ -154,7 +164,9 @@ void Daemon::annotate(const std::vector<UUID>& uuids, const Dictionary& annotati
 }
 
 UUID Daemon::hold(const std::vector<std::string>& paths, uint64_t flags) {
-  const Dictionary reply = ask([&](auto done) { client_->holdPlugins(paths, flags, std::move(done)); });
+  const Dictionary reply = ask(
+      [&](auto done) { client_->holdPlugins(paths, flags, std::move(done)); },
+      "--application takes an application's directory, --plugin a plug-in's; `abctl match --json` has both");
   const std::optional<UUID> token = reply[key::uuids].uuid();
   if (!token) throw Failure(kRefused, "the daemon granted the hold without a token");
   return *token;

@@ -48,8 +48,9 @@ class Daemon {
     std::condition_variable arrived;
     std::optional<Reply> reply;
   };
+  /// `pathHint` is what to do when the daemon finds a path wrong.
   template <typename Send>
-  platform::Dictionary ask(Send&& send);
+  platform::Dictionary ask(Send&& send, const char* pathHint = "");
   platform::Dictionary wait(Slot& slot);
 
   const std::string service_;

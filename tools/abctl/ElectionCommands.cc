@@ -7,13 +7,12 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "Ambrel/ABProtocol.h"
-#include "platform/propertylist/PropertyList.h"
 #include "platform/value/UUID.h"
 #include "tools/abctl/Commands.h"
+#include "tools/abctl/Input.h"
 #include "tools/abctl/Json.h"
 #include "tools/abctl/PlugIns.h"
 
@@ -67,15 +66,8 @@ ExitCode elect(const Context& context, std::vector<std::string> words) {
 }
 
 Dictionary extensionOf(const std::string& json, const std::string& file) {
-  Value value;
-  if (!file.empty()) {
-    auto read = platform::readPropertyListFile(file);
-    if (const auto* const error = std::get_if<platform::Error>(&read))
-      throw Failure(kUsage, "cannot read " + file + ": " + error->localizedDescription());
-    value = std::get<Value>(std::move(read));
-  } else {
-    value = valueOfJson(json, "--extension");
-  }
+  if (!file.empty()) return dictionaryOfFile(file, "contents");
+  const Value value = valueOfJson(json, "--extension");
   if (!value.isDictionary()) throw Failure(kUsage, "the extension is no dictionary");
   return *value.dictionary();
 }
@@ -104,9 +96,11 @@ void addElectionCommands(CLI::App& app, Context& context) {
   CLI::App* const electCommand = app.add_subcommand("elect", "Say whether plug-ins are to be used");
   electCommand
       ->add_option("PLUG-IN... CHOICE", *words, "Identifiers, UUIDs or paths; then use, ignore or default")
-      ->required();
+      ->required()
+      ->type_name("");
   electCommand->footer(
-      "The choice is kept on disk before the answer comes, announced to every observer, and shown by match.\n"
+      "The choice is saved before the answer comes (abd's log says when that fails), announced to every "
+      "observer, and shown by match.\n"
       "All versions of an identifier, and a plug-in and its replacement, share one choice. Hosts select by "
       "it\n"
       "with the rule ZQUserElection=1 (use), =2 (ignore) or =0 (no choice made).\n\n"
@@ -119,14 +113,17 @@ void addElectionCommands(CLI::App& app, Context& context) {
   const auto options = std::make_shared<AnnotateOptions>();
   CLI::App* const annotateCommand =
       app.add_subcommand("annotate", "Attach an election or a dictionary to plug-ins");
-  annotateCommand->add_option("PLUG-IN", options->names, "Identifiers, UUIDs or paths")->required();
+  annotateCommand->add_option("PLUG-IN", options->names, "Identifiers, UUIDs or paths")
+      ->required()
+      ->type_name("");
   annotateCommand->add_option("--election", options->election, "use, ignore, default, or a number")
       ->type_name("CHOICE");
   CLI::Option* const inlined =
       annotateCommand->add_option("--extension", options->extension, "A dictionary of your own, as JSON")
           ->type_name("JSON");
   annotateCommand
-      ->add_option("--extension-file", options->extensionFile, "The same, from a property-list file")
+      ->add_option("--extension-file", options->extensionFile,
+                   "The same in a file, property list or JSON (\"-\": standard input)")
       ->type_name("FILE")
       ->excludes(inlined);
   annotateCommand->footer(

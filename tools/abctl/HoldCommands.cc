@@ -80,18 +80,39 @@ UUID takeHold(const Context& context, Daemon& daemon, const HoldOptions& options
   }
 }
 
+/// Those of the applications to hold of which nothing is known, so that nothing of them will be held.
+std::vector<std::string> withoutPlugIns(Daemon& daemon, const HoldOptions& options) {
+  std::vector<std::string> empty;
+  for (const std::string& application : options.applications)
+    if (const std::string path = absolutePath(application); !hasPlugIns(daemon, path)) empty.push_back(path);
+  return empty;
+}
+
+void printToken(const Context& context, const UUID& token, const std::vector<std::string>& empty) {
+  if (context.json) {
+    Dictionary line{{"token", token.string()}};
+    if (!empty.empty()) line.set("empty", Array(std::vector<Value>(empty.begin(), empty.end())));
+    std::printf("%s\n", jsonText(line, false).c_str());
+  } else {
+    std::printf("%s\n", token.string().c_str());
+  }
+  std::fflush(stdout);
+  if (context.json) return;
+  for (const std::string& path : empty)
+    std::fprintf(stderr, "note: %s has no registered plug-in, so nothing of it is held\n",
+                 safeText(path).c_str());
+  std::fprintf(stderr, "held until this ends (Ctrl-C) or: abctl release %s\n", token.string().c_str());
+}
+
 ExitCode hold(const Context& context, const HoldOptions& options) {
+  if (options.applications.empty() && options.plugIns.empty())
+    throw Failure(kUsage, "say what to hold: --application or --plugin", "see: abctl hold --help");
   Waiting waiting;  // before the first thread
   Daemon daemon(context);
+  const std::vector<std::string> empty = withoutPlugIns(daemon, options);
   const UUID token = takeHold(context, daemon, options);
-  if (context.json)
-    std::printf("%s\n", jsonText(Dictionary{{"token", token.string()}}, false).c_str());
-  else
-    std::printf("%s\n", token.string().c_str());
-  std::fflush(stdout);
+  printToken(context, token, empty);
   waiting.watchDaemon(context.service);
-  if (!context.json)
-    std::fprintf(stderr, "held until this ends (Ctrl-C) or: abctl release %s\n", token.string().c_str());
   if (waiting.wait().event == Waiting::Event::lost)
     throw Failure(kUnreachable, "the daemon has gone, and the hold with it");
   return kSuccess;
@@ -117,17 +138,18 @@ void addHoldCommands(CLI::App& app, Context& context) {
   CLI::App* const holdCommand = app.add_subcommand("hold", "Keep plug-ins from being offered and launched");
   CLI::Option* const applications = holdCommand->add_option(
       "--application", options->applications, "Every plug-in of these applications, unless one is busy");
-  applications->type_name("PATH...");
+  applications->type_name("PATH");
   CLI::Option* const plugIns = holdCommand->add_option(
       "--plugin", options->plugIns, "These plug-ins (path, identifier or UUID), busy or not");
-  plugIns->type_name("PLUG-IN...")->excludes(applications);
-  holdCommand->require_option(1, 1);
+  plugIns->type_name("PLUG-IN")->excludes(applications);
   holdCommand->footer(
       "Prints the hold's token and keeps the hold while it runs; ending it (Ctrl-C) releases the hold, and "
       "so\n"
-      "does `abctl release TOKEN` from elsewhere. When plug-ins of an application are busy the hold is "
-      "refused\n"
-      "(exit status 5) with a table of what is in the way.\n\n"
+      "does `abctl release TOKEN` from elsewhere (hold itself then goes on until it is ended). When "
+      "plug-ins\n"
+      "of an application are busy the hold is refused (exit status 5) with a table of what is in the way.\n"
+      "Held is what is registered now. An identifier means the version that hosts are offered; where there\n"
+      "is an older one it is offered instead.\n\n"
       "Examples:\n"
       "  abctl hold --application ~/.local/share/veltra/Applications/Courier.app\n"
       "  abctl hold --plugin org.example.courier.share");
@@ -136,7 +158,7 @@ void addHoldCommands(CLI::App& app, Context& context) {
 
   const auto token = std::make_shared<std::string>();
   CLI::App* const releaseCommand = app.add_subcommand("release", "Release a hold");
-  releaseCommand->add_option("TOKEN", *token, "What `abctl hold` printed")->required();
+  releaseCommand->add_option("TOKEN", *token, "What `abctl hold` printed")->required()->type_name("");
   releaseCommand->footer(
       "A token that is not held (any more) is no error.\n\n"
       "Example:\n  abctl release 6C0F2A7E-0B7B-4B43-9E0C-6C6E7F1D2A55");

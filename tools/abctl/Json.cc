@@ -119,17 +119,21 @@ std::string jsonText(const Value& value, bool indented) {
 }
 
 Value valueOfJson(std::string_view text, const std::string& source) {
-  bool tooDeep = false;
-  const auto watchDepth = [&tooDeep](int depth, Json::parse_event_t, Json&) {
+  bool tooDeep = false, hasNull = false;
+  const auto inspect = [&tooDeep, &hasNull](int depth, Json::parse_event_t event, Json& part) {
     tooDeep = tooDeep || depth > kDeepest;
+    hasNull = hasNull || (event == Json::parse_event_t::value && part.is_null());
     return !tooDeep;
   };
   try {
-    const Json json = Json::parse(text.begin(), text.end(), watchDepth);
+    const Json json = Json::parse(text.begin(), text.end(), inspect);
     if (tooDeep) throw Failure(kUsage, source + " nests too deeply");
+    // A null would vanish on its way, and a rule with it.
+    if (hasNull) throw Failure(kUsage, source + " has a null in it", "leave the key out instead");
     return valueOf(json);
   } catch (const Json::exception& error) {
-    throw Failure(kUsage, source + " is not JSON: " + error.what());
+    const std::string_view reason = error.what();  // begins with the library's own "[...] "
+    throw Failure(kUsage, source + " is not JSON: " + std::string(reason.substr(reason.find("] ") + 2)));
   }
 }
 

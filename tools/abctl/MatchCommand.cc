@@ -26,7 +26,7 @@ const char* const kExamples =
     "  abctl match --rule ZQExtensionPointName=com.veltra.share-service --rule 'ZQExtensionVersion=>=1.10'\n"
     "  abctl match --rule ZQExtensionIdentifier=org.example.a --rule ZQExtensionIdentifier=org.example.b\n"
     "  abctl match --rule 'ZQExtensionActivationRule={\"items\":[{\"types\":[\"image/png\"]}]}'\n"
-    "  abctl match --all --json | jq -r '.[].path'\n";
+    "  abctl match --all --json | jq -r '.[].path'";
 
 void printReplacements(const std::vector<Dictionary>& forms, const Screen& screen) {
   for (const Dictionary& form : forms) {

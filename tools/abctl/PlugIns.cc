@@ -81,6 +81,12 @@ std::vector<Dictionary> findPlugIns(Daemon& daemon, const std::string& name) {
   return forms;
 }
 
+bool hasPlugIns(Daemon& daemon, const std::string& application) {
+  return !search(daemon, Dictionary{{"ZQExtensionContainingApp", literally(application)}}, kEveryOne,
+                 [](const Dictionary&) { return true; })
+              .empty();
+}
+
 std::vector<UUID> findUUIDs(Daemon& daemon, const std::vector<std::string>& names) {
   std::vector<UUID> uuids;
   const auto append = [&uuids](const std::optional<UUID>& uuid) {

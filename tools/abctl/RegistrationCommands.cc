@@ -73,11 +73,12 @@ ExitCode bulk(const Context& context, uint64_t flags) {
 void addRegistrationCommands(CLI::App& app, Context& context) {
   const auto added = std::make_shared<std::vector<std::string>>();
   CLI::App* const addCommand = app.add_subcommand("add", "Register plug-in bundles by path");
-  addCommand->add_option("PATH", *added, "The bundle's directory")->required();
+  addCommand->add_option("PATH", *added, "The bundle's directory")->required()->type_name("");
   addCommand->footer(
       "A registration by path outlives its bundle until it is removed. Outside the system volume a plug-in\n"
       "without a containing application is offered to no host; `abctl match --all` shows it.\n"
-      "When one path fails, those before it stay registered and those after it are not looked at.\n\n"
+      "When one path fails, those before it stay registered and those after it are not looked at.\n"
+      "A bundle that breaks the rules for plug-ins is registered, but never offered; abd's log says why.\n\n"
       "Example:\n  abctl add ~/build/Ruler.appex");
   addCommand->callback(
       [&context, added] { context.command = [&context, added] { return add(context, *added); }; });
@@ -85,10 +86,12 @@ void addRegistrationCommands(CLI::App& app, Context& context) {
   const auto removed = std::make_shared<std::vector<std::string>>();
   CLI::App* const removeCommand = app.add_subcommand("remove", "Unregister plug-in bundles");
   removeCommand->add_option("PLUG-IN", *removed, "Path (also of a bundle that is gone), identifier or UUID")
-      ->required();
+      ->required()
+      ->type_name("");
   removeCommand->footer(
       "Files are not touched. A plug-in of an application comes back when its bundle changes or it is "
-      "added.\n\n"
+      "added.\n"
+      "Plug-ins of the system volume cannot be removed.\n\n"
       "Example:\n  abctl remove ~/build/Ruler.appex");
   removeCommand->callback(
       [&context, removed] { context.command = [&context, removed] { return remove(context, *removed); }; });
@@ -96,6 +99,7 @@ void addRegistrationCommands(CLI::App& app, Context& context) {
   const auto flags = std::make_shared<uint64_t>(0);
   CLI::App* const bulkCommand = app.add_subcommand("bulk", "Send a bulk request (abd only logs its flags)");
   bulkCommand->add_option("--flags", *flags, "Flags to send")->type_name("NUMBER");
+  bulkCommand->footer("Example:\n  abctl bulk --flags 0x1");
   bulkCommand->callback(
       [&context, flags] { context.command = [&context, flags] { return bulk(context, *flags); }; });
 }

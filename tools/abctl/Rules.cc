@@ -1,13 +1,9 @@
 #include "tools/abctl/Rules.h"
 
-#include <iostream>
-#include <iterator>
-#include <optional>
 #include <utility>
-#include <variant>
 
-#include "platform/propertylist/PropertyList.h"
 #include "tools/abctl/Failure.h"
+#include "tools/abctl/Input.h"
 #include "tools/abctl/Json.h"
 
 namespace abctl {
@@ -15,42 +11,7 @@ namespace {
 
 using platform::Array;
 using platform::Dictionary;
-using platform::Error;
 using platform::Value;
-
-std::string contents(const std::string& file) {
-  if (file == "-") return {std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
-  auto read = platform::readFile(file);
-  if (const Error* const error = std::get_if<Error>(&read))
-    throw Failure(kUsage, "cannot read the rules in " + file + ": " + error->localizedDescription());
-  return std::get<std::string>(std::move(read));
-}
-
-/// A property list begins with "<" or with its binary mark, JSON with neither.
-bool looksLikeJson(const std::string& text) {
-  const size_t first = text.find_first_not_of(" \t\r\n");
-  return first != std::string::npos && (text[first] == '{' || text[first] == '[');
-}
-
-Dictionary rulesOfFile(const std::string& file) {
-  const std::string text = contents(file);
-  const std::string name = file == "-" ? "standard input" : file;
-  Value value;
-  if (looksLikeJson(text)) {
-    value = valueOfJson(text, name);
-  } else {
-    auto parsed = platform::parsePropertyList(text);
-    if (const Error* const error = std::get_if<Error>(&parsed))
-      throw Failure(kUsage, "the rules in " + name + " cannot be read: " + error->localizedDescription(),
-                    "rules are a property list or JSON: one dictionary from rule key to pattern");
-    value = std::get<Value>(std::move(parsed));
-  }
-  const Dictionary* const rules = value.dictionary();
-  if (rules == nullptr)
-    throw Failure(kUsage, "the rules in " + name + " are no dictionary",
-                  "write one dictionary from rule key to pattern");
-  return *rules;
-}
 
 Value patternOf(const std::string& key, const std::string& text) {
   if (text == "true") return Value(true);
@@ -88,7 +49,7 @@ const char* const kRulesHelp =
     "  The same key given again is an alternative. A value that is itself \"true\" is written KEY==true.\n";
 
 Dictionary readRules(const std::string& file, const std::vector<std::string>& words) {
-  Dictionary rules = file.empty() ? Dictionary() : rulesOfFile(file);
+  Dictionary rules = file.empty() ? Dictionary() : dictionaryOfFile(file, "rules");
   Dictionary given;
   for (const std::string& word : words) {
     const size_t separator = word.find('=');

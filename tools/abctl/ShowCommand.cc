@@ -177,7 +177,7 @@ ExitCode show(const Context& context, const std::string& name) {
 void addShowCommand(CLI::App& app, Context& context) {
   const auto name = std::make_shared<std::string>();
   CLI::App* const command = app.add_subcommand("show", "Show one plug-in in full");
-  command->add_option("PLUG-IN", *name, "Identifier, UUID or path")->required();
+  command->add_option("PLUG-IN", *name, "Identifier, UUID or path")->required()->type_name("");
   command->footer(
       "What is shown is what hosts get: the Info dictionary merged with the extension point's defaults. Of\n"
       "several versions the one that hosts are offered is shown; the path of a bundle shows all its "

@@ -97,7 +97,7 @@ ExitCode access(const Context& context, const std::vector<std::string>& names) {
 void addUseCommands(CLI::App& app, Context& context) {
   const auto options = std::make_shared<ReadyOptions>();
   CLI::App* const readyCommand = app.add_subcommand("ready", "Make plug-ins launchable, and show how");
-  readyCommand->add_option("PLUG-IN", options->names, "Identifier, UUID or path")->required();
+  readyCommand->add_option("PLUG-IN", options->names, "Identifier, UUID or path")->required()->type_name("");
   readyCommand->add_option("--run", options->command, "Then run this shell command in abctl's place")
       ->type_name("COMMAND");
   readyCommand->footer(
@@ -112,7 +112,7 @@ void addUseCommands(CLI::App& app, Context& context) {
 
   const auto names = std::make_shared<std::vector<std::string>>();
   CLI::App* const accessCommand = app.add_subcommand("access", "Get read tokens for plug-ins' bundles");
-  accessCommand->add_option("PLUG-IN", *names, "Identifier, UUID or path")->required();
+  accessCommand->add_option("PLUG-IN", *names, "Identifier, UUID or path")->required()->type_name("");
   accessCommand->footer(
       "One line per plug-in: UUID and token.\n\nExample:\n  abctl access org.example.postcards.stamps");
   accessCommand->callback(

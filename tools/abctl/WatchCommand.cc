@@ -6,6 +6,7 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,7 +34,7 @@ using Snapshot = std::map<std::string, Dictionary>;
 
 struct WatchOptions {
   MatchOptions match;
-  uint64_t count = 0;  // 0: until stopped
+  std::optional<int64_t> count;  // none: until stopped
 };
 
 Snapshot snapshot(Daemon& daemon, const Dictionary& rules, uint64_t flags) {
@@ -65,7 +66,7 @@ std::string changeText(const Dictionary& before, const Dictionary& after) {
   }
   for (const Dictionary::Entry& entry : before)
     if (!after.contains(entry.key.view())) say("no " + std::string(entry.key.view()));
-  return changes;
+  return changes.empty() ? "annotations" : changes;  // another entry of theirs, or the first record
 }
 
 class Difference {
@@ -160,6 +161,7 @@ class Observing {
 };
 
 ExitCode watch(const Context& context, const WatchOptions& options) {
+  if (options.count && *options.count < 1) throw Failure(kUsage, "--count is at least 1");
   const Dictionary rules = options.match.ruleDictionary();
   Waiting waiting;  // before the first thread
   Daemon daemon(context);
@@ -169,7 +171,7 @@ ExitCode watch(const Context& context, const WatchOptions& options) {
   Snapshot known = snapshot(daemon, rules, options.match.flags());
   waiting.watchDaemon(context.service);
   announceStart(context, known);
-  for (uint64_t seen = 0; options.count == 0 || seen < options.count;) {
+  for (uint64_t seen = 0; !options.count || seen < static_cast<uint64_t>(*options.count);) {
     const Waiting::Result result = waiting.wait();
     if (result.event == Waiting::Event::stop) return kSuccess;
     if (result.event == Waiting::Event::lost) throw Failure(kUnreachable, "the daemon has gone");

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Ambrel/ABProtocol.h"
+#include "platform/log/Log.h"
 #include "platform/system/Directories.h"
 #include "platform/value/Value.h"
 #include "tools/abctl/Commands.h"
@@ -52,10 +53,12 @@ void declareOptions(CLI::App& app, Context& context) {
   app.footer(kFooter);
   app.require_subcommand(0, 1);  // a missing one is explained by run()
   app.fallthrough();
+  app.get_formatter()->label("REQUIRED", "(required)");
+  app.get_formatter()->label("Excludes", "not with");
+  app.set_version_flag("--version", "abctl " ABD_VERSION);
   app.add_flag("--json", context.json, "Print JSON for programs instead of text for people");
   app.add_option("--service", context.service, "Name of the daemon's service")->type_name("NAME");
   app.add_option("--timeout", context.timeoutSeconds, "Seconds to wait for one answer (30)")
-      ->check(CLI::PositiveNumber)
       ->type_name("SECONDS");
   addMatchCommand(app, context);
   addShowCommand(app, context);
@@ -64,6 +67,9 @@ void declareOptions(CLI::App& app, Context& context) {
   addHoldCommands(app, context);
   addWatchCommand(app, context);
   addRegistrationCommands(app, context);
+  for (CLI::App* const command : app.get_subcommands(nullptr))
+    command->footer(command->get_footer() +
+                    "\n\nOptions of every command: --json, --service NAME, --timeout SECONDS (abctl --help)");
 }
 
 ExitCode run(int argc, char** argv, Context& context) {
@@ -80,7 +86,8 @@ ExitCode run(int argc, char** argv, Context& context) {
     throw Failure(abctl::kUsage, error.what(), "see: abctl" + chosen + " --help");
   }
   if (!context.command) throw Failure(abctl::kUsage, "say what to do", "see: abctl --help");
-  if (context.timeoutSeconds > 1e6) throw Failure(abctl::kUsage, "--timeout is at most 1000000 seconds");
+  if (!(context.timeoutSeconds > 0 && context.timeoutSeconds <= 1e6))
+    throw Failure(abctl::kUsage, "--timeout is more than 0 and at most 1000000 seconds");
   if (!platform::isSafeFileName(context.service))
     throw Failure(abctl::kUsage, "\"" + context.service + "\" cannot be a service name",
                   "a service name is one file name: not empty, without \"/\", at most 200 bytes");
@@ -91,6 +98,7 @@ ExitCode run(int argc, char** argv, Context& context) {
 
 int main(int argc, char** argv) {
   abctl::setUpCharacters();
+  platform::keepLogFromStandardError();  // what goes wrong is printed once, as a Failure
   Context context;
   context.service = ambrel::kDefaultServiceName;
   // Known before the command line is parsed, so that its mistakes come out as JSON, too.
