@@ -46,12 +46,14 @@ Result<Value> parsePropertyList(std::string_view bytes) {
   return detail::parseXMLPropertyList(copy);
 }
 
-Result<std::string> readFile(const std::string& path, uint64_t limit) {
+Result<std::string> readFile(const std::string& path, uint64_t limit, FileIdentity* identity) {
+  if (identity != nullptr) *identity = FileIdentity();
   const detail::FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   if (!file.isValid()) return readError(errno, path);
   struct stat status;
   if (fstat(file.get(), &status) != 0) return readError(errno, path);
   if (!S_ISREG(status.st_mode)) return readError(EINVAL, path);
+  if (identity != nullptr) *identity = FileIdentity::of(status);
   if (static_cast<uint64_t>(status.st_size) > limit) return readError(EFBIG, path);
   // One byte more than expected: a read that ends short of it, where the file should end, has seen the end.
   const auto expected = static_cast<size_t>(status.st_size);
@@ -70,15 +72,15 @@ Result<std::string> readFile(const std::string& path, uint64_t limit) {
   return contents;
 }
 
-Result<Value> readPropertyListFile(const std::string& path, uint64_t limit) {
-  Result<std::string> contents = readFile(path, limit);
+Result<Value> readPropertyListFile(const std::string& path, uint64_t limit, FileIdentity* identity) {
+  Result<std::string> contents = readFile(path, limit, identity);
   if (Error* error = std::get_if<Error>(&contents)) return std::move(*error);
   std::string& bytes = std::get<std::string>(contents);
   return isBinary(bytes) ? parseBinary(bytes) : detail::parseXMLPropertyList(bytes);
 }
 
-std::optional<Dictionary> readDictionaryFile(const std::string& path) {
-  const Result<Value> list = readPropertyListFile(path);
+std::optional<Dictionary> readDictionaryFile(const std::string& path, FileIdentity* identity) {
+  const Result<Value> list = readPropertyListFile(path, kMaximumPropertyListFile, identity);
   const Value* value = std::get_if<Value>(&list);
   if (value == nullptr || !value->isDictionary()) return std::nullopt;
   return *value->dictionary();

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <variant>
 
+#include "platform/propertylist/FileReplacement.h"
 #include "platform/value/Error.h"
 #include "platform/value/Value.h"
 
@@ -34,14 +35,17 @@ Result<Value> parsePropertyList(std::string_view bytes);
 
 /// Reads a whole regular file of at most `limit` bytes, without ever blocking on a FIFO or a device. Errors:
 /// a missing file is domain "File", code kFileReadNoSuchFile; anything else the system's own error in domain
-/// "POSIX" (EFBIG when too large, EINVAL when not a regular file).
-Result<std::string> readFile(const std::string& path, uint64_t limit = kMaximumPropertyListFile);
+/// "POSIX" (EFBIG when too large, EINVAL when not a regular file). `identity`: where what identified the file
+/// before it was read goes; an empty identity when it could not be opened.
+Result<std::string> readFile(const std::string& path, uint64_t limit = kMaximumPropertyListFile,
+                             FileIdentity* identity = nullptr);
 
 /// readFile() and parsePropertyList().
-Result<Value> readPropertyListFile(const std::string& path, uint64_t limit = kMaximumPropertyListFile);
+Result<Value> readPropertyListFile(const std::string& path, uint64_t limit = kMaximumPropertyListFile,
+                                   FileIdentity* identity = nullptr);
 
 /// The dictionary that a property-list file holds; none when it cannot be read or holds something else.
-std::optional<Dictionary> readDictionaryFile(const std::string& path);
+std::optional<Dictionary> readDictionaryFile(const std::string& path, FileIdentity* identity = nullptr);
 
 /// Serialises as an XML property list, UTF-8, without a document type. Errors (domain "File", code
 /// kPropertyListWriteInvalid): a value that such a file cannot restore exactly (canBeWritten() says which).

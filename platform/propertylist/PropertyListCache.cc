@@ -25,6 +25,11 @@ struct PropertyListCache::Implementation {
   std::unordered_map<std::string_view, std::list<Entry>::iterator> byPath;  // keys lie in the entries
   uint64_t generation = 0;                                                  // counts clear()
 
+  bool isKept(const std::string& path) {
+    const std::lock_guard lock(mutex);
+    return byPath.contains(path);
+  }
+
   void remove(const std::string& path) {
     const auto found = byPath.find(path);
     if (found == byPath.end()) return;
@@ -49,25 +54,25 @@ PropertyListCache::~PropertyListCache() = default;
 
 std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path) {
   Implementation& cache = *implementation_;
-  // Taken before reading: a file that changes meanwhile is read anew next time.
-  const std::optional<FileIdentity> identity = FileIdentity::ofFile(path);
+  // What is not kept needs no look before it is opened; no file is looked at while the lock is held.
+  const auto present = cache.isKept(path) ? FileIdentity::ofFile(path) : std::nullopt;
   uint64_t generation;
   {
     const std::lock_guard lock(cache.mutex);
     generation = cache.generation;
     const auto found = cache.byPath.find(path);
-    if (found != cache.byPath.end() && identity == found->second->identity) {
+    if (found != cache.byPath.end() && present == found->second->identity) {
       cache.entries.splice(cache.entries.begin(), cache.entries, found->second);
       return found->second->dictionary;
     }
     cache.remove(path);
   }
-  if (!identity) return std::nullopt;
-  const bool keeps = identity->isSettled();
-  std::optional<Dictionary> dictionary = readDictionaryFile(path);
-  if (!keeps) return dictionary;
+  // Taken before reading: a file that changes meanwhile is read anew next time.
+  FileIdentity identity;
+  std::optional<Dictionary> dictionary = readDictionaryFile(path, &identity);
+  if (identity == FileIdentity() || !identity.isSettled()) return dictionary;
   const std::lock_guard lock(cache.mutex);
-  if (generation == cache.generation) cache.insert({path, *identity, dictionary});
+  if (generation == cache.generation) cache.insert({path, identity, dictionary});
   return dictionary;
 }
 

@@ -1,5 +1,6 @@
 #include "platform/qmx/Bundle.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,10 +34,7 @@ bool isKind(const std::string& path, mode_t kind) {
 
 /// The canonical path of a directory; "" when it is none.
 std::string canonicalDirectory(const std::string& path) {
-  if (const FileDescriptor file = openCanonical(path)) {
-    struct stat status {};
-    return fstat(file.get(), &status) == 0 && S_ISDIR(status.st_mode) ? path : std::string();
-  }
+  if (openCanonical(path, O_DIRECTORY)) return path;
   std::string canonical = canonicalPath(path);
   return !canonical.empty() && isKind(canonical, S_IFDIR) ? canonical : std::string();
 }

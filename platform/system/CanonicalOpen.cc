@@ -24,10 +24,10 @@ bool isPlain(std::string_view path) {
 
 }  // namespace
 
-FileDescriptor openCanonical(const std::string& path) {
+FileDescriptor openCanonical(const std::string& path, uint64_t flags) {
   if (!isPlain(path)) return FileDescriptor();
   open_how how{};
-  how.flags = O_PATH | O_CLOEXEC;
+  how.flags = O_PATH | O_CLOEXEC | flags;
   how.resolve = RESOLVE_NO_SYMLINKS;
   return FileDescriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
 }
