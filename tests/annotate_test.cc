@@ -29,7 +29,10 @@ class Annotate : public DaemonTest {
     return elect(uuid(identifier), election);
   }
   Value annotationsInForm(std::string_view identifier) { return form(identifier)["annotations"]; }
-  std::string elected(const char* pattern) { return found(Dictionary{{"ZQUserElection", pattern}}); }
+  /// With a name to look for, so that the search is narrowed by the elections, too.
+  std::string elected(const char* pattern) {
+    return found(Dictionary{{"ZQExtensionPointName", "com.example.share"}, {"ZQUserElection", pattern}});
+  }
   /// Installs an application with these plug-ins, starts the daemon, and answers the first's UUID.
   UUID startWith(const std::vector<PlugInBundle>& plugIns) {
     root.install("A.app", plugIns);
@@ -60,6 +63,8 @@ TEST_F(Annotate, AnElectionIsStoredLoggedAnnouncedAndShownInForms) {
   EXPECT_EQ(elect(a, 257), "");
   EXPECT_EQ(annotationsInForm("a"), Value(Dictionary{{"election", 257}, {"extension", extension}}));
   EXPECT_EQ(elected("1"), "a b") << "only the low bits count";
+  EXPECT_EQ(elected("257") + elected("2"), "");
+  EXPECT_EQ(elected(">0"), "a b");
 
   start();
   EXPECT_EQ(annotationsInForm("a"), Value(Dictionary{{"election", 257}, {"extension", extension}}));
@@ -124,8 +129,10 @@ TEST_F(Annotate, TheDeepestExtensionThatIsTakenIsReadBackAndOneDeeperIsRefused) 
 
 TEST_F(Annotate, APlugInAndItsReplacementShareTheirElection) {
   const std::string application = root.install(
-      "A.app", {{.identifier = "old"},
-                {.identifier = "new", .entitlements = {{"com.veltra.developer.replace-plugin", "old"}}}});
+      "A.app",
+      {{.identifier = "old"},
+       {.identifier = "new", .entitlements = {{"com.veltra.developer.replace-plugin", "old"}}},
+       {.identifier = "several", .entitlements = {{"com.veltra.developer.replace-plugin", Array{"old"}}}}});
   start();
   EXPECT_EQ(elect("new", 2), "");
   EXPECT_EQ(elected("2"), "new old");
@@ -133,19 +140,30 @@ TEST_F(Annotate, APlugInAndItsReplacementShareTheirElection) {
   fs::rename(application, root.path() + "/away");
   ASSERT_TRUE(eventually([&] { return found().empty(); }));
   fs::rename(root.path() + "/away", application);
-  ASSERT_TRUE(eventually([&] { return found() == "new old"; }));
+  ASSERT_TRUE(eventually([&] { return found() == "new old several"; }));
   EXPECT_EQ(elected("2"), "new old") << "an uninstall touches no annotation";
 }
 
 TEST_F(Annotate, PlugInsThatElectThemselvesAreElectedWithoutAnnouncement) {
-  const UUID plugIn =
-      startWith({{.identifier = "auto", .entitlements = {{"com.veltra.developer.auto-elect-plugin", true}}}});
-  EXPECT_EQ(elected("1"), "auto");
-  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"auto", Dictionary{{"election", 1}}}}));
+  const auto asking = [](const char* identifier, const Value& how) {
+    return PlugInBundle{.identifier = identifier,
+                        .entitlements = {{"com.veltra.developer.auto-elect-plugin", how}}};
+  };
+  root.install("A.app", {asking("auto", true), asking("text", "yes"), asking("not", false)});
+  start();
+  EXPECT_EQ(elected("1"), "auto") << "who asks with another value is elected when it is looked at";
+  EXPECT_EQ(found(), "auto not text");
+  EXPECT_EQ(elected("1"), "auto text");
+  const Value record = Dictionary{{"election", 1}};
+  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"auto", record}, {"text", record}}));
   EXPECT_EQ(root.changeNotifications(), 0u);
-  EXPECT_EQ(elect(plugIn, 2), "");
+  const Value extension = Dictionary{{"a", 1}};
+  EXPECT_EQ(elect("auto", 2), "");
+  EXPECT_EQ(errorOf(annotate({uuid("text")}, Dictionary{{"election", 0}, {"extension", extension}})), "");
   start();
   EXPECT_EQ(elected("2"), "auto") << "an election that was made stays";
+  EXPECT_EQ(annotationsInForm("text"), Value(Dictionary{{"election", 1}, {"extension", extension}}))
+      << "the default is no election";
 }
 
 TEST_F(Annotate, APlugInWhoseNameNoFileCanHoldSpoilsNobodysElection) {

@@ -1,4 +1,4 @@
-// The database: its cache and its limit, look-ups, the narrowed search, elections, announcements.
+// The database: the narrowed search, and records that come and go meanwhile.
 
 #include <filesystem>
 #include <set>
@@ -14,11 +14,9 @@ namespace fs = std::filesystem;
 
 using Record = std::shared_ptr<ABDPlugIn>;
 
-constexpr const char* kAutoElect = "com.veltra.developer.auto-elect-plugin";
-
 class Database : public testing::Test {
  protected:
-  Database() { thisServer().setCacheLimit(1000); }
+  Database() { thisServer(); }
 
   static Record look(const UUID& uuid) { return thisServer().findPlugIn(uuid); }
   /// Identifiers of the candidates for `rules`.
@@ -27,19 +25,6 @@ class Database : public testing::Test {
     const auto records = thisServer().findPlugIns(rules).value();
     for (const auto& record : records) found.emplace(record->identifier().view());
     return found;
-  }
-  static Value election(const ABDPlugIn& record) {
-    return thisServer().annotationForPlugIn(record)["election"];
-  }
-  static void elect(const ABDPlugIn& record, const Value& election) {
-    thisServer().setAnnotation(Dictionary{{"election", election}}, record);
-  }
-  /// Empties the cache but for one record, so that the next look-up builds its record anew.
-  static void purge() {
-    static int count = 0;
-    thisServer().setCacheLimit(0);
-    logOf([] { registeredRecord({.identifier = "purge." + std::to_string(count++)}); });
-    thisServer().setCacheLimit(1000);
   }
 };
 
@@ -69,39 +54,6 @@ TEST_F(Database, PlaceholdersAreOnlyFoundByName) {
   EXPECT_EQ(look(record->uuid()), record);
   fs::remove(*record->containingPath() + "/Placeholder");
   EXPECT_TRUE(candidates(std::nullopt).contains("coming"));
-}
-
-TEST_F(Database, ElectionsNarrowByTheirLowBits) {
-  const auto found = [](const char* name, const Value& elections) {
-    return !candidates(Dictionary{{"ZQExtensionIdentifier", name}, {"ZQUserElection", elections}}).empty();
-  };
-  const Record record = registeredRecord({.identifier = "elected"});
-  EXPECT_TRUE(found("elected", "0"));
-  EXPECT_FALSE(found("elected", Array{"1", "2"}));
-  elect(*record, 257);
-  EXPECT_TRUE(found("elected", Array{"1", "2"}));
-  EXPECT_FALSE(found("elected", "257"));
-  elect(*record, -1);
-  EXPECT_TRUE(found("elected", "=255"));
-  EXPECT_TRUE(found("elected", ">5"));
-
-  registerBundle({.identifier = "elected.auto", .entitlements = {{kAutoElect, true}}});
-  registerBundle({.identifier = "elected.text", .entitlements = {{kAutoElect, "yes"}}});
-  EXPECT_FALSE(found("elected.text", "1"));
-  EXPECT_TRUE(found("elected.auto", "1"));
-}
-
-TEST_F(Database, ElectsWhoAsksForItUnlessSomeoneChose) {
-  const Record record = registeredRecord({.identifier = "auto", .entitlements = {{kAutoElect, "yes"}}});
-  EXPECT_EQ(election(*record), Value(1));
-  thisServer().setAnnotation(Dictionary{{"election", 0}, {"extension", Dictionary{{"a", 1}}}}, *record);
-  purge();
-  look(record->uuid());
-  EXPECT_EQ(thisServer().annotationForPlugIn(*record),
-            Value(Dictionary{{"election", 1}, {"extension", Dictionary{{"a", 1}}}}));
-  const Record declining =
-      registeredRecord({.identifier = "auto.not", .entitlements = {{kAutoElect, false}}});
-  EXPECT_TRUE(election(*declining).isNone());
 }
 
 TEST_F(Database, ARecordOfAnUninstalledPlugInIsAnsweredButNotKept) {

@@ -51,8 +51,6 @@ TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
     const Log log = logOf([&] { EXPECT_EQ(recordAt(path, bundle), nullptr); });
     EXPECT_EQ(entriesWith(log, "ignoring mis-configured plug-in at " + path + ": " + text), 1u);
   };
-  expectReport({.identifier = "bad.hybrid", .plugIn = {{"EmbeddedCode", 1}}},
-               "hybrid plug-ins are not supported on this platform");
   expectReport({.identifier = "bad.proxy", .plugIn = {{"PassProxy", 1}}},
                "the \"PassProxy\" key is not supported on this platform");
   // An identifier that cannot be a directory's name: only data plug-ins live without a data container.
@@ -60,16 +58,6 @@ TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
   EXPECT_NE(recordAt(thisDevice().path() + "/bundles/data.appex",
                      {.identifier = "data/plugin", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}),
             nullptr);
-}
-
-TEST_F(PlugInRecord, AnnotatesThePlugInThatItReplaces) {
-  const auto key = [](const char* name, const Value& replaced) {
-    return registeredRecord(
-               {.identifier = name, .entitlements = {{"com.veltra.developer.replace-plugin", replaced}}})
-        ->annotationKey();
-  };
-  EXPECT_EQ(key("replacer.text", "original"), String("original"));
-  EXPECT_EQ(key("replacer.list", Array{"original"}), String("replacer.list"));
 }
 
 Value encodedForms(const std::vector<PlugInForm>& forms) {

@@ -35,9 +35,4 @@ size_t entriesWith(const std::vector<std::string>& log, std::string_view text) {
       log, [text](const std::string& each) { return each.find(text) != std::string::npos; }));
 }
 
-unsigned testSeed() {
-  const char* given = std::getenv("ABD_SEED");
-  return given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : 20261122u;
-}
-
 }  // namespace testsupport

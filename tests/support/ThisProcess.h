@@ -43,7 +43,4 @@ std::vector<std::string> logOf(F work) {
   return logEntries(testing::internal::GetCapturedStderr());
 }
 
-/// The seed of random tests; ABD_SEED sets another one.
-unsigned testSeed();
-
 }  // namespace testsupport
