@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -42,6 +43,19 @@ struct Options {
   std::vector<Item> items;
 };
 
+constexpr const char* kUsage =
+    "usage: share-desk [--service NAME] [--plugin IDENTIFIER] [--keep SECONDS] [TYPE=TEXT...]";
+
+unsigned seconds(const std::string& word) {
+  unsigned number = 0;
+  const char* const end = word.data() + word.size();
+  if (const auto parsed = std::from_chars(word.data(), end, number);
+      parsed.ec != std::errc() || parsed.ptr != end)
+    throw std::invalid_argument("\"" + word + "\" is no number of seconds");
+  return number;
+}
+
+/// Throws std::invalid_argument for a wrong command line.
 Options parse(int argc, char** argv) {
   Options options;
   for (int index = 1; index < argc; ++index) {
@@ -55,12 +69,11 @@ Options parse(int argc, char** argv) {
     } else if (word == "--plugin") {
       options.plugIn = next();
     } else if (word == "--keep") {
-      options.keepSeconds = static_cast<unsigned>(std::stoul(next()));
+      options.keepSeconds = seconds(next());
     } else if (const size_t separator = word.find('='); separator != std::string::npos) {
       options.items.push_back({word.substr(0, separator), word.substr(separator + 1)});
     } else {
-      throw std::invalid_argument(
-          "usage: share-desk [--service NAME] [--plugin IDENTIFIER] [--keep SECONDS] [TYPE=TEXT...]");
+      throw std::invalid_argument(kUsage);
     }
   }
   if (options.items.empty())
@@ -162,6 +175,9 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);  // a plug-in may end before it has read everything
   try {
     return run(argc, argv);
+  } catch (const std::invalid_argument& wrong) {
+    std::fprintf(stderr, "share-desk: %s\n", wrong.what());
+    return 2;
   } catch (const std::exception& error) {
     std::fflush(stdout);
     std::fprintf(stderr, "share-desk: %s\n", error.what());
