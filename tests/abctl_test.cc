@@ -218,6 +218,14 @@ TEST_F(Abctl, WrongUsageIsExplainedWithoutAskingTheDaemon) {
   EXPECT_EQ(asJson.err(), "");
 }
 
+TEST_F(Abctl, HelpTeachesEveryCommandByExample) {
+  for (const std::string command : {"match", "show", "elect", "annotate", "ready", "access", "hold",
+                                    "release", "watch", "add", "remove"}) {
+    const std::string help = run({command, "--help"}).out();
+    EXPECT_NE(help.find("  abctl " + command, help.find("Example")), std::string::npos) << help;
+  }
+}
+
 TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
   const DeviceRoot empty;
   Invocation none(empty, {"match"});
