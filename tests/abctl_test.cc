@@ -1,6 +1,7 @@
 // abctl as people and programs use it: the real program against the real daemon.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pty.h>
 
 #include <filesystem>
@@ -240,6 +241,12 @@ TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
   // Somebody who takes connections and never answers.
   const FileDescriptor deaf = listeningSocket(root_.runtime() + "/deaf");
   expectFailure({"--service", "deaf", "--timeout", "0.2", "match"}, 4, "--timeout");
+  const FileDescriptor mute = listeningSocket(root_.runtime() + "/mute");
+  Invocation hold(root_, {"--service", "mute", "hold", "--application", paint_});
+  pollfd asked{mute.get(), POLLIN, 0};
+  ASSERT_EQ(poll(&asked, 1, 10'000), 1);
+  hold.signal(SIGINT);
+  EXPECT_EQ(hold.status(), 4) << "Ctrl-C is heard while it waits for the answer";
 }
 
 TEST_F(Abctl, InItsBundleItMaySeeEverythingAndACopyElsewhereMayNot) {

@@ -1,11 +1,14 @@
 #include "tools/abctl/Daemon.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
+#include <iterator>
 #include <utility>
 #include <variant>
 
@@ -78,18 +81,29 @@ bool orderedBefore(const Dictionary& a, const Dictionary& b) {
 
 }  // namespace
 
-Daemon::Daemon(const Context& context) : service_(context.service), timeoutSeconds_(context.timeoutSeconds) {
+Daemon::Daemon(const Context& context, int stopDescriptor)
+    : service_(context.service), timeoutSeconds_(context.timeoutSeconds), stopDescriptor_(stopDescriptor) {
   requireSocket(service_);
   client_ = std::make_unique<ambrel::ABDaemonClient>(service_.c_str());
 }
 
 Daemon::~Daemon() = default;
 
+Daemon::Slot::Slot() : arrived(::eventfd(0, EFD_CLOEXEC)) {
+  if (arrived.get() < 0) throw Failure(kRefused, std::string("cannot wait: ") + std::strerror(errno));
+}
+
 Dictionary Daemon::wait(Slot& slot) {
-  std::unique_lock lock(slot.mutex);
-  const auto limit = std::chrono::duration<double>(timeoutSeconds_);
-  if (!slot.arrived.wait_for(lock, limit, [&slot] { return slot.reply.has_value(); }))
+  // A negative descriptor is left out.
+  pollfd ready[] = {{slot.arrived.get(), POLLIN, 0}, {stopDescriptor_, POLLIN, 0}};
+  const int limit = static_cast<int>(timeoutSeconds_ * 1000);
+  while (::poll(ready, std::size(ready), limit) < 0)
+    if (errno != EINTR) throw Failure(kRefused, std::string("cannot wait: ") + std::strerror(errno));
+  if (ready[0].revents == 0 && ready[1].revents != 0)
+    throw Failure(kUnreachable, "stopped before the daemon answered");
+  if (ready[0].revents == 0)
     throw Failure(kUnreachable, "the daemon did not answer in time", "try again with a longer --timeout");
+  const std::lock_guard lock(slot.mutex);
   if (const auto* const broken = std::get_if<platform::qmx::ConnectionError>(&*slot.reply))
     throw Failure(kUnreachable,
                   "no daemon answers at " + platform::Directories::shared().runtime + "/" + service_ + ": " +
@@ -110,7 +124,8 @@ Dictionary Daemon::ask(Send&& send, const char* pathHint) {
   send([slot](Reply&& reply) {
     const std::lock_guard lock(slot->mutex);
     slot->reply = std::move(reply);
-    slot->arrived.notify_one();
+    constexpr uint64_t kOne = 1;
+    [[maybe_unused]] const ssize_t written = ::write(slot->arrived.get(), &kOne, sizeof kOne);
   });
   try {
     return wait(*slot);

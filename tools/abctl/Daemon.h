@@ -3,7 +3,6 @@
 // The daemon as the commands see it: each call sends one request and waits for its answer; what goes wrong is
 // thrown as a Failure with the right exit code. Main thread; lives as long as the command.
 
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -13,6 +12,7 @@
 
 #include "Ambrel/ABDaemonClient.h"
 #include "platform/qmx/Message.h"
+#include "platform/system/FileDescriptor.h"
 #include "platform/value/UUID.h"
 #include "platform/value/Value.h"
 #include "tools/abctl/Commands.h"
@@ -22,7 +22,8 @@ namespace abctl {
 class Daemon {
  public:
   /// Throws when no daemon can be reached under the service's name.
-  explicit Daemon(const Context& context);
+  /// A question to it is given up when `stopDescriptor` becomes readable.
+  explicit Daemon(const Context& context, int stopDescriptor = -1);
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
@@ -44,8 +45,9 @@ class Daemon {
   using Reply = ambrel::ABDaemonClient::Reply;
   /// Where a reply arrives; shared with the closure, which may outlive a wait that timed out.
   struct Slot {
+    Slot();
+    platform::FileDescriptor arrived;
     std::mutex mutex;
-    std::condition_variable arrived;
     std::optional<Reply> reply;
   };
   /// `pathHint` is what to do when the daemon finds a path wrong.
@@ -55,6 +57,7 @@ class Daemon {
 
   const std::string service_;
   const double timeoutSeconds_;
+  const int stopDescriptor_;
   std::unique_ptr<ambrel::ABDaemonClient> client_;
 };
 

@@ -108,7 +108,7 @@ ExitCode hold(const Context& context, const HoldOptions& options) {
   if (options.applications.empty() && options.plugIns.empty())
     throw Failure(kUsage, "say what to hold: --application or --plugin", "see: abctl hold --help");
   Waiting waiting;  // before the first thread
-  Daemon daemon(context);
+  Daemon daemon(context, waiting.stopDescriptor());
   const std::vector<std::string> empty = withoutPlugIns(daemon, options);
   const UUID token = takeHold(context, daemon, options);
   printToken(context, token, empty);

@@ -23,6 +23,9 @@ class Waiting {
   Waiting(const Waiting&) = delete;
   Waiting& operator=(const Waiting&) = delete;
 
+  /// Readable when wait() would report a stop, for those who wait for something else meanwhile.
+  int stopDescriptor() const { return signals_.get(); }
+
   /// Reports the end of the daemon behind `service`, by a connection of its own on which nothing is sent.
   void watchDaemon(const std::string& service);
   void reportPosts(uint64_t posts);

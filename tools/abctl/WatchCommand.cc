@@ -164,7 +164,7 @@ ExitCode watch(const Context& context, const WatchOptions& options) {
   if (options.count && *options.count < 1) throw Failure(kUsage, "--count is at least 1");
   const Dictionary rules = options.match.ruleDictionary();
   Waiting waiting;  // before the first thread
-  Daemon daemon(context);
+  Daemon daemon(context, waiting.stopDescriptor());
   const Observing observing(waiting);
   if (!observing.isWatching())
     throw Failure(kRefused, "change notifications cannot be watched", "inotify may be out of watches");
