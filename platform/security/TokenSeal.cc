@@ -10,7 +10,9 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
+#include "platform/log/Log.h"
 #include "platform/system/Directories.h"
 #include "platform/system/FileDescriptor.h"
 #include "platform/value/UUID.h"
@@ -87,6 +89,8 @@ int makeKey(const std::string& directory, const std::string& path) {
   return number;
 }
 
+constexpr const char* kKeyFile = "Sandbox.key";
+
 struct Secret {
   Key key{};
   std::array<char, kRandomPart> random{};
@@ -104,13 +108,16 @@ const Secret* secret() {
   const std::string& state = Directories::shared().state;
   int number = state.empty() ? ENOENT : sodium_init() < 0 ? EIO : 0;
   if (number == 0) {
-    const std::string path = state + "/Sandbox.key";
+    const std::string path = state + "/" + kKeyFile;
     number = readKey(path, storage.key);
     if (number == ENOENT) {
       number = makeKey(state, path);
       if (number == 0) number = readKey(path, storage.key);
     }
   }
+  static int told = 0;  // one line for each reason: every token would say it again
+  if (std::exchange(told, number) != number && number != 0)
+    systemLog("the key of read tokens %s/%s cannot be used: %s", state, kKeyFile, std::strerror(number));
   if (number != 0) {
     errno = number;
     return nullptr;
