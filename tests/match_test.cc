@@ -342,19 +342,5 @@ TEST(Duplicates, AreResolvedAsAScanOfTheAcceptedOnesWould) {
   }
 }
 
-TEST(Duplicates, ManyOfOneIdentifierCostHardlyMoreForEach) {
-  const auto timeFor = [](size_t count) {
-    std::vector<Candidate> candidates;
-    for (size_t i = 0; i < count; ++i)
-      candidates.push_back({.identifier = "x", .version = "1." + std::to_string(i)});
-    const auto start = std::clock();  // this process's own time, whatever else the machine does
-    EXPECT_EQ(resolve(candidates, kAllVersions).size(), count);
-    return static_cast<double>(std::clock() - start);
-  };
-  const double few = std::max({timeFor(4000), timeFor(4000), timeFor(4000)});
-  EXPECT_LT(timeFor(40'000), 40 * few)
-      << "ten times as many would cost a hundredfold if each were scanned for";
-}
-
 }  // namespace
 }  // namespace testsupport

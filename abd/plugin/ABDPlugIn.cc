@@ -162,6 +162,7 @@ std::shared_ptr<const PlugInForm::KeptPart> ABDPlugIn::keptPart(std::optional<Er
   auto part = std::make_shared<PlugInForm::KeptPart>();
   for (unsigned which = 0; which < nameCount; ++which)
     if (form.contains(kNameKeys[which])) part->names = static_cast<uint8_t>(part->names | 1u << which);
+  part->shared = plugInDictionary()[plugInkey::shared];
   part->count = form.size();
   part->entries = qmx::encodeEntries(form);
   const std::lock_guard lock(mutex_);

@@ -47,7 +47,7 @@ Dictionary ABDPlugIn::issueResourceExtensions(const Value& shared) const {
 }
 
 void ABDPlugIn::augmentForm(PlugInForm& form) const {
-  const Value& shared = plugInDictionary()[plugInkey::shared];
+  const Value& shared = form.kept().shared;
   if (!shared.isNone()) form.set(PlugInForm::extensions, issueResourceExtensions(shared));
 }
 

@@ -21,11 +21,12 @@ class ABDPlugIn;
 
 class PlugInForm {
  public:
-  /// The encoding of some entries of a form, without a map head.
+  /// The encoding of some entries of a form, without a map head, and what the others are made from.
   struct KeptPart {
     Data entries;
     size_t count = 0;
     uint8_t names = 0;  // which localized names are among them
+    Value shared;       // the resources whose tokens belong to each form
   };
 
   /// The entries that belong to a request.
@@ -38,6 +39,7 @@ class PlugInForm {
   Value operator[](std::string_view key) const;
   void set(Entry entry, Value value) { entries_[entry] = std::move(value); }
   const std::shared_ptr<const ABDPlugIn>& plugIn() const { return plugIn_; }
+  const KeptPart& kept() const { return *kept_; }
 
   /// Appends the whole form as the next element of `builder`'s list.
   void encodeInto(qmx::EncodedListBuilder& builder) const;

@@ -40,7 +40,7 @@ DuplicateResolver::DuplicateResolver(uint64_t flags, size_t expected)
 
 DuplicateResolver::Verdict DuplicateResolver::admit(Candidate candidate) {
   if (keepsEverything_) return {.accepted = true, .displaced = {}};
-  Group& group = groups_[candidate.identifier.view()];
+  Group& group = groups_[candidate.identifier];
   if (keepsAllVersions_ && group.versions == nullptr) group.versions = std::make_unique<Versions>();
   const std::optional<size_t> rival =
       keepsAllVersions_ ? firstRival(*group.versions, candidate) : std::optional<size_t>(group.only);
@@ -67,7 +67,7 @@ DuplicateResolver::Verdict DuplicateResolver::admit(Candidate candidate) {
 std::optional<size_t> DuplicateResolver::firstRival(Versions& versions, const Candidate& candidate) const {
   if (candidate.version) {
     std::optional<size_t> rival;
-    if (const auto same = versions.byVersion.find(candidate.version->view());
+    if (const auto same = versions.byVersion.find(*candidate.version);
         same != versions.byVersion.end() && !same->second.empty())
       rival = same->second.front();
     if (!versions.withoutVersion.empty())
@@ -81,7 +81,7 @@ std::optional<size_t> DuplicateResolver::firstRival(Versions& versions, const Ca
 }
 
 std::vector<size_t>& DuplicateResolver::sameVersion(Versions& versions, const Candidate& candidate) {
-  return candidate.version ? versions.byVersion[candidate.version->view()] : versions.withoutVersion;
+  return candidate.version ? versions.byVersion[*candidate.version] : versions.withoutVersion;
 }
 
 }  // namespace abd

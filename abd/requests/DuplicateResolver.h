@@ -14,15 +14,14 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/value/Value.h"
-
 namespace abd {
 
 class DuplicateResolver {
  public:
+  /// Its texts are kept by the caller as long as the resolver lives.
   struct Candidate {
-    platform::String identifier;
-    std::optional<platform::String> version;
+    std::string_view identifier;
+    std::optional<std::string_view> version;
     bool onSystemVolume = false;
     int64_t lastModified = 0;
   };
@@ -64,7 +63,7 @@ class DuplicateResolver {
   std::vector<Candidate> accepted_;
   std::vector<bool> isDisplaced_;
   std::pmr::monotonic_buffer_resource memory_;
-  std::pmr::unordered_map<std::string_view, Group> groups_{&memory_};  // keys lie in accepted_
+  std::pmr::unordered_map<std::string_view, Group> groups_{&memory_};
 };
 
 }  // namespace abd

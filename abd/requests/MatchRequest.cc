@@ -100,12 +100,10 @@ void Matches::add(const ABDPlugIn& plugIn) {
   std::optional<Error> error;
   PlugInForm exported = plugIn.requestForm(&error);
   if (error) systemLog("error matching %@: %@", plugIn.path(), *error);
-  const String* version = plugIn.version().sharedString();
-  const DuplicateResolver::Verdict verdict =
-      duplicates_.admit({.identifier = plugIn.identifier(),
-                         .version = version != nullptr ? std::optional(*version) : std::nullopt,
-                         .onSystemVolume = plugIn.onSystemVolume(),
-                         .lastModified = plugIn.lastModified()});
+  const DuplicateResolver::Verdict verdict = duplicates_.admit({.identifier = plugIn.identifier(),
+                                                                .version = plugIn.version().string(),
+                                                                .onSystemVolume = plugIn.onSystemVolume(),
+                                                                .lastModified = plugIn.lastModified()});
   if (!verdict.accepted) return;
   if (verdict.displaced) {
     accepted_[*verdict.displaced].isDisplaced = true;
