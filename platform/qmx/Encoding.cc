@@ -10,6 +10,7 @@
 #include <cbor/streaming.h>
 
 #include <cstring>
+#include <utility>
 
 #include "platform/qmx/Limits.h"
 #include "platform/value/UTF8.h"
@@ -23,6 +24,8 @@ constexpr uint64_t kEncodedTag = 24;
 constexpr uint64_t kUUIDTag = 37;
 
 constexpr size_t kMaximumHead = 9;
+/// Fresh bytes of a list that are collected before they are given to their pieces.
+constexpr size_t kFreshChunk = 64u << 10;
 
 // --- Decoding ---
 
@@ -387,12 +390,15 @@ Data encodeEntries(const Dictionary& dictionary) {
 // --- EncodedListBuilder ---
 
 void EncodedListBuilder::beginArray(size_t count) {
+  // Mostly an element is a kept part and what is fresh around it.
+  pieces_.reserve(pieces_.size() + 2 * count + 1);
   const size_t from = fresh_.size();
   Encoder(fresh_).head(cbor_encode_array_start, count);
   extendFresh(from);
 }
 
 void EncodedListBuilder::beginMap(size_t count) {
+  if (fresh_.size() >= kFreshChunk) seal();
   const size_t from = fresh_.size();
   Encoder(fresh_).head(cbor_encode_map_start, count);
   extendFresh(from);
@@ -414,32 +420,33 @@ void EncodedListBuilder::entry(std::string_view key, const Value& value) {
 }
 
 void EncodedListBuilder::kept(const Data& part) {
-  if (!part.empty()) parts_.push_back({.kept = part});
+  if (!part.empty()) pieces_.push_back({part, part.bytes()});
 }
 
 void EncodedListBuilder::extendFresh(size_t from) {
-  // Fresh bytes that follow one another are one part.
-  if (!parts_.empty() && parts_.back().kept.empty()) {
-    parts_.back().size += fresh_.size() - from;
+  const size_t size = fresh_.size() - from;
+  // Fresh bytes that follow one another are one piece.
+  if (!pending_.empty() && pending_.back().piece + 1 == pieces_.size()) {
+    pending_.back().size += size;
   } else {
-    parts_.push_back({.kept = {}, .offset = from, .size = fresh_.size() - from});
+    pending_.push_back({pieces_.size(), from, size});
+    pieces_.emplace_back();
   }
 }
 
-EncodedPropertyList EncodedListBuilder::finish() {
-  const Data fresh{std::string_view(fresh_)};
-  std::vector<EncodedPropertyList::Piece> pieces;
-  pieces.reserve(parts_.size());
-  for (const Part& part : parts_) {
-    if (part.kept.empty()) {
-      pieces.push_back({fresh, fresh.bytes().subspan(part.offset, part.size)});
-    } else {
-      pieces.push_back({part.kept, part.kept.bytes()});
-    }
-  }
+/// Gives the fresh bytes to their pieces. Done in between, a long list touches the same memory again and
+/// again instead of ever more that is fresh from the system.
+void EncodedListBuilder::seal() {
+  const Data chunk{std::string_view(fresh_)};
+  for (const Pending& each : pending_)
+    pieces_[each.piece] = {chunk, chunk.bytes().subspan(each.offset, each.size)};
   fresh_.clear();
-  parts_.clear();
-  return EncodedPropertyList(std::move(pieces));
+  pending_.clear();
+}
+
+EncodedPropertyList EncodedListBuilder::finish() {
+  seal();
+  return EncodedPropertyList(std::exchange(pieces_, {}));
 }
 
 }  // namespace platform::qmx

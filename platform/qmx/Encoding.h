@@ -33,9 +33,8 @@ std::optional<Value> decodePropertyList(const EncodedPropertyList& list);
 /// Wraps `value` as an encoded property list (message value of tag 24).
 EncodedPropertyList encodePropertyList(const Value& value);
 
-/// Joins an encoded property list from kept parts and fresh entries without copying the kept ones. Fresh
-/// bytes are collected in one buffer. Usage: beginArray(n), then n times { beginMap(k), k entries by entry()
-/// or kept() }.
+/// Joins an encoded property list from kept parts and fresh entries without copying the kept ones. Usage:
+/// beginArray(n), then n times { beginMap(k), k entries by entry() or kept() }.
 class EncodedListBuilder {
  public:
   void beginArray(size_t count);
@@ -47,13 +46,15 @@ class EncodedListBuilder {
   EncodedPropertyList finish();
 
  private:
-  struct Part {
-    Data kept;  // empty: a range of fresh_
-    size_t offset = 0, size = 0;
+  /// A piece whose bytes are in fresh_ still.
+  struct Pending {
+    size_t piece = 0, offset = 0, size = 0;
   };
   void extendFresh(size_t from);
+  void seal();
   std::string fresh_;
-  std::vector<Part> parts_;
+  std::vector<EncodedPropertyList::Piece> pieces_;
+  std::vector<Pending> pending_;
 };
 
 /// The encodings of all entries of `dictionary` one after the other, without a map head.
