@@ -66,9 +66,4 @@ BusyMarking::~BusyMarking() {
   changeCount(-1);
 }
 
-uint32_t BusyMarking::count() {
-  const std::lock_guard lock(mutex);
-  return openMarkings;
-}
-
 }  // namespace platform

@@ -57,8 +57,6 @@ class BusyMarking {
   ~BusyMarking();
   BusyMarking(const BusyMarking&) = delete;
   BusyMarking& operator=(const BusyMarking&) = delete;
-  /// Open markings of the process.
-  static uint32_t count();
 };
 
 }  // namespace platform
