@@ -104,9 +104,31 @@ constexpr cbor_callbacks kCallbacks = {
     .indef_break = takeMalformed,
 };
 
+/// What the containers begun so far hold already, the inner ones' last. One for each thread: messages come in
+/// great number and are small.
+struct Scratch {
+  std::vector<Value> values;
+  std::vector<Dictionary::Entry> entries;
+
+  static Scratch& mine() {
+    thread_local Scratch scratch;
+    return scratch;
+  }
+  void clear() {
+    constexpr size_t kKept = 256;
+    values.clear();
+    entries.clear();
+    if (values.capacity() > kKept) values = {};
+    if (entries.capacity() > kKept) entries = {};
+  }
+};
+
 class Decoder {
  public:
   explicit Decoder(std::span<const uint8_t> bytes) : at_(bytes.data()), end_(at_ + bytes.size()) {}
+  Decoder(const Decoder&) = delete;
+  Decoder& operator=(const Decoder&) = delete;
+  ~Decoder() { scratch_.clear(); }
 
   bool isAtEnd() const { return at_ == end_; }
 
@@ -174,32 +196,34 @@ class Decoder {
 
   bool decodeArray(uint64_t count, Value& value, int nesting) {
     if (!enter(count, 1, nesting)) return false;
-    const size_t base = values_.size();
+    std::vector<Value>& values = scratch_.values;
+    const size_t base = values.size();
     for (; count > 0; --count) {
       --owed_;
       Value element;
       if (!decode(element, nesting - 1) || element.isNone()) return false;
-      values_.push_back(std::move(element));
+      values.push_back(std::move(element));
     }
-    value = Array::taking(std::span(values_).subspan(base));
-    values_.resize(base);
+    value = Array::taking(std::span(values).subspan(base));
+    values.resize(base);
     return true;
   }
 
   bool decodeMap(uint64_t count, Value& value, int nesting) {
     if (!enter(count, 2, nesting)) return false;
-    const size_t base = entries_.size();
+    std::vector<Dictionary::Entry>& entries = scratch_.entries;
+    const size_t base = entries.size();
     for (; count > 0; --count) {
       owed_ -= 2;
       Item key;
       if (!take(key) || key.kind != Item::Kind::text || !isValidText(text(key))) return false;
       Dictionary::Entry entry{String::interned(text(key)), {}};
       if (!decode(entry.value, nesting - 1)) return false;
-      entries_.push_back(std::move(entry));
+      entries.push_back(std::move(entry));
     }
-    std::optional<Dictionary> dictionary = Dictionary::taking(std::span(entries_).subspan(base));
+    std::optional<Dictionary> dictionary = Dictionary::taking(std::span(entries).subspan(base));
     if (!dictionary) return false;
-    entries_.resize(base);
+    entries.resize(base);
     value = std::move(*dictionary);
     return true;
   }
@@ -233,9 +257,7 @@ class Decoder {
   const uint8_t* at_;
   const uint8_t* end_;
   size_t owed_ = 0;
-  // What the containers begun so far hold already, the inner ones' last.
-  std::vector<Value> values_;
-  std::vector<Dictionary::Entry> entries_;
+  Scratch& scratch_ = Scratch::mine();
 };
 
 // --- Encoding ---
