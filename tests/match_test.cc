@@ -1,7 +1,6 @@
 // "match": what a host sees, in which form, and what hides it.
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
 #include <random>
 
