@@ -37,8 +37,9 @@ void write(const fs::path& path, const Value& value) {
 }
 
 std::shared_ptr<ABDPlugIn> makeRecord() {
-  std::string root = (fs::temp_directory_path() / "rules-fuzz-XXXXXX").string();
+  static std::string root = (fs::temp_directory_path() / "rules-fuzz-XXXXXX").string();
   require(mkdtemp(root.data()) != nullptr);
+  std::atexit([] { fs::remove_all(root); });
   for (const char* variable : {"XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS",
                                "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
     setenv(variable, (root + "/" + variable).c_str(), 1);
