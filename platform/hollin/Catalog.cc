@@ -359,9 +359,11 @@ std::vector<Registration> Catalog::takeUnsaved(size_t most) {
   for (size_t i = unsaved_.size() - count; i < unsaved_.size(); i++) {
     State* state = find(unsaved_[i]);
     if (state == nullptr) continue;
-    if (state->row == 0) state->row = ++lastRow_;
+    const bool isNew = state->row == 0;
+    if (isNew) state->row = ++lastRow_;
     state->isUnsaved = false;
     out.push_back(*state);
+    out.back().isNew = isNew;
   }
   unsaved_.resize(unsaved_.size() - count);
   return out;

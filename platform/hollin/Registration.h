@@ -28,6 +28,7 @@ struct Registration {
   std::vector<Slot> slots;
   bool isByPath = false;        // registered by path: outlives its bundle
   bool isUnregistered = false;  // found by scanning, but not wanted until it changes
+  bool isNew = false;           // on its way to the store for the first time
   double goneSince = 0;         // when the bundle was first missed; 0 while it is there
 };
 

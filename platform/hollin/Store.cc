@@ -233,10 +233,12 @@ int Store::write(const Registration& registration) {
   int code = sqlite3_step(writeBundle_.get());
   sqlite3_reset(writeBundle_.get());
   if (code != SQLITE_DONE) return code;
-  sqlite3_bind_int64(removePlugIns_.get(), 1, registration.row);
-  code = sqlite3_step(removePlugIns_.get());
-  sqlite3_reset(removePlugIns_.get());
-  if (code != SQLITE_DONE) return code;
+  if (!registration.isNew) {
+    sqlite3_bind_int64(removePlugIns_.get(), 1, registration.row);
+    code = sqlite3_step(removePlugIns_.get());
+    sqlite3_reset(removePlugIns_.get());
+    if (code != SQLITE_DONE) return code;
+  }
   for (const Slot& slot : registration.slots) {
     bindPlugInRow(writePlugIn_.get(), registration, slot, entitlements.has_value());
     code = sqlite3_step(writePlugIn_.get());
