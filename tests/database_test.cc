@@ -28,6 +28,13 @@ class Database : public testing::Test {
   }
 };
 
+TEST_F(Database, ARefusedRegistrationIsAnErrorValue) {
+  EXPECT_EQ(thisServer().addPlugIn(URL::file(thisDevice().path())),
+            ABError(2, "Hollin failed to register the plug-in"));
+  EXPECT_EQ(thisServer().removePlugIn(URL::file("/none.appex")),
+            ABError(2, "Hollin failed to deregister the plug-in"));
+}
+
 TEST_F(Database, NarrowsTheSearchByLiteralsOnly) {
   registeredRecord({.identifier = "search.a", .point = "search.point"});
   registeredRecord({.identifier = "search.b", .point = "search.point"});

@@ -139,4 +139,18 @@ TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
   EXPECT_TRUE(closedForm["extensions"].isNone());
 }
 
+TEST_F(PlugInRecord, WhatIsGoneOrWasNeverThereIsReportedWhereItIsNeeded) {
+  const Record vanished = installedRecord("Vanished.app", {.identifier = "vanished"});
+  fs::remove_all(*vanished->containingPath());
+  Log log = logOf([&] { EXPECT_TRUE(vanished->allowedQSVServices().empty()); });
+  EXPECT_EQ(entriesWith(log, "failed to create bundle for " + vanished->path()), 1u);
+
+  const Record homeless =
+      registeredRecord({.identifier = "homeless", .plugIn = {{"ZQExtensionProtocol", "#Data"}}});
+  log = logOf([&] { EXPECT_EQ(homeless->enableForPid(getpid()), std::nullopt); });
+  EXPECT_EQ(entriesWith(log, "no data container for plug-in homeless(1.0) " + homeless->uuid().string() +
+                                 " at " + homeless->path()),
+            1u);
+}
+
 }  // namespace

@@ -32,8 +32,12 @@ TEST(Hold, ThatComesAfterTheDeathOfItsClientIsReleasedAtOnce) {
   listener->resume();
   WireClient wire = WireClient::connect(qmx::servicePath("peer.test"));
   ASSERT_TRUE(runUntil([&client] { return client != nullptr; }));
+  const std::string address = format("%p", static_cast<const void*>(client.get()));
+  EXPECT_EQ(client->description(), "<ABDQmxClient " + address + " pid=" + std::to_string(getpid()) +
+                                       " con=" + client->connection()->description() + ">");
   wire.close();
   ASSERT_TRUE(runUntil([&client] { return !client->acceptWork() && client->connection() == nullptr; }));
+  EXPECT_EQ(client->description(), "<ABDQmxClient " + address + " NO CONNECTION>");
 
   const size_t notifications = thisDevice().changeNotifications();
   thisServer().addHold(std::make_shared<abd::ABDPlugInHold>(abd::ABDPlugInHold::PlugIns{plugIn}, client));
