@@ -124,11 +124,18 @@ void Catalog::apply(std::span<const Sighting> sightings, uint64_t since, double 
       outcome.stale.push_back(sighting);
       continue;
     }
+    if (sighting.facts != nullptr && sighting.entry.size() == 0 && !isExpected(state)) continue;
     if (state == nullptr) state = &findOrAdd(sighting.path);
     noteEntry(*state, sighting);
     settle(*state, sighting.facts, change);
   }
   announcer_.enqueue(std::move(change.uninstalled), std::move(change.installed));
+}
+
+/// What is seen by its path alone counts while it is registered by path, or a scan finds it, too: it may have
+/// been unregistered while somebody was on the way to look at it.
+bool Catalog::isExpected(const State* state) {
+  return state != nullptr && (state->isByPath || state->entry.size() != 0);
 }
 
 /// Who looks at a bundle by its path does not know whether a scan finds it too, by a link for example.

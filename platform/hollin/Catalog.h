@@ -128,6 +128,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
 
   State* find(std::string_view path);
   State& findOrAdd(const String& path);
+  static bool isExpected(const State* state);
   static void noteEntry(State& state, const Sighting& sighting);
   void settle(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
   void miss(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);

@@ -26,7 +26,7 @@ class HLBundleProxy {
   virtual ~HLBundleProxy() = default;
   /// Canonical location of the bundle; none when the registry has lost it.
   virtual std::optional<URL> bundleURL() const = 0;
-  /// Display name in the user's language; none when the bundle has none. Read from disk on each call.
+  /// Display name in the user's language; none when the bundle has none. Looked up anew on each call.
   virtual std::optional<std::string> localizedName() const = 0;
 };
 

@@ -37,7 +37,7 @@ class Registrar {
   /// `since` is the catalog's clock before the scan. Without `isBusy`, which is at start, nothing is
   /// postponed.
   Report applyScan(const Scan& scan, bool isEverything, uint64_t since, const IsBusy& isBusy);
-  /// Looks at bundles registered by path.
+  /// Looks at bundles by their paths; those that are not registered so any more are left alone.
   Report lookAt(const std::vector<std::string>& paths, const IsBusy& isBusy);
 
   /// Registers the bundle at a path on demand; false, and a reason in the log, when it is refused.
