@@ -118,8 +118,8 @@ struct Scratch {
     constexpr size_t kKept = 256;
     values.clear();
     entries.clear();
-    if (values.capacity() > kKept) values = {};
-    if (entries.capacity() > kKept) entries = {};
+    if (values.capacity() > kKept) values = std::vector<Value>();
+    if (entries.capacity() > kKept) entries = std::vector<Dictionary::Entry>();
   }
 };
 
