@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -96,11 +97,10 @@ Daemon::Slot::Slot() : arrived(::eventfd(0, EFD_CLOEXEC)) {
 Dictionary Daemon::wait(Slot& slot) {
   // A negative descriptor is left out.
   pollfd ready[] = {{slot.arrived.get(), POLLIN, 0}, {stopDescriptor_, POLLIN, 0}};
-  const int limit = static_cast<int>(timeoutSeconds_ * 1000);
+  const int limit = static_cast<int>(std::ceil(timeoutSeconds_ * 1000));
   while (::poll(ready, std::size(ready), limit) < 0)
     if (errno != EINTR) throw Failure(kRefused, std::string("cannot wait: ") + std::strerror(errno));
-  if (ready[0].revents == 0 && ready[1].revents != 0)
-    throw Failure(kUnreachable, "stopped before the daemon answered");
+  if (ready[0].revents == 0 && ready[1].revents != 0) throw Stopped();
   if (ready[0].revents == 0)
     throw Failure(kUnreachable, "the daemon did not answer in time", "try again with a longer --timeout");
   const std::lock_guard lock(slot.mutex);

@@ -34,4 +34,9 @@ struct Failure : std::runtime_error {
   platform::Dictionary details;
 };
 
+/// The user ended the command (Ctrl-C) while it waited for an answer.
+struct Stopped : Failure {
+  Stopped() : Failure(kUnreachable, "stopped before the daemon answered") {}
+};
+
 }  // namespace abctl

@@ -84,7 +84,8 @@ UUID takeHold(const Context& context, Daemon& daemon, const HoldOptions& options
 std::vector<std::string> withoutPlugIns(Daemon& daemon, const HoldOptions& options) {
   std::vector<std::string> empty;
   for (const std::string& application : options.applications)
-    if (const std::string path = absolutePath(application); !hasPlugIns(daemon, path)) empty.push_back(path);
+    if (const std::string path = absolutePath(application); !mayHavePlugIns(daemon, path))
+      empty.push_back(path);
   return empty;
 }
 

@@ -81,10 +81,14 @@ std::vector<Dictionary> findPlugIns(Daemon& daemon, const std::string& name) {
   return forms;
 }
 
-bool hasPlugIns(Daemon& daemon, const std::string& application) {
-  return !search(daemon, Dictionary{{"ZQExtensionContainingApp", literally(application)}}, kEveryOne,
-                 [](const Dictionary&) { return true; })
-              .empty();
+bool mayHavePlugIns(Daemon& daemon, const std::string& application) {
+  const Dictionary rules = {{"ZQExtensionContainingApp", literally(application)}};
+  try {
+    return !daemon.match(rules, kEveryOne | ABDiscoverAll).empty();
+  } catch (const Failure& failure) {
+    if (failure.daemonCode != ambrel::kABErrorAccess) throw;
+    return true;
+  }
 }
 
 std::vector<UUID> findUUIDs(Daemon& daemon, const std::vector<std::string>& names) {

@@ -13,8 +13,9 @@
 
 namespace abctl {
 
-/// Whether there is any plug-in in the application at this path, offered to hosts or not.
-bool hasPlugIns(Daemon& daemon, const std::string& application);
+/// Whether there is any plug-in in the application at this path, offered to hosts or not; true also when this
+/// abctl may not see those that are not offered.
+bool mayHavePlugIns(Daemon& daemon, const std::string& application);
 
 /// The plug-ins that `name` means, as forms: one for a UUID; for an identifier the one that hosts would get;
 /// for a path every plug-in of the bundle there. Plug-ins that are offered to nobody (held ones, for example)

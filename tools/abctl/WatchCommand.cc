@@ -160,7 +160,7 @@ class Observing {
   std::shared_ptr<platform::NotificationObserver> observer_;
 };
 
-ExitCode watch(const Context& context, const WatchOptions& options) {
+ExitCode watch(const Context& context, const WatchOptions& options) try {
   if (options.count && *options.count < 1) throw Failure(kUsage, "--count is at least 1");
   const Dictionary rules = options.match.ruleDictionary();
   Waiting waiting;  // before the first thread
@@ -180,6 +180,8 @@ ExitCode watch(const Context& context, const WatchOptions& options) {
     known = std::move(now);
     seen += result.posts;
   }
+  return kSuccess;
+} catch (const Stopped&) {
   return kSuccess;
 }
 
