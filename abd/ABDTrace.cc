@@ -52,7 +52,7 @@ void pluginAdd(const std::string& resolvedPath) {
 }
 
 void pluginRemove(const std::string& path, bool resolved) {
-  const int isResolved = resolved ? 1 : 0;  // not every tracer finds an argument in a byte register
+  const int isResolved = resolved ? 1 : 0;
   PLATFORM_PROBE2(abd, plugin__remove, path.c_str(), isResolved);
 }
 

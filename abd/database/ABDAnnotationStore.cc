@@ -121,6 +121,7 @@ std::optional<Error> ABDAnnotationStore::saveDb() const {
   auto bytes = serializedTable(annotations_);
   std::optional<Error> refusal;
   if (auto* error = std::get_if<Error>(&bytes)) {
+    if (error->code == EFBIG) return std::move(*error);
     // The identifier of one strange plug-in must not keep the elections of all others from being saved.
     refusal = std::move(*error);
     bytes = serializedTable(writableRecords(annotations_));

@@ -10,9 +10,10 @@
 //
 //   PLATFORM_DECLARE_PROBE(abd, client__new);           // in the header
 //   PLATFORM_DEFINE_PROBE(abd, client__new);            // in one source
-//   PLATFORM_PROBE1(abd, client__new, pid);             // integers, booleans and pointers
+//   PLATFORM_PROBE1(abd, client__new, pid);             // integers (no booleans: see below) and pointers
 //   if (PLATFORM_PROBE_ENABLED(abd, request__input)) ...
 //
+// An argument of one byte may be put into a register that not every tracer knows: pass a flag as an int.
 // Without the header the arguments are not evaluated. Any thread.
 
 #if __has_include(<sys/sdt.h>)

@@ -1,5 +1,6 @@
 #include "platform/value/Date.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -23,7 +24,9 @@ std::string Date::description() const {
   if (gmtime_r(&whole, &parts) == nullptr) return std::to_string(whole) + " seconds since 1970";
   char text[64];
   std::string out(text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts));
-  const auto microseconds = static_cast<int>((secondsSince1970 - static_cast<double>(whole)) * 1e6);
+  // Just before a whole second the difference is rounded up to it.
+  const auto microseconds =
+      std::min(static_cast<int>((secondsSince1970 - static_cast<double>(whole)) * 1e6), 999'999);
   if (microseconds != 0)
     out.append(text, static_cast<size_t>(snprintf(text, sizeof text, ".%06d", microseconds)));
   return out + " +0000";

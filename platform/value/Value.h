@@ -291,8 +291,8 @@ class Value {
   bool isTrue() const { return isNumber() && *this == Value(true); }
   bool isFalse() const { return isNumber() && *this == Value(false); }
 
-  /// A description for people on one line, for example `{a = 1; b = ("x", "y")}`; data is shortened, an
-  /// encoded property list says its size. Never part of a file or a message.
+  /// A description for people on one line, for example `{a = 1; b = ("x", "y")}`; an encoded
+  /// property list says its size. Never part of a file or a message.
   std::string description() const;
 
  private:
