@@ -65,14 +65,9 @@ Result<Dictionary> readTable(const std::string& path) {
   return tableOfFile(std::get<Value>(file));
 }
 
-/// The file's bytes. A file beyond the limit of reading is refused: the next start would find nothing.
 Result<std::string> serializedTable(const Dictionary& table) {
-  auto bytes =
-      serializePropertyList(Dictionary{{kVersionKey, ABDAnnotationStore::kFileVersion}, {kDataKey, table}});
-  if (const auto* text = std::get_if<std::string>(&bytes);
-      text != nullptr && text->size() > kMaximumAnnotationFile)
-    return Error::posix(EFBIG);
-  return bytes;
+  return serializePropertyList(
+      Dictionary{{kVersionKey, ABDAnnotationStore::kFileVersion}, {kDataKey, table}});
 }
 
 /// `table` without the records that no file can hold.
@@ -121,13 +116,15 @@ std::optional<Error> ABDAnnotationStore::saveDb() const {
   auto bytes = serializedTable(annotations_);
   std::optional<Error> refusal;
   if (auto* error = std::get_if<Error>(&bytes)) {
-    if (error->code == EFBIG) return std::move(*error);
     // The identifier of one strange plug-in must not keep the elections of all others from being saved.
     refusal = std::move(*error);
     bytes = serializedTable(writableRecords(annotations_));
     if (auto* again = std::get_if<Error>(&bytes)) return std::move(*again);
   }
-  if (auto error = replaceFile(annotationsURL_.path(), std::get<std::string>(bytes))) return error;
+  const std::string& file = std::get<std::string>(bytes);
+  // The next start would not read it.
+  if (file.size() > kMaximumAnnotationFile) return Error::posix(EFBIG, annotationsURL_.path());
+  if (auto error = replaceFile(annotationsURL_.path(), file)) return error;
   return refusal;
 }
 

@@ -51,8 +51,9 @@ void Transaction::annotatePlugIns() {
 }
 
 void Transaction::addAnnotationForPlugIn(ABDServer& server, const ABDPlugIn& plugIn, PlugInForm& form) {
+  // A form has empty annotations until it is given others.
   Value stored = server.annotationForPlugIn(plugIn);
-  form.set(PlugInForm::annotations, stored.isNone() ? Value(Dictionary()) : std::move(stored));
+  if (!stored.isNone()) form.set(PlugInForm::annotations, std::move(stored));
 }
 
 }  // namespace abd

@@ -85,8 +85,8 @@ class Transaction {
   bool refuseBusyPlugIns(const ABDPlugInHold::PlugIns& plugIns);
 
   const std::shared_ptr<ABDQmxClient> client_;
-  const std::shared_ptr<qmx::Connection>
-      connection_;  // after its death the reply goes out when nobody keeps it any more
+  // Kept all the time: after the connection's death a reply goes out when nobody keeps it any more.
+  const std::shared_ptr<qmx::Connection> connection_;
   const qmx::Message request_;
   std::optional<qmx::Message> reply_;  // none when the message wants no reply
   uint64_t version_ = 0;
