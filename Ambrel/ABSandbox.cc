@@ -8,8 +8,4 @@ std::optional<std::string> ABIssueSandboxExtension(const URL& url) {
   return issueReadToken(url.path());
 }
 
-std::optional<std::string> ABIssueSandboxExtension(const URL& url, const URL& bundle) {
-  return issueReadTokenInside(bundle.path(), url.path());
-}
-
 }  // namespace ambrel

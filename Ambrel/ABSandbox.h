@@ -11,10 +11,8 @@ namespace ambrel {
 
 using namespace platform;
 
-/// A token that lets its holder read the file or directory at `url`, bound to its canonical path. None, with
-/// errno set, when the platform refuses.
+/// A token that lets its holder read the file or directory at `url`, whose path is canonical: a link that was
+/// put in its way since is not followed. None, with errno set, when the platform refuses.
 std::optional<std::string> ABIssueSandboxExtension(const URL& url);
-/// The same for a path that was named relative to the bundle at `bundle`: none when it leads out of it.
-std::optional<std::string> ABIssueSandboxExtension(const URL& url, const URL& bundle);
 
 }  // namespace ambrel

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Ambrel/ABBundle.h"
+#include "abd/RequestSettings.h"
 #include "platform/qmx/Connection.h"
 #include "platform/security/CodeSigning.h"
 #include "platform/value/Value.h"
@@ -57,6 +58,8 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
   bool hasEntitlement(std::string_view key);
   /// Whether the peer's process runs unconfined (and still runs at all). On the service queue.
   bool isUnsandboxed() const;
+  /// The settings as the peer's current request sees them. On the service queue.
+  RequestSettings& settings() { return settings_; }
 
   std::string description() const;
 
@@ -79,7 +82,9 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
 
   // Only on the service queue.
   uint32_t requestCount_ = 0;
-  std::vector<std::pair<std::string, Value>> entitlements_;  // what this request has asked for
+  // What this request has asked for.
+  std::vector<std::pair<std::string, Value>> entitlements_;
+  RequestSettings settings_;
 
   bool holdsDropped_ = false;  // only on the server's "serverSync" queue
 };

@@ -2,8 +2,10 @@
 
 #include <filesystem>
 
+#include "abd/RequestSettings.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/security/Sandbox.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/ThisServer.h"
 
 namespace {
@@ -103,11 +105,13 @@ TEST_F(PlugInRecord, ARatingWithoutARankLimitsNothing) {
   const auto isRestricted = [](const std::string& name, const Value& rating) {
     writePropertyList(thisDevice().dataUser() + "/Applications/" + name + "/ZintraMetadata.plist",
                       Dictionary{{"rating", rating}});
-    return installedRecord(name + "/Rated.app", {.identifier = "rated." + name})->ageRestricted();
+    RequestSettings settings;
+    return installedRecord(name + "/Rated.app", {.identifier = "rated." + name})->ageRestricted(settings);
   };
   EXPECT_TRUE(isRestricted("adult", Dictionary{{"rank", 300}}));
   EXPECT_FALSE(isRestricted("odd", Array{"rank"}) || isRestricted("text", Dictionary{{"rank", "300"}}));
-  EXPECT_FALSE(registeredRecord({.identifier = "rated.lonely"})->ageRestricted());
+  RequestSettings settings;
+  EXPECT_FALSE(registeredRecord({.identifier = "rated.lonely"})->ageRestricted(settings));
   fs::remove(thisDevice().configUser() + "/Restrictions.plist");
 }
 
@@ -132,6 +136,19 @@ TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
   EXPECT_EQ(record->issueResourceExtensions("images").size(), 1u);
   EXPECT_EQ(record->issueResourceExtensions(7).size(), 0u);
 
+  // What was judged is judged again when another lies there, and a link in the bundle's place leads nowhere.
+  fs::rename(path + "/images/a.png", path + "/images/b.png");
+  fs::create_symlink(path + "/images/b.png", path + "/images/a.png");
+  const auto tokenOf = [&record](const char* name) {
+    const Value token = record->issueResourceExtensions(name)[name];
+    return token.isNone() ? std::nullopt : verifyReadToken(std::string(*token.string()));
+  };
+  EXPECT_EQ(tokenOf("images/a.png"), path + "/images/b.png");
+  fs::rename(path, path + ".away");
+  fs::create_directory_symlink(path + ".away", path);
+  EXPECT_TRUE(eventually([&] { return !tokenOf("."); }));
+  EXPECT_EQ(tokenOf("images/a.png"), std::nullopt);
+
   const Record closed = recordAt(thisDevice().path() + "/bundles/private.plugin",
                                  {.identifier = "private", .plugIn = {{"ZQExtensionProtocol", "P"}}});
   PlugInForm closedForm = closed->requestForm();
@@ -142,12 +159,13 @@ TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
 TEST_F(PlugInRecord, WhatIsGoneOrWasNeverThereIsReportedWhereItIsNeeded) {
   const Record vanished = installedRecord("Vanished.app", {.identifier = "vanished"});
   fs::remove_all(*vanished->containingPath());
-  Log log = logOf([&] { EXPECT_TRUE(vanished->allowedQSVServices().empty()); });
+  RequestSettings settings;
+  Log log = logOf([&] { EXPECT_TRUE(vanished->allowedQSVServices(settings).empty()); });
   EXPECT_EQ(entriesWith(log, "failed to create bundle for " + vanished->path()), 1u);
 
   const Record homeless =
       registeredRecord({.identifier = "homeless", .plugIn = {{"ZQExtensionProtocol", "#Data"}}});
-  log = logOf([&] { EXPECT_EQ(homeless->enableForPid(getpid()), std::nullopt); });
+  log = logOf([&] { EXPECT_EQ(homeless->enableForPid(getpid(), settings), std::nullopt); });
   EXPECT_EQ(entriesWith(log, "no data container for plug-in homeless(1.0) " + homeless->uuid().string() +
                                  " at " + homeless->path()),
             1u);

@@ -164,6 +164,28 @@ TEST_F(Ready, AFailureIsAnsweredOnceAndTheOthersAreStillEnabled) {
   EXPECT_TRUE(client->isSilent()) << "one reply";
 }
 
+TEST_F(Ready, AContainerThatIsGoneIsMadeAgainAndNoneIsNamedThatCannotBe) {
+  root.install("A.app", {{.identifier = "a"}});
+  start();
+  const UUID a = uuid("a");
+  const std::string container = root.dataUser() + "/Containers/a";
+  const auto home = [&] {
+    EXPECT_EQ(errorOf(ready({a})), "");
+    return registration(a)["LaunchDescription"]["QMXService"]["EnvironmentVariables"]["HOME"];
+  };
+  EXPECT_EQ(home(), Value(container));
+  fs::remove_all(root.dataUser() + "/Containers");
+  EXPECT_EQ(home(), Value(container));
+  EXPECT_TRUE(fs::is_directory(container + "/tmp"));
+  fs::remove_all(container);
+  writeText(container, "in the way");
+  EXPECT_EQ(home(), Value());
+  EXPECT_TRUE(daemon->logs("no data container for plug-in a(1.0) " + a.string() + " at "));
+  EXPECT_EQ(readText(container), "in the way");
+  fs::remove(container);
+  EXPECT_EQ(home(), Value(container));
+}
+
 TEST_F(Ready, ABundleThatIsGoneHasNoExecutableAndNoToken) {
   const std::string bundle = root.path() + "/Loose.app/PlugIns/lost.appex";
   root.writeBundle(bundle, {.identifier = "lost"});
@@ -171,9 +193,12 @@ TEST_F(Ready, ABundleThatIsGoneHasNoExecutableAndNoToken) {
   ASSERT_EQ(error("add", {{"paths", Array{bundle}}}), "");
   const UUID lost = uuid("lost");
   fs::rename(bundle, root.path() + "/away");
-  EXPECT_EQ(errorOf(ready({lost})),
-            "4: cannot obtain executable path for plug-in lost(" + lost.string() + ")");
+  const std::string noExecutable = "4: cannot obtain executable path for plug-in lost(" + lost.string() + ")";
+  EXPECT_EQ(errorOf(ready({lost})), noExecutable);
   EXPECT_EQ(error("access", {{"uuids", Array{lost}}}), "4: cannot create extension to " + bundle + ": 2");
+  fs::create_directory_symlink(root.path() + "/away", bundle);
+  EXPECT_EQ(errorOf(ready({lost})), noExecutable) << "what a link in its place leads to is not the plug-in";
+  EXPECT_EQ(error("access", {{"uuids", Array{lost}}}), "4: cannot create extension to " + bundle + ": 40");
 }
 
 TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {

@@ -38,7 +38,10 @@ class ReadTokenTest : public testing::Test {
 };
 
 TEST_F(ReadTokenTest, ATokenForABundlesResourceSaysItsCanonicalPathAndNeverLeadsOut) {
-  const auto inside = [this](const std::string& path) { return issueReadTokenInside(bundle_, path); };
+  const auto inside = [this](const std::string& path) {
+    const auto found = findReadableInside(bundle_, path);
+    return found ? issueReadToken(found->path, found->place) : Token();
+  };
   fs::create_symlink("Shared/picture", bundle_ + "/inner");
   for (const std::string& path : {picture_, std::string("Shared/picture"), bundle_ + "/inner",
                                   bundle_ + "//Shared/./picture", bundle_ + "/../P.appex/Shared/picture"}) {
@@ -54,8 +57,6 @@ TEST_F(ReadTokenTest, ATokenForABundlesResourceSaysItsCanonicalPathAndNeverLeads
                                   std::string("/etc/passwd"), bundle_ + "/..", bundle_ + "-more"}) {
     EXPECT_EQ(failure(inside(path)), EACCES) << path;
   }
-  fs::create_directory_symlink(bundle_, ownDevice.dataUser() + "/other-name");
-  EXPECT_TRUE(issueReadTokenInside(ownDevice.dataUser() + "/other-name", picture_));
 }
 
 TEST_F(ReadTokenTest, WhatDoesNotExistOrCannotBeReadGetsTheSystemsError) {
@@ -89,8 +90,13 @@ TEST_F(ReadTokenTest, ATokenIsForOneFileAndNotForItsName) {
   const std::string token = *issueReadToken(picture_);
   fs::rename(picture_, picture_ + ".old");
   EXPECT_EQ(failure(verifyReadToken(token)), ENOENT);
-  fs::create_symlink(ownDevice.dataUser() + "/secret", picture_);
+  writeText(picture_, "others");
   EXPECT_EQ(failure(verifyReadToken(token)), ESTALE);
+  fs::remove(picture_);
+  fs::create_symlink(picture_ + ".old", picture_);
+  EXPECT_EQ(failure(verifyReadToken(token)), ELOOP) << "the same file, but not there";
+  EXPECT_EQ(failure(issueReadToken(picture_)), ELOOP);
+  EXPECT_EQ(failure(issueReadToken(bundle_ + "/../P.appex")), ELOOP);
 }
 
 /// Runs `isGood` in a fresh process on a fresh device, since a process reads the key once.

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -27,6 +28,7 @@ using namespace platform;
 using namespace ambrel;
 
 class ABDQmxClient;
+class RequestSettings;
 
 class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPlugIn> {
  public:
@@ -75,9 +77,9 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
 
   /// None when the host may use the plug-in, else the reason.
   std::optional<std::string> allowForClient(ABDQmxClient& client) const;
-  /// The consent services that the user has granted to the containing application, read anew.
-  std::set<std::string> allowedQSVServices() const;
-  bool ageRestricted() const;
+  /// The consent services that the user has granted to the containing application.
+  std::set<std::string> allowedQSVServices(RequestSettings& settings) const;
+  bool ageRestricted(RequestSettings& settings) const;
   /// The containing application's rank; -1 when it is unknown.
   int64_t containerAgeRestriction() const;
 
@@ -88,7 +90,7 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   /// Adds the tokens of the plug-in's shared resources to its form.
   void augmentForm(PlugInForm& form) const;
   /// Lets process `pid` start the plug-in.
-  std::optional<Error> enableForPid(pid_t pid) const;
+  std::optional<Error> enableForPid(pid_t pid, RequestSettings& settings) const;
   /// The description of a busy instance, or none.
   std::optional<Dictionary> checkBusy() const;
 
@@ -103,7 +105,9 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   std::shared_ptr<const PlugInForm::KeptPart> keptPart(std::optional<Error>* error) const;
   Value valueForRuleKey(std::string_view key) const;
   Dictionary environment() const;
-  const char* sandboxProfile() const;
+  /// For a resource called `name` in "Shared", at `target`; none with errno set.
+  std::optional<std::string> resourceToken(const String& name, const std::string& target) const;
+  const char* sandboxProfile(RequestSettings& settings) const;
   Dictionary launchDescription(Dictionary environment, const char* profile) const;
 
   std::shared_ptr<const HLAmbrelProxy> hlproxy_;  // set before the record is shared
@@ -114,6 +118,7 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   mutable std::mutex mutex_;  // guards what follows; nothing is read or asked while it is held
   mutable std::optional<String> names_[nameCount];
   mutable std::shared_ptr<const PlugInForm::KeptPart> kept_;
+  mutable std::map<String, std::shared_ptr<const FoundFile>> resources_;  // those that were judged, by name
 };
 
 /// Each record once, in no particular order.

@@ -1,12 +1,11 @@
 // Access policy: whether a host may use a plug-in, and what the user and the device allow the containing
-// application. Only the application's rank is kept; everything else is read anew on each call.
+// application. Only the application's rank is kept; everything else is asked anew for each request.
 
 #include "Ambrel/ABProtocol.h"
 #include "abd/ABDQmxClient.h"
+#include "abd/RequestSettings.h"
 #include "abd/plugin/ABDPlugIn.h"
 #include "platform/log/Log.h"
-#include "platform/policy/Consent.h"
-#include "platform/policy/Restrictions.h"
 #include "platform/propertylist/PropertyList.h"
 
 namespace abd {
@@ -48,10 +47,10 @@ std::optional<std::string> ABDPlugIn::allowForClient(ABDQmxClient& client) const
     return reason;
   if (auto reason = requiredEntitlement(plugInDictionary()[plugInkey::hostEntitlement], client))
     return reason;
-  return ageRating(ageRestricted());
+  return ageRating(ageRestricted(client.settings()));
 }
 
-std::set<std::string> ABDPlugIn::allowedQSVServices() const {
+std::set<std::string> ABDPlugIn::allowedQSVServices(RequestSettings& settings) const {
   if (!containingUrl()) return {};
   const auto bundle = qmx::Bundle::create(containingUrl()->path(), qmx::Bundle::directory);
   if (bundle == nullptr) {
@@ -59,7 +58,7 @@ std::set<std::string> ABDPlugIn::allowedQSVServices() const {
     return {};
   }
   bundle->flush();
-  const auto decisions = QSVAccessCopyInformationForBundle(*bundle);
+  const auto decisions = QSVAccessCopyInformationForBundle(*bundle, settings.consent());
   if (!decisions) {
     systemLog("QSVAccessCopyInformationForBundle failed for %@", bundle);
     return {};
@@ -70,8 +69,8 @@ std::set<std::string> ABDPlugIn::allowedQSVServices() const {
   return granted;
 }
 
-bool ABDPlugIn::ageRestricted() const {
-  const auto maximum = maximumAppsRating();
+bool ABDPlugIn::ageRestricted(RequestSettings& settings) const {
+  const auto& maximum = settings.maximumAppsRating();
   return maximum && containerAgeRestriction() > *maximum;
 }
 

@@ -1,17 +1,24 @@
 // Preparing a plug-in for use by a host: tokens for what it shares, its registration with the service
-// launcher, and whether it is in use. Nothing is kept between calls.
+// launcher, and whether it is in use.
+//
+// Tokens are sealed from what is known. A token is bound to path, device and inode, and whoever is handed one
+// compares them with what lies there then; so issuing one needs no proof that nothing has changed since the
+// last look, it only should not hand out what is useless. For the bundle itself the registry knows, because
+// it watches; for a resource inside, which it does not watch, one look tells whether it is what was judged
+// before (by a full look: canonical, inside the bundle, readable).
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "Ambrel/ABBundle.h"
-#include "Ambrel/ABSandbox.h"
+#include "abd/RequestSettings.h"
 #include "abd/plugin/ABDPlugIn.h"
 #include "platform/launcher/ProcessAssertions.h"
 #include "platform/launcher/ServiceLauncher.h"
 #include "platform/log/Log.h"
 #include "platform/policy/Consent.h"
+#include "platform/security/Sandbox.h"
 
 namespace abd {
 
@@ -26,17 +33,39 @@ constexpr const char* kServicePackageType = "QMX!";
 
 }  // namespace
 
+std::optional<std::string> ABDPlugIn::resourceToken(const String& name, const std::string& target) const {
+  std::shared_ptr<const FoundFile> known;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = resources_.find(name);
+    if (found != resources_.end()) known = found->second;
+  }
+  if (known == nullptr || !known->isStillAt(target)) {
+    auto judged = findReadableInside(path(), target);
+    if (!judged) return std::nullopt;
+    known = std::make_shared<const FoundFile>(*std::move(judged));
+    const std::lock_guard lock(mutex_);
+    resources_[name] = known;
+  }
+  return issueReadToken(known->path, known->place);
+}
+
 Dictionary ABDPlugIn::issueResourceExtensions(const Value& shared) const {
   Dictionary tokens;
-  const auto issue = [this, &tokens](const String& name) {
+  // When something else lies in the bundle's place there is nothing of the bundle's to share.
+  const auto bundle = hlproxy_->bundlePlace();
+  const int refusal = errno;
+  const auto issue = [&](const String& name) {
     const bool isBundle = name.view() == ".";
-    const auto target = isBundle ? std::nullopt : std::optional(url()->appending(name.view()));
-    if (const auto token =
-            isBundle ? ABIssueSandboxExtension(*url()) : ABIssueSandboxExtension(*target, *url())) {
+    const std::string target = isBundle ? path() : url()->appending(name.view()).path();
+    errno = refusal;
+    const auto token = !bundle    ? std::nullopt
+                       : isBundle ? issueReadToken(target, *bundle)
+                                  : resourceToken(name, target);
+    if (token) {
       tokens.set(name, *token);
     } else {
-      systemLog("failed to make extension for %@ in plug-in at %@: %s", isBundle ? path() : target->path(),
-                path(), std::strerror(errno));
+      systemLog("failed to make extension for %@ in plug-in at %@: %s", target, path(), std::strerror(errno));
     }
   };
   if (const String* name = shared.sharedString()) issue(*name);
@@ -53,7 +82,7 @@ void ABDPlugIn::augmentForm(PlugInForm& form) const {
 
 Dictionary ABDPlugIn::environment() const {
   Dictionary variables;
-  if (const auto container = hlproxy_->dataContainerURL()) {
+  if (const auto container = hlproxy_->preparedDataContainerURL()) {
     variables.set("HOME", container->path());
     variables.set("BWFIXED_USER_HOME", container->path());
     variables.set("TMPDIR", container->appending("tmp").path());
@@ -64,11 +93,11 @@ Dictionary ABDPlugIn::environment() const {
   return variables;
 }
 
-const char* ABDPlugIn::sandboxProfile() const {
+const char* ABDPlugIn::sandboxProfile(RequestSettings& settings) const {
   const auto point = sdkSpec().string();
   if (point == kKeyboardPoint) {
     const bool isOpen = attributes()[attributekey::requestsOpenAccess].isTrue() &&
-                        allowedQSVServices().contains(kQSVServiceKeyboardNetwork);
+                        allowedQSVServices(settings).contains(kQSVServiceKeyboardNetwork);
     return isOpen ? "plugin" : "keyboard";
   }
   return point == kFilterPoint ? "network-filter" : "plugin";
@@ -85,15 +114,17 @@ Dictionary ABDPlugIn::launchDescription(Dictionary environment, const char* prof
   return {{bundlekey::service, std::move(service)}, {bundlekey::packageType, kServicePackageType}};
 }
 
-std::optional<Error> ABDPlugIn::enableForPid(pid_t pid) const {
+std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& settings) const {
   Dictionary variables = environment();
-  const char* profile = sandboxProfile();
+  const char* profile = sandboxProfile(settings);
   if (const char* directory = std::getenv(kTestSDKVariable)) variables.set(kTestSDKVariable, directory);
   Dictionary description = launchDescription(std::move(variables), profile);
   systemLog("assigning plug-in %@(%@) to %s sandbox", identifier().view(), version(), profile);
   systemLog("enabling pid=%d for plug-in %@(%@) %@ %@", pid, identifier().view(), version(), uuid(), path());
 
-  const auto executable = ABBundle::initWithURL(*url())->executablePath();
+  // A link that was put in the bundle's place leads to another bundle.
+  const auto bundle = ABBundle::initWithURL(*url());
+  const auto executable = bundle->path() == path() ? bundle->executablePath() : std::nullopt;
   if (!executable)
     return ABErrorWithFormat(kABErrorRequest, "cannot obtain executable path for plug-in %@(%@)",
                              identifier().view(), uuid());

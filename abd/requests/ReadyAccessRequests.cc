@@ -46,7 +46,7 @@ void Transaction::readyPlugIns() {
 
   bool isAnswered = false;
   for (const std::shared_ptr<ABDPlugIn>& plugIn : accepted) {
-    const std::optional<Error> error = plugIn->enableForPid(client_->pid());
+    const std::optional<Error> error = plugIn->enableForPid(client_->pid(), client_->settings());
     if (error && !isAnswered) {
       fail(error->code, *error);
       isAnswered = true;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/security/Sandbox.h"
 #include "platform/value/Date.h"
 #include "platform/value/URL.h"
 #include "platform/value/UUID.h"
@@ -66,8 +67,13 @@ class HLAmbrelProxy : public HLBundleProxy {
   /// The code-signing entitlements (a dictionary), or none.
   virtual const Value& entitlements() const = 0;
   /// The plug-in's data container. Made when the plug-in is registered, or at the latest when this is asked;
-  /// none for data plug-ins and where it cannot be made.
+  /// none for data plug-ins and where it could not be made.
   virtual std::optional<URL> dataContainerURL() const = 0;
+  /// The same for a process that is about to live in it: looked at, and made again when it is gone.
+  virtual std::optional<URL> preparedDataContainerURL() const = 0;
+  /// What the bundle's own read tokens are bound to; none, with errno set, when nothing that can be read lies
+  /// at its location any more, or a link leads there.
+  virtual std::optional<FilePlace> bundlePlace() const = 0;
   /// Whether the plug-in's uninstall was decided: a record made from this proxy must not be kept.
   virtual bool isUninstalled() const = 0;
 };

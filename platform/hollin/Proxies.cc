@@ -142,20 +142,31 @@ Value PlugInProxy::ambrelDictionary() const {
 }
 
 std::optional<URL> PlugInProxy::dataContainerURL() const {
+  return container(hasContainer_.load(std::memory_order_acquire));
+}
+
+std::optional<URL> PlugInProxy::preparedDataContainerURL() const {
+  return container(false);
+}
+
+/// A container that is trusted to be there is not looked at.
+std::optional<URL> PlugInProxy::container(bool isTrusted) const {
   const String& identifier = pluginIdentifier();
   const std::string containers(surroundings_->containers.view());
   if (containers.empty() || !isSafeFileName(identifier)) return std::nullopt;
   const std::string path = containers + "/" + std::string(identifier.view());
-  if (!hasContainer_.load(std::memory_order_acquire)) {
-    if (isDataPlugIn(plugIn(), facts_->isMultiplexed)) return std::nullopt;
-    const int number = makeContainer(containers, path);
-    if (number != 0) {
-      systemLog("cannot make data container %@: %s", path, strerror(number));
-      return std::nullopt;
-    }
-    hasContainer_.store(true, std::memory_order_release);
-  }
-  return URL::file(path, true);
+  if (isTrusted) return URL::file(path, true);
+  const bool wasThere = hasContainer_.load(std::memory_order_acquire);
+  if (!wasThere && isDataPlugIn(plugIn(), facts_->isMultiplexed)) return std::nullopt;
+  const int number = makeContainer(containers, path);
+  hasContainer_.store(number == 0, std::memory_order_release);
+  if (number == 0) return URL::file(path, true);
+  systemLog("cannot make data container %@: %s", path, strerror(number));
+  return std::nullopt;
+}
+
+std::optional<FilePlace> PlugInProxy::bundlePlace() const {
+  return readablePlace(std::string(facts_->path.view()));
 }
 
 }  // namespace platform::hollin

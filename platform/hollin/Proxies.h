@@ -72,6 +72,8 @@ class PlugInProxy final : public HLAmbrelProxy {
   std::optional<std::string> localizedShortName() const override;
   const Value& entitlements() const override { return facts_->entitlements; }
   std::optional<URL> dataContainerURL() const override;
+  std::optional<URL> preparedDataContainerURL() const override;
+  std::optional<FilePlace> bundlePlace() const override;
   bool isUninstalled() const override { return isUninstalled_.load(std::memory_order_acquire); }
 
   const BundleFacts& bundle() const { return *facts_; }
@@ -80,6 +82,8 @@ class PlugInProxy final : public HLAmbrelProxy {
   void markUninstalled() { isUninstalled_.store(true, std::memory_order_release); }
 
  private:
+  std::optional<URL> container(bool isTrusted) const;
+
   const std::shared_ptr<const BundleFacts> facts_;
   const std::shared_ptr<const ApplicationProxy> application_;
   const std::shared_ptr<const Surroundings> surroundings_;
@@ -89,7 +93,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   const uint32_t index_;
   const bool isOnSystemVolume_;
   std::atomic<bool> isUninstalled_{false};
-  mutable std::atomic<bool> hasContainer_{false};  // it was made, or found, once
+  mutable std::atomic<bool> hasContainer_{false};  // when it was last asked for
   mutable Absence noName_, noShortName_;
 };
 

@@ -8,10 +8,7 @@
 
 namespace platform {
 
-namespace {
-
-/// The user's decisions; an empty dictionary when there is no file, none when it cannot be read.
-std::optional<Dictionary> decisions() {
+ConsentDecisions readConsentDecisions() {
   static PropertyListCache cache(1);
   const std::string& directory = Directories::shared().configUser;
   if (directory.empty()) return Dictionary();
@@ -27,16 +24,14 @@ std::optional<Dictionary> decisions() {
   return dictionary != nullptr ? std::optional(*dictionary) : std::nullopt;
 }
 
-}  // namespace
-
-std::optional<std::vector<ConsentEntry>> QSVAccessCopyInformationForBundle(const qmx::Bundle& bundle) {
-  const auto consent = decisions();
-  if (!consent) return std::nullopt;
+std::optional<std::vector<ConsentEntry>> QSVAccessCopyInformationForBundle(
+    const qmx::Bundle& bundle, const ConsentDecisions& decisions) {
+  if (!decisions) return std::nullopt;
   std::vector<ConsentEntry> entries;
   const auto info = bundle.infoDictionary();
   const auto identifier = info ? (*info)["BWBundleIdentifier"].string() : std::nullopt;
   if (!identifier) return entries;
-  const Dictionary* services = (*consent)[*identifier].dictionary();
+  const Dictionary* services = (*decisions)[*identifier].dictionary();
   if (services == nullptr) return entries;
   for (const auto& [service, granted] : *services) {
     entries.push_back(

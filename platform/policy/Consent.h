@@ -1,7 +1,7 @@
 #pragma once
 
 // The privacy-consent service (QSV): config/user Consent.plist, application identifier -> service identifier
-// -> granted. Looked up anew on every call. Any thread.
+// -> granted. Any thread.
 
 #include <optional>
 #include <string>
@@ -18,8 +18,15 @@ struct ConsentEntry {
   std::optional<bool> granted;
 };
 
-/// The services that the user has decided on for the application `bundle`; none when the file cannot be read.
-/// No file or no entry is an empty list.
-std::optional<std::vector<ConsentEntry>> QSVAccessCopyInformationForBundle(const qmx::Bundle& bundle);
+/// All decisions of the user; none when the file cannot be read.
+using ConsentDecisions = std::optional<Dictionary>;
+
+/// The decisions as the file says now. No file: no decisions.
+ConsentDecisions readConsentDecisions();
+
+/// The services that the user has decided on for the application `bundle`; none without `decisions`. No entry
+/// is an empty list.
+std::optional<std::vector<ConsentEntry>> QSVAccessCopyInformationForBundle(const qmx::Bundle& bundle,
+                                                                           const ConsentDecisions& decisions);
 
 }  // namespace platform

@@ -9,6 +9,7 @@
 #include <climits>
 #include <string_view>
 
+#include "platform/propertylist/FileReplacement.h"
 #include "platform/security/TokenSeal.h"
 #include "platform/system/CanonicalOpen.h"
 #include "platform/system/Directories.h"
@@ -17,13 +18,6 @@
 namespace platform {
 
 namespace {
-
-/// The file at `path`, opened for nothing but to be asked about.
-struct OpenedFile {
-  FileDescriptor descriptor;
-  std::string canonicalPath;
-  uint64_t device = 0, inode = 0;
-};
 
 /// The path that the kernel knows an open file by; "" and errno when there is none.
 std::string pathOfDescriptor(int fd) {
@@ -39,33 +33,28 @@ std::string pathOfDescriptor(int fd) {
   return std::string(target, static_cast<size_t>(length));
 }
 
-/// One open, and everything else is asked of what was opened, so that nobody can swap the file in between.
-/// The usual path is canonical already, which costs no further question. errno on failure.
-std::optional<OpenedFile> openFile(const std::string& path) {
-  OpenedFile file;
-  file.descriptor = openCanonical(path);
-  if (file.descriptor) {
-    file.canonicalPath = path;
-  } else {
-    file.descriptor = FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
-    if (file.descriptor) file.canonicalPath = pathOfDescriptor(file.descriptor.get());
-  }
-  struct stat status {};
-  if (!file.descriptor || file.canonicalPath.empty() || fstat(file.descriptor.get(), &status) != 0)
-    return std::nullopt;
-  // The kernel's own mark on the path of a file that has lost its name.
-  if (status.st_nlink == 0 && file.canonicalPath.ends_with(" (deleted)")) {
-    errno = ENOENT;
-    return std::nullopt;
-  }
-  file.device = status.st_dev;
-  file.inode = status.st_ino;
-  return file;
+/// The file at the canonical `path`, opened for nothing but to be asked about. errno on failure.
+FileDescriptor openExactly(const std::string& path) {
+  if (FileDescriptor file = openCanonical(path)) return file;
+  // Why not? Or this kernel cannot tell by opening.
+  FileDescriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
+  if (!file || pathOfDescriptor(file.get()) == path) return file;
+  errno = ELOOP;
+  return FileDescriptor();
 }
 
-std::optional<std::string> issueToken(const OpenedFile& file) {
-  if (faccessat(file.descriptor.get(), "", R_OK, AT_EMPTY_PATH | AT_EACCESS) != 0) return std::nullopt;
-  return TokenSeal::seal({file.canonicalPath, file.device, file.inode});
+/// Asks the opened file itself, so that nobody can swap it in between. False, with errno set, when it cannot
+/// be read.
+bool askReadable(const FileDescriptor& file, struct stat& status) {
+  return fstat(file.get(), &status) == 0 && faccessat(file.get(), "", R_OK, AT_EMPTY_PATH | AT_EACCESS) == 0;
+}
+
+FilePlace placeOf(const struct stat& status) {
+  return {status.st_dev, status.st_ino};
+}
+
+int64_t changeOf(const struct stat& status) {
+  return FileIdentity::of(status).changeNanoseconds;
 }
 
 /// What /proc says of a process's confinement.
@@ -126,31 +115,59 @@ Confinement confinementOf(const std::string& process) {
 
 }  // namespace
 
-std::optional<std::string> issueReadToken(const std::string& path) {
-  const auto file = openFile(path);
-  return file ? issueToken(*file) : std::nullopt;
+std::optional<FilePlace> readablePlace(const std::string& path) {
+  const FileDescriptor file = openExactly(path);
+  struct stat status {};
+  if (!file || !askReadable(file, status)) return std::nullopt;
+  return placeOf(status);
 }
 
-std::optional<std::string> issueReadTokenInside(const std::string& root, const std::string& path) {
-  const auto file = openFile(path.starts_with('/') ? path : root + "/" + path);
-  if (!file) return std::nullopt;
-  // A root that is named by another than its canonical path is the rare case.
-  if (!isInside(file->canonicalPath, root)) {
-    const std::string canonicalRoot = canonicalPath(root);
-    if (canonicalRoot.empty() || !isInside(file->canonicalPath, canonicalRoot)) {
-      errno = EACCES;
-      return std::nullopt;
-    }
+std::optional<std::string> issueReadToken(const std::string& path, const FilePlace& place) {
+  return TokenSeal::seal({path, place.device, place.inode});
+}
+
+std::optional<std::string> issueReadToken(const std::string& path) {
+  const auto place = readablePlace(path);
+  return place ? issueReadToken(path, *place) : std::nullopt;
+}
+
+bool FoundFile::isStillAt(const std::string& named) const {
+  struct stat status {};
+  return stat(named.c_str(), &status) == 0 && placeOf(status) == place &&
+         changeOf(status) == changeNanoseconds;
+}
+
+std::optional<FoundFile> findReadableInside(const std::string& root, const std::string& path) {
+  FoundFile found{path.starts_with('/') ? path : root + "/" + path, {}, 0};
+  FileDescriptor file = openCanonical(found.path);
+  if (!file) {
+    file = FileDescriptor(open(found.path.c_str(), O_PATH | O_CLOEXEC));
+    found.path = file ? pathOfDescriptor(file.get()) : std::string();
   }
-  return issueToken(*file);
+  struct stat status {};
+  if (found.path.empty()) return std::nullopt;
+  if (!isInside(found.path, root)) {
+    errno = EACCES;
+    return std::nullopt;
+  }
+  if (!askReadable(file, status)) return std::nullopt;
+  // The kernel's own mark on the path of a file that has lost its name.
+  if (status.st_nlink == 0 && found.path.ends_with(" (deleted)")) {
+    errno = ENOENT;
+    return std::nullopt;
+  }
+  found.place = placeOf(status);
+  found.changeNanoseconds = changeOf(status);
+  return found;
 }
 
 std::optional<std::string> verifyReadToken(const std::string& token) {
   const auto sealed = TokenSeal::open(token);
   if (!sealed) return std::nullopt;
-  const auto file = openFile(sealed->path);
-  if (!file) return std::nullopt;
-  if (file->device != sealed->device || file->inode != sealed->inode) {
+  const FileDescriptor file = openExactly(sealed->path);
+  struct stat status {};
+  if (!file || fstat(file.get(), &status) != 0) return std::nullopt;
+  if (placeOf(status) != FilePlace{sealed->device, sealed->inode}) {
     errno = ESTALE;
     return std::nullopt;
   }
