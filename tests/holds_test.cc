@@ -164,20 +164,20 @@ TEST_F(Holds, NoHoldOutlivesAClientThatDiesWhileItAsks) {
   EXPECT_EQ(daemon->logCount("hold request granted"), daemon->logCount("releasing plug-in hold"));
 }
 
-TEST_F(Holds, ARequestBehindTheDeathOfItsClientIsDropped) {
-  std::vector<PlugInBundle> many;
-  for (int i = 0; i < 150; ++i) many.push_back({.identifier = "many." + std::to_string(i)});
-  root.install("Many.app", many);
-  ASSERT_TRUE(eventually([&] { return match(*client).size() == 153; }));
+TEST_F(Holds, AreNotMadeByWhatWaitsBehindOthersWhenItsClientDies) {
   WireClient dying = daemon->connect();
-  std::string stream;
-  for (int i = 0; i < 20; ++i) stream += frameBytes(qmx::FrameKind::message, 0, message("match"));
-  stream += frameBytes(qmx::FrameKind::message, 0, message("bulk", {{"flags", 0xdead}}));
-  dying.sendBytes(stream);
+  granted(dying, {plugIn("one")}, kPlugIns);
+  found();
+  daemon->pause();
+  client->send(message("match"));
+  dying.send(message("lock", {{"paths", Array{plugIn("two")}}, {"flags", kPlugIns}}));
   dying.close();
+  daemon->goOn();
   EXPECT_TRUE(daemon->waitForLog(" is dead"));
-  call("bulk");
-  EXPECT_FALSE(daemon->logs("bulk options 0xdead"));
+  EXPECT_TRUE(client->receive());
+  EXPECT_EQ(found(), "one three two");
+  EXPECT_EQ(daemon->logCount("hold request granted"), 1u);
+  EXPECT_EQ(daemon->logCount("releasing plug-in hold"), 1u);
 }
 
 TEST_F(Holds, MarkTheDaemonBusyForAServiceManagerThatNeverBlocksIt) {

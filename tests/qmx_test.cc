@@ -168,25 +168,52 @@ TEST(DeathTest, isNoticedBeforeTheNextOfTheWaitingRequests) {
   EXPECT_TRUE(slow.receive());
 }
 
-TEST(DeathTest, dropsWhatIsUnservedButWritesRepliesThatAreDue) {
-  EchoService service("due");
-  WireClient client = service.connect();
+TEST(DeathTest, dropsWhatWaitsBehindOthersAloneAndWritesRepliesThatAreDue) {
   constexpr size_t kSize = 20'000'000;
-  client.send({{"size", kSize}, {"tag", "a"}});
-  ASSERT_TRUE(service.waitFor("a"));
-  client.send({{"sleep", 300}, {"tag", "b"}});
-  client.send({{"tag", "c"}});
-  client.send({{"tag", "d"}});
-  ASSERT_TRUE(service.waitFor("b"));
+  for (const bool othersWait : {false, true}) {
+    EchoService service("due");
+    WireClient client = service.connect(), other = service.connect();
+    client.send({{"size", kSize}, {"tag", "a"}});
+    ASSERT_TRUE(service.waitFor("a"));
+    other.send({{"sleep", 300}, {"tag", "o"}});
+    if (othersWait) other.send({{"tag", "p"}});
+    ASSERT_TRUE(service.waitFor("o"));
+    client.send({{"tag", "b"}});
+    client.send({{"tag", "c"}});
+    client.shutdownSending();
+    ASSERT_TRUE(service.waitFor("-"));
+    EXPECT_EQ(client.receive().value().body["list"].encoded()->size(), kSize);
+    if (othersWait) {
+      ASSERT_TRUE(service.waitFor("p"));
+      // What had arrived was handed over before the end, and its service found the connection gone.
+      EXPECT_EQ(service.history(), "++mamomm-mp");
+    } else {
+      EXPECT_EQ(client.receive().value().body["tag"], Value("b"));
+      EXPECT_EQ(client.receive().value().body["tag"], Value("c"));
+      EXPECT_EQ(service.history(), "++mamombmc-");
+    }
+    EXPECT_TRUE(client.isClosedByPeer());
+  }
+}
+
+TEST(DeathTest, waitsForAllThatAnIdleServiceHadWaitingHoweverMuchItIs) {
+  EchoService service("ending");
+  WireClient client = service.connect();
+  constexpr uint64_t kRequests = 10 * kMaximumPendingRequests;
+  std::string all;
+  // More than 64 MiB of replies, some of which take longer than a turn.
+  for (uint64_t id = 1; id <= kRequests; ++id)
+    all += frameBytes(FrameKind::request, id, Dictionary{{"size", 200'000}, {"sleep", id % 10 / 9}});
+  client.sendBytes(all + "\1\2\3");
   client.shutdownSending();
-  ASSERT_TRUE(service.waitFor("-"));
-  const auto first = client.receive(), second = client.receive();
-  ASSERT_TRUE(first && second);
-  EXPECT_EQ(first->body["list"].encoded()->size(), kSize);
-  EXPECT_EQ(second->body["tag"], Value("b"));
+  for (uint64_t id = 1; id <= kRequests; ++id) ASSERT_EQ(client.receive().value().id, id);
   EXPECT_TRUE(client.isClosedByPeer());
-  // What had arrived was handed over before the end, and its service found the connection gone.
-  EXPECT_EQ(service.history(), "+mambmm-");
+  // Nobody reads what it would write.
+  WireClient gone = service.connect();
+  gone.sendBytes(all);
+  gone.close();
+  EXPECT_TRUE(service.waitFor("-", 2));
+  EXPECT_TRUE(service.waitFor("m", 2 * kRequests));
 }
 
 // --- Limits ---

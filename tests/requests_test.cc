@@ -135,19 +135,28 @@ TEST_F(Requests, TheVersionIsJudgedBeforeTheName) {
   EXPECT_EQ(daemon->logCount("client " + std::to_string(getpid()) + " request (null)"), 2u);
 }
 
-TEST_F(Requests, APeerThatOnlyStopsSendingStillLearnsThatItsVersionIsNotServed) {
-  std::string stream =
+TEST_F(Requests, WhatArrivesWithTheEndOfItsStreamIsServedWhenNothingElseWaits) {
+  const std::string example("\0\0\0\x1a\x83\1\1\xa2grequestdbulkgversion\3", 30);
+  const std::string wrong =
       frameBytes(qmx::FrameKind::request, 1, Dictionary{{"request", "bulk"}, {"version", 9}});
-  stream += frameBytes(qmx::FrameKind::request, 2, message("bulk"));
-  // Both arrive together with the end of the stream.
-  kill(daemon->pid(), SIGSTOP);
-  client->sendBytes(stream);
-  client->shutdownSending();
-  kill(daemon->pid(), SIGCONT);
-  const auto reply = client->receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(errorOf(*reply->body.dictionary()), "7: unsupported protocol version 9 (current 3)");
-  EXPECT_TRUE(client->isClosedByPeer());
+  for (const bool othersWait : {false, true}) {
+    WireClient ending = daemon->connect();
+    for (WireClient* each : {&ending, &*client}) each->call(message("bulk"));
+    daemon->pause();
+    if (othersWait) client->send(message("bulk"));
+    ending.sendBytes(wrong + example);
+    ending.shutdownSending();
+    daemon->goOn();
+    EXPECT_EQ(errorOf(*ending.receive().value().body.dictionary()),
+              "7: unsupported protocol version 9 (current 3)");
+    EXPECT_EQ((othersWait ? *client : ending).receive().value().body, Value(Dictionary()));
+    EXPECT_TRUE(ending.isClosedByPeer());
+  }
+  // A program that sends and exits.
+  constexpr uint64_t kPrograms = 100;
+  for (uint64_t i = 0; i < kPrograms; ++i)
+    daemon->connect().sendFrame(qmx::FrameKind::message, 0, message("bulk", {{"flags", 0xbeef00 + i}}));
+  EXPECT_TRUE(daemon->waitForLog("bulk options 0xbeef", kPrograms));
 }
 
 TEST_F(Requests, ListsOfTheWrongTypeCountAsMissing) {
@@ -224,12 +233,12 @@ TEST_F(Requests, APeerWhoseProcessIsGoneIsServedUntilItsSocketCloses) {
 }
 
 TEST_F(Requests, APeerThatExitsBeforeItIsLookedAtHasNoKnownExecutable) {
-  kill(daemon->pid(), SIGSTOP);
+  daemon->pause();
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   Child child = connectedByAChild(*daemon, socket);
   const std::string pid = std::to_string(child.pid());
   child.kill();
-  kill(daemon->pid(), SIGCONT);
+  daemon->goOn();
   client.emplace(std::move(socket));
   EXPECT_EQ(error("match"), "");
   EXPECT_TRUE(daemon->logs("client " + pid + " (unknown)"));

@@ -5,9 +5,12 @@
 // drives the connection, replies to the closure of their request.
 //
 // A connection is created suspended; nothing is read before resume(). A peer connection dies once: the event
-// handler gets what had arrived and then connectionInvalid as its last event, and is released; the loop drops
-// its own reference. Replies are written as long as somebody keeps the connection to send them, to a peer
-// that only stopped sending, and the stream is closed after that. A client connection lives as long as its
+// handler gets what had arrived whole and then connectionInvalid as its last event, and is released; the loop
+// drops its own reference. When the end of the stream is noticed while no open connection has a message
+// waiting, each of its messages still gets its turn before that event, as those of an open connection do;
+// otherwise they are handed over together with it, and their receiver finds the peer dead. Replies are
+// written as long as somebody keeps the connection to send them, to a peer that only stopped sending, and the
+// stream is closed after that. A client connection lives as long as its
 // owner keeps it: when the service cannot be reached or goes away, the event handler and every pending reply
 // get the error, and the next send connects anew.
 //

@@ -101,14 +101,13 @@ void PeerConnection::resume() {
 
 void PeerConnection::handleEvents(RunLoop::Events events) {
   if ((events & EPOLLOUT) != 0) flush();
-  bool hasEnded = (events & kEnd) != 0;
-  if ((events & EPOLLIN) != 0 && (interest_ & EPOLLIN) != 0 && !readAvailable(hasEnded)) hasEnded = true;
-  if (hasEnded) die(Ending::deliverAndFlush);
+  const bool hasEnded = (events & kEnd) != 0;
+  if ((events & EPOLLIN) != 0 && (interest_ & EPOLLIN) != 0) readAvailable(hasEnded);
+  if (hasEnded || isReadOver_) noteEnd();
 }
 
-/// False: the stream has ended. Reads once, or with `untilEnd` what there is.
-bool PeerConnection::readAvailable(bool untilEnd) {
-  bool isOpen = true;
+/// Reads once, or with `untilEnd` what there is.
+void PeerConnection::readAvailable(bool untilEnd) {
   do {
     // The loop returns at once while frames wait, so this pause needs no change of interest.
     if (reader_.count() >= kMaximumPendingRequests || reader_.isOversized()) break;
@@ -119,17 +118,16 @@ bool PeerConnection::readAvailable(bool untilEnd) {
     } else if (count < 0 && errno == EINTR) {
       continue;
     } else {
-      isOpen = count < 0 && (errno == EAGAIN || errno == ENOMEM);
+      isReadOver_ = count == 0 || (errno != EAGAIN && errno != ENOMEM);
       break;
     }
   } while (untilEnd);
   noteArrival();
-  return isOpen;
 }
 
 void PeerConnection::noteArrival() {
   reader_.releaseIfEmpty();
-  if (!reader_.isInsideFrame()) {
+  if (!reader_.isInsideFrame() || isEnding_) {
     frameLimit_.stop();
   } else if (!frameLimit_.isRunning() || reader_.total() != begunFrame_) {
     begunFrame_ = reader_.total();
@@ -138,8 +136,25 @@ void PeerConnection::noteArrival() {
   enlistWhenReady();
 }
 
+void PeerConnection::noteEnd() {
+  if (state_ != State::live || isEnding_) return;
+  if (loop_.hasOthers(*this) || output_.size() > kMaximumUnsentBytes) {
+    die(Ending::deliverAndFlush);
+    return;
+  }
+  isEnding_ = true;
+  frameLimit_.stop();
+  updateInterest();
+  enlistWhenReady();
+}
+
+/// Whether there is something to do when the connection's turn comes.
+bool PeerConnection::hasWork() const {
+  return reader_.count() > 0 || reader_.isOversized() || (isEnding_ && isReadOver_);
+}
+
 void PeerConnection::enlistWhenReady() {
-  if (isEnlisted_ || (reader_.count() == 0 && !reader_.isOversized())) return;
+  if (isEnlisted_ || !hasWork()) return;
   isEnlisted_ = true;
   loop_.enlist(std::shared_ptr<RunLoop::Source>(self(), this));
 }
@@ -149,14 +164,14 @@ bool PeerConnection::supply() {
   // Room for replies brings it back (flush()).
   if (state_ != State::live || output_.size() > kMaximumUnsentBytes) return false;
   if (reader_.count() == 0) {
-    if (reader_.isOversized()) die(Ending::flush, kOversizedFrame);
+    if (hasWork()) die(Ending::flush, reader_.isOversized() ? kOversizedFrame : nullptr);
     return false;
   }
   if (!deliverFront()) {
     die(Ending::flush, kMalformedFrame);
     return false;
   }
-  isEnlisted_ = state_ == State::live && (reader_.count() > 0 || reader_.isOversized());
+  isEnlisted_ = state_ == State::live && hasWork();
   return isEnlisted_;
 }
 
@@ -216,7 +231,9 @@ void PeerConnection::flush() {
     isWritingOver_ = true;
     output_.clear();
     sendLimit_.stop();
-    dieSoon(Ending::deliverAndFlush);
+    // Ends the stream for this side, too: an event of its own tells of the end.
+    shutdown(number_, SHUT_RD);
+    updateInterest();
     return;
   }
   const bool wasBlocked = std::exchange(isBlocked_, outcome != OutputQueue::Outcome::everything);
@@ -230,8 +247,8 @@ void PeerConnection::flush() {
 void PeerConnection::updateInterest() {
   if (state_ != State::live) return;
   const bool mayRead = output_.size() <= kMaximumUnsentBytes;
-  RunLoop::Events interest = EPOLLRDHUP;
-  if (mayRead) interest |= EPOLLIN;
+  RunLoop::Events interest = isEnding_ ? 0u : EPOLLRDHUP;
+  if (mayRead && !isReadOver_) interest |= EPOLLIN;
   if (isBlocked_) interest |= EPOLLOUT;
   if (mayRead) enlistWhenReady();
   if (interest == interest_) return;

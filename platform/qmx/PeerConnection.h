@@ -8,6 +8,11 @@
 // handler one at a time, when the loop asks its sources (RunLoop::enlist). Replies are collected and written
 // when the turn ends. Reading pauses while kMaximumPendingRequests frames wait, reading and handing over
 // while more than kMaximumUnsentBytes are unsent; the end of the stream is watched for all the time.
+//
+// When the end is noticed (a failed write brings it about) and nothing stands before what has arrived,
+// neither work of a connection that is not ending nor unsent replies of its own beyond the limit, the
+// connection is ending: it goes on taking turns until everything that had arrived was handed over, and dies
+// then. Else it dies at once.
 
 #include <sys/epoll.h>
 
@@ -47,16 +52,19 @@ class PeerConnection final : public Connection, private RunLoop::Source {
 
   bool supply() override;
   void finishTurn() override;
+  bool isOrphaned() const override { return isEnding_; }
 
   std::shared_ptr<PeerConnection> self() {
     return std::static_pointer_cast<PeerConnection>(shared_from_this());
   }
   void handleEvents(RunLoop::Events events);
   void handleProcessExit();
-  bool readAvailable(bool untilEnd);
+  void readAvailable(bool untilEnd);
   void noteArrival();
+  void noteEnd();
   bool deliverFront();
   void deliverTheRest();
+  bool hasWork() const;
   void enlistWhenReady();
   void flush();
   void updateInterest();
@@ -78,6 +86,8 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   FrameReader reader_;
   OutputQueue output_;
   RunLoop::Events interest_ = EPOLLIN | EPOLLRDHUP;
+  bool isEnding_ = false;       // the stream has ended, and what had arrived still gets its turn
+  bool isReadOver_ = false;     // nothing is left in the socket
   bool isEnlisted_ = false;     // among the loop's sources
   bool isTurnNoted_ = false;    // finishTurn() will come
   bool isBlocked_ = false;      // the socket takes no more for now

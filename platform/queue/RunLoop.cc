@@ -149,19 +149,19 @@ void RunLoop::Implementation::takeIncoming() {
   for (Item& item : taken) ready.push(std::move(item));
 }
 
-/// One piece of work; false when there is none.
+/// One piece of work; false when there is none. What a source submits belongs to its piece.
 bool RunLoop::Implementation::runNext() {
-  if (!ready.empty()) {
-    Item item = ready.pop();
-    if (item.queue != nullptr)
-      item.queue->runFromLoop();
-    else
-      item.work();
-    return true;
+  if (ready.empty()) {
+    if (sources.empty()) return false;
+    std::shared_ptr<Source> source = sources.pop();
+    if (source != nullptr && source->supply()) sources.push(std::move(source));
+    if (ready.empty()) return true;
   }
-  if (sources.empty()) return false;
-  std::shared_ptr<Source> source = sources.pop();
-  if (source != nullptr && source->supply()) sources.push(std::move(source));
+  Item item = ready.pop();
+  if (item.queue != nullptr)
+    item.queue->runFromLoop();
+  else
+    item.work();
   return true;
 }
 
@@ -283,6 +283,12 @@ void RunLoop::enlist(std::shared_ptr<Source> source) {
 void RunLoop::withdraw(const Source& source) {
   for (std::shared_ptr<Source>& each : implementation_->sources)
     if (each.get() == &source) each = nullptr;
+}
+
+bool RunLoop::hasOthers(const Source& source) const {
+  return std::ranges::any_of(implementation_->sources, [&](const std::shared_ptr<Source>& each) {
+    return each != nullptr && each.get() != &source && !each->isOrphaned();
+  });
 }
 
 void RunLoop::tellEndOfTurn(std::shared_ptr<Source> source) {

@@ -36,12 +36,14 @@ class RunLoop {
   /// closure for each.
   class Source {
    public:
-    /// Hands over one piece of work, by running it or by submitting it to a queue. Called when the queues of
-    /// the loop have run empty; the sources take turns. False: nothing is left, and the source is dropped
-    /// from the list.
+    /// Hands over one piece of work, by running it or by submitting it to a queue, which then runs it in the
+    /// same turn. Called when the queues of the loop have run empty; the sources take turns. False: nothing
+    /// is left, and the source is dropped from the list.
     virtual bool supply() = 0;
     /// The turn ends.
     virtual void finishTurn() = 0;
+    /// Whether whoever brought the work is gone already: it has its turns, but stands in nobody's way.
+    virtual bool isOrphaned() const { return false; }
 
    protected:
     ~Source() = default;
@@ -84,6 +86,8 @@ class RunLoop {
   void enlist(std::shared_ptr<Source> source);
   /// Lets go of an enlisted source; only on the loop's thread.
   void withdraw(const Source& source);
+  /// Whether a source other than `source`, and not orphaned, has work waiting; only on the loop's thread.
+  bool hasOthers(const Source& source) const;
   /// Tells `source` when the current turn ends; only on the loop's thread, and once a turn.
   void tellEndOfTurn(std::shared_ptr<Source> source);
 

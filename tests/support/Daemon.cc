@@ -98,6 +98,12 @@ void Daemon::start() {
     ADD_FAILURE() << "the daemon did not start:\n" << readText(logFile_);
 }
 
+void Daemon::pause() {
+  process_->signal(SIGSTOP);
+  siginfo_t stop{};
+  waitid(P_PID, static_cast<id_t>(pid()), &stop, WSTOPPED);
+}
+
 void Daemon::kill() {
   if (!process_->isRunning()) {
     ADD_FAILURE() << "the daemon ended by itself with " << process_->waitForExit() << ":\n"

@@ -4,6 +4,7 @@
 // processes die with the test. A daemon that ends by itself, or whose log holds a sanitizer's report, fails
 // the test.
 
+#include <signal.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -61,6 +62,9 @@ class Daemon {
   void start();
   /// Ends it without warning, as a crash or a power switch does.
   void kill();
+  /// Stops it where it is, until goOn().
+  void pause();
+  void goOn() { process_->signal(SIGCONT); }
   pid_t pid() const { return process_->pid(); }
   bool isRunning() { return process_ != nullptr && process_->isRunning(); }
   std::string socketPath() const { return root_.runtime() + "/" + options_.service; }
