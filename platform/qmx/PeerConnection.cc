@@ -144,7 +144,8 @@ void PeerConnection::noteEnd() {
   }
   isEnding_ = true;
   frameLimit_.stop();
-  updateInterest();
+  // The end would be told again and again while nothing else happens.
+  if (!isReadOver_ || isBlocked_) updateInterest();
   enlistWhenReady();
 }
 
