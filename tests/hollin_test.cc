@@ -2,6 +2,7 @@
 
 #include "platform/hollin/Registry.h"
 
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -9,6 +10,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -521,6 +523,61 @@ TEST_F(HollinTest, plugInsGetDataContainersOfTheirOwnAlone) {
   root.writeBundle(loose, {.identifier = "loose"});
   ASSERT_TRUE(registers(loose));
   EXPECT_TRUE(fs::exists(containers + "/loose/tmp")) << "when it is registered";
+}
+
+TEST_F(HollinTest, whatIsKnownOfAPlaceIsTrueWhateverTakesItsPlace) {
+  const std::string application = root.install("A.app", {{.identifier = "a"}});
+  const std::string path = DeviceRoot::plugInPath(application, "a"), away = root.path() + "/away";
+  const std::string linked = root.path() + "/opt/L.app",
+                    loose = root.path() + "/Loose.app/PlugIns/loose.appex";
+  root.writeBundle(DeviceRoot::plugInPath(linked, "linked"), {.identifier = "linked"});
+  fs::create_directory_symlink(linked, applications + "/L.app");
+  root.writeBundle(loose, {.identifier = "loose"});
+  open();
+  ASSERT_TRUE(registers(loose));
+  const auto arePlaceholders = [this](bool expected) {
+    return std::ranges::all_of(Strings{"a", "linked", "loose"}, [&](const std::string& identifier) {
+      const auto container = only(identifier)->containingBundle();
+      return static_cast<const HLApplicationProxy&>(*container).isPlaceholder() == expected;
+    });
+  };
+  // What is known is known after a while in which nothing happens.
+  const auto quiet = [] { std::this_thread::sleep_for(milliseconds(600)); };
+  const std::string places[] = {application, linked, root.path() + "/Loose.app"};
+  quiet();
+  EXPECT_TRUE(arePlaceholders(false));
+  for (const std::string& place : places) writeText(place + "/Placeholder", "");
+  EXPECT_TRUE(eventually([&] { return arePlaceholders(true); }));
+  quiet();
+  EXPECT_TRUE(arePlaceholders(true));
+  for (const std::string& place : places) fs::remove(place + "/Placeholder");
+  // While somebody goes on writing, so that nothing is scanned.
+  const auto soon = [&application](const auto& condition) {
+    return eventually([&] {
+      writeText(application + "/note", "");
+      return condition();
+    });
+  };
+  EXPECT_TRUE(soon([&] { return arePlaceholders(false); }));
+
+  quiet();
+  const auto proxy = only("a");
+  const auto isAt = [&](const std::string& place) { return proxy->bundlePlace() == readablePlace(place); };
+  EXPECT_TRUE(isAt(path) && proxy->bundlePlace());
+  // Another directory with the very same files, a link, and the bundle itself again.
+  fs::create_directories(away);
+  fs::create_hard_link(path + "/Info.plist", away + "/Info.plist");
+  quiet();
+  ASSERT_EQ(renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, away.c_str(), RENAME_EXCHANGE), 0);
+  EXPECT_TRUE(soon([&] { return isAt(path); }));
+  quiet();
+  EXPECT_TRUE(isAt(path));
+  fs::rename(path, away + ".2");
+  fs::create_directory_symlink(away + ".2", path);
+  EXPECT_TRUE(soon([&] { return !proxy->bundlePlace() && errno == ELOOP; }));
+  fs::remove(path);
+  fs::rename(away, path);
+  EXPECT_TRUE(soon([&] { return isAt(path) && proxy->bundlePlace(); }));
 }
 
 pid_t threadCalled(const std::string& name) {

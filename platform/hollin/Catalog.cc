@@ -237,7 +237,8 @@ void Catalog::assignSlots(State& state, double now) {
 
 /// Registers the bundle's plug-ins. REQUIRES: it is accepted, and none is registered.
 void Catalog::wake(State& state, Change& change) {
-  const auto& application = applicationFor(state, Locations::applicationOf(state.path));
+  const std::shared_ptr<const Vigil> vigil = vigilFor(state);
+  const auto& application = applicationFor(state, Locations::applicationOf(state.path), vigil);
   const bool isOnSystemVolume = locations_->isOnSystemVolume(state.path);
   const std::vector<PlugInFacts>& plugIns = state.facts->plugIns;
   state.proxies.reserve(plugIns.size());
@@ -248,8 +249,8 @@ void Catalog::wake(State& state, Change& change) {
       touch(state);
       slot = slotAt(state, plugIns[i].identifier);
     }
-    auto proxy =
-        std::make_shared<PlugInProxy>(state.facts, i, *slot, application, isOnSystemVolume, surroundings_);
+    auto proxy = std::make_shared<PlugInProxy>(state.facts, i, *slot, application, isOnSystemVolume,
+                                               surroundings_, vigil);
     enter(proxy);
     change.installed.push_back(proxy);
     if (change.outcome != nullptr && slot->registered == change.now)
@@ -273,18 +274,44 @@ void Catalog::retire(State& state, Change& change) {
   if (found->second.bundles.empty()) applications_.erase(found);
 }
 
-const std::shared_ptr<const ApplicationProxy>& Catalog::applicationFor(const State& state,
-                                                                       std::string_view path) {
+const std::shared_ptr<const ApplicationProxy>& Catalog::applicationFor(
+    const State& state, std::string_view path, const std::shared_ptr<const Vigil>& vigil) {
   static const std::shared_ptr<const ApplicationProxy> none;
   if (path.empty()) return none;
   auto found = applications_.find(path);
   if (found == applications_.end()) {
     const String key(path);
-    auto proxy = std::make_shared<ApplicationProxy>(weak_from_this(), key, locations_->containerOf(path));
+    auto proxy =
+        std::make_shared<ApplicationProxy>(weak_from_this(), key, locations_->containerOf(path), vigil);
     found = applications_.emplace(key, Application{std::move(proxy), {}}).first;
   }
   found->second.bundles.push_back(&state);
   return found->second.proxy;
+}
+
+/// Of what the bundle is found in; before a scan has found it, of what it will be found in.
+std::shared_ptr<Vigil> Catalog::vigilFor(const State& state) {
+  if (state.entry.size() != 0) return vigilAt(state.entry);
+  const std::string entry = state.isByPath ? std::string() : locations_->entryOf(state.path);
+  return vigilAt(entry.empty() ? state.path.view() : entry);
+}
+
+std::shared_ptr<Vigil> Catalog::vigilAt(std::string_view path) {
+  std::weak_ptr<Vigil>& known = vigils_[String(path)];
+  auto vigil = known.lock();
+  if (vigil == nullptr) known = vigil = std::make_shared<Vigil>();
+  return vigil;
+}
+
+std::shared_ptr<Vigil> Catalog::vigilOf(std::string_view path) {
+  const std::lock_guard lock(mutex_);
+  return vigilAt(path);
+}
+
+void Catalog::sweepVigil(std::string_view path) {
+  const std::lock_guard lock(mutex_);
+  const auto found = vigils_.find(path);
+  if (found != vigils_.end() && found->second.expired()) vigils_.erase(found);
 }
 
 void Catalog::enter(const std::shared_ptr<PlugInProxy>& proxy) {

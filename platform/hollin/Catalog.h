@@ -85,6 +85,10 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   std::vector<Missing> missing(uint64_t scan, const std::unordered_set<std::string_view>* entries) const;
   /// Paths that are registered by path.
   std::vector<String> registeredByPath() const;
+  /// The vigil of what is found in an entry, or is registered by path, at `path`.
+  std::shared_ptr<Vigil> vigilOf(std::string_view path);
+  /// Forgets the vigil when nobody has it any more.
+  void sweepVigil(std::string_view path);
 
   // SDKs: their names count for the plug-ins that name them.
   /// Which of the SDKs that `facts` name are not known yet, and the generation to hand to addSDK().
@@ -137,7 +141,10 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   void retire(State& state, Change& change);
   void enter(const std::shared_ptr<PlugInProxy>& proxy);
   void remove(const PlugInProxy& proxy);
-  const std::shared_ptr<const ApplicationProxy>& applicationFor(const State& state, std::string_view path);
+  const std::shared_ptr<const ApplicationProxy>& applicationFor(const State& state, std::string_view path,
+                                                                const std::shared_ptr<const Vigil>& vigil);
+  std::shared_ptr<Vigil> vigilAt(std::string_view path);
+  std::shared_ptr<Vigil> vigilFor(const State& state);
   void touch(State& state);
   void addSDKNames(const String& name, SDK& sdk, const SDKFacts& facts);
   bool hasName(const PlugInProxy& proxy, std::string_view name) const;
@@ -152,6 +159,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   std::shared_ptr<const Locations> locations_;
   StringMap<State> states_;  // by path
   StringMap<Application> applications_;
+  StringMap<std::weak_ptr<Vigil>> vigils_;
   std::unordered_map<UUID, std::shared_ptr<PlugInProxy>> byUUID_;
   StringMap<Postings> byIdentifier_, byName_;
   StringMap<SDK> sdks_;

@@ -40,7 +40,7 @@ class HLApplicationProxy : public HLBundleProxy {
   virtual std::optional<URL> bundleContainerURL() const = 0;
   /// Proxies of all registered plug-ins inside the application, in order of path, then identifier.
   virtual std::vector<std::shared_ptr<const HLAmbrelProxy>> ambrelPlugins() const = 0;
-  /// Whether the application is still being installed (contains a file "Placeholder"); looked up anew.
+  /// Whether the application is still being installed (contains a file "Placeholder").
   virtual bool isPlaceholder() const = 0;
 };
 

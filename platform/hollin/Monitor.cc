@@ -107,6 +107,7 @@ void Monitor::readEvents() {
   });
   if (isComplete) return;
   systemLog("events of the file system were lost: looking at all applications again");
+  endVigils();
   schedule(everythingDue_, kQuietPeriod);
 }
 
@@ -114,15 +115,20 @@ void Monitor::handle(Subject& subject, std::string_view name, bool isOnTheWay) {
   switch (subject.kind) {
     case Subject::Kind::applications:
       if (isOnTheWay || name.empty()) {
+        endVigils();
         schedule(everythingDue_, kShortPeriod);
       } else {
-        mark(pendingEntries_, subject.path + "/" + std::string(name));
+        const std::string entry = subject.path + "/" + std::string(name);
+        endVigil(entry);
+        mark(pendingEntries_, entry);
       }
       return;
     case Subject::Kind::entry:
+      subject.vigil->end();
       mark(pendingEntries_, subject.path);
       return;
     case Subject::Kind::registered:
+      subject.vigil->end();
       mark(pendingRegistered_, subject.path);
       return;
     case Subject::Kind::sdks:
@@ -189,8 +195,32 @@ Subject& Monitor::subjectOf(Subject::Kind kind, const std::string& path) {
                    : kind == Subject::Kind::registered ? registered_
                                                        : places_;
   auto& subject = subjects[path];
-  if (subject == nullptr) subject = std::make_unique<Subject>(Subject{kind, path});
+  if (subject == nullptr) {
+    subject = std::make_unique<Subject>(Subject{kind, path});
+    if (&subjects != &places_) subject->vigil = catalog_.vigilOf(path);
+  }
   return *subject;
+}
+
+/// What the subject was watched for is not watched any more.
+void Monitor::drop(Subject& subject) {
+  watches_.drop(subject);
+  subject.vigil->end();
+  subject.vigil.reset();
+  catalog_.sweepVigil(subject.path);
+}
+
+void Monitor::beginVigil(const Subject& subject) {
+  if (subject.isWhole) subject.vigil->begin();
+}
+
+void Monitor::endVigil(const std::string& entry) {
+  if (const auto known = entries_.find(entry); known != entries_.end()) known->second->vigil->end();
+}
+
+void Monitor::endVigils() {
+  for (const auto* subjects : {&entries_, &registered_})
+    for (const auto& [path, subject] : *subjects) subject->vigil->end();
 }
 
 /// A whole round, as at start: every watch is renewed, and what it is for is looked at after that.
@@ -199,23 +229,23 @@ void Monitor::lookAtEverything() {
   watchPlaces();
   watchRegistered();
   scanEverything();
+  for (const auto& [path, subject] : registered_) beginVigil(*subject);
   registrar_.refreshSDKs();
-}
-
-/// Watches a directory and the way to it, whether it exists or not.
-void Monitor::watch(Subject& subject, const std::string& path) {
-  watches_.begin(subject);
-  watches_.addWay(subject, path);
-  watches_.add(subject, path);
-  watches_.end(subject);
 }
 
 /// Watches "Applications" and "SDKs" of all roots.
 void Monitor::watchPlaces() {
   const auto watchPlace = [this](Subject::Kind kind, const std::string& configured) {
+    // The directory and the ways to it, whether it exists or not.
     Subject& subject = subjectOf(kind, configured);
-    watch(subject, configured);
-    if (std::string path = canonicalPath(configured); !path.empty()) subject.path = std::move(path);
+    watches_.begin(subject);
+    watches_.addWay(subject, configured);
+    watches_.add(subject, configured);
+    if (std::string path = canonicalPath(configured); !path.empty()) {
+      if (path != configured) watches_.addWay(subject, path);
+      subject.path = std::move(path);
+    }
+    watches_.end(subject);
   };
   for (const std::string& root : directories_.dataRoots()) {
     watchPlace(Subject::Kind::applications, root + "/Applications");
@@ -227,7 +257,17 @@ void Monitor::watchPlaces() {
 
 void Monitor::watchRegistered() {
   collectRegistered();
-  for (const auto& [path, subject] : registered_) watch(*subject, path);
+  for (const auto& [path, subject] : registered_) watchBundle(*subject);
+}
+
+/// Watches a bundle that is registered by path, the way to it, and the application around it.
+void Monitor::watchBundle(Subject& subject) {
+  watches_.begin(subject);
+  watches_.addWay(subject, subject.path);
+  if (const auto application = Locations::applicationOf(subject.path); !application.empty())
+    watches_.add(subject, std::string(application));
+  watches_.add(subject, subject.path);
+  watches_.end(subject);
 }
 
 /// Bundles registered by path; they may be gone. A new one is watched when it is looked at.
@@ -243,7 +283,7 @@ void Monitor::collectRegistered() {
     subjectOf(Subject::Kind::registered, key);
     mark(pendingRegistered_, key);
   }
-  for (const auto& [path, subject] : before) watches_.drop(*subject);
+  for (const auto& [path, subject] : before) drop(*subject);
 }
 
 void Monitor::visit(const std::string& directory, const std::string& entry,
@@ -253,6 +293,7 @@ void Monitor::visit(const std::string& directory, const std::string& entry,
     subject = &subjectOf(Subject::Kind::entry, entry);
     watches_.begin(*subject);
   }
+  if (!isInside(directory, entry)) watches_.addWay(*subject, directory);  // a link leads there
   watches_.add(*subject, directory);
 }
 
@@ -268,11 +309,12 @@ void Monitor::scanEverything() {
   for (const auto& [entry, subject] : visited) watches_.end(*subject);
   std::erase_if(entries_, [this, &visited](const auto& entry) {
     if (visited.contains(entry.first)) return false;
-    watches_.drop(*entry.second);
+    drop(*entry.second);
     return true;
   });
   takeReport(
       registrar_.applyScan(scanner.take(), true, since, [this](const std::string& p) { return isBusy(p); }));
+  for (const auto& [entry, subject] : visited) beginVigil(*subject);
 }
 
 void Monitor::scanEntries(const std::vector<std::string>& entries) {
@@ -286,19 +328,23 @@ void Monitor::scanEntries(const std::vector<std::string>& entries) {
   for (const std::string& entry : entries) {
     const auto known = entries_.find(entry);
     if (known == entries_.end() || visited.contains(entry)) continue;
-    watches_.drop(*known->second);
+    drop(*known->second);
     entries_.erase(known);
   }
   takeReport(
       registrar_.applyScan(scanner.take(), false, since, [this](const std::string& p) { return isBusy(p); }));
+  for (const auto& [entry, subject] : visited) beginVigil(*subject);
 }
 
 void Monitor::lookAtRegistered(const std::vector<std::string>& paths) {
   // The directory may be another one now.
   for (const std::string& path : paths)
     if (const auto subject = registered_.find(path); subject != registered_.end())
-      watch(*subject->second, path);
+      watchBundle(*subject->second);
   takeReport(registrar_.lookAt(paths, [this](const std::string& p) { return isBusy(p); }));
+  for (const std::string& path : paths)
+    if (const auto subject = registered_.find(path); subject != registered_.end())
+      beginVigil(*subject->second);
 }
 
 void Monitor::takeReport(Registrar::Report report) {

@@ -65,7 +65,7 @@ class Monitor {
   void watchPlaces();
   void watchRegistered();
   void collectRegistered();
-  void watch(Subject& subject, const std::string& path);
+  void watchBundle(Subject& subject);
   void scanEverything();
   void scanEntries(const std::vector<std::string>& entries);
   void lookAtRegistered(const std::vector<std::string>& paths);
@@ -74,6 +74,10 @@ class Monitor {
   void visit(const std::string& directory, const std::string& entry,
              std::unordered_map<std::string, Subject*>& visited);
   Subject& subjectOf(Subject::Kind kind, const std::string& path);
+  void drop(Subject& subject);
+  void endVigil(const std::string& entry);
+  void endVigils();
+  static void beginVigil(const Subject& subject);
   void judgeExhaustion();
 
   const Directories& directories_;

@@ -97,17 +97,19 @@ std::vector<std::shared_ptr<const HLAmbrelProxy>> ApplicationProxy::ambrelPlugin
 }
 
 bool ApplicationProxy::isPlaceholder() const {
-  const std::string_view path = path_.view();
-  return faccessat(AT_FDCWD, std::string(path).append("/Placeholder").c_str(), F_OK, AT_SYMLINK_NOFOLLOW) ==
-         0;
+  return isPlaceholder_.get(*vigil_, [this] {
+    const std::string file = std::string(path_.view()).append("/Placeholder");
+    return faccessat(AT_FDCWD, file.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+  });
 }
 
 PlugInProxy::PlugInProxy(std::shared_ptr<const BundleFacts> facts, size_t index, const Slot& slot,
                          std::shared_ptr<const ApplicationProxy> application, bool isOnSystemVolume,
-                         std::shared_ptr<const Surroundings> surroundings)
+                         std::shared_ptr<const Surroundings> surroundings, std::shared_ptr<const Vigil> vigil)
     : facts_(std::move(facts)),
       application_(std::move(application)),
       surroundings_(std::move(surroundings)),
+      vigil_(std::move(vigil)),
       original_(slot.original),
       uuid_(slot.uuid),
       registered_(slot.registered),
@@ -166,7 +168,7 @@ std::optional<URL> PlugInProxy::container(bool isTrusted) const {
 }
 
 std::optional<FilePlace> PlugInProxy::bundlePlace() const {
-  return readablePlace(std::string(facts_->path.view()));
+  return place_.get(*vigil_, [this] { return readablePlace(std::string(facts_->path.view())); });
 }
 
 }  // namespace platform::hollin

@@ -13,6 +13,7 @@
 #include "platform/hollin/BundleFacts.h"
 #include "platform/hollin/HLProxies.h"
 #include "platform/hollin/Registration.h"
+#include "platform/hollin/Vigil.h"
 
 namespace platform::hollin {
 
@@ -32,8 +33,12 @@ class Absence {
 class ApplicationProxy final : public HLApplicationProxy {
  public:
   /// `container` is empty for an application without one.
-  ApplicationProxy(std::weak_ptr<const Catalog> catalog, String path, String container)
-      : catalog_(std::move(catalog)), path_(std::move(path)), container_(std::move(container)) {}
+  ApplicationProxy(std::weak_ptr<const Catalog> catalog, String path, String container,
+                   std::shared_ptr<const Vigil> vigil)
+      : catalog_(std::move(catalog)),
+        path_(std::move(path)),
+        container_(std::move(container)),
+        vigil_(std::move(vigil)) {}
 
   std::optional<URL> bundleURL() const override;
   std::optional<std::string> localizedName() const override;
@@ -44,6 +49,8 @@ class ApplicationProxy final : public HLApplicationProxy {
  private:
   const std::weak_ptr<const Catalog> catalog_;
   const String path_, container_;
+  const std::shared_ptr<const Vigil> vigil_;
+  mutable SeenAnswer isPlaceholder_;
   mutable Absence noName_;
 };
 
@@ -56,7 +63,7 @@ class PlugInProxy final : public HLAmbrelProxy {
  public:
   PlugInProxy(std::shared_ptr<const BundleFacts> facts, size_t index, const Slot& slot,
               std::shared_ptr<const ApplicationProxy> application, bool isOnSystemVolume,
-              std::shared_ptr<const Surroundings> surroundings);
+              std::shared_ptr<const Surroundings> surroundings, std::shared_ptr<const Vigil> vigil);
 
   std::optional<URL> bundleURL() const override;
   std::optional<std::string> localizedName() const override;
@@ -87,6 +94,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   const std::shared_ptr<const BundleFacts> facts_;
   const std::shared_ptr<const ApplicationProxy> application_;
   const std::shared_ptr<const Surroundings> surroundings_;
+  const std::shared_ptr<const Vigil> vigil_;
   const String original_;
   const UUID uuid_;
   std::atomic<double> registered_;
@@ -94,6 +102,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   const bool isOnSystemVolume_;
   std::atomic<bool> isUninstalled_{false};
   mutable std::atomic<bool> hasContainer_{false};  // when it was last asked for
+  mutable SeenPlace place_;
   mutable Absence noName_, noShortName_;
 };
 

@@ -140,7 +140,8 @@ std::shared_ptr<const HLApplicationProxy> Registry::applicationForURL(const URL&
   struct stat status {};
   if (!locations->isApplication(path) || stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
     return nullptr;
-  return std::make_shared<ApplicationProxy>(catalog_, path, locations->containerOf(path));
+  return std::make_shared<ApplicationProxy>(catalog_, path, locations->containerOf(path),
+                                            std::make_shared<const Vigil>());
 }
 
 Registry* Registry::shared() {

@@ -155,6 +155,7 @@ void Scanner::scanApplication(const Directory& parent, const Child& child) {
   const std::string path = resolve(parent, child);
   if (path.empty()) return;
   visit(path);
+  application_ = path;
   std::string plugIns = path + "/PlugIns";
   const bool isRelative = !child.isLink && parent.descriptor != AT_FDCWD;
   FileDescriptor directory(openat(isRelative ? parent.descriptor : AT_FDCWD,
@@ -181,6 +182,10 @@ void Scanner::scanPlugIns(int plugIns, const std::string& path) {
 }
 
 void Scanner::add(int directory, const std::string& name, std::string path) {
+  // A link may have led into an application that is no entry's.
+  if (const auto application = Locations::applicationOf(path);
+      application != application_ && !application.empty())
+    visit(std::string(application));
   visit(path);
   FoundBundle found{std::move(path), static_cast<uint32_t>(scan_.entries.size() - 1), {}, {}};
   struct stat status {};

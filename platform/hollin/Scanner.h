@@ -65,6 +65,7 @@ class Scanner {
 
   const Visit visit_;
   Scan scan_;
+  std::string application_;               // the one that is being looked at
   size_t listed_ = 0;                     // "Applications" directories with something in them
   std::unordered_set<std::string> seen_;  // what links led to
 };

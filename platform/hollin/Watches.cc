@@ -53,10 +53,13 @@ bool Watches::watch(Subject& subject, const std::string& directory, uint32_t mas
 void Watches::begin(Subject& subject) {
   subject.previous = std::move(subject.watches);
   subject.watches.clear();
+  subject.isWhole = true;
 }
 
 bool Watches::add(Subject& subject, const std::string& directory) {
-  return watch(subject, directory, kEverything, {});
+  const bool isWatched = watch(subject, directory, kEverything, {});
+  if (!isWatched) subject.isWhole = false;
+  return isWatched;
 }
 
 void Watches::addWay(Subject& subject, const std::string& path) {

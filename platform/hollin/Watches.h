@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/hollin/Vigil.h"
 #include "platform/system/FileDescriptor.h"
 
 namespace platform::hollin {
@@ -26,7 +27,9 @@ struct Subject {
   };
   Kind kind;
   std::string path;
+  std::shared_ptr<Vigil> vigil = {};  // of an entry, and of what is registered by path
   std::vector<int> watches = {}, previous = {};
+  bool isWhole = false;  // all directories that were to be watched are
 };
 
 class Watches {
