@@ -96,9 +96,32 @@ const HLApplicationProxy& applicationOf(const HLBundleProxy& container) {
   return *application;
 }
 
+ABDPlugInSet recordsOf(ABDPlugInSearch& search) {
+  ABDPlugInSet records;
+  records.reserve(search.size());
+  while (!search.isOver())
+    if (auto record = search.next()) records.push_back(std::move(record));
+  return records;
+}
+
 }  // namespace
 
-std::optional<ABDPlugInSet> ABDatabase::findPlugIns(const std::optional<Dictionary>& rules) {
+std::shared_ptr<ABDPlugIn> ABDPlugInSearch::next() {
+  const std::shared_ptr<const HLAmbrelProxy>& proxy = (*proxies_)[next_++];
+  if (scope_ == Scope::withoutPlaceholders) {
+    auto containing = proxy->containingBundle();
+    if (containing != container_) {
+      container_ = std::move(containing);
+      isInPlaceholder_ = container_ != nullptr && applicationOf(*container_).isPlaceholder();
+    }
+    if (isInPlaceholder_) return nullptr;
+  }
+  // A plug-in without a bundle URL gets no record.
+  return database_.plugInForProxy(proxy);
+}
+
+ABDPlugInSearch ABDatabase::search(const std::optional<Dictionary>& rules) {
+  constexpr auto kScope = ABDPlugInSearch::Scope::withoutPlaceholders;
   const Value given = rules;
   const auto elections = literalList(given["ZQUserElection"]);
   const auto identifiers = literalList(given["ZQExtensionIdentifier"]);
@@ -110,32 +133,17 @@ std::optional<ABDPlugInSet> ABDatabase::findPlugIns(const std::optional<Dictiona
       filter = [this, &elections](const String& identifier, const Value& entitlements) {
         return electionPreFilter(*elections, identifier, entitlements);
       };
-    if (const auto narrowed = workspace_->pluginsWithIdentifiers(
-            identifiers ? &*identifiers : nullptr, points ? &*points : nullptr, nullptr, filter))
-      return recordsForProxies(*narrowed);
+    if (auto narrowed = workspace_->pluginsWithIdentifiers(identifiers ? &*identifiers : nullptr,
+                                                           points ? &*points : nullptr, nullptr, filter))
+      return {*this, std::make_shared<const HLProxyList>(*std::move(narrowed)), kScope};
   }
-  const auto installed = workspace_->installedPlugins();
-  if (installed == nullptr) return std::nullopt;
-  return recordsForProxies(*installed);
+  return {*this, workspace_->installedPlugins(), kScope};
 }
 
-ABDPlugInSet ABDatabase::recordsForProxies(const HLProxyList& proxies) {
-  ABDPlugInSet records;
-  records.reserve(proxies.size());
-  // Plug-ins of one application stand together and are judged together. A plug-in without a bundle URL gets
-  // no record.
-  std::shared_ptr<const HLBundleProxy> container;
-  bool isPlaceholder = false;
-  for (const auto& proxy : proxies) {
-    auto containing = proxy->containingBundle();
-    if (containing != container) {
-      container = std::move(containing);
-      isPlaceholder = container != nullptr && applicationOf(*container).isPlaceholder();
-    }
-    if (isPlaceholder) continue;
-    if (auto record = plugInForProxy(proxy)) records.push_back(std::move(record));
-  }
-  return records;
+std::optional<ABDPlugInSet> ABDatabase::findPlugIns(const std::optional<Dictionary>& rules) {
+  ABDPlugInSearch found = search(rules);
+  if (!found.hasAnswer()) return std::nullopt;
+  return recordsOf(found);
 }
 
 bool ABDatabase::electionPreFilter(const std::vector<std::string>& elections, const String& identifier,
@@ -167,13 +175,17 @@ std::shared_ptr<ABDPlugIn> ABDatabase::findPlugInAtPath(const URL& url) {
   return nullptr;
 }
 
+ABDPlugInSearch ABDatabase::searchApplication(const URL& url) {
+  std::shared_ptr<HLProxyList> contained;
+  if (const auto application = HLApplicationProxy::applicationProxyForBundleURL(url))
+    contained = std::make_shared<HLProxyList>(application->ambrelPlugins());
+  return {*this, std::move(contained), ABDPlugInSearch::Scope::everything};
+}
+
 std::optional<std::vector<std::shared_ptr<ABDPlugIn>>> ABDatabase::plugInsWithinApplication(const URL& url) {
-  const auto application = HLApplicationProxy::applicationProxyForBundleURL(url);
-  if (application == nullptr) return std::nullopt;
-  const auto proxies = application->ambrelPlugins();
-  if (proxies.empty()) return std::nullopt;
-  return arrayWithValues(
-      proxies, [this](const std::shared_ptr<const HLAmbrelProxy>& proxy) { return plugInForProxy(proxy); });
+  ABDPlugInSearch contained = searchApplication(url);
+  if (contained.size() == 0) return std::nullopt;
+  return recordsOf(contained);
 }
 
 // --- Registration ---

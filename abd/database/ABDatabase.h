@@ -34,6 +34,33 @@ class ABDatabaseDelegate {
   virtual void removedPlugIns(const HLProxyList& proxies) = 0;
 };
 
+class ABDatabase;
+
+/// A search that goes on record by record, so that others can be served meanwhile: what it looks through was
+/// settled when it began. Used by one request; the database outlives it.
+class ABDPlugInSearch {
+ public:
+  enum class Scope : uint8_t { everything, withoutPlaceholders };
+  /// `proxies` null: the registry cannot answer.
+  ABDPlugInSearch(ABDatabase& database, std::shared_ptr<const HLProxyList> proxies, Scope scope)
+      : database_(database), proxies_(std::move(proxies)), scope_(scope) {}
+
+  bool hasAnswer() const { return proxies_ != nullptr; }
+  size_t size() const { return proxies_ != nullptr ? proxies_->size() : 0; }
+  bool isOver() const { return next_ == size(); }
+  /// The record of the next proxy; null for one that is passed over. REQUIRES: not over.
+  std::shared_ptr<ABDPlugIn> next();
+
+ private:
+  ABDatabase& database_;
+  const std::shared_ptr<const HLProxyList> proxies_;
+  const Scope scope_;
+  size_t next_ = 0;
+  // Plug-ins of one application stand together and are judged together.
+  std::shared_ptr<const HLBundleProxy> container_;
+  bool isInPlaceholder_ = false;
+};
+
 class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
  public:
   ABDatabase();
@@ -59,10 +86,14 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   /// Candidates for `rules`, narrowed by what the registry can look up; the caller still matches each. None
   /// when the registry cannot answer.
   std::optional<ABDPlugInSet> findPlugIns(const std::optional<Dictionary>& rules);
+  /// The same candidates one by one.
+  ABDPlugInSearch search(const std::optional<Dictionary>& rules);
   std::shared_ptr<ABDPlugIn> findPlugIn(const UUID& uuid);
   std::shared_ptr<ABDPlugIn> findPlugInAtPath(const URL& url);
   /// In the registry's order; none when there is no such application or it has no plug-ins.
   std::optional<std::vector<std::shared_ptr<ABDPlugIn>>> plugInsWithinApplication(const URL& url);
+  /// The same plug-ins one by one.
+  ABDPlugInSearch searchApplication(const URL& url);
 
   // Registration.
   std::optional<Error> addPlugIn(const URL& url);
@@ -80,7 +111,6 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
 
  private:
   std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
-  ABDPlugInSet recordsForProxies(const HLProxyList& proxies);
   void purgeCachesToLimit(int64_t limit);
   void autoElect(const ABDPlugIn& plugIn);
   bool electionPreFilter(const std::vector<std::string>& elections, const String& identifier,

@@ -6,7 +6,7 @@
 #include "abd/ABDQmxClient.h"
 #include "abd/ABDServer.h"
 #include "abd/plugin/ABDPlugIn.h"
-#include "abd/requests/Transaction.h"
+#include "abd/requests/Walks.h"
 #include "platform/log/Log.h"
 #include "platform/propertylist/PropertyList.h"
 
@@ -24,30 +24,31 @@ bool canBeStored(const Value& value) {
 
 }  // namespace
 
-void Transaction::annotatePlugIns() {
+Course Transaction::annotatePlugIns() {
   const std::optional<Dictionary> request = qmx_dictionary_get_dictionary(request_.body, key::annotations);
-  if (!request) return fail(kABErrorRequest, "invalid request format (bad annotations dictionary)");
+  if (!request) co_return fail(kABErrorRequest, "invalid request format (bad annotations dictionary)");
   Dictionary annotation;
   if (const Value& election = (*request)[annotation::election]; !election.isNone()) {
     // A number that is not finite would keep the annotation file from ever being written again.
     if (!election.isNumber() || !canBeStored(election))
-      return fail(kABErrorRequest, "invalid request format (annotation election)");
+      co_return fail(kABErrorRequest, "invalid request format (annotation election)");
     annotation.set(annotation::election, election);
   }
   if (const Value& extension = (*request)[annotation::extension]; !extension.isNone()) {
     if (!extension.isDictionary() || !canBeStored(extension))
-      return fail(kABErrorRequest, "invalid request format (annotation extension)");
+      co_return fail(kABErrorRequest, "invalid request format (annotation extension)");
     annotation.set(annotation::extension, extension);
   }
-  if (annotation.empty()) return done();
+  if (annotation.empty()) co_return done();
 
-  const bool allAnnotated = processUuidList([&](const std::shared_ptr<ABDPlugIn>& plugIn) {
+  PlugInWalk plugIns(*this);
+  while (const auto plugIn = plugIns.next()) {
     systemLog("client %d plug-in %@ election := %@", client_->pid(), plugIn->identifier(),
               annotation[annotation::election]);
     server().setAnnotation(annotation, *plugIn);
-    return true;
-  });
-  if (allAnnotated) done();
+    co_await giveWay();
+  }
+  if (!plugIns.hasFailed()) done();
 }
 
 void Transaction::addAnnotationForPlugIn(ABDServer& server, const ABDPlugIn& plugIn, PlugInForm& form) {

@@ -149,16 +149,16 @@ EncodedPropertyList Matches::encoded() const {
 
 }  // namespace
 
-void Transaction::matchPlugIns() {
+Course Transaction::matchPlugIns() {
   const Value& requestedRules = request_.body[key::rules];
   if (!requestedRules.isNone() && !requestedRules.isDictionary())
-    return fail(kABErrorRequest, "invalid request format (bad rules dictionary)");
+    co_return fail(kABErrorRequest, "invalid request format (bad rules dictionary)");
   std::optional<Dictionary> rules;
   if (const Dictionary* dictionary = requestedRules.dictionary()) rules = *dictionary;
   const uint64_t flags = request_.unsignedValue(key::flags);
   if ((flags & ABDiscoverAll) != 0 &&
       !(client_->hasEntitlement(entitlement::manager) && client_->isUnsandboxed()))
-    return fail(kABErrorAccess, "unauthorized discovery flag (ABDiscoverAll)");
+    co_return fail(kABErrorAccess, "unauthorized discovery flag (ABDiscoverAll)");
 
   const Search search{
       .server = server(),
@@ -167,12 +167,20 @@ void Transaction::matchPlugIns() {
       .flags = flags,
       .exclusions = server().userPrefs().exclusions(),
       .plugInsPath = client_->bundle() != nullptr ? client_->bundle()->plugInsPath() : std::nullopt};
-  const ABDPlugInSet candidates = server().findPlugIns(rules).value_or(ABDPlugInSet{});
+  ABDPlugInSearch found = server().search(rules);
+  ABDPlugInSet candidates;
+  candidates.reserve(found.size());
+  while (!found.isOver()) {
+    if (auto plugIn = found.next()) candidates.push_back(std::move(plugIn));
+    co_await giveWay();
+  }
   trace::discoverRaw(static_cast<uint32_t>(candidates.size()));
 
   Matches matches(server(), flags, candidates.size());
-  for (const std::shared_ptr<ABDPlugIn>& plugIn : candidates)
+  for (const std::shared_ptr<ABDPlugIn>& plugIn : candidates) {
     if (search.finds(*plugIn)) matches.add(*plugIn);
+    co_await giveWay();
+  }
   matches.markOverrides();
   if (version_ == static_cast<uint64_t>(kProtocolVersion)) setReply(key::matches, matches.encoded());
   done();

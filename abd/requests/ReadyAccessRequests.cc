@@ -10,7 +10,7 @@
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
 #include "abd/plugin/ABDPlugIn.h"
-#include "abd/requests/Transaction.h"
+#include "abd/requests/Walks.h"
 
 namespace abd {
 
@@ -20,29 +20,31 @@ constexpr const char* kOnHoldReason = "the plug-in is on hold";
 
 }  // namespace
 
-void Transaction::readyPlugIns() {
+/// Between its checks and its enabling nobody else has a turn: what was not on hold then is not when it is
+/// enabled.
+Course Transaction::readyPlugIns() {
   std::vector<std::shared_ptr<ABDPlugIn>> accepted;  // each once
   std::unordered_set<UUID> seen;
-  const bool allAccepted = processUuidList([&](const std::shared_ptr<ABDPlugIn>& plugIn) {
+  PlugInWalk plugIns(*this);
+  while (const auto plugIn = plugIns.next()) {
     const String identifier = plugIn->identifier();
     trace::pluginReady(plugIn->uuid());
     if (server().holdOnPlugIn(*plugIn)) {
       server().debug("denied access to pid %d for plugin %@(%@): the plug-in is on hold", client_->pid(),
                      identifier, plugIn->uuid());
       fail(kABErrorAccess, format("access to plugin %@ denied: %@", identifier, kOnHoldReason));
-      return false;
+      return {};
     }
-    if (plugIn->isData()) return true;
+    if (plugIn->isData()) continue;
     if (const std::optional<std::string> reason = plugIn->allowForClient(*client_)) {
       server().debug("denied access to pid %d for plugin %@(%@): %@", client_->pid(), identifier,
                      plugIn->uuid(), *reason);
       fail(kABErrorAccess, format("access to plugin %@ denied: %@", identifier, *reason));
-      return false;
+      return {};
     }
     if (seen.insert(plugIn->uuid()).second) accepted.push_back(plugIn);
-    return true;
-  });
-  if (!allAccepted) return;
+  }
+  if (plugIns.hasFailed()) return {};
 
   bool isAnswered = false;
   for (const std::shared_ptr<ABDPlugIn>& plugIn : accepted) {
@@ -53,21 +55,22 @@ void Transaction::readyPlugIns() {
     }
   }
   if (!isAnswered) done();
+  return {};
 }
 
-void Transaction::accessPlugIns() {
+Course Transaction::accessPlugIns() {
   Array tokens;
-  const bool allIssued = processUuidList([&](const std::shared_ptr<ABDPlugIn>& plugIn) {
+  PlugInWalk plugIns(*this);
+  while (const auto plugIn = plugIns.next()) {
     std::optional<std::string> token = ABIssueSandboxExtension(*plugIn->url());
     if (!token) {
       const int number = errno;
-      fail(kABErrorRequest, format("cannot create extension to %@: %d", plugIn->path(), number));
-      return false;
+      co_return fail(kABErrorRequest, format("cannot create extension to %@: %d", plugIn->path(), number));
     }
     tokens.append(*token);
-    return true;
-  });
-  if (!allIssued) return;
+    co_await giveWay();
+  }
+  if (plugIns.hasFailed()) co_return;
   setReply(key::extensions, std::move(tokens));
   done();
 }

@@ -1,41 +1,23 @@
 #include "abd/requests/Transaction.h"
 
-#include <climits>
-#include <cstdlib>
-
-#include "Ambrel/ABCollections.h"
 #include "Ambrel/ABErrors.h"
 #include "Ambrel/ABProtocol.h"
 #include "abd/ABDQmxClient.h"
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
-#include "abd/plugin/ABDPlugIn.h"
-#include "platform/system/Directories.h"
-#include "platform/value/UTF8.h"
 
 namespace abd {
 
 namespace {
 
-/// Bytes of a path or of its canonical form, the terminating NUL included.
-constexpr size_t kPathBuffer = 1024;
 /// Versions 2 and 3 are served; they differ in the lowest bit.
 constexpr uint64_t kOldestProtocolVersion = 2;
-
-/// The canonical form of `path`, or "" when it has none that fits the buffer.
-std::string resolvedPath(const std::string& path) {
-  if (path.size() >= kPathBuffer) return {};
-  std::string resolved = canonicalPath(path);
-  // What no message can carry is a path that clients cannot have meant.
-  if (resolved.size() >= kPathBuffer || !isValidText(resolved)) resolved.clear();
-  return resolved;
-}
 
 }  // namespace
 
 struct Transaction::Request {
   std::string_view name;
-  void (Transaction::*handler)();
+  Course (Transaction::*handler)();
 };
 
 const Transaction::Request Transaction::kRequests[] = {
@@ -67,64 +49,24 @@ void Transaction::dispatch() {
     trace::request(client_->pid(), name != nullptr ? std::optional(std::string(name->view())) : std::nullopt);
   if (name == nullptr) return fail(kABErrorRequest, "invalid request format (missing type)");
   for (const Request& request : kRequests) {
-    if (name->view() == request.name) return (this->*request.handler)();
+    if (name->view() != request.name) continue;
+    slice_.begin();
+    course_ = (this->*request.handler)();
+    if (!course_.isOver()) goOnLater();
+    return;
   }
   fail(kABErrorRequest, "unrecognized request");
 }
 
-bool Transaction::marshalPaths(const PathStep& step) {
-  const std::optional<Array> paths = qmx_dictionary_get_array(request_.body, key::paths);
-  if (!paths) {
-    fail(kABErrorRequest, "invalid request format");
-    return false;
-  }
-  for (const Value& entry : *paths) {
-    const std::optional<std::string_view> text = entry.string();
-    if (!text) {
-      fail(kABErrorRequest, "invalid request format");
-      return false;
-    }
-    const std::string path(*text);
-    if (!path.starts_with('/')) {
-      fail(kABErrorPath, format("absolute path required: %s", path));
-      return false;
-    }
-    const std::string resolved = resolvedPath(path);
-    if (!(resolved.empty() ? step(path, false) : step(resolved, true))) return false;
-  }
-  return true;
-}
-
-bool Transaction::processPaths(const PathStep& step) {
-  const bool succeeded = marshalPaths(step);
-  if (succeeded) done();
-  return succeeded;
-}
-
-bool Transaction::processUuidList(const PlugInStep& step) {
-  const std::optional<Array> uuids = qmx_dictionary_get_array(request_.body, key::uuids);
-  if (!uuids) {
-    fail(kABErrorRequest, "invalid request format (uuid)");
-    return false;
-  }
-  for (const Value& entry : *uuids) {
-    if (entry.kind() != Value::Kind::uuid) {
-      fail(kABErrorRequest, "invalid request (bad uuid array)");
-      return false;
-    }
-    const std::optional<UUID> uuid = entry.uuid();
-    if (!uuid) {
-      fail(kABErrorRequest, "invalid request (uuid allocation failure)");
-      return false;
-    }
-    const std::shared_ptr<ABDPlugIn> plugIn = server().findPlugIn(*uuid);
-    if (plugIn == nullptr) {
-      fail(kABErrorRequest, "no such plugin (uuid not found)");
-      return false;
-    }
-    if (!step(plugIn)) return false;
-  }
-  return true;
+void Transaction::goOnLater() {
+  if (connection_ == nullptr) return;
+  connection_->goOnLater([transaction = shared_from_this()] {
+    transaction->server().submitWork([transaction] {
+      transaction->slice_.begin();
+      transaction->course_.goOn();
+      if (!transaction->course_.isOver()) transaction->goOnLater();
+    });
+  });
 }
 
 void Transaction::done() {

@@ -1,17 +1,17 @@
 #pragma once
 
 // One request of one client from its arrival to its single reply. Made on the connection's queue, then used
-// only on the service queue; nothing keeps it once its handler has returned. A message that wants no reply is
-// served like any other and nothing is sent.
+// only on the service queue, in slices of time when it takes long (Course.h); nothing keeps it once its
+// handler has come to its end. A message that wants no reply is served like any other and nothing is sent.
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "abd/ABDPlugInHold.h"
+#include "abd/requests/Course.h"
 #include "platform/qmx/Connection.h"
 #include "platform/qmx/Message.h"
 #include "platform/value/Error.h"
@@ -26,7 +26,7 @@ class ABDQmxClient;
 class ABDServer;
 class PlugInForm;
 
-class Transaction {
+class Transaction : public std::enable_shared_from_this<Transaction> {
  public:
   /// initWithRequest:forClient:.
   Transaction(qmx::Message request, std::shared_ptr<ABDQmxClient> client);
@@ -49,28 +49,24 @@ class Transaction {
   struct Request;
   static const Request kRequests[];
 
+  /// Goes on with a course that has given way, at this request's next turn.
+  void goOnLater();
+  /// Where a handler lets others in: `co_await giveWay()`.
+  Course::Pause giveWay() const { return {slice_}; }
+
   // The handlers; each finishes the request itself.
-  void addPlugIns();
-  void removePlugIns();
-  void bulkPlugIns();
-  void matchPlugIns();
-  void readyPlugIns();
-  void accessPlugIns();
-  void annotatePlugIns();
-  void lockDownPlugIns();
+  Course addPlugIns();
+  Course removePlugIns();
+  Course bulkPlugIns();
+  Course matchPlugIns();
+  Course readyPlugIns();
+  Course accessPlugIns();
+  Course annotatePlugIns();
+  Course lockDownPlugIns();
 
-  /// Answers whether to go on; a step that answers false has finished the request.
-  using PathStep = std::function<bool(const std::string& path, bool resolved)>;
-  using PlugInStep = std::function<bool(const std::shared_ptr<ABDPlugIn>& plugIn)>;
-
-  /// Hands each entry of "paths" to `step`, in its canonical form when it has one. False after the first
-  /// failure, which has been replied.
-  bool marshalPaths(const PathStep& step);
-  /// marshalPaths(), then done().
-  bool processPaths(const PathStep& step);
-  /// Hands the plug-in of each entry of "uuids" to `step`. False after the first failure, which has been
-  /// replied; success is for the caller to reply.
-  bool processUuidList(const PlugInStep& step);
+  /// The entries of "paths" and of "uuids" (Walks.h).
+  class PathWalk;
+  class PlugInWalk;
 
   /// Sends the reply.
   void done();
@@ -79,10 +75,8 @@ class Transaction {
   void fail(int64_t fallbackCode, const Error& error);
   void setReply(const char* key, Value value);
 
-  void releaseHolds(const Array& tokens);
-  bool collectPlugInsToHold(const std::string& path, bool resolved, uint64_t flags,
-                            ABDPlugInHold::PlugIns& plugIns);
-  bool refuseBusyPlugIns(const ABDPlugInHold::PlugIns& plugIns);
+  Course releaseHolds(Array tokens);
+  Course holdPlugIns();
 
   const std::shared_ptr<ABDQmxClient> client_;
   // Kept all the time: after the connection's death a reply goes out when nobody keeps it any more.
@@ -90,6 +84,8 @@ class Transaction {
   const qmx::Message request_;
   std::optional<qmx::Message> reply_;  // none when the message wants no reply
   uint64_t version_ = 0;
+  Slice slice_;
+  Course course_;
 };
 
 }  // namespace abd

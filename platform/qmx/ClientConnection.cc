@@ -12,6 +12,7 @@
 
 #include <cerrno>
 
+#include "platform/log/Failure.h"
 #include "platform/log/Log.h"
 #include "platform/qmx/Frame.h"
 #include "platform/qmx/Limits.h"
@@ -276,6 +277,10 @@ void ClientChannel::deliver() {
 void ClientConnection::send(Message message) {
   const std::shared_ptr<ClientChannel> channel = channel_;
   channel->send(std::move(message), nullptr);
+}
+
+void ClientConnection::goOnLater(Work) {
+  raiseInternalInconsistency("%@: only messages of peers are served in slices", *this);
 }
 
 void ClientConnection::sendWithReply(Dictionary body, ReplyHandler handler) {

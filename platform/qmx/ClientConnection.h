@@ -100,6 +100,7 @@ class ClientConnection final : public Connection {
   void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
   void resume() override { channel_->resume(); }
   void send(Message message) override;
+  void goOnLater(Work rest) override;
   void sendWithReply(Dictionary body, ReplyHandler handler) override;
   void cancel() override { channel_->cancel(); }
   const std::shared_ptr<const PeerIdentity>& peer() const override { return peer_; }

@@ -16,7 +16,8 @@
 //
 // Peer connections hand over one message at a time, in the order of arrival, between pieces of work of the
 // loop's queues: what the event handler submits to a queue of the same loop has run before the next message
-// comes. Messages beyond that wait inside the connection (kMaximumPendingRequests, kMaximumUnsentBytes).
+// comes. Messages beyond that wait inside the connection (kMaximumPendingRequests, kMaximumUnsentBytes). Work
+// that takes long is done in slices (goOnLater()), between which the other connections have their turns.
 
 #include <sys/types.h>
 
@@ -72,6 +73,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   /// kMaximumUnsentBytes, beyond which requests of this peer wait). On a cancelled connection it does
   /// nothing. Peer connections: on the loop's thread; client connections: any thread.
   virtual void send(Message message) = 0;
+  /// The work of the message that was handed over last is not finished: `rest` runs when the other
+  /// connections have had their turns, and the next message comes after it. Dropped when the connection dies
+  /// first. Peer connections; on the loop's thread, once until `rest` runs.
+  virtual void goOnLater(Work rest) = 0;
   /// Sends a request; `handler` runs once, on the connection's queue. Client connections; any thread.
   virtual void sendWithReply(Dictionary body, ReplyHandler handler) = 0;
   /// Drops the connection as if the peer had gone, but for what is unsent or not handed over. Any thread.

@@ -151,7 +151,7 @@ void PeerConnection::noteEnd() {
 
 /// Whether there is something to do when the connection's turn comes.
 bool PeerConnection::hasWork() const {
-  return reader_.count() > 0 || reader_.isOversized() || (isEnding_ && isReadOver_);
+  return rest_ || reader_.count() > 0 || reader_.isOversized() || (isEnding_ && isReadOver_);
 }
 
 void PeerConnection::enlistWhenReady() {
@@ -161,19 +161,39 @@ void PeerConnection::enlistWhenReady() {
 }
 
 bool PeerConnection::supply() {
-  isEnlisted_ = false;
+  const bool mayGoOn = takeTurn();
+  isEnlisted_ = mayGoOn && state_ == State::live && hasWork();
+  return isEnlisted_;
+}
+
+/// One piece of work; false when there is none for now.
+bool PeerConnection::takeTurn() {
+  if (state_ != State::live) return false;
+  if (rest_) {
+    if (isEnding_ && !mayFinish()) {
+      die(Ending::deliverAndFlush);
+      return false;
+    }
+    Work rest = std::move(rest_);
+    rest();
+    return true;
+  }
   // Room for replies brings it back (flush()).
-  if (state_ != State::live || output_.size() > kMaximumUnsentBytes) return false;
+  if (output_.size() > kMaximumUnsentBytes) return false;
   if (reader_.count() == 0) {
     if (hasWork()) die(Ending::flush, reader_.isOversized() ? kOversizedFrame : nullptr);
     return false;
   }
-  if (!deliverFront()) {
-    die(Ending::flush, kMalformedFrame);
-    return false;
-  }
-  isEnlisted_ = state_ == State::live && hasWork();
-  return isEnlisted_;
+  if (!deliverFront()) die(Ending::flush, kMalformedFrame);
+  return true;
+}
+
+/// Whether an ending connection's unfinished work goes on: while nobody else waits, and not for a reply that
+/// nobody will read.
+bool PeerConnection::mayFinish() const {
+  if (loop_.hasOthers(*this)) return false;
+  pollfd stream{.fd = number_, .events = 0, .revents = 0};
+  return !isReplyWanted_ || poll(&stream, 1, 0) == 0;
 }
 
 void PeerConnection::deliverTheRest() {
@@ -191,6 +211,7 @@ bool PeerConnection::deliverFront() {
   reader_.pop();
   // A reply was never asked for here.
   if (!frame || frame->kind == FrameKind::reply) return false;
+  isReplyWanted_ = frame->kind == FrameKind::request;
   if (!handler_) return true;
   if (const Dictionary* body = frame->body.dictionary())
     handler_(Event(Message{.body = *body, .kind = frame->kind, .id = frame->id}));
@@ -209,6 +230,12 @@ void PeerConnection::send(Message message) {
   if (isTurnNoted_ || state_ == State::dead) return;
   isTurnNoted_ = true;
   loop_.tellEndOfTurn(std::shared_ptr<RunLoop::Source>(self(), this));
+}
+
+void PeerConnection::goOnLater(Work rest) {
+  if (state_ == State::dead) return;
+  rest_ = std::move(rest);
+  enlistWhenReady();
 }
 
 void PeerConnection::sendWithReply(Dictionary, ReplyHandler) {
@@ -280,6 +307,7 @@ void PeerConnection::die(Ending ending, const char* reason) {
   if (reason != nullptr) systemLog("closing %@: %s", *this, reason);
   const bool wasLive = state_ == State::live;
   const std::shared_ptr<PeerConnection> keep = self();
+  rest_ = {};
   // What had arrived comes before the end, as it came.
   if (ending == Ending::deliverAndFlush) deliverTheRest();
   state_ = State::dead;

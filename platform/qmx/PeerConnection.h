@@ -5,14 +5,15 @@
 // keep it, and the socket is closed with the object.
 //
 // Bytes are read when the descriptor is readable; whole frames wait in the reader and are handed to the event
-// handler one at a time, when the loop asks its sources (RunLoop::enlist). Replies are collected and written
-// when the turn ends. Reading pauses while kMaximumPendingRequests frames wait, reading and handing over
-// while more than kMaximumUnsentBytes are unsent; the end of the stream is watched for all the time.
+// handler one at a time, when the loop asks its sources (RunLoop::enlist); what is left to do for one comes
+// before the next. Replies are collected and written when the turn ends. Reading pauses while
+// kMaximumPendingRequests frames wait, reading and handing over while more than kMaximumUnsentBytes are
+// unsent; the end of the stream is watched for all the time.
 //
 // When the end is noticed (a failed write brings it about) and nothing stands before what has arrived,
 // neither work of a connection that is not ending nor unsent replies of its own beyond the limit, the
 // connection is ending: it goes on taking turns until everything that had arrived was handed over, and dies
-// then. Else it dies at once.
+// then. Else it dies at once. Work that takes more than its turn goes on only while nobody else waits.
 
 #include <sys/epoll.h>
 
@@ -40,6 +41,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
   void resume() override;
   void send(Message message) override;
+  void goOnLater(Work rest) override;
   void sendWithReply(Dictionary body, ReplyHandler handler) override;
   void cancel() override;
   const std::shared_ptr<const PeerIdentity>& peer() const override { return peer_; }
@@ -51,6 +53,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   enum class Ending : uint8_t { deliverAndFlush, flush, drop };
 
   bool supply() override;
+  bool takeTurn();
   void finishTurn() override;
   bool isOrphaned() const override { return isEnding_; }
 
@@ -64,6 +67,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   void noteEnd();
   bool deliverFront();
   void deliverTheRest();
+  bool mayFinish() const;
   bool hasWork() const;
   void enlistWhenReady();
   void flush();
@@ -84,6 +88,9 @@ class PeerConnection final : public Connection, private RunLoop::Source {
 
   State state_ = State::suspended;
   FrameReader reader_;
+  // Of the message that was handed over last.
+  Work rest_;
+  bool isReplyWanted_ = false;
   OutputQueue output_;
   RunLoop::Events interest_ = EPOLLIN | EPOLLRDHUP;
   bool isEnding_ = false;       // the stream has ended, and what had arrived still gets its turn

@@ -1,0 +1,65 @@
+#pragma once
+
+// The course of one request through its handler. A handler that walks a list is a coroutine: where it says
+// `co_await giveWay()` it goes on at once as long as its slice of time lasts, and else stops until the
+// requests of other clients have had their turns. Handlers without lists are plain functions that return an
+// empty course. Only on the service queue; an unfinished course that is dropped ends where it stands.
+
+#include <chrono>
+#include <coroutine>
+#include <utility>
+
+namespace abd {
+
+/// How long one client's request runs while others may wait.
+inline constexpr std::chrono::microseconds kSlice{1000};
+
+class Slice {
+ public:
+  void begin() { end_ = Clock::now() + kSlice; }
+  bool isOver() const { return Clock::now() >= end_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point end_;
+};
+
+class Course {
+ public:
+  struct promise_type {
+    Course get_return_object() { return Course(Handle::from_promise(*this)); }
+    std::suspend_never initial_suspend() noexcept { return {}; }
+    std::suspend_always final_suspend() noexcept { return {}; }
+    void return_void() {}
+    void unhandled_exception() { throw; }
+  };
+  /// What a handler awaits.
+  struct Pause {
+    const Slice& slice;
+    bool await_ready() const { return !slice.isOver(); }
+    void await_suspend(std::coroutine_handle<>) const {}
+    void await_resume() const {}
+  };
+
+  Course() = default;
+  Course(Course&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+  Course& operator=(Course&& other) noexcept {
+    std::swap(handle_, other.handle_);
+    return *this;
+  }
+  ~Course() {
+    if (handle_) handle_.destroy();
+  }
+
+  bool isOver() const { return !handle_ || handle_.done(); }
+  /// REQUIRES: not over.
+  void goOn() { handle_.resume(); }
+
+ private:
+  using Handle = std::coroutine_handle<promise_type>;
+  explicit Course(Handle handle) : handle_(handle) {}
+
+  Handle handle_;
+};
+
+}  // namespace abd
