@@ -23,15 +23,18 @@ ABDServer::~ABDServer() {
 std::shared_ptr<ABDServer> ABDServer::initForService(const std::string& service,
                                                      const std::optional<std::string>& database) {
   const std::shared_ptr<ABDServer> server(new ABDServer);
+  // The registry tells at once what changed while nobody observed it.
+  server->setDelegate(server.get());
   if (!server->initWithDatabase(database)) return nullptr;
   auto listener = qmx::Listener::create(service, server->qmxQueue_, RunLoop::main());
   if (const Error* error = std::get_if<Error>(&listener)) {
     systemLog("unable to listen for service \"%@\": %@", service, *error);
+    // What the registry told may still be worked on: the server stays until the process ends.
+    [[maybe_unused]] static const auto& unfinished = *new std::shared_ptr<ABDServer>(server);
     return nullptr;
   }
   server->service_ = std::move(std::get<0>(listener));
   singleton() = server;
-  server->setDelegate(server.get());
   server->installConnectionHandler();
   server->userPrefs_ = std::make_unique<ABDUserPrefs>();
   return server;
@@ -55,14 +58,20 @@ void ABDServer::log(int32_t, std::string_view text, std::span<const FormatArgume
 }
 
 void ABDServer::removedPlugIns(const HLProxyList& proxies) {
-  for (const auto& proxy : proxies) {
-    const std::string identifier = proxy->bundleIdentifier().value_or("");
-    removeExternalService(identifier, proxy->bundleVersion().value_or(""), mainQueue_,
-                          [identifier](int32_t result) {
-                            if (result == kRemovalDone || result == kRemovalNoSuchService) return;
-                            systemLog("PLUGIN REMOVAL:%@ RESULT:%d", identifier, result);
-                          });
-  }
+  std::vector<ExternalServiceRemoval> removals;
+  removals.reserve(proxies.size());
+  for (const auto& proxy : proxies)
+    removals.push_back({proxy->bundleIdentifier().value_or(""), proxy->bundleVersion().value_or(""),
+                        proxy->lastRegistration()});
+  std::vector<std::string> identifiers;
+  identifiers.reserve(proxies.size());
+  for (const ExternalServiceRemoval& removal : removals) identifiers.push_back(removal.bundleIdentifier);
+  removeExternalServices(std::move(removals), mainQueue_,
+                         [identifiers = std::move(identifiers)](std::span<const int32_t> results) {
+                           for (size_t i = 0; i < results.size(); i++)
+                             if (results[i] != kRemovalDone && results[i] != kRemovalNoSuchService)
+                               systemLog("PLUGIN REMOVAL:%@ RESULT:%d", identifiers[i], results[i]);
+                         });
 }
 
 }  // namespace abd

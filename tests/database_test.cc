@@ -1,8 +1,10 @@
 // The database: the narrowed search, and records that come and go meanwhile.
 
 #include <filesystem>
+#include <future>
 #include <set>
 
+#include "platform/launcher/ServiceLauncher.h"
 #include "tests/support/ThisServer.h"
 
 namespace {
@@ -72,6 +74,27 @@ TEST_F(Database, ARecordOfAnUninstalledPlugInIsAnsweredButNotKept) {
   const Record first = thisServer().plugInForProxy(proxy);
   ASSERT_NE(first, nullptr);
   EXPECT_NE(thisServer().plugInForProxy(proxy), first);
+}
+
+TEST_F(Database, LaunchesGoWithTheInstallationThatTheyWereAllowedFor) {
+  const std::string path = registerBundle({.identifier = "launched"});
+  const auto proxy = HLAmbrelProxy::ambrelProxyForURL(URL::file(path));
+  const Record former = look(proxy->pluginUUID());
+  const auto isAllowed = [&] { return externalService(getpid(), proxy->pluginUUID()).has_value(); };
+  const auto announceLate = [&] {
+    thisServer().removedPlugIns({proxy});
+    std::promise<void> done;
+    RunLoop::background().async([&done] { done.set_value(); });
+    done.get_future().wait();
+  };
+  ASSERT_EQ(former->enableForPid(getpid()), std::nullopt);
+  ASSERT_EQ(thisServer().removePlugIn(URL::file(path)), std::nullopt);
+  EXPECT_NE(former->enableForPid(getpid()), std::nullopt) << "it is gone, announced or not";
+  EXPECT_FALSE(isAllowed());
+  ASSERT_EQ(thisServer().addPlugIn(URL::file(path)), std::nullopt);
+  ASSERT_EQ(look(proxy->pluginUUID())->enableForPid(getpid()), std::nullopt);
+  announceLate();
+  EXPECT_TRUE(isAllowed());
 }
 
 }  // namespace

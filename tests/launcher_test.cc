@@ -30,11 +30,16 @@ class LauncherTest : public testing::Test {
   }
   bool isRegistered(pid_t host) const { return isRegistered(host, service_); }
   int32_t remove(const std::string& identifier, const std::string& version) {
+    return remove(identifier, version, lastExternalService());
+  }
+  int32_t remove(const std::string& identifier, const std::string& version, RegistrationNumber upTo) {
     std::promise<int32_t> result;
-    removeExternalService(identifier, version, queue_, [this, &result](int32_t code) {
-      EXPECT_TRUE(queue_.isCurrent());
-      result.set_value(code);
-    });
+    removeExternalServices({{"com.example.none", "3", upTo}, {identifier, version, upTo}}, queue_,
+                           [this, &result](std::span<const int32_t> codes) {
+                             EXPECT_TRUE(queue_.isCurrent());
+                             EXPECT_EQ(codes.front(), kRemovalNoSuchService);
+                             result.set_value(codes.back());
+                           });
     return result.get_future().get();
   }
   std::string hostDirectory(pid_t host) const {
@@ -86,18 +91,14 @@ TEST_F(LauncherTest, ARemovalTakesEveryRegistrationOfTheIdentifierAndVersion) {
   EXPECT_EQ(remove("com.example.bundle", "3"), kRemovalNoSuchService);
 }
 
-TEST_F(LauncherTest, ARemovalSparesWhatIsRegisteredAfterIt) {
+TEST_F(LauncherTest, ARemovalSparesWhatIsRegisteredAfterItWasDecided) {
   ASSERT_EQ(add(getpid()), 0);
-  // Keeps the background thread busy until the plug-in is there again.
-  std::promise<void> again;
-  RunLoop::background().async([&again] { again.get_future().wait(); });
-  std::promise<int32_t> result;
-  removeExternalService("com.example.bundle", "3", queue_,
-                        [&result](int32_t code) { result.set_value(code); });
+  const RegistrationNumber decided = lastExternalService();
   ASSERT_EQ(add(getpid()), 0);
-  again.set_value();
-  result.get_future().wait();
+  remove("com.example.bundle", "3", decided);
   EXPECT_TRUE(isRegistered(getpid()));
+  withdrawExternalService(getpid(), service_.plugInUUID);
+  EXPECT_FALSE(isRegistered(getpid()));
 }
 
 TEST_F(LauncherTest, ARegistrationForAnEarlierProcessOfTheSameIdIsNotTheHosts) {

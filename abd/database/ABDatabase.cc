@@ -1,6 +1,7 @@
 #include "abd/database/ABDatabase.h"
 
 #include <algorithm>
+#include <span>
 #include <utility>
 
 #include "Ambrel/ABCollections.h"
@@ -15,6 +16,8 @@ namespace abd {
 namespace {
 
 constexpr const char* kSource = "abd/ABDatabase";
+/// Requests get their turn between the parts of a long announcement.
+constexpr size_t kAnnouncedAtATime = 32;
 
 std::optional<std::string> pathOf(const HLAmbrelProxy& proxy) {
   const auto url = proxy.bundleURL();
@@ -48,9 +51,16 @@ bool ABDatabase::initWithDatabase(const std::optional<std::string>& path) {
 
 std::shared_ptr<ABDPlugIn> ABDatabase::plugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy) {
   return sync_.sync([this, &proxy]() -> std::shared_ptr<ABDPlugIn> {
-    const auto cached = cache_.find(proxy->pluginUUID());
-    return cached != cache_.end() ? cached->second : createPlugInForProxy(proxy);
+    auto cached = cachedPlugIn(proxy->pluginUUID());
+    return cached != nullptr ? cached : createPlugInForProxy(proxy);
   });
+}
+
+/// The cached record. One whose plug-in's uninstall was decided is as good as gone: by now the registry
+/// answers with what took its place.
+std::shared_ptr<ABDPlugIn> ABDatabase::cachedPlugIn(const UUID& uuid) const {
+  const auto found = cache_.find(uuid);
+  return found == cache_.end() || found->second->hlproxy()->isUninstalled() ? nullptr : found->second;
 }
 
 std::shared_ptr<ABDPlugIn> ABDatabase::createPlugInForProxy(
@@ -162,7 +172,7 @@ bool ABDatabase::electionPreFilter(const std::vector<std::string>& elections, co
 
 std::shared_ptr<ABDPlugIn> ABDatabase::findPlugIn(const UUID& uuid) {
   return sync_.sync([this, &uuid]() -> std::shared_ptr<ABDPlugIn> {
-    if (const auto cached = cache_.find(uuid); cached != cache_.end()) return cached->second;
+    if (auto cached = cachedPlugIn(uuid)) return cached;
     if (const auto proxy = HLAmbrelProxy::ambrelProxyForUUID(uuid)) return createPlugInForProxy(proxy);
     systemLog("Hollin cannot find plug-in with UUID:%@", uuid.string());
     return nullptr;
@@ -222,13 +232,15 @@ void ABDatabase::pluginsDidInstall(const HLProxyList& proxies) {
 }
 
 void ABDatabase::pluginsWillUninstall(const HLProxyList& proxies) {
-  sync_.sync([this, &proxies] {
-    for (const auto& proxy : proxies) {
-      systemLog("UNINSTALLED:%@ %@(%@) %@ %@", proxy->bundleIdentifier(), proxy->pluginIdentifier().view(),
-                proxy->bundleVersion(), proxy->pluginUUID().string(), pathOf(*proxy));
-      cache_.erase(proxy->pluginUUID());
-    }
-  });
+  const std::span all(proxies);
+  for (size_t i = 0; i < all.size(); i += kAnnouncedAtATime)
+    sync_.sync([this, some = all.subspan(i, std::min(kAnnouncedAtATime, all.size() - i))] {
+      for (const auto& proxy : some) {
+        systemLog("UNINSTALLED:%@ %@(%@) %@ %@", proxy->bundleIdentifier(), proxy->pluginIdentifier().view(),
+                  proxy->bundleVersion(), proxy->pluginUUID().string(), pathOf(*proxy));
+        cache_.erase(proxy->pluginUUID());
+      }
+    });
   if (ABDatabaseDelegate* observer = delegate()) observer->removedPlugIns(proxies);
 }
 

@@ -110,6 +110,7 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   void pluginsWillUninstall(const HLProxyList& proxies) override;
 
  private:
+  std::shared_ptr<ABDPlugIn> cachedPlugIn(const UUID& uuid) const;
   std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
   void purgeCachesToLimit(int64_t limit);
   void autoElect(const ABDPlugIn& plugIn);

@@ -132,7 +132,14 @@ std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& setting
                                 .plugInIdentifier = std::string(identifier().view()),
                                 .bundleIdentifier = hlproxy_->bundleIdentifier().value_or(""),
                                 .bundleVersion = hlproxy_->bundleVersion().value_or("")};
-  if (const int refusal = addExternalService(pid, *executable, description, service); refusal != 0) {
+  int refusal = addExternalService(pid, *executable, description, service);
+  // Who uninstalls the plug-in from now on takes this registration away; who did it before may have missed
+  // it.
+  if (refusal == 0 && hlproxy_->isUninstalled()) {
+    withdrawExternalService(pid, uuid());
+    refusal = ENOENT;
+  }
+  if (refusal != 0) {
     systemLog("qmx error %d allowing pid %d to use plug-in %@(%@) %@ at %@", refusal, pid,
               identifier().view(), version(), uuid(), path());
     return ABErrorWithFormat(kABErrorRequest, "unable to enable plug-in %@(%@) for pid %d",

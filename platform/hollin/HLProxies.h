@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/launcher/ServiceLauncher.h"
 #include "platform/security/Sandbox.h"
 #include "platform/value/Date.h"
 #include "platform/value/URL.h"
@@ -76,6 +77,9 @@ class HLAmbrelProxy : public HLBundleProxy {
   virtual std::optional<FilePlace> bundlePlace() const = 0;
   /// Whether the plug-in's uninstall was decided: a record made from this proxy must not be kept.
   virtual bool isUninstalled() const = 0;
+  /// Of a plug-in that is announced as uninstalled: the service launcher's last registration when it was
+  /// decided. A later one is none of its own.
+  virtual RegistrationNumber lastRegistration() const = 0;
 };
 
 }  // namespace platform

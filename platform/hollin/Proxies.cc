@@ -116,6 +116,10 @@ PlugInProxy::PlugInProxy(std::shared_ptr<const BundleFacts> facts, size_t index,
       index_(static_cast<uint32_t>(index)),
       isOnSystemVolume_(isOnSystemVolume) {}
 
+PlugInProxy::PlugInProxy(const PlugInProxy& before, const Slot& slot)
+    : PlugInProxy(before.facts_, before.index_, slot, before.application_, before.isOnSystemVolume_,
+                  before.surroundings_, before.vigil_) {}
+
 std::optional<URL> PlugInProxy::bundleURL() const {
   return URL::file(facts_->path, true);
 }

@@ -64,6 +64,8 @@ class PlugInProxy final : public HLAmbrelProxy {
   PlugInProxy(std::shared_ptr<const BundleFacts> facts, size_t index, const Slot& slot,
               std::shared_ptr<const ApplicationProxy> application, bool isOnSystemVolume,
               std::shared_ptr<const Surroundings> surroundings, std::shared_ptr<const Vigil> vigil);
+  /// The same plug-in, registered anew.
+  PlugInProxy(const PlugInProxy& before, const Slot& slot);
 
   std::optional<URL> bundleURL() const override;
   std::optional<std::string> localizedName() const override;
@@ -81,12 +83,20 @@ class PlugInProxy final : public HLAmbrelProxy {
   std::optional<URL> dataContainerURL() const override;
   std::optional<URL> preparedDataContainerURL() const override;
   std::optional<FilePlace> bundlePlace() const override;
-  bool isUninstalled() const override { return isUninstalled_.load(std::memory_order_acquire); }
+  bool isUninstalled() const override { return isUninstalled_; }
+  RegistrationNumber lastRegistration() const override { return lastRegistration_; }
 
   const BundleFacts& bundle() const { return *facts_; }
   const PlugInFacts& plugIn() const { return facts_->plugIns[index_]; }
+  /// Of plugIn() among the bundle's.
+  size_t index() const { return index_; }
   void setRegistrationDate(double seconds) { registered_.store(seconds, std::memory_order_relaxed); }
-  void markUninstalled() { isUninstalled_.store(true, std::memory_order_release); }
+  /// Once. Whoever registers a launch and sees no mark after that has a number which is not above
+  /// lastRegistration().
+  void markUninstalled() {
+    isUninstalled_ = true;
+    lastRegistration_ = lastExternalService();
+  }
 
  private:
   std::optional<URL> container(bool isTrusted) const;
@@ -101,6 +111,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   const uint32_t index_;
   const bool isOnSystemVolume_;
   std::atomic<bool> isUninstalled_{false};
+  RegistrationNumber lastRegistration_ = 0;        // published by the announcement
   mutable std::atomic<bool> hasContainer_{false};  // when it was last asked for
   mutable SeenPlace place_;
   mutable Absence noName_, noShortName_;

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <memory>
@@ -23,9 +25,9 @@ namespace {
 
 struct Writes {
   std::mutex mutex;  // held while a file changes its name, never while one is read or written
-  WriteNumber last = 0;
+  std::atomic<RegistrationNumber> last{0};  // changes under the lock
   // Of the registrations that this process wrote and that may still be there.
-  std::unordered_map<std::string, WriteNumber> numbers;
+  std::unordered_map<std::string, RegistrationNumber> numbers;
 };
 
 /// Never destroyed: the background thread may still be sweeping while the process exits.
@@ -43,7 +45,7 @@ int commit(const std::string& temporary, const std::string& path) {
 }
 
 /// Removes `path` unless it was written after `upTo`; an error number, or 0. A missing file is no error.
-int removeUnlessNewer(const std::string& path, WriteNumber upTo) {
+int removeUnlessNewer(const std::string& path, RegistrationNumber upTo) {
   Writes& state = writes();
   const std::lock_guard lock(state.mutex);
   const auto written = state.numbers.find(path);
@@ -81,11 +83,43 @@ std::vector<std::string> namesIn(const std::string& directory, int& error) {
   return names;
 }
 
-bool isOf(const Dictionary& registration, const std::string& bundleIdentifier,
-          const std::string& bundleVersion) {
-  return registration["BundleIdentifier"].string() == bundleIdentifier &&
-         registration["BundleVersion"].string() == bundleVersion;
-}
+/// What is to be removed, looked up by what a registration says.
+class Removals {
+ public:
+  explicit Removals(std::span<const ExternalServiceRemoval> removals) {
+    for (const ExternalServiceRemoval& removal : removals) {
+      Task& task = tasks_[key(removal.bundleIdentifier, removal.bundleVersion)];
+      task.upTo = std::max(task.upTo, removal.upTo);
+    }
+  }
+
+  struct Task {
+    RegistrationNumber upTo = 0;
+    bool removedAny = false;
+    int error = 0;  // the first one
+  };
+  /// Null when the registration stays.
+  Task* find(const Dictionary& registration) {
+    const auto identifier = registration["BundleIdentifier"].string();
+    const auto version = registration["BundleVersion"].string();
+    if (tasks_.empty() || !identifier || !version) return nullptr;
+    const auto found = tasks_.find(key(*identifier, *version));
+    return found == tasks_.end() ? nullptr : &found->second;
+  }
+  int32_t resultOf(const ExternalServiceRemoval& removal, int listingError) const {
+    const Task& task = tasks_.at(key(removal.bundleIdentifier, removal.bundleVersion));
+    if (task.error != 0) return task.error;
+    if (listingError != 0) return listingError;
+    return task.removedAny ? kRemovalDone : kRemovalNoSuchService;
+  }
+
+ private:
+  /// Property lists hold no NUL.
+  static std::string key(std::string_view identifier, std::string_view version) {
+    return std::string(identifier) + '\0' + std::string(version);
+  }
+  std::unordered_map<std::string, Task> tasks_;
+};
 
 }  // namespace
 
@@ -135,22 +169,25 @@ int RegistrationFiles::write(pid_t host, const UUID& plugIn, const std::string& 
   return number;
 }
 
-WriteNumber RegistrationFiles::lastWrite() {
-  Writes& state = writes();
-  const std::lock_guard lock(state.mutex);
-  return state.last;
+RegistrationNumber RegistrationFiles::lastWrite() {
+  return writes().last;
 }
 
-RegistrationFiles::Removal RegistrationFiles::remove(const std::string* bundleIdentifier,
-                                                     const std::string* bundleVersion, WriteNumber upTo) {
-  Removal out;
-  if (directory().empty()) return out;
-  for (const std::string& host : namesIn(directory(), out.error)) {
+void RegistrationFiles::removeOne(pid_t host, const UUID& plugIn) {
+  removeUnlessNewer(path(host, plugIn), lastWrite());
+}
+
+std::vector<int32_t> RegistrationFiles::remove(std::span<const ExternalServiceRemoval> wanted,
+                                               RegistrationNumber upTo) {
+  Removals removals(wanted);
+  int error = 0;
+  for (const std::string& host :
+       directory().empty() ? std::vector<std::string>() : namesIn(directory(), error)) {
     const std::string hostDirectory = directory() + "/" + host;
     pid_t pid = 0;
     std::from_chars(host.data(), host.data() + host.size(), pid);
     const auto startTime = processStartTime(pid);
-    for (const std::string& name : namesIn(hostDirectory, out.error)) {
+    for (const std::string& name : namesIn(hostDirectory, error)) {
       const std::string file = hostDirectory + "/" + name;
       if (name.starts_with('.')) {
         // A write in progress, unless its host is gone.
@@ -158,21 +195,24 @@ RegistrationFiles::Removal RegistrationFiles::remove(const std::string* bundleId
         continue;
       }
       const auto registration = readDictionaryFile(file);
-      const bool isMeant = registration && bundleIdentifier != nullptr && bundleVersion != nullptr &&
-                           isOf(*registration, *bundleIdentifier, *bundleVersion);
+      Removals::Task* task = registration ? removals.find(*registration) : nullptr;
       const bool isDead =
           !startTime || !registration || (*registration)["HostStartTime"].unsignedValue() != *startTime;
-      if (!isMeant && !isDead) continue;
-      const int number = removeUnlessNewer(file, upTo);
-      if (number == 0) {
-        out.removedAny |= isMeant;
-      } else if (out.error == 0 && (isMeant || !registration)) {
-        out.error = number;  // others are swept by the way
+      if (task == nullptr && !isDead) continue;
+      const int number = removeUnlessNewer(file, isDead ? upTo : task->upTo);
+      if (task != nullptr) {
+        task->removedAny |= number == 0;
+        if (task->error == 0) task->error = number;
+      } else if (!registration && error == 0) {
+        error = number;  // others are swept by the way
       }
     }
     if (!startTime) rmdir(hostDirectory.c_str());
   }
-  return out;
+  std::vector<int32_t> results;
+  results.reserve(wanted.size());
+  for (const ExternalServiceRemoval& removal : wanted) results.push_back(removals.resultOf(removal, error));
+  return results;
 }
 
 }  // namespace platform

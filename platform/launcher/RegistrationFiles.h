@@ -7,8 +7,11 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
+#include "platform/launcher/ServiceLauncher.h"
 #include "platform/value/UUID.h"
 
 namespace platform {
@@ -16,10 +19,6 @@ namespace platform {
 /// When process `pid` began, in clock ticks since boot; none when it is gone (a zombie is). Together with the
 /// pid it names one process for good.
 std::optional<uint64_t> processStartTime(pid_t pid);
-
-/// Every write has a number, and who removes names the number up to which he knows what he removes: a
-/// registration that is written anew while it is being judged stays.
-using WriteNumber = uint64_t;
 
 class RegistrationFiles {
  public:
@@ -32,16 +31,14 @@ class RegistrationFiles {
   /// first.
   static int write(pid_t host, const UUID& plugIn, const std::string& bytes, bool& isNewHost);
   /// The number of the last write.
-  static WriteNumber lastWrite();
+  static RegistrationNumber lastWrite();
 
-  struct Removal {
-    bool removedAny = false;
-    int error = 0;  // the first one
-  };
-  /// Removes the registrations of dead hosts and, when `bundleIdentifier` is given, those of that bundle
-  /// identifier and version; `removedAny` tells of the latter only.
-  static Removal remove(const std::string* bundleIdentifier, const std::string* bundleVersion,
-                        WriteNumber upTo);
+  static void removeOne(pid_t host, const UUID& plugIn);
+
+  /// Removes what `removals` name, and up to number `upTo` the registrations of dead hosts: one that is
+  /// written anew while it is being judged stays. Answers removeExternalServices()'s results.
+  static std::vector<int32_t> remove(std::span<const ExternalServiceRemoval> removals,
+                                     RegistrationNumber upTo);
 };
 
 }  // namespace platform

@@ -45,21 +45,25 @@ int addExternalService(pid_t host, const std::string& executablePath, const Dict
       RegistrationFiles::write(host, service.plugInUUID, std::get<std::string>(bytes), isNewHost);
   // Hosts come and go; each one that comes sees to those that went.
   if (isNewHost) {
-    RunLoop::background().async(
-        [upTo = RegistrationFiles::lastWrite()] { RegistrationFiles::remove(nullptr, nullptr, upTo); });
+    RunLoop::background().async([upTo = lastExternalService()] { RegistrationFiles::remove({}, upTo); });
   }
   return number;
 }
 
-void removeExternalService(const std::string& bundleIdentifier, const std::string& bundleVersion,
-                           SerialQueue& queue, std::function<void(int32_t result)> completion) {
-  RunLoop::background().async([bundleIdentifier, bundleVersion, upTo = RegistrationFiles::lastWrite(), &queue,
+void withdrawExternalService(pid_t host, const UUID& plugInUUID) {
+  RegistrationFiles::removeOne(host, plugInUUID);
+}
+
+RegistrationNumber lastExternalService() {
+  return RegistrationFiles::lastWrite();
+}
+
+void removeExternalServices(std::vector<ExternalServiceRemoval> removals, SerialQueue& queue,
+                            std::function<void(std::span<const int32_t> results)> completion) {
+  RunLoop::background().async([removals = std::move(removals), upTo = lastExternalService(), &queue,
                                completion = std::move(completion)]() mutable {
-    const auto removal = RegistrationFiles::remove(&bundleIdentifier, &bundleVersion, upTo);
-    const int32_t result = removal.error != 0   ? removal.error
-                           : removal.removedAny ? kRemovalDone
-                                                : kRemovalNoSuchService;
-    queue.async([completion = std::move(completion), result] { completion(result); });
+    std::vector<int32_t> results = RegistrationFiles::remove(removals, upTo);
+    queue.async([completion = std::move(completion), results = std::move(results)] { completion(results); });
   });
 }
 

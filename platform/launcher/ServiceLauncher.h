@@ -10,7 +10,9 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "platform/queue/SerialQueue.h"
 #include "platform/value/UUID.h"
@@ -39,12 +41,27 @@ struct ExternalService {
 int addExternalService(pid_t host, const std::string& executablePath, const Dictionary& launchDescription,
                        const ExternalService& service);
 
-/// Removes every registration of that bundle identifier and version that was made before this call (and
-/// sweeps those of dead hosts); `completion` runs on `queue` with 0, 3 when there was none, or an error
-/// number. The file work is done on the platform's background thread.
+/// Takes a registration back; one that is not there is none.
+void withdrawExternalService(pid_t host, const UUID& plugInUUID);
+
+/// This process's registrations are numbered in the order in which they are made, from 1.
+using RegistrationNumber = uint64_t;
+/// The number of the last one. Waits for nothing.
+RegistrationNumber lastExternalService();
+
+/// All registrations of a bundle identifier and version but those that were made after number `upTo`.
+struct ExternalServiceRemoval {
+  std::string bundleIdentifier;
+  std::string bundleVersion;
+  RegistrationNumber upTo = 0;
+};
+
+/// Removes registrations (and sweeps those of dead hosts); `completion` runs on `queue` with one result for
+/// each of `removals`: 0, 3 when there was none, or an error number. The file work is done on the platform's
+/// background thread, in one pass however many removals there are.
 /// REQUIRES: `queue` lives until then.
-void removeExternalService(const std::string& bundleIdentifier, const std::string& bundleVersion,
-                           SerialQueue& queue, std::function<void(int32_t result)> completion);
+void removeExternalServices(std::vector<ExternalServiceRemoval> removals, SerialQueue& queue,
+                            std::function<void(std::span<const int32_t> results)> completion);
 
 /// The host's side: the registration of a plug-in for process `host` (a dictionary), or none.
 std::optional<Dictionary> externalService(pid_t host, const UUID& plugInUUID);
