@@ -500,9 +500,37 @@ TEST_F(HollinTest, aPlugInIsFoundUnderEveryNameThatItsSDKsMayGiveIt) {
             Strings{"both"});
   EXPECT_EQ(only("sdk")->dataContainerURL(), std::nullopt) << "its SDK makes it a data plug-in";
 
-  writePropertyList(device.dataUser() + "/SDKs/point.plist", sdkNamed("new.name"));
+  // Whoever names a changed SDK is updated, but not by a file that another one hides.
+  auto recorder = std::make_unique<Recorder>(*registry);
+  const auto before = only("sdk");
+  Dictionary plain = sdkNamed("new.name");
+  plain.set("ZQExtension",
+            Dictionary{{"ZQExtensionAttributes", plain["ZQExtension"]["ZQExtensionAttributes"]}});
+  writePropertyList(device.dataUser() + "/SDKs/point.plist", plain);
   EXPECT_TRUE(eventually([&] { return withName("new.name") == bySDK; }));
-  EXPECT_EQ(withName("sdk.one"), bySDK) << "a record may have been made with it";
+  EXPECT_EQ(withName("sdk.one"), Strings());
+  EXPECT_FALSE(before->isUninstalled());
+  fs::remove(root.path() + "/tests/point");
+  const auto updates = [&](size_t times) {
+    Strings events = recorder->waitFor(4 * times);
+    std::sort(events.begin(), events.end());
+    Strings wanted;
+    for (const char* event : {"+both", "+sdk", "-both", "-sdk"}) wanted.insert(wanted.end(), times, event);
+    EXPECT_EQ(events, wanted);
+    EXPECT_EQ(recorder->calls, 2 * times) << "all in one announcement";
+  };
+  updates(1);
+  EXPECT_EQ(withName("tested"), Strings());
+  EXPECT_TRUE(before->isUninstalled());
+  EXPECT_GT(only("sdk")->registrationDate(), before->registrationDate());
+  EXPECT_TRUE(eventually([&] { return fs::exists(device.dataUser() + "/Containers/sdk/tmp"); }));
+  fs::remove(device.dataUser() + "/SDKs/point.plist");
+  updates(2);
+  EXPECT_EQ(withName("new.name"), Strings());
+  const Date time = only("sdk")->registrationDate();
+  recorder.reset();
+  open();
+  EXPECT_EQ(only("sdk")->registrationDate(), time);
   registry.reset();
   fs::remove_all(application);
   unsetenv("ABTEST_SDK");

@@ -73,6 +73,29 @@ TEST_F(Ready, RegistersThePlugInForTheHostWithItsEnvironment) {
       << "named twice, enabled once";
 }
 
+TEST_F(Ready, WhatHappenedWhileTheDaemonWasDownIsToldAtItsStart) {
+  const std::string edited = root.install("Edited.app", {{.identifier = "edited"}}),
+                    gone = root.install("Gone.app", {{.identifier = "gone"}});
+  root.install("Stays.app", {{.identifier = "stays"}});
+  start();
+  EXPECT_EQ(errorOf(ready({uuid("edited"), uuid("gone"), uuid("stays")})), "");
+  const UUID ofEdited = uuid("edited"), ofGone = uuid("gone"), ofStays = uuid("stays");
+  EXPECT_FALSE(daemon->logs("INSTALLED:")) << "nothing was known before";
+  daemon->kill();
+  fs::remove_all(gone);
+  writePropertyList(DeviceRoot::plugInPath(edited, "edited") + "/Info.plist",
+                    infoDictionary({.identifier = "edited", .info = {{"BWBundleVersion", "101"}}}));
+  root.install("New.app", {{.identifier = "new"}});
+  daemon->start();
+  EXPECT_TRUE(eventually([&] { return !isRegistered(ofEdited) && !isRegistered(ofGone); }));
+  EXPECT_TRUE(isRegistered(ofStays));
+  for (const char* line : {" INSTALLED:edited edited(101) ", " INSTALLED:new new(100) "})
+    EXPECT_TRUE(daemon->waitForLog(std::string(line).substr(1))) << line;
+  for (const char* line : {"UNINSTALLED:edited edited(100) ", "UNINSTALLED:gone gone(100) "})
+    EXPECT_TRUE(daemon->logs(line)) << line;
+  EXPECT_EQ(daemon->logCount("INSTALLED:"), 4u) << "of both kinds";
+}
+
 TEST_F(Ready, ChoosesTheSandboxByExtensionPointAndConsent) {
   const auto keyboard = [](const char* identifier, const Dictionary& attributes) {
     return PlugInBundle{.identifier = identifier,

@@ -42,6 +42,31 @@ TEST_F(Registration, AnAddedPlugInIsFoundByTheNextRequestAndARemovedOneIsNot) {
   EXPECT_EQ(found(), "second");
 }
 
+TEST_F(Registration, AnSDKCountsForWhatWasOfferedBefore) {
+  const std::string sdk = root.dataUser() + "/SDKs/point.plist";
+  const auto give = [&sdk](const char* name) {
+    writePropertyList(
+        sdk, Dictionary{{"ZQExtension",
+                         Dictionary{{"ZQExtensionAttributes", Dictionary{{"ZQExtensionPointName", name}}}}}});
+  };
+  const auto names = [](const char* name) { return Dictionary{{"ZQExtensionPointName", name}}; };
+  root.install("A.app",
+               {{.identifier = "served", .point = "", .plugIn = {{"ZQExtensionPointIdentifier", "point"}}},
+                {.identifier = "other"}});
+  ASSERT_TRUE(eventually([this] { return found() == "other served"; }));
+  for (const char* name : {"first", "second"}) {
+    EXPECT_EQ(found(names(name)), "");
+    give(name);
+    EXPECT_TRUE(eventually([&] { return found(names(name)) == "served"; })) << name;
+  }
+  EXPECT_EQ(found(names("first")), "");
+  fs::remove(sdk);
+  EXPECT_TRUE(eventually([&] { return found(names("second")).empty(); }));
+  EXPECT_EQ(found(names("com.example.share")), "other");
+  EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:served", 3));
+  EXPECT_FALSE(daemon->logs("UNINSTALLED:other"));
+}
+
 TEST_F(Registration, PathsAreJudgedInOrderAndTheWalkStopsAtTheFirstBadOne) {
   const std::string good = looseBundle("good"), later = looseBundle("later");
   const std::string missing = root.path() + "/loose/none.appex";

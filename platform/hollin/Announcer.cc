@@ -1,6 +1,7 @@
 #include "platform/hollin/Announcer.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/hollin/PlatformThread.h"
 
@@ -17,7 +18,7 @@ Announcer::~Announcer() {
 
 void Announcer::addObserver(HLApplicationWorkspaceObserverProtocol* observer) {
   const std::lock_guard lock(mutex_);
-  observers_.push_back({observer, next_});
+  observers_.push_back({observer, std::exchange(hadObserver_, true) ? next_ : 0});
   if (!thread_.joinable()) thread_ = startPlatformThread("hollin-announce", [this] { run(); });
 }
 
@@ -33,10 +34,15 @@ void Announcer::enqueue(HLProxyList uninstalled, HLProxyList installed) {
   {
     const std::lock_guard lock(mutex_);
     const uint64_t number = next_++;
-    if (observers_.empty()) return;
+    if (hadObserver_ && observers_.empty()) return;
     pending_.push_back({number, std::move(uninstalled), std::move(installed)});
   }
   changed_.notify_all();
+}
+
+void Announcer::forget() {
+  const std::lock_guard lock(mutex_);
+  pending_.clear();
 }
 
 void Announcer::run() {

@@ -1,7 +1,8 @@
 #pragma once
 
-// Delivers announcements to observers on a thread of its own, in the order in which they were enqueued. An
-// observer hears of what was enqueued after it was added. Lives as long as its registry; any thread.
+// Delivers announcements to observers on a thread of its own, in the order in which they were enqueued. The
+// first observer hears of everything, a later one of what was enqueued after it was added. Lives as long as
+// its registry; any thread.
 
 #include <condition_variable>
 #include <cstdint>
@@ -28,6 +29,8 @@ class Announcer {
 
   /// Never waits for an observer. Uninstalls are told before installs.
   void enqueue(HLProxyList uninstalled, HLProxyList installed);
+  /// Drops what was not delivered yet.
+  void forget();
 
  private:
   struct Announcement {
@@ -49,6 +52,7 @@ class Announcer {
   std::vector<Observer> observers_;
   HLApplicationWorkspaceObserverProtocol* called_ = nullptr;  // the observer that is being called
   uint64_t next_ = 0;
+  bool hadObserver_ = false;
   bool isStopping_ = false;
   std::thread thread_;  // started with the first observer
 };

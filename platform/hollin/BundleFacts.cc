@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <utility>
 
 #include "platform/log/Log.h"
 #include "platform/propertylist/PropertyList.h"
+#include "platform/qmx/Encoding.h"
 #include "platform/qmx/SDKRegistry.h"
 #include "platform/security/CodeSigning.h"
 #include "platform/value/UTF8.h"
@@ -160,8 +163,11 @@ SDKFacts readSDKFacts(std::string_view name) {
     addNames(top[kAttributes][kPointName], facts.names);
     if (const Dictionary* multiple = top[kMultiple].dictionary())
       for (const auto& plugIn : *multiple) addNames(plugIn.value[kAttributes][kPointName], facts.names);
-    if (isFirst) facts.isData = protocolOf(top[kProtocol]) == Protocol::data;
-    isFirst = false;
+    if (!std::exchange(isFirst, false)) continue;
+    facts.isData = protocolOf(top[kProtocol]) == Protocol::data;
+    std::string bytes;
+    qmx::encode(*entry, bytes);
+    facts.contents = std::hash<std::string>()(bytes);
   }
   return facts;
 }

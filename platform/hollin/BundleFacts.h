@@ -59,10 +59,12 @@ std::shared_ptr<const BundleFacts> readBundleFacts(const std::string& path, cons
 /// What an extension point's SDK adds to the plug-ins that name it.
 struct SDKFacts {
   std::vector<String> names;
-  bool isData = false;  // gives the protocol "#Data" to plug-ins without one
+  bool isData = false;    // gives the protocol "#Data" to plug-ins without one
+  uint64_t contents = 0;  // tells apart what plug-ins take over; 0 while there is no SDK of that name
 };
 
-/// The facts of the SDK called `name`, of its test definition and of the registered one together.
+/// The facts of the SDK called `name`: the names that its test definition and the registered one give, the
+/// rest of the one that counts.
 SDKFacts readSDKFacts(std::string_view name);
 
 }  // namespace platform::hollin

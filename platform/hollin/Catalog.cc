@@ -2,7 +2,9 @@
 //
 // A bundle's state outlives its presence: slots (UUIDs and times) stay, so that a bundle which comes back is
 // the same again. Invariants, whenever the lock is free:
-// - a state has proxies exactly when its bundle is there, is accepted and is not unregistered;
+// - a state has proxies exactly when its bundle is there, is accepted and is not unregistered; what was
+// stored so gets them silently when it is first looked at, so that the scan at start finds differences like
+// any other;
 // - a proxy is in every index exactly while its state has it, and is marked as uninstalled from then on;
 // - announcements were enqueued in the order in which the indexes changed.
 
@@ -69,7 +71,9 @@ void Catalog::restore(std::vector<Registration> registrations) {
   for (Registration& registration : registrations) {
     lastRow_ = std::max(lastRow_, registration.row);
     const String path = registration.path;
-    static_cast<Registration&>(states_[path]) = std::move(registration);
+    State& state = states_[path];
+    static_cast<Registration&>(state) = std::move(registration);
+    state.isDormant = isAccepted(state.facts) && !state.isUnregistered && state.goneSince == 0;
   }
 }
 
@@ -127,6 +131,7 @@ void Catalog::apply(std::span<const Sighting> sightings, uint64_t since, double 
     if (sighting.facts != nullptr && sighting.entry.size() == 0 && !isExpected(state)) continue;
     if (state == nullptr) state = &findOrAdd(sighting.path);
     noteEntry(*state, sighting);
+    rouse(*state);
     settle(*state, sighting.facts, change);
   }
   announcer_.enqueue(std::move(change.uninstalled), std::move(change.installed));
@@ -189,6 +194,7 @@ void Catalog::registerBundle(const Sighting& sighting, uint64_t since, double no
   Change change{{}, {}, &outcome, now};
   if (sighting.entry.size() == 0) state.isByPath = true;
   noteEntry(state, sighting);
+  rouse(state);
   const bool isSame = state.facts != nullptr &&
                       state.facts->isReadFrom(sighting.facts->info, sighting.facts->entitlementsFile);
   if (!isSame || state.goneSince != 0) retire(state, change);
@@ -208,6 +214,7 @@ void Catalog::registerBundle(const Sighting& sighting, uint64_t since, double no
 bool Catalog::unregisterBundle(std::string_view path, double now) {
   const std::lock_guard lock(mutex_);
   State* state = find(path);
+  if (state != nullptr) rouse(*state);
   if (state == nullptr || (state->proxies.empty() && !state->isByPath)) return false;
   Change change{{}, {}, nullptr, now};
   retire(*state, change);
@@ -235,6 +242,13 @@ void Catalog::assignSlots(State& state, double now) {
   }
 }
 
+/// Registers what was registered when the last process ended: nobody has to be told.
+void Catalog::rouse(State& state) {
+  if (!std::exchange(state.isDormant, false)) return;
+  Change known{{}, {}, nullptr, Date::now().secondsSince1970};
+  wake(state, known);
+}
+
 /// Registers the bundle's plug-ins. REQUIRES: it is accepted, and none is registered.
 void Catalog::wake(State& state, Change& change) {
   const std::shared_ptr<const Vigil> vigil = vigilFor(state);
@@ -249,24 +263,28 @@ void Catalog::wake(State& state, Change& change) {
       touch(state);
       slot = slotAt(state, plugIns[i].identifier);
     }
-    auto proxy = std::make_shared<PlugInProxy>(state.facts, i, *slot, application, isOnSystemVolume,
-                                               surroundings_, vigil);
-    enter(proxy);
-    change.installed.push_back(proxy);
-    if (change.outcome != nullptr && slot->registered == change.now)
-      change.outcome->registered.push_back(proxy);
-    state.proxies.push_back(std::move(proxy));
+    state.proxies.push_back(std::make_shared<PlugInProxy>(state.facts, i, *slot, application,
+                                                          isOnSystemVolume, surroundings_, vigil));
+    enter(state.proxies.back(), change);
   }
+}
+
+/// Registers one of the bundle's registered plug-ins anew: what it is made of is not what it was.
+void Catalog::renew(State& state, size_t index, Change& change) {
+  std::shared_ptr<PlugInProxy>& proxy = state.proxies[index];
+  const auto slot = slotAt(state, proxy->pluginIdentifier());
+  slot->registered = change.now;
+  auto renewed = std::make_shared<PlugInProxy>(*proxy, *slot);
+  withdraw(proxy, change);
+  proxy = std::move(renewed);
+  enter(proxy, change);
+  touch(state);
 }
 
 /// Takes the bundle's plug-ins out, if they are registered.
 void Catalog::retire(State& state, Change& change) {
   if (state.proxies.empty()) return;
-  for (const auto& proxy : state.proxies) {
-    proxy->markUninstalled();
-    remove(*proxy);
-    change.uninstalled.push_back(proxy);
-  }
+  for (const auto& proxy : state.proxies) withdraw(proxy, change);
   state.proxies.clear();
   const auto found = applications_.find(Locations::applicationOf(state.path));
   if (found == applications_.end()) return;
@@ -314,7 +332,7 @@ void Catalog::sweepVigil(std::string_view path) {
   if (found != vigils_.end() && found->second.expired()) vigils_.erase(found);
 }
 
-void Catalog::enter(const std::shared_ptr<PlugInProxy>& proxy) {
+void Catalog::enter(const std::shared_ptr<PlugInProxy>& proxy, Change& change) {
   const PlugInFacts& plugIn = proxy->plugIn();
   all_.reset();
   plugIns_.add(proxy);
@@ -322,10 +340,14 @@ void Catalog::enter(const std::shared_ptr<PlugInProxy>& proxy) {
   byIdentifier_[plugIn.identifier].add(proxy);
   for (const String& name : plugIn.names) byName_[name].add(proxy);
   if (plugIn.sdk.size() != 0) sdks_[plugIn.sdk].plugIns.add(proxy);
+  change.installed.push_back(proxy);
+  if (change.outcome != nullptr && proxy->registrationDate().secondsSince1970 == change.now)
+    change.outcome->registered.push_back(proxy);
 }
 
-void Catalog::remove(const PlugInProxy& proxy) {
-  const PlugInFacts& plugIn = proxy.plugIn();
+void Catalog::withdraw(const std::shared_ptr<PlugInProxy>& proxy, Change& change) {
+  const PlugInFacts& plugIn = proxy->plugIn();
+  proxy->markUninstalled();
   const auto removeFrom = [](StringMap<Postings>& index, const String& key) {
     const auto found = index.find(key);
     found->second.removeOne();
@@ -333,10 +355,11 @@ void Catalog::remove(const PlugInProxy& proxy) {
   };
   all_.reset();
   plugIns_.removeOne();
-  byUUID_.erase(proxy.pluginUUID());
+  byUUID_.erase(proxy->pluginUUID());
   removeFrom(byIdentifier_, plugIn.identifier);
   for (const String& name : plugIn.names) removeFrom(byName_, name);
   if (plugIn.sdk.size() != 0) sdks_.find(plugIn.sdk)->second.plugIns.removeOne();
+  change.uninstalled.push_back(proxy);
 }
 
 uint64_t Catalog::beginScan() {
@@ -345,24 +368,18 @@ uint64_t Catalog::beginScan() {
 }
 
 void Catalog::recognise(std::span<const FoundBundle> found, const std::vector<String>& entries, uint64_t scan,
-                        bool isAtStart, std::vector<const FoundBundle*>& news) {
+                        std::vector<const FoundBundle*>& news) {
   const std::lock_guard lock(mutex_);
-  Change restored{{}, {}, nullptr, Date::now().secondsSince1970};
   for (const FoundBundle& bundle : found) {
     State* state = find(bundle.path);
     if (state != nullptr) state->seen = scan;
     if (state == nullptr || state->facts == nullptr || state->goneSince != 0 ||
         !state->facts->isReadFrom(bundle.info, bundle.entitlementsFile)) {
       news.push_back(&bundle);
-      continue;
+    } else {
+      state->entry = entries[bundle.entry];
+      rouse(*state);
     }
-    const bool isSettled = !isAccepted(state->facts) || state->isUnregistered || !state->proxies.empty();
-    if (!isSettled && !isAtStart) {
-      news.push_back(&bundle);
-      continue;
-    }
-    state->entry = entries[bundle.entry];
-    if (!isSettled) wake(*state, restored);
   }
 }
 

@@ -57,15 +57,16 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   // Changes. `now` is in seconds since 1970; `since` is the value that clock() had before the disk was read.
   std::shared_ptr<const Locations> locations() const;
   void setLocations(std::shared_ptr<const Locations> locations);
-  /// Takes over what was stored; the plug-ins appear when their bundles are sighted. Once, at first.
+  /// Takes over what was stored, as it was when the process that stored it ended: what has changed since is
+  /// for the first scan to find. Once, at first; announces nothing.
   void restore(std::vector<Registration> registrations);
   uint64_t clock() const;
   /// Begins a scan: what recognise() is not told of is missing() after it.
   uint64_t beginScan();
-  /// Takes note of bundles that a scan found in `entries`. What is as it was is settled with this, and
-  /// registered again as it was stored when `isAtStart`; what is not becomes news.
+  /// Takes note of bundles that a scan found in `entries`. What is as it was is settled with this; what is
+  /// not becomes news.
   void recognise(std::span<const FoundBundle> found, const std::vector<String>& entries, uint64_t scan,
-                 bool isAtStart, std::vector<const FoundBundle*>& news);
+                 std::vector<const FoundBundle*>& news);
   /// The facts of a bundle that has not changed since it was last seen, or null.
   std::shared_ptr<const BundleFacts> unchanged(std::string_view path, const FileIdentity& info,
                                                const FileIdentity& entitlements) const;
@@ -90,7 +91,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   /// Forgets the vigil when nobody has it any more.
   void sweepVigil(std::string_view path);
 
-  // SDKs: their names count for the plug-ins that name them.
+  // SDKs: plug-ins that name one take over what it says, and are found by the names that it gives.
   /// Which of the SDKs that `facts` name are not known yet, and the generation to hand to addSDK().
   std::vector<String> unknownSDKs(const BundleFacts& facts, uint64_t& generation) const;
   /// The same for all plug-ins that are registered.
@@ -99,7 +100,12 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   bool addSDK(const String& name, const SDKFacts& facts, uint64_t generation);
   /// Names of all SDKs in use; what others read until now does not count any more.
   std::vector<String> beginSDKRefresh();
-  void setSDK(const String& name, const SDKFacts& facts);
+  struct SDKReading {
+    String name;
+    SDKFacts facts;
+  };
+  /// Plug-ins that took over something else are registered anew, all in one announcement.
+  void setSDKs(std::span<const SDKReading> readings, double now, Outcome& outcome);
 
   // The store. What changed is taken, written, and given back when that failed.
   std::vector<Registration> takeUnsaved(size_t most);
@@ -109,18 +115,19 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
 
  private:
   struct State : Registration {
-    std::vector<std::shared_ptr<PlugInProxy>> proxies;  // in order of identifier; empty when not registered
+    std::vector<std::shared_ptr<PlugInProxy>> proxies;  // in the facts' order; empty when not registered
     String entry;                                       // where the last scan found it
     uint64_t changed = 0;                               // on the clock
     uint64_t seen = 0;                                  // by which scan
     bool isUnsaved = false;
+    bool isDormant = false;  // was registered when it was stored, and was not looked at since
   };
   struct Application {
     std::shared_ptr<const ApplicationProxy> proxy;
     std::vector<const State*> bundles;  // with registered plug-ins
   };
   struct SDK {
-    std::vector<String> names;  // that it ever gave while the process runs
+    SDKFacts facts;
     bool isKnown = false;
     Postings plugIns;
   };
@@ -137,16 +144,18 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   void settle(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
   void miss(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
   void assignSlots(State& state, double now);
+  void rouse(State& state);
   void wake(State& state, Change& change);
+  void renew(State& state, size_t index, Change& change);
   void retire(State& state, Change& change);
-  void enter(const std::shared_ptr<PlugInProxy>& proxy);
-  void remove(const PlugInProxy& proxy);
+  void enter(const std::shared_ptr<PlugInProxy>& proxy, Change& change);
+  void withdraw(const std::shared_ptr<PlugInProxy>& proxy, Change& change);
   const std::shared_ptr<const ApplicationProxy>& applicationFor(const State& state, std::string_view path,
                                                                 const std::shared_ptr<const Vigil>& vigil);
   std::shared_ptr<Vigil> vigilAt(std::string_view path);
   std::shared_ptr<Vigil> vigilFor(const State& state);
   void touch(State& state);
-  void addSDKNames(const String& name, SDK& sdk, const SDKFacts& facts);
+  void learn(const String& name, SDK& sdk, const SDKFacts& facts);
   bool hasName(const PlugInProxy& proxy, std::string_view name) const;
   HLProxyList findByIdentifier(const std::vector<std::string>& identifiers) const;
   HLProxyList findByName(const std::vector<std::string>& names) const;

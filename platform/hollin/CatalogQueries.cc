@@ -45,7 +45,7 @@ bool Catalog::hasName(const PlugInProxy& proxy, std::string_view name) const {
   if (contains(plugIn.names, name)) return true;
   if (plugIn.sdk.size() == 0) return false;
   const auto found = sdks_.find(plugIn.sdk);
-  return found != sdks_.end() && contains(found->second.names, name);
+  return found != sdks_.end() && contains(found->second.facts.names, name);
 }
 
 HLProxyList Catalog::findByIdentifier(const std::vector<std::string>& identifiers) const {
@@ -149,7 +149,7 @@ std::vector<String> Catalog::unknownSDKs(uint64_t& generation) const {
 bool Catalog::addSDK(const String& name, const SDKFacts& facts, uint64_t generation) {
   const std::lock_guard lock(mutex_);
   if (generation != sdkGeneration_) return false;
-  addSDKNames(name, sdks_[name], facts);
+  learn(name, sdks_[name], facts);
   return true;
 }
 
@@ -162,19 +162,31 @@ std::vector<String> Catalog::beginSDKRefresh() {
   return names;
 }
 
-void Catalog::setSDK(const String& name, const SDKFacts& facts) {
+/// Names change together with the plug-ins: who took over the SDK as it was is marked by now, and found no
+/// more.
+void Catalog::setSDKs(std::span<const SDKReading> readings, double now, Outcome& outcome) {
   const std::lock_guard lock(mutex_);
-  if (const auto found = sdks_.find(name); found != sdks_.end()) addSDKNames(name, found->second, facts);
+  Change change{{}, {}, &outcome, now};
+  for (const auto& [name, facts] : readings) {
+    SDK& sdk = sdks_[name];
+    std::vector<std::shared_ptr<PlugInProxy>> users;
+    if (sdk.isKnown && sdk.facts.contents != facts.contents)
+      sdk.plugIns.forEach([&users](const auto& proxy) { users.push_back(proxy); });
+    learn(name, sdk, facts);
+    for (const auto& user : users) renew(*find(user->bundle().path), user->index(), change);
+  }
+  announcer_.enqueue(std::move(change.uninstalled), std::move(change.installed));
 }
 
-/// Names that the SDK does not give any more stay: whoever took over the SDK as it was is matched by them.
-void Catalog::addSDKNames(const String& name, SDK& sdk, const SDKFacts& facts) {
-  sdk.isKnown = true;
-  for (const String& point : facts.names) {
-    if (contains(sdk.names, point)) continue;
-    sdk.names.push_back(point);
-    sdksByName_[point].push_back(name);
+void Catalog::learn(const String& name, SDK& sdk, const SDKFacts& facts) {
+  for (const String& point : sdk.facts.names) {
+    const auto found = sdksByName_.find(point);
+    std::erase(found->second, name);
+    if (found->second.empty()) sdksByName_.erase(found);
   }
+  for (const String& point : facts.names) sdksByName_[point].push_back(name);
+  sdk.facts = facts;
+  sdk.isKnown = true;
 }
 
 }  // namespace platform::hollin

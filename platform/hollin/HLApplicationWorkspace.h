@@ -37,9 +37,10 @@ class HLApplicationWorkspace {
 
   virtual ~HLApplicationWorkspace() = default;
 
-  /// Observers are called on the registry's own thread, in order of events; what was known before is not
-  /// announced. The observer outlives the workspace's thread or calls removeObserver(), which waits for a
-  /// running call to end.
+  /// Observers are called on the registry's own thread, in order of events. The first one is told of what
+  /// changed since the state directory was last in use, too; what is as it was is not announced, nor is
+  /// anything when the state directory is new. The observer outlives the workspace's thread or calls
+  /// removeObserver(), which waits for a running call to end.
   virtual void addObserver(HLApplicationWorkspaceObserverProtocol* observer) = 0;
   virtual void removeObserver(HLApplicationWorkspaceObserverProtocol* observer) = 0;
 

@@ -132,7 +132,11 @@ void Monitor::handle(Subject& subject, std::string_view name, bool isOnTheWay) {
       mark(pendingRegistered_, subject.path);
       return;
     case Subject::Kind::sdks:
-      schedule(isOnTheWay || name.empty() ? everythingDue_ : sdksDue_, kShortPeriod);
+      if (isOnTheWay || name.empty()) {
+        schedule(everythingDue_, kShortPeriod);
+      } else {
+        markSDKs();
+      }
       return;
   }
 }
@@ -142,6 +146,12 @@ void Monitor::mark(PendingPaths& pending, const std::string& path) {
   const auto now = Clock::now();
   Pending& entry = pending.try_emplace(path, Pending{now, now}).first->second;
   entry.due = std::min(now + kQuietPeriod, entry.since + kLongestWait);
+}
+
+void Monitor::markSDKs() {
+  const auto now = Clock::now();
+  if (!pendingSDKs_) pendingSDKs_ = Pending{now, now};
+  pendingSDKs_->due = std::min(now + kShortPeriod, pendingSDKs_->since + kLongestWaitForSDKs);
 }
 
 void Monitor::schedule(std::optional<Clock::time_point>& due, Clock::duration delay) {
@@ -154,8 +164,8 @@ std::optional<Monitor::Clock::time_point> Monitor::nextDue() const {
   const auto consider = [&next](Clock::time_point due) {
     if (!next || due < *next) next = due;
   };
-  for (const auto* due : {&everythingDue_, &sdksDue_})
-    if (*due) consider(**due);
+  if (everythingDue_) consider(*everythingDue_);
+  if (pendingSDKs_) consider(pendingSDKs_->due);
   for (const auto* pending : {&pendingEntries_, &pendingRegistered_})
     for (const auto& [path, entry] : *pending) consider(entry.due);
   return next;
@@ -177,14 +187,10 @@ std::vector<std::string> Monitor::takeDue(PendingPaths& pending) {
 }
 
 void Monitor::work() {
-  const auto isDue = [now = Clock::now()](std::optional<Clock::time_point>& due) {
-    if (!due || *due > now) return false;
-    due.reset();
-    return true;
-  };
+  const auto now = Clock::now();
   if (haveRegistrationsChanged_.exchange(false)) collectRegistered();
-  if (isDue(everythingDue_)) lookAtEverything();
-  if (isDue(sdksDue_)) registrar_.refreshSDKs();
+  if (everythingDue_ && *everythingDue_ <= now) lookAtEverything();
+  if (pendingSDKs_ && pendingSDKs_->due <= now) refreshSDKs();
   if (const auto entries = takeDue(pendingEntries_); !entries.empty()) scanEntries(entries);
   if (const auto paths = takeDue(pendingRegistered_); !paths.empty()) lookAtRegistered(paths);
   judgeExhaustion();
@@ -225,11 +231,17 @@ void Monitor::endVigils() {
 
 /// A whole round, as at start: every watch is renewed, and what it is for is looked at after that.
 void Monitor::lookAtEverything() {
+  everythingDue_.reset();
   watches_.resetExhaustion();
   watchPlaces();
+  refreshSDKs();
   watchRegistered();
   scanEverything();
   for (const auto& [path, subject] : registered_) beginVigil(*subject);
+}
+
+void Monitor::refreshSDKs() {
+  pendingSDKs_.reset();
   registrar_.refreshSDKs();
 }
 

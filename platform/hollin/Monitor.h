@@ -23,8 +23,9 @@ namespace platform::hollin {
 inline constexpr std::chrono::milliseconds kQuietPeriod{300};
 /// Longest time that something is waited for which never becomes quiet.
 inline constexpr std::chrono::seconds kLongestWait{30};
-/// SDKs are single files: they are read soon.
+/// SDKs are single files: they are read soon after the last event, also while they are being written.
 inline constexpr std::chrono::milliseconds kShortPeriod{50};
+inline constexpr std::chrono::seconds kLongestWaitForSDKs{1};
 /// How often everything is looked at when watches ran out.
 inline constexpr std::chrono::seconds kRescanInterval{4};
 
@@ -57,11 +58,13 @@ class Monitor {
   void handle(Subject& subject, std::string_view name, bool isOnTheWay);
   void work();
   void mark(PendingPaths& pending, const std::string& path);
+  void markSDKs();
   void schedule(std::optional<Clock::time_point>& due, Clock::duration delay);
   std::optional<Clock::time_point> nextDue() const;
   std::vector<std::string> takeDue(PendingPaths& pending);
 
   void lookAtEverything();
+  void refreshSDKs();
   void watchPlaces();
   void watchRegistered();
   void collectRegistered();
@@ -94,7 +97,8 @@ class Monitor {
   std::unordered_map<std::string, std::unique_ptr<Subject>> places_, entries_, registered_;  // by path
   PendingPaths pendingEntries_, pendingRegistered_;
   std::unordered_map<std::string, Clock::time_point> busySince_;
-  std::optional<Clock::time_point> everythingDue_, sdksDue_;
+  std::optional<Clock::time_point> everythingDue_;
+  std::optional<Pending> pendingSDKs_;
   bool isPeriodic_ = false;  // watches ran out
 };
 

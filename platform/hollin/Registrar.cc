@@ -46,14 +46,14 @@ void makeDataContainers(const std::vector<std::shared_ptr<const PlugInProxy>>& p
     if (!proxy->isUninstalled()) static_cast<void>(proxy->dataContainerURL());
 }
 
-void Registrar::addFound(const Scan& scan, uint64_t number, bool isAtStart, Sightings& sightings) {
+void Registrar::addFound(const Scan& scan, uint64_t number, Sightings& sightings) {
   std::vector<String> entries;
   entries.reserve(scan.entries.size());
   for (const Scan::Entry& entry : scan.entries) entries.emplace_back(entry.path);
   std::vector<const FoundBundle*> news;
   const std::span<const FoundBundle> all(scan.bundles);
   for (size_t i = 0; i < all.size(); i += kBatch)
-    catalog_.recognise(all.subspan(i, std::min(kBatch, all.size() - i)), entries, number, isAtStart, news);
+    catalog_.recognise(all.subspan(i, std::min(kBatch, all.size() - i)), entries, number, news);
   sightings.items.reserve(news.size());
   for (const FoundBundle* found : news) {
     auto facts = catalog_.unchanged(found->path, found->info, found->entitlementsFile);
@@ -156,7 +156,7 @@ void Registrar::learnSDKs(const std::vector<std::shared_ptr<const BundleFacts>>&
   }
 }
 
-/// At start plug-ins are registered before anybody can ask for them: their SDKs come after.
+/// What was stored is registered as it was, without a look at its SDKs: they come after.
 void Registrar::learnSDKsInUse() {
   uint64_t generation = 0;
   for (const String& name : catalog_.unknownSDKs(generation))
@@ -191,12 +191,12 @@ Registrar::Report Registrar::applyScan(const Scan& scan, bool isEverything, uint
     hasAliases_ = true;
   }
   const uint64_t number = catalog_.beginScan();
-  addFound(scan, number, !isBusy, sightings);
+  addFound(scan, number, sightings);
   addMissing(scan, number, isEverything, sightings, report);
   postpone(isBusy, sightings, report);
   readMissingFacts(sightings, report);
   apply(sightings, since, report);
-  if (!isBusy) learnSDKsInUse();
+  learnSDKsInUse();
   save();
   return report;
 }
@@ -251,7 +251,13 @@ bool Registrar::unregisterBundle(const std::string& path) {
 }
 
 void Registrar::refreshSDKs() {
-  for (const String& name : catalog_.beginSDKRefresh()) catalog_.setSDK(name, readSDKFacts(name));
+  std::vector<Catalog::SDKReading> readings;
+  for (const String& name : catalog_.beginSDKRefresh()) readings.push_back({name, readSDKFacts(name)});
+  Catalog::Outcome outcome;
+  catalog_.setSDKs(readings, secondsNow(), outcome);
+  if (outcome.registered.empty()) return;
+  makeDataContainers(outcome.registered);
+  save();
 }
 
 void Registrar::save() {

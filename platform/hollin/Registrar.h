@@ -45,7 +45,7 @@ class Registrar {
   /// False when nothing is registered there, or it lies on the system volume.
   bool unregisterBundle(const std::string& path);
 
-  /// Reads the SDKs in use anew.
+  /// Reads the SDKs in use anew; plug-ins of those that changed are registered anew.
   void refreshSDKs();
   /// Writes what changed to the store; what cannot be written now is written with the next change.
   void save();
@@ -53,7 +53,7 @@ class Registrar {
  private:
   struct Sightings;
 
-  void addFound(const Scan& scan, uint64_t number, bool isAtStart, Sightings& sightings);
+  void addFound(const Scan& scan, uint64_t number, Sightings& sightings);
   void addMissing(const Scan& scan, uint64_t number, bool isEverything, Sightings& sightings, Report& report);
   void postpone(const IsBusy& isBusy, Sightings& sightings, Report& report);
   void readMissingFacts(Sightings& sightings, Report& report);

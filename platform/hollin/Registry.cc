@@ -77,7 +77,9 @@ std::variant<std::unique_ptr<Registry>, Error> Registry::open(const Directories&
   Scan scan;
   if (auto error = registry->load(registrations, scan)) return *std::move(error);
   registry->catalog_->restore(std::move(registrations));
-  auto report = registry->registrar_.applyScan(scan, true, 0, {});
+  auto report = registry->registrar_.applyScan(scan, true, registry->catalog_->clock(), {});
+  // Where nothing was known there are no differences to tell.
+  if (registry->store_.isNew()) registry->announcer_.forget();
   registry->monitor_.start(std::move(report.registered));
   return registry;
 }

@@ -117,8 +117,9 @@ int Store::connect() {
   if (code != SQLITE_ROW) return code;
   const int version = sqlite3_column_int(query, 0);
   sqlite3_reset(query);
+  isNew_ = version == 0;
   if (version == kVersion) return SQLITE_OK;
-  return version == 0 ? execute(kSchema) : SQLITE_MISMATCH;
+  return isNew_ ? execute(kSchema) : SQLITE_MISMATCH;
 }
 
 int Store::prepareStatements() {

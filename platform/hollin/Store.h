@@ -31,6 +31,9 @@ class Store {
   /// cannot be used.
   std::optional<Error> open(double now, std::vector<Registration>& registrations);
 
+  /// Whether open() found no database, or a damaged one.
+  bool isNew() const { return isNew_; }
+
   enum class Saved { yes, no, restart };
   /// Writes in one transaction what `next` answers until that is nothing. A new database appears with the
   /// first. `no`: nothing was written, and the log says why. `restart`: the database was damaged and is now
@@ -61,6 +64,7 @@ class Store {
   std::string reason(int code) const;
 
   const std::string path_;
+  bool isNew_ = false;
   std::unique_ptr<sqlite3, Closer> database_;
   Statement writeBundle_, removePlugIns_, writePlugIn_;
 };
