@@ -149,7 +149,8 @@ std::vector<String> Catalog::unknownSDKs(uint64_t& generation) const {
 bool Catalog::addSDK(const String& name, const SDKFacts& facts, uint64_t generation) {
   const std::lock_guard lock(mutex_);
   if (generation != sdkGeneration_) return false;
-  learn(name, sdks_[name], facts);
+  SDK& sdk = sdks_[name];
+  if (!sdk.isKnown) learn(name, sdk, facts);  // else plug-ins may have taken over what is known
   return true;
 }
 
