@@ -4,6 +4,7 @@
 #include <future>
 #include <set>
 
+#include "abd/RequestSettings.h"
 #include "platform/launcher/ServiceLauncher.h"
 #include "tests/support/ThisServer.h"
 
@@ -80,6 +81,7 @@ TEST_F(Database, LaunchesGoWithTheInstallationThatTheyWereAllowedFor) {
   const std::string path = registerBundle({.identifier = "launched"});
   const auto proxy = HLAmbrelProxy::ambrelProxyForURL(URL::file(path));
   const Record former = look(proxy->pluginUUID());
+  RequestSettings settings;
   const auto isAllowed = [&] { return externalService(getpid(), proxy->pluginUUID()).has_value(); };
   const auto announceLate = [&] {
     thisServer().removedPlugIns({proxy});
@@ -87,12 +89,12 @@ TEST_F(Database, LaunchesGoWithTheInstallationThatTheyWereAllowedFor) {
     RunLoop::background().async([&done] { done.set_value(); });
     done.get_future().wait();
   };
-  ASSERT_EQ(former->enableForPid(getpid()), std::nullopt);
+  ASSERT_EQ(former->enableForPid(getpid(), settings), std::nullopt);
   ASSERT_EQ(thisServer().removePlugIn(URL::file(path)), std::nullopt);
-  EXPECT_NE(former->enableForPid(getpid()), std::nullopt) << "it is gone, announced or not";
+  EXPECT_NE(former->enableForPid(getpid(), settings), std::nullopt) << "it is gone, announced or not";
   EXPECT_FALSE(isAllowed());
   ASSERT_EQ(thisServer().addPlugIn(URL::file(path)), std::nullopt);
-  ASSERT_EQ(look(proxy->pluginUUID())->enableForPid(getpid()), std::nullopt);
+  ASSERT_EQ(look(proxy->pluginUUID())->enableForPid(getpid(), settings), std::nullopt);
   announceLate();
   EXPECT_TRUE(isAllowed());
 }
