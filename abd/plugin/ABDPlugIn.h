@@ -109,6 +109,8 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   std::optional<std::string> resourceToken(const String& name, const std::string& target) const;
   const char* sandboxProfile(RequestSettings& settings) const;
   Dictionary launchDescription(Dictionary environment, const char* profile) const;
+  /// Tells the log of a "QMXService" with which no launch can be registered: such a plug-in is offered.
+  void reportUnlaunchableService() const;
 
   std::shared_ptr<const HLAmbrelProxy> hlproxy_;  // set before the record is shared
 
