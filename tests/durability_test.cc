@@ -1,5 +1,5 @@
-// What the system does for an answered "annotate", seen from outside: the calls and their order, and each of
-// them failing once.
+// What the system does for an answer, seen from outside: for an "annotate" the calls and their order, and
+// each of them failing once; for a "match" how many there are.
 
 #include <gtest/gtest.h>
 
@@ -117,6 +117,27 @@ TEST_F(Durability, EachStepMayFailOnceAndNothingIsLost) {
                                                                 {"b", Dictionary{{"election", election}}}}))
         << failure;
   }
+}
+
+TEST(Discovery, LooksUpNothingForEachPlugInThatAWarmMatchFinds) {
+  const DeviceRoot root;
+  for (int i = 0; i < 20; i++) {
+    const std::string name = "p" + std::to_string(i);
+    writePropertyList(root.dataUser() + "/Applications/" + name + "/ZintraMetadata.plist", Dictionary());
+    root.install(name + "/A.app", {{.identifier = name, .point = i == 0 ? "one" : "many"}});
+  }
+  writePropertyList(root.configUser() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 5}});
+  const Daemon daemon(root, Daemon::Options{.arguments = {}, .environment = {"LC_ALL=de_AT.UTF-8"}});
+  WireClient client = daemon.connect();
+  bool isTraceable = true;
+  const auto looks = [&](const char* point, size_t found) {
+    SystemCalls calls(root, daemon.pid(), {"-e", "trace=%file"});
+    isTraceable = isTraceable && calls.isAttached();
+    EXPECT_EQ(match(client, Dictionary{{"ZQExtensionPointName", point}}, 0).size(), found);
+    return calls.lines().size();
+  };
+  EXPECT_TRUE(eventually([&] { return !isTraceable || looks("many", 19) == looks("one", 1); }));
+  if (!isTraceable) GTEST_SKIP() << "processes cannot be traced here";
 }
 
 }  // namespace

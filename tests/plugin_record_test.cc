@@ -1,6 +1,7 @@
 // The daemon's record: building from the registry, forms, ratings, and what it shares.
 
 #include <filesystem>
+#include <thread>
 
 #include "abd/RequestSettings.h"
 #include "platform/qmx/Encoding.h"
@@ -20,7 +21,11 @@ using Record = std::shared_ptr<ABDPlugIn>;
 
 class PlugInRecord : public testing::Test {
  protected:
-  PlugInRecord() { thisServer(); }
+  PlugInRecord() {
+    thisDevice();
+    [[maybe_unused]] static const int language = setenv("LC_ALL", "de_AT.UTF-8", 1);
+    thisServer();
+  }
 };
 
 /// The record of a bundle at any path.
@@ -45,16 +50,6 @@ TEST_F(PlugInRecord, TakesTheHubVersionFromTheSectionOrTheStyle) {
   EXPECT_EQ(version("hub.given", {{"HubProtocolVersion", 5}}, {{"Ambrel", true}}), 5u);
   EXPECT_EQ(version("hub.old", {}, {{"Ambrel", false}}), 1u);
   EXPECT_EQ(version("hub.new", {}, {}), 2u);
-}
-
-TEST_F(PlugInRecord, OneWhoseServiceNoRegistrationCanHoldIsReportedAndOffered) {
-  const std::string path = registerBundle(
-      {.identifier = "strange", .info = {{"QMXService", Dictionary{{"Names", Array{1, "text"}}}}}});
-  std::string info = readText(path + "/Info.plist");
-  writeText(path + "/Info.plist", info.replace(info.find("<string>text</string>"), 21, "<real>nan</real>"));
-  const Log log = logOf([&] { EXPECT_NE(thisServer().findPlugInAtPath(URL::file(path)), nullptr); });
-  EXPECT_EQ(entriesWith(log, "plug-in strange at " + path + " cannot be launched"), 1u);
-  EXPECT_EQ(entriesWith(log, "its \"QMXService\" says at \"Names.1\""), 1u);
 }
 
 TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
@@ -97,17 +92,39 @@ TEST_F(PlugInRecord, ItsRequestFormSaysWhatItsWholeFormSays) {
   EXPECT_EQ(record->requestForm()["annotations"], Value(Dictionary()));
 }
 
-TEST_F(PlugInRecord, ANameThatAppearsLaterIsInTheNextForm) {
-  PlugInBundle bundle = {.identifier = "late", .info = {{"BWBundleName", 5}}};
-  const Record record = registeredRecord(bundle);
-  EXPECT_TRUE(record->requestForm()["localizedDisplayName"].isNone());
-  EXPECT_FALSE(record->exportForm().contains("localizedDisplayName"));
-  bundle.info = {{"BWBundleName", "Late"}};
-  writePropertyList(record->path() + "/Info.plist", infoDictionary(bundle));
-  const PlugInForm form = record->requestForm();
-  EXPECT_EQ(form["localizedDisplayName"], Value("Late"));
-  EXPECT_EQ(encodedForms({form}), Value(Array{record->exportForm()}));
-  EXPECT_EQ(record->exportForm()["localizedShortName"], Value("Late"));
+TEST_F(PlugInRecord, NamesAreReadWhenTheyAreAskedForAndAChangeOfThemIsAnUpdate) {
+  const Record record =
+      installedRecord("Late.app", {.identifier = "late", .info = {{"BWBundleName", "Late"}}});
+  const std::string words = record->path() + "/Localizations/de.plist";
+  const std::string application = *record->containingPath() + "/Info.plist";
+  const auto names = [&record] {
+    const Record current = thisServer().findPlugIn(record->uuid());
+    Array shown;
+    if (current == nullptr) return Value(shown);
+    const PlugInForm form = current->requestForm();
+    for (const char* kind : {"Display", "Short", "ContainingDisplay"})
+      shown.append(form[std::string("localized") + kind + "Name"].string().value_or("none"));
+    return Value(shown);
+  };
+  // After the record was made, before it was asked.
+  writePropertyList(words, Dictionary{{"BWBundleDisplayName", "Verspaetet"}});
+  writePropertyList(application, Dictionary{{"BWBundleName", "First"}});
+  EXPECT_EQ(names(), Value(Array{"Verspaetet", "Late", "First"}));
+  const auto expectAfterAWhile = [&names](const Array& expected) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // by now names are kept
+    EXPECT_TRUE(eventually([&] { return names() == Value(expected); })) << names().description();
+  };
+  expectAfterAWhile({"Verspaetet", "Late", "First"});
+  const Record kept = thisServer().findPlugIn(record->uuid());
+  writePropertyList(application, Dictionary{{"BWBundleName", "Second"}});
+  expectAfterAWhile({"Verspaetet", "Late", "Second"});
+  EXPECT_NE(thisServer().findPlugIn(record->uuid()), kept) << "it was registered anew";
+  fs::remove_all(fs::path(words).parent_path());
+  expectAfterAWhile({"Late", "Late", "Second"});
+  fs::remove(application);
+  expectAfterAWhile({"Late", "Late", "none"});
+  writePropertyList(words, Dictionary{{"BWBundleName", "Spaet"}});
+  expectAfterAWhile({"Spaet", "Spaet", "none"});
 }
 
 TEST_F(PlugInRecord, ARatingWithoutARankLimitsNothing) {

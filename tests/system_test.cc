@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/qmx/Bundle.h"
+#include "platform/qmx/BundleNames.h"
 #include "platform/system/Directories.h"
 #include "platform/system/Notifications.h"
 #include "tests/support/Child.h"
@@ -168,8 +169,10 @@ TEST_F(BundleTest, NamesAreInTheUsersLanguageWhereTheBundleKnowsIt) {
   const auto namesIn = [&](const std::string& language) {
     return answerOfProcess([&] {
       setenv("LC_ALL", language.c_str(), 1);
-      return qmx::localizedBundleName(app_, info).value_or("(none)") + "|" +
-             qmx::localizedBundleShortName(app_, info).value_or("(none)");
+      const qmx::BundleNames names =
+          qmx::localizedBundleNames(app_, qmx::BundleNames::of(info), qmx::localizationFiles(app_));
+      return std::string(names.display.value_or("(none)").view()) + "|" +
+             std::string(names.brief.value_or("(none)").view());
     });
   };
   EXPECT_EQ(namesIn("C"), "Pictures of All|Pictures");

@@ -28,6 +28,7 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
                              prunedInfoDictionaryFor(info), proxy->ambrelDictionary(), proxy->pluginUUID()))
     return nullptr;
   record->hlproxy_ = std::move(proxy);
+  if (info) record->ownNames_ = qmx::BundleNames::of(*info);
   const HLAmbrelProxy& data = *record->hlproxy_;
   record->setOriginalIdentifier(data.originalIdentifier());
   record->setLastModified(wholeSeconds(data.registrationDate()));
@@ -43,8 +44,6 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
     systemLog("ignoring mis-configured plug-in at %@: %@", record->path(), error->localizedDescription());
     return nullptr;
   }
-  record->reportUnlaunchableService();
-  record->readNames(info);
   return record;
 }
 
@@ -64,14 +63,8 @@ Dictionary ABDPlugIn::prunedInfoDictionaryFor(const std::optional<Dictionary>& i
 
 // --- Names ---
 
-std::optional<String> ABDPlugIn::name(Name which, RegistryAnswer ask) const {
-  {
-    const std::lock_guard lock(mutex_);
-    if (names_[which]) return names_[which];
-  }
-  auto answer = ask(*hlproxy_);
+std::optional<String> ABDPlugIn::givenName(Name which) const {
   const std::lock_guard lock(mutex_);
-  if (!names_[which] && answer) names_[which] = String(*answer);
   return names_[which];
 }
 
@@ -80,29 +73,27 @@ void ABDPlugIn::setName(Name which, std::optional<String> name) {
   names_[which] = std::move(name);
 }
 
-void ABDPlugIn::readNames(const std::optional<Dictionary>& info) {
-  if (info) {
-    const qmx::BundleNames names = qmx::localizedBundleNames(path(), *info);
-    setName(displayName, names.display);
-    setName(shortName, names.brief);
-  }
-  localizedContainingName();
-}
-
 std::optional<String> ABDPlugIn::localizedName() const {
-  return name(displayName, [](const HLAmbrelProxy& proxy) { return proxy.localizedName(); });
+  if (auto name = givenName(displayName)) return name;
+  return hlproxy_->localizedNames(ownNames_).display;
 }
 
 std::optional<String> ABDPlugIn::localizedShortName() const {
-  return name(shortName, [](const HLAmbrelProxy& proxy) { return proxy.localizedShortName(); });
+  if (auto name = givenName(shortName)) return name;
+  return hlproxy_->localizedNames(ownNames_).brief;
 }
 
 std::optional<String> ABDPlugIn::localizedContainingName() const {
-  return name(containingName, [](const HLAmbrelProxy& proxy) -> std::optional<std::string> {
-    const auto container = proxy.containingBundle();
-    if (container == nullptr) return std::nullopt;
-    return container->localizedName();
-  });
+  if (auto name = givenName(containingName)) return name;
+  const auto application = containingApplication();
+  return application != nullptr ? application->localizedNames().display : std::nullopt;
+}
+
+/// Whether the names stay what they are as long as the record is kept.
+bool ABDPlugIn::areNamesCertain() const {
+  const auto application = containingApplication();
+  return hlproxy_->localizedNames(ownNames_).isCertain &&
+         (application == nullptr || application->localizedNames().isCertain);
 }
 
 void ABDPlugIn::setLocalizedName(std::optional<String> name) {
@@ -146,40 +137,26 @@ std::shared_ptr<const HLApplicationProxy> ABDPlugIn::containingApplication() con
 
 // --- Form ---
 
-namespace {
-
-constexpr const char* kNameKeys[] = {formkey::localizedDisplayName, formkey::localizedShortName,
-                                     formkey::localizedContainingDisplayName};
-
-}  // namespace
-
 std::shared_ptr<const PlugInForm::KeptPart> ABDPlugIn::keptPart(std::optional<Error>* error) const {
   {
     const std::lock_guard lock(mutex_);
     if (kept_ != nullptr) return kept_;
   }
+  const bool isToBeKept = areNamesCertain();  // before they go into the form
   Dictionary form = exportForm(error);
   form.remove(formkey::annotations);
   auto part = std::make_shared<PlugInForm::KeptPart>();
-  for (unsigned which = 0; which < nameCount; ++which)
-    if (form.contains(kNameKeys[which])) part->names = static_cast<uint8_t>(part->names | 1u << which);
   part->shared = plugInDictionary()[plugInkey::shared];
   part->count = form.size();
   part->entries = qmx::encodeEntries(form);
+  if (!isToBeKept) return part;
   const std::lock_guard lock(mutex_);
   if (kept_ == nullptr) kept_ = std::move(part);
   return kept_;
 }
 
 PlugInForm ABDPlugIn::requestForm(std::optional<Error>* error) const {
-  auto part = keptPart(error);
-  Dictionary late;
-  // A name that was absent is asked for again; what appears later belongs to the request.
-  if ((part->names & 1u << displayName) == 0) late.set(kNameKeys[displayName], localizedName());
-  if ((part->names & 1u << shortName) == 0) late.set(kNameKeys[shortName], localizedShortName());
-  if ((part->names & 1u << containingName) == 0)
-    late.set(kNameKeys[containingName], localizedContainingName());
-  return PlugInForm(shared_from_this(), std::move(part), std::move(late));
+  return PlugInForm(shared_from_this(), keptPart(error));
 }
 
 }  // namespace abd

@@ -96,11 +96,9 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
 
  private:
   enum Name : uint8_t { displayName, shortName, containingName, nameCount };
-  using RegistryAnswer = std::optional<std::string> (*)(const HLAmbrelProxy&);
-  std::optional<String> name(Name which, RegistryAnswer ask) const;
+  std::optional<String> givenName(Name which) const;
   void setName(Name which, std::optional<String> name);
-  /// Reads all names once, those of the bundle from its Info dictionary, which is at hand.
-  void readNames(const std::optional<Dictionary>& info);
+  bool areNamesCertain() const;
   std::shared_ptr<const HLApplicationProxy> containingApplication() const;
   std::shared_ptr<const PlugInForm::KeptPart> keptPart(std::optional<Error>* error) const;
   Value valueForRuleKey(std::string_view key) const;
@@ -109,16 +107,16 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   std::optional<std::string> resourceToken(const String& name, const std::string& target) const;
   const char* sandboxProfile(RequestSettings& settings) const;
   Dictionary launchDescription(Dictionary environment, const char* profile) const;
-  /// Tells the log of a "QMXService" with which no launch can be registered: such a plug-in is offered.
-  void reportUnlaunchableService() const;
 
-  std::shared_ptr<const HLAmbrelProxy> hlproxy_;  // set before the record is shared
+  // Set before the record is shared.
+  std::shared_ptr<const HLAmbrelProxy> hlproxy_;
+  qmx::BundleNames ownNames_;  // in the Info dictionary, before the SDK's entries came into it
 
   static constexpr int64_t kRankNotRead = INT64_MIN;
   mutable std::atomic<int64_t> containerAgeRestriction_{kRankNotRead};
 
-  mutable std::mutex mutex_;  // guards what follows; nothing is read or asked while it is held
-  mutable std::optional<String> names_[nameCount];
+  mutable std::mutex mutex_;                // guards what follows; nothing is read or asked while it is held
+  std::optional<String> names_[nameCount];  // that were set; the others are the registry's to tell
   mutable std::shared_ptr<const PlugInForm::KeptPart> kept_;
   mutable std::map<String, std::shared_ptr<const FoundFile>> resources_;  // those that were judged, by name
 };

@@ -17,16 +17,14 @@ static_assert(std::size(kEntryKeys) == PlugInForm::entryCount);
 
 }  // namespace
 
-PlugInForm::PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept,
-                       Dictionary names)
-    : plugIn_(std::move(plugIn)), kept_(std::move(kept)), names_(std::move(names)) {
+PlugInForm::PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept)
+    : plugIn_(std::move(plugIn)), kept_(std::move(kept)) {
   entries_[annotations] = Dictionary();
 }
 
 Value PlugInForm::operator[](std::string_view key) const {
   for (size_t i = 0; i < entryCount; ++i)
     if (key == kEntryKeys[i]) return entries_[i];
-  if (const Value& name = names_[key]; !name.isNone()) return name;
   // What is asked of every form comes from the record without building a form.
   if (key == formkey::identifier) return plugIn_->identifier();
   if (key == formkey::version) return plugIn_->version();
@@ -39,9 +37,8 @@ Value PlugInForm::operator[](std::string_view key) const {
 void PlugInForm::encodeInto(qmx::EncodedListBuilder& builder) const {
   const auto count = static_cast<size_t>(
       std::ranges::count_if(entries_, [](const Value& value) { return !value.isNone(); }));
-  builder.beginMap(kept_->count + names_.size() + count);
+  builder.beginMap(kept_->count + count);
   builder.kept(kept_->entries);
-  for (const auto& [key, value] : names_) builder.entry(key, value);
   for (size_t i = 0; i < entryCount; ++i)
     if (!entries_[i].isNone()) builder.entry(kEntryKeys[i], entries_[i]);
 }

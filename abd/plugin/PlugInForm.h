@@ -25,15 +25,13 @@ class PlugInForm {
   struct KeptPart {
     Data entries;
     size_t count = 0;
-    uint8_t names = 0;  // which localized names are among them
-    Value shared;       // the resources whose tokens belong to each form
+    Value shared;  // the resources whose tokens belong to each form
   };
 
   /// The entries that belong to a request.
   enum Entry : uint8_t { annotations, extensions, overrider, overriding, entryCount };
 
-  /// `names` are localized names that are not in the kept part of `plugIn`, under their keys.
-  PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept, Dictionary names);
+  PlugInForm(std::shared_ptr<const ABDPlugIn> plugIn, std::shared_ptr<const KeptPart> kept);
 
   /// The value under `key`, or a none value.
   Value operator[](std::string_view key) const;
@@ -47,7 +45,6 @@ class PlugInForm {
  private:
   std::shared_ptr<const ABDPlugIn> plugIn_;
   std::shared_ptr<const KeptPart> kept_;
-  Dictionary names_;
   std::array<Value, entryCount> entries_;  // no table: most forms have some
 };
 

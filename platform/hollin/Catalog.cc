@@ -132,7 +132,7 @@ void Catalog::apply(std::span<const Sighting> sightings, uint64_t since, double 
     if (state == nullptr) state = &findOrAdd(sighting.path);
     noteEntry(*state, sighting);
     rouse(*state);
-    settle(*state, sighting.facts, change);
+    settle(*state, sighting, change);
   }
   announcer_.enqueue(std::move(change.uninstalled), std::move(change.installed));
 }
@@ -148,15 +148,18 @@ void Catalog::noteEntry(State& state, const Sighting& sighting) {
   if (sighting.entry.size() != 0 || sighting.facts == nullptr) state.entry = sighting.entry;
 }
 
-void Catalog::settle(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change) {
+void Catalog::settle(State& state, const Sighting& sighting, Change& change) {
+  const std::shared_ptr<const BundleFacts>& facts = sighting.facts;
   if (!isAccepted(facts)) {
     miss(state, facts, change);
     return;
   }
-  const bool isSame = state.facts != nullptr && state.facts->isReadFrom(facts->info, facts->entitlementsFile);
+  const bool isSame = !sighting.isRenewed && state.facts != nullptr &&
+                      state.facts->isReadFrom(facts->info, facts->entitlementsFile);
   const bool wasGone = state.goneSince != 0;
   if (isSame && !wasGone && (state.isUnregistered || !state.proxies.empty())) return;
   if (!isSame) {
+    if (sighting.isRenewed) renewApplication(state, change.now);
     retire(state, change);
     state.isUnregistered = false;
     state.facts = facts;
@@ -167,6 +170,15 @@ void Catalog::settle(State& state, const std::shared_ptr<const BundleFacts>& fac
     touch(state);
   }
   if (!state.isUnregistered) wake(state, change);
+}
+
+/// The application's name may be another one, which its proxy would not tell. Once for all of its bundles.
+void Catalog::renewApplication(const State& state, double now) {
+  const std::string_view path = Locations::applicationOf(state.path);
+  const auto found = applications_.find(path);
+  if (found == applications_.end() || std::exchange(found->second.renewed, now) == now) return;
+  found->second.proxy = std::make_shared<ApplicationProxy>(
+      weak_from_this(), found->first, locations_->containerOf(path), found->second.proxy->vigil());
 }
 
 /// The bundle is gone or refused.
@@ -301,7 +313,7 @@ const std::shared_ptr<const ApplicationProxy>& Catalog::applicationFor(
     const String key(path);
     auto proxy =
         std::make_shared<ApplicationProxy>(weak_from_this(), key, locations_->containerOf(path), vigil);
-    found = applications_.emplace(key, Application{std::move(proxy), {}}).first;
+    found = applications_.emplace(key, Application{std::move(proxy), 0, {}}).first;
   }
   found->second.bundles.push_back(&state);
   return found->second.proxy;
@@ -368,7 +380,7 @@ uint64_t Catalog::beginScan() {
 }
 
 void Catalog::recognise(std::span<const FoundBundle> found, const std::vector<String>& entries, uint64_t scan,
-                        std::vector<const FoundBundle*>& news) {
+                        std::vector<const FoundBundle*>& news, NamedPlugIns& named) {
   const std::lock_guard lock(mutex_);
   for (const FoundBundle& bundle : found) {
     State* state = find(bundle.path);
@@ -379,8 +391,22 @@ void Catalog::recognise(std::span<const FoundBundle> found, const std::vector<St
     } else {
       state->entry = entries[bundle.entry];
       rouse(*state);
+      addNamed(*state, named);
     }
   }
+}
+
+void Catalog::addNamed(const State& state, NamedPlugIns& named) {
+  for (const auto& proxy : state.proxies)
+    if (proxy->hasNames() || (proxy->application() != nullptr && proxy->application()->hasNames()))
+      named.emplace_back(proxy, state.entry);
+}
+
+NamedPlugIns Catalog::named(std::string_view path) const {
+  const std::lock_guard lock(mutex_);
+  NamedPlugIns out;
+  if (const auto found = states_.find(path); found != states_.end()) addNamed(found->second, out);
+  return out;
 }
 
 std::vector<Catalog::Missing> Catalog::missing(uint64_t scan,

@@ -29,7 +29,11 @@ struct Sighting {
   String path;
   std::shared_ptr<const BundleFacts> facts;  // null: there is no bundle
   String entry;                              // where a scan found it; empty when it was looked at by its path
+  bool isRenewed = false;  // its files are the same, but what its plug-ins are called is not
 };
+
+/// Plug-ins, and where a scan found them.
+using NamedPlugIns = std::vector<std::pair<std::shared_ptr<const PlugInProxy>, String>>;
 
 class Catalog : public std::enable_shared_from_this<Catalog> {
  public:
@@ -64,9 +68,12 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   /// Begins a scan: what recognise() is not told of is missing() after it.
   uint64_t beginScan();
   /// Takes note of bundles that a scan found in `entries`. What is as it was is settled with this; what is
-  /// not becomes news.
+  /// not becomes news. `named` gets the plug-ins among what is settled whose names, or whose application's,
+  /// somebody has asked for.
   void recognise(std::span<const FoundBundle> found, const std::vector<String>& entries, uint64_t scan,
-                 std::vector<const FoundBundle*>& news);
+                 std::vector<const FoundBundle*>& news, NamedPlugIns& named);
+  /// The same of the bundle at `path`.
+  NamedPlugIns named(std::string_view path) const;
   /// The facts of a bundle that has not changed since it was last seen, or null.
   std::shared_ptr<const BundleFacts> unchanged(std::string_view path, const FileIdentity& info,
                                                const FileIdentity& entitlements) const;
@@ -124,6 +131,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   };
   struct Application {
     std::shared_ptr<const ApplicationProxy> proxy;
+    double renewed = 0;                 // seconds since 1970
     std::vector<const State*> bundles;  // with registered plug-ins
   };
   struct SDK {
@@ -141,7 +149,9 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   State& findOrAdd(const String& path);
   static bool isExpected(const State* state);
   static void noteEntry(State& state, const Sighting& sighting);
-  void settle(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
+  void settle(State& state, const Sighting& sighting, Change& change);
+  void renewApplication(const State& state, double now);
+  static void addNamed(const State& state, NamedPlugIns& named);
   void miss(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
   void assignSlots(State& state, double now);
   void rouse(State& state);

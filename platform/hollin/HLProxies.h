@@ -2,7 +2,9 @@
 
 // What the application registry says about one plug-in or one application, as it was when the proxy was made.
 // Immutable but for the uninstalled mark, the registration date, which a repeated registration renews, and
-// values that are read on first use; shared; any thread.
+// what is looked at when it is asked for; shared; any thread. What the registry watches is looked at once and
+// known from then on (placeholders, bundle places: until something happens there; names: as long as the proxy
+// is registered, for a change of them registers the plug-in anew).
 
 #include <atomic>
 #include <memory>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "platform/launcher/ServiceLauncher.h"
+#include "platform/qmx/BundleNames.h"
 #include "platform/security/Sandbox.h"
 #include "platform/value/Date.h"
 #include "platform/value/URL.h"
@@ -28,8 +31,6 @@ class HLBundleProxy {
   virtual ~HLBundleProxy() = default;
   /// Canonical location of the bundle; none when the registry has lost it.
   virtual std::optional<URL> bundleURL() const = 0;
-  /// Display name in the user's language; none when the bundle has none. Looked up anew on each call.
-  virtual std::optional<std::string> localizedName() const = 0;
 };
 
 class HLApplicationProxy : public HLBundleProxy {
@@ -37,6 +38,8 @@ class HLApplicationProxy : public HLBundleProxy {
   /// The proxy of the application at `url`, or null when there is none there.
   static std::shared_ptr<const HLApplicationProxy> applicationProxyForBundleURL(const URL& url);
 
+  /// Display name in the user's language; `display` is none when the application has none.
+  virtual qmx::BundleNames localizedNames() const = 0;
   /// Directory that holds the application and its metadata; none for an application without a container.
   virtual std::optional<URL> bundleContainerURL() const = 0;
   /// Proxies of all registered plug-ins inside the application, in order of path, then identifier.
@@ -64,7 +67,8 @@ class HLAmbrelProxy : public HLBundleProxy {
   virtual std::shared_ptr<const HLBundleProxy> containingBundle() const = 0;
   /// The plug-in's own dictionary from its Info file as it is now, or none.
   virtual Value ambrelDictionary() const = 0;
-  virtual std::optional<std::string> localizedShortName() const = 0;
+  /// Display and short name in the user's language, of a bundle whose Info dictionary says `own`.
+  virtual qmx::BundleNames localizedNames(const qmx::BundleNames& own) const = 0;
   /// The code-signing entitlements (a dictionary), or none.
   virtual const Value& entitlements() const = 0;
   /// The plug-in's data container. Made when the plug-in is registered, or at the latest when this is asked;

@@ -18,6 +18,7 @@
 #include "platform/hollin/PlatformThread.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
+#include "platform/qmx/BundleNames.h"
 #include "platform/qmx/SDKRegistry.h"
 
 namespace platform::hollin {
@@ -277,9 +278,15 @@ void Monitor::watchBundle(Subject& subject) {
   watches_.begin(subject);
   watches_.addWay(subject, subject.path);
   if (const auto application = Locations::applicationOf(subject.path); !application.empty())
-    watches_.add(subject, std::string(application));
-  watches_.add(subject, subject.path);
+    watchNamed(subject, std::string(application));
+  watchNamed(subject, subject.path);
   watches_.end(subject);
+}
+
+/// Watches the directory of something that has a name, and its words for this user.
+void Monitor::watchNamed(Subject& subject, const std::string& bundle) {
+  watches_.add(subject, bundle);
+  if (qmx::hasLanguage()) watches_.addIfThere(subject, bundle + "/Localizations");
 }
 
 /// Bundles registered by path; they may be gone. A new one is watched when it is looked at.
@@ -306,7 +313,11 @@ void Monitor::visit(const std::string& directory, const std::string& entry,
     watches_.begin(*subject);
   }
   if (!isInside(directory, entry)) watches_.addWay(*subject, directory);  // a link leads there
-  watches_.add(*subject, directory);
+  if (lastComponentOf(directory) == "PlugIns") {
+    watches_.add(*subject, directory);
+  } else {
+    watchNamed(*subject, directory);
+  }
 }
 
 void Monitor::scanEverything() {

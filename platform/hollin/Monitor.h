@@ -69,6 +69,7 @@ class Monitor {
   void watchRegistered();
   void collectRegistered();
   void watchBundle(Subject& subject);
+  void watchNamed(Subject& subject, const std::string& bundle);
   void scanEverything();
   void scanEntries(const std::vector<std::string>& entries);
   void lookAtRegistered(const std::vector<std::string>& paths);

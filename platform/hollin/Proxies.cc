@@ -16,27 +16,6 @@ namespace platform::hollin {
 
 namespace {
 
-using Lookup = std::optional<std::string> (*)(const std::string& bundle, const Dictionary& info);
-
-/// A name of the bundle at `path`. Which state of its Info file has none is remembered in `absence`: many
-/// bundles lack a name, and are asked for it by every request.
-std::optional<std::string> nameOf(const String& path, Lookup lookup, Absence& absence) {
-  const std::string bundle(path.view());
-  // What the user's language adds is no part of that file.
-  if (const auto nameless = absence.known();
-      nameless && nameless == FileIdentity::ofFile(bundle + "/Info.plist"))
-    return lookup(bundle, Dictionary());
-  auto info = qmx::Bundle::infoDictionaryAt(bundle);
-  auto name = info ? lookup(bundle, *info) : std::nullopt;
-  if (!info || name) return name;
-  // Once more, so that the state is noted that was read.
-  const auto file = FileIdentity::ofFile(bundle + "/Info.plist");
-  info = qmx::Bundle::infoDictionaryAt(bundle);
-  name = info ? lookup(bundle, *info) : std::nullopt;
-  if (!name && file && file->isSettled()) absence.note(*file);
-  return name;
-}
-
 std::optional<std::string> copied(const std::optional<String>& text) {
   return text ? std::optional<std::string>(text->view()) : std::nullopt;
 }
@@ -67,22 +46,12 @@ bool isDataPlugIn(const PlugInFacts& plugIn, bool isMultiplexed) {
 
 }  // namespace
 
-std::optional<FileIdentity> Absence::known() const {
-  const std::lock_guard lock(mutex_);
-  return file_ == nullptr ? std::nullopt : std::optional(*file_);
-}
-
-void Absence::note(const FileIdentity& file) {
-  const std::lock_guard lock(mutex_);
-  file_ = std::make_unique<const FileIdentity>(file);
-}
-
 std::optional<URL> ApplicationProxy::bundleURL() const {
   return URL::file(path_, true);
 }
 
-std::optional<std::string> ApplicationProxy::localizedName() const {
-  return nameOf(path_, qmx::localizedBundleName, noName_);
+qmx::BundleNames ApplicationProxy::localizedNames() const {
+  return names_.get(std::string(path_.view()));
 }
 
 std::optional<URL> ApplicationProxy::bundleContainerURL() const {
@@ -124,12 +93,8 @@ std::optional<URL> PlugInProxy::bundleURL() const {
   return URL::file(facts_->path, true);
 }
 
-std::optional<std::string> PlugInProxy::localizedName() const {
-  return nameOf(facts_->path, qmx::localizedBundleName, noName_);
-}
-
-std::optional<std::string> PlugInProxy::localizedShortName() const {
-  return nameOf(facts_->path, qmx::localizedBundleShortName, noShortName_);
+qmx::BundleNames PlugInProxy::localizedNames(const qmx::BundleNames& own) const {
+  return names_.get(std::string(facts_->path.view()), own);
 }
 
 std::optional<std::string> PlugInProxy::bundleIdentifier() const {

@@ -13,22 +13,12 @@
 #include "platform/hollin/BundleFacts.h"
 #include "platform/hollin/HLProxies.h"
 #include "platform/hollin/Registration.h"
+#include "platform/hollin/SeenNames.h"
 #include "platform/hollin/Vigil.h"
 
 namespace platform::hollin {
 
 class Catalog;
-
-/// The state of a file in which something was not found.
-class Absence {
- public:
-  std::optional<FileIdentity> known() const;
-  void note(const FileIdentity& file);
-
- private:
-  inline static std::mutex mutex_;  // of all: held for a comparison, and seldom asked for
-  std::unique_ptr<const FileIdentity> file_;
-};
 
 class ApplicationProxy final : public HLApplicationProxy {
  public:
@@ -41,17 +31,22 @@ class ApplicationProxy final : public HLApplicationProxy {
         vigil_(std::move(vigil)) {}
 
   std::optional<URL> bundleURL() const override;
-  std::optional<std::string> localizedName() const override;
+  qmx::BundleNames localizedNames() const override;
   std::optional<URL> bundleContainerURL() const override;
   std::vector<std::shared_ptr<const HLAmbrelProxy>> ambrelPlugins() const override;
   bool isPlaceholder() const override;
+
+  const std::shared_ptr<const Vigil>& vigil() const { return vigil_; }
+  bool hasNames() const { return names_.areKept(); }
+  /// Whether the names that were asked for are others now. Looks at the disk.
+  bool areNamesOutdated() const { return names_.areOutdated(std::string(path_.view())); }
 
  private:
   const std::weak_ptr<const Catalog> catalog_;
   const String path_, container_;
   const std::shared_ptr<const Vigil> vigil_;
   mutable SeenAnswer isPlaceholder_;
-  mutable Absence noName_;
+  mutable SeenNames names_;
 };
 
 /// What all plug-in proxies of one registry share.
@@ -68,7 +63,6 @@ class PlugInProxy final : public HLAmbrelProxy {
   PlugInProxy(const PlugInProxy& before, const Slot& slot);
 
   std::optional<URL> bundleURL() const override;
-  std::optional<std::string> localizedName() const override;
   UUID pluginUUID() const override { return uuid_; }
   const String& pluginIdentifier() const override { return plugIn().identifier; }
   const String& originalIdentifier() const override { return original_; }
@@ -78,7 +72,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   std::optional<std::string> bundleVersion() const override;
   std::shared_ptr<const HLBundleProxy> containingBundle() const override { return application_; }
   Value ambrelDictionary() const override;
-  std::optional<std::string> localizedShortName() const override;
+  qmx::BundleNames localizedNames(const qmx::BundleNames& own) const override;
   const Value& entitlements() const override { return facts_->entitlements; }
   std::optional<URL> dataContainerURL() const override;
   std::optional<URL> preparedDataContainerURL() const override;
@@ -87,9 +81,14 @@ class PlugInProxy final : public HLAmbrelProxy {
   RegistrationNumber lastRegistration() const override { return lastRegistration_; }
 
   const BundleFacts& bundle() const { return *facts_; }
+  const std::shared_ptr<const BundleFacts>& sharedBundle() const { return facts_; }
   const PlugInFacts& plugIn() const { return facts_->plugIns[index_]; }
   /// Of plugIn() among the bundle's.
   size_t index() const { return index_; }
+  const std::shared_ptr<const ApplicationProxy>& application() const { return application_; }
+  bool hasNames() const { return names_.areKept(); }
+  /// Whether the names that were asked for are others now. Looks at the disk.
+  bool areNamesOutdated() const { return names_.areOutdated(std::string(facts_->path.view())); }
   void setRegistrationDate(double seconds) { registered_.store(seconds, std::memory_order_relaxed); }
   /// Once. Whoever registers a launch and sees no mark after that has a number which is not above
   /// lastRegistration().
@@ -114,7 +113,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   RegistrationNumber lastRegistration_ = 0;        // published by the announcement
   mutable std::atomic<bool> hasContainer_{false};  // when it was last asked for
   mutable SeenPlace place_;
-  mutable Absence noName_, noShortName_;
+  mutable SeenNames names_;
 };
 
 }  // namespace platform::hollin

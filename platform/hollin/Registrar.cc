@@ -51,9 +51,10 @@ void Registrar::addFound(const Scan& scan, uint64_t number, Sightings& sightings
   entries.reserve(scan.entries.size());
   for (const Scan::Entry& entry : scan.entries) entries.emplace_back(entry.path);
   std::vector<const FoundBundle*> news;
+  NamedPlugIns named;
   const std::span<const FoundBundle> all(scan.bundles);
   for (size_t i = 0; i < all.size(); i += kBatch)
-    catalog_.recognise(all.subspan(i, std::min(kBatch, all.size() - i)), entries, number, news);
+    catalog_.recognise(all.subspan(i, std::min(kBatch, all.size() - i)), entries, number, news, named);
   sightings.items.reserve(news.size());
   for (const FoundBundle* found : news) {
     auto facts = catalog_.unchanged(found->path, found->info, found->entitlementsFile);
@@ -64,6 +65,23 @@ void Registrar::addFound(const Scan& scan, uint64_t number, Sightings& sightings
                                found->entitlementsFile,
                                isToBeRead,
                                entries[found->entry]});
+  }
+  addRenamed(named, sightings);
+}
+
+/// Those whose names, or whose application's, are others than somebody was told.
+void Registrar::addRenamed(const NamedPlugIns& named, Sightings& sightings) const {
+  std::unordered_map<const ApplicationProxy*, bool> applications;
+  const String* last = nullptr;  // plug-ins of one bundle stand together
+  for (const auto& [proxy, entry] : named) {
+    const ApplicationProxy* application = proxy->application().get();
+    const auto [known, isNew] = applications.try_emplace(application, false);
+    if (isNew && application != nullptr) known->second = application->areNamesOutdated();
+    if (!known->second && !proxy->areNamesOutdated()) continue;
+    const String& path = proxy->bundle().path;
+    if (last != nullptr && *last == path) continue;
+    last = &path;
+    sightings.items.push_back({{path, proxy->sharedBundle(), entry, true}, {}, {}, false, entry});
   }
 }
 
@@ -102,7 +120,11 @@ void Registrar::look(const String& path, Sightings& sightings) const {
     item.sighting.facts = catalog_.unchanged(path, item.info, item.entitlementsFile);
     item.isToBeRead = item.sighting.facts == nullptr;
   }
-  if (item.isToBeRead || catalog_.isNews(item.sighting)) sightings.items.push_back(std::move(item));
+  if (item.isToBeRead || catalog_.isNews(item.sighting)) {
+    sightings.items.push_back(std::move(item));
+  } else if (item.sighting.facts != nullptr) {
+    addRenamed(catalog_.named(path), sightings);
+  }
 }
 
 /// Puts off everything about what is still being written.

@@ -57,6 +57,7 @@ class Registrar {
   void addMissing(const Scan& scan, uint64_t number, bool isEverything, Sightings& sightings, Report& report);
   void postpone(const IsBusy& isBusy, Sightings& sightings, Report& report);
   void readMissingFacts(Sightings& sightings, Report& report);
+  void addRenamed(const NamedPlugIns& named, Sightings& sightings) const;
   void look(const String& path, Sightings& sightings) const;
   void apply(Sightings& sightings, uint64_t since, Report& report);
   void learnSDKs(const std::vector<std::shared_ptr<const BundleFacts>>& bundles);

@@ -62,6 +62,11 @@ bool Watches::add(Subject& subject, const std::string& directory) {
   return isWatched;
 }
 
+void Watches::addIfThere(Subject& subject, const std::string& directory) {
+  if (!watch(subject, directory, kEverything, {}) && errno != ENOENT && errno != ENOTDIR)
+    subject.isWhole = false;
+}
+
 void Watches::addWay(Subject& subject, const std::string& path) {
   // Downwards: what appears below a directory after its watch was set is an event.
   for (size_t slash = 0; slash != std::string::npos;) {

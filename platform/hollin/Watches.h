@@ -47,6 +47,8 @@ class Watches {
   void begin(Subject& subject);
   /// Watches a directory and what happens in it. False when it cannot be watched.
   bool add(Subject& subject, const std::string& directory);
+  /// The same when there is such a directory.
+  void addIfThere(Subject& subject, const std::string& directory);
   /// Watches every directory above `path`, for the next component of the path only.
   void addWay(Subject& subject, const std::string& path);
   void end(Subject& subject);

@@ -4,10 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <string_view>
-#include <vector>
 
 #include "platform/propertylist/PropertyListCache.h"
 #include "platform/system/CanonicalOpen.h"
@@ -42,46 +39,6 @@ std::string canonicalDirectory(const std::string& path) {
 bool isExecutablesBundle(const std::string& directory) {
   return (directory.ends_with(".app") || directory.ends_with(".appex")) &&
          isKind(directory + "/Info.plist", S_IFREG);
-}
-
-/// The file names, without suffix, under which the user's language may be found, the closest first:
-/// "de_DE.UTF-8" gives de_DE, de-DE and de.
-std::vector<std::string> languageNames() {
-  std::string language;
-  for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* value = std::getenv(variable);
-    if (value == nullptr || *value == '\0') continue;
-    language = value;
-    break;
-  }
-  language.resize(std::min(language.find_first_of(".@"), language.size()));
-  if (language == "C" || language == "POSIX" || !isSafeFileName(language)) return {};
-  std::vector<std::string> names{language};
-  const size_t territory = language.find('_');
-  if (territory != std::string::npos) {
-    language[territory] = '-';
-    names.push_back(language);
-    names.push_back(language.substr(0, territory));
-  }
-  return names;
-}
-
-/// The bundle's own words in the user's language, or none.
-std::optional<Dictionary> localization(const std::string& path) {
-  static const auto& names = *new std::vector<std::string>(languageNames());
-  // Most bundles have none: one question instead of one for each name.
-  if (names.empty() || access((path + "/Localizations").c_str(), F_OK) != 0) return std::nullopt;
-  for (const std::string& name : names)
-    if (auto words = cache().dictionary(path + "/Localizations/" + name + ".plist")) return words;
-  return std::nullopt;
-}
-
-std::optional<std::string> firstString(const std::optional<Dictionary>& words, const Dictionary& info,
-                                       std::string_view key) {
-  if (words)
-    if (const auto text = (*words)[key].string()) return std::string(*text);
-  if (const auto text = info[key].string()) return std::string(*text);
-  return std::nullopt;
 }
 
 }  // namespace
@@ -143,23 +100,6 @@ std::string Bundle::description() const {
 
 void Bundle::clearCaches() {
   cache().clear();
-}
-
-std::optional<std::string> localizedBundleName(const std::string& path, const Dictionary& info) {
-  return localizedBundleNames(path, info).display;
-}
-
-std::optional<std::string> localizedBundleShortName(const std::string& path, const Dictionary& info) {
-  return localizedBundleNames(path, info).brief;
-}
-
-BundleNames localizedBundleNames(const std::string& path, const Dictionary& info) {
-  const auto words = localization(path);
-  BundleNames names;
-  names.brief = firstString(words, info, "BWBundleName");
-  names.display = firstString(words, info, "BWBundleDisplayName");
-  if (!names.display) names.display = names.brief;
-  return names;
 }
 
 }  // namespace platform::qmx

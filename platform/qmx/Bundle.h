@@ -48,16 +48,4 @@ class Bundle {
   bool isRecognised_ = false;
 };
 
-/// Display and short name of the bundle at `path` with Info dictionary `info`, in the user's language: of
-/// "BWBundleDisplayName" and "BWBundleName" the first, and the second; `Localizations/<language>.plist` of
-/// the bundle may override both keys. The language is that of LC_ALL, LC_MESSAGES or LANG when this is first
-/// asked: "de_AT.UTF-8" finds de_AT, de-AT or de, whichever is there first.
-std::optional<std::string> localizedBundleName(const std::string& path, const Dictionary& info);
-std::optional<std::string> localizedBundleShortName(const std::string& path, const Dictionary& info);
-struct BundleNames {
-  std::optional<std::string> display, brief;
-};
-/// Both with one look-up.
-BundleNames localizedBundleNames(const std::string& path, const Dictionary& info);
-
 }  // namespace platform::qmx
