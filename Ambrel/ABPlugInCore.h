@@ -17,6 +17,7 @@
 
 #include "Ambrel/ABErrors.h"
 #include "Ambrel/ABInfoKeys.h"
+#include "platform/propertylist/FileReplacement.h"
 #include "platform/value/Date.h"
 #include "platform/value/URL.h"
 #include "platform/value/UUID.h"
@@ -144,7 +145,9 @@ class ABPlugInCore {
   void resolveSDK();
   /// The definition of an SDK: from the directory named by ABTEST_SDK, else the registered one; none (logged)
   /// when there is neither.
-  static std::optional<Dictionary> readSDKDictionary(std::string_view name);
+  static std::optional<Dictionary> readSDKDictionary(std::string_view name, FileIdentity* source = nullptr);
+  /// The file that resolveSDK() read the SDK from; zero when there was none.
+  const FileIdentity& sdkFile() const { return sdkFile_; }
   /// `info` with what it lacks taken from `sdk`, level by level. Unchanged values are shared.
   static Dictionary mergeDictionary(const Dictionary& sdk, const Dictionary& info);
   static bool sdkOverridesKey(std::string_view key) { return key == plugInkey::cleanTimeout; }
@@ -167,6 +170,7 @@ class ABPlugInCore {
   std::optional<URL> url_;
   std::optional<URL> containingUrl_;
   Value bundleInfoDictionary_;
+  FileIdentity sdkFile_;
   uint64_t hubProtocolVersion_ = 0;
   std::optional<String> localizedName_;
   std::optional<String> localizedShortName_;

@@ -49,16 +49,16 @@ void ABPlugInCore::resolveSDK() {
       systemLog("invalid SDK key:%@", sdk);
       return;
     }
-    const auto definition = readSDKDictionary(*name);
+    const auto definition = readSDKDictionary(*name, &sdkFile_);
     const Dictionary* info = bundleInfoDictionary_.dictionary();
     if (definition && info != nullptr) setDictionaries(mergeDictionary(*definition, *info));
   }
   canonicalize();
 }
 
-std::optional<Dictionary> ABPlugInCore::readSDKDictionary(std::string_view name) {
-  if (auto entry = qmx::testSDKEntry(name)) return entry;
-  if (auto entry = qmx::copyExtensionSDKEntry(name)) return entry;
+std::optional<Dictionary> ABPlugInCore::readSDKDictionary(std::string_view name, FileIdentity* source) {
+  if (auto entry = qmx::testSDKEntry(name, source)) return entry;
+  if (auto entry = qmx::copyExtensionSDKEntry(name, source)) return entry;
   systemLog("plug-in sdk \"%@\" not registered", name);
   return std::nullopt;
 }

@@ -23,6 +23,7 @@ class Database : public testing::Test {
   Database() { thisServer(); }
 
   static Record look(const UUID& uuid) { return thisServer().findPlugIn(uuid); }
+  static Record findAt(const std::string& path) { return thisServer().findPlugInAtPath(URL::file(path)); }
   /// Identifiers of the candidates for `rules`.
   static std::set<std::string> candidates(const std::optional<Dictionary>& rules) {
     std::set<std::string> found;
@@ -76,6 +77,18 @@ TEST_F(Database, ARecordOfAnUninstalledPlugInIsAnsweredButNotKept) {
   const Record first = thisServer().plugInForProxy(proxy);
   ASSERT_NE(first, nullptr);
   EXPECT_NE(thisServer().plugInForProxy(proxy), first);
+}
+
+TEST_F(Database, AnSDKThatIsGoneBeforeTheRegistrySawItLeavesNoRecord) {
+  const std::string path = registerBundle(
+                        {.identifier = "flicker", .plugIn = {{"ZQExtensionPointIdentifier", "flicker"}}}),
+                    sdk = thisDevice().dataUser() + "/SDKs/flicker.plist";
+  const auto served = [&path] { return !findAt(path)->plugInDictionary()["served"].isNone(); };
+  writePropertyList(sdk, Dictionary{{"ZQExtension", Dictionary{{"served", true}}}});
+  EXPECT_TRUE(served());
+  fs::remove(sdk);
+  EXPECT_FALSE(served());
+  EXPECT_TRUE(eventually([&path] { return findAt(path) == findAt(path); })) << "kept again";
 }
 
 TEST_F(Database, LaunchesGoWithTheInstallationThatTheyWereAllowedFor) {

@@ -73,8 +73,14 @@ std::shared_ptr<ABDPlugIn> ABDatabase::createPlugInForProxy(
   purgeCachesToLimit(cacheLimit());
   // An uninstall marks the proxy before it is announced: what is kept after this test was not marked yet, and
   // the announcement, which waits for this queue, takes it out again.
-  if (!proxy->isUninstalled()) cache_.insert_or_assign(record->uuid(), record);
+  if (isVouchedFor(*record) && !proxy->isUninstalled()) cache_.insert_or_assign(record->uuid(), record);
   return record;
+}
+
+/// Whether an announcement will come when the SDK changes that the record took over.
+bool ABDatabase::isVouchedFor(const ABDPlugIn& record) const {
+  const auto sdk = record.sdkSpec().string();
+  return !sdk || workspace_->vouchesForSDK(*sdk, record.sdkFile());
 }
 
 void ABDatabase::purgeCachesToLimit(int64_t limit) {

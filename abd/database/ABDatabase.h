@@ -111,6 +111,7 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
 
  private:
   std::shared_ptr<ABDPlugIn> cachedPlugIn(const UUID& uuid) const;
+  bool isVouchedFor(const ABDPlugIn& record) const;
   std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
   void purgeCachesToLimit(int64_t limit);
   void autoElect(const ABDPlugIn& plugIn);

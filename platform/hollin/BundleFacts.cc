@@ -156,7 +156,9 @@ SDKFacts readSDKFacts(std::string_view name) {
   SDKFacts facts;
   bool isFirst = true;
   // The test definition stands before the registered one, but may go at any time: both count.
-  for (const auto& entry : {qmx::testSDKEntry(name), qmx::copyExtensionSDKEntry(name)}) {
+  const auto test = qmx::testSDKEntry(name, &facts.file);
+  const auto registered = qmx::copyExtensionSDKEntry(name, test ? nullptr : &facts.file);
+  for (const auto& entry : {test, registered}) {
     if (!entry) continue;
     const Value& top = (*entry)[kExtension];
     addNames((*entry)[kPointName], facts.names);

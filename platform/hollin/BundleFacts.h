@@ -59,8 +59,13 @@ std::shared_ptr<const BundleFacts> readBundleFacts(const std::string& path, cons
 /// What an extension point's SDK adds to the plug-ins that name it.
 struct SDKFacts {
   std::vector<String> names;
-  bool isData = false;    // gives the protocol "#Data" to plug-ins without one
-  uint64_t contents = 0;  // tells apart what plug-ins take over; 0 while there is no SDK of that name
+  bool isData = false;  // gives the protocol "#Data" to plug-ins without one
+  // What plug-ins take over: from which file (zero while there is no SDK of that name), and what it said,
+  // since the times of files are coarse.
+  FileIdentity file;
+  uint64_t contents = 0;
+
+  bool isSame(const SDKFacts& other) const { return file == other.file && contents == other.contents; }
 };
 
 /// The facts of the SDK called `name`: the names that its test definition and the registered one give, the

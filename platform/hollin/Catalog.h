@@ -105,6 +105,8 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   std::vector<String> unknownSDKs(uint64_t& generation) const;
   /// False when SDKs changed since: read it again.
   bool addSDK(const String& name, const SDKFacts& facts, uint64_t generation);
+  /// Whether the SDK is known from that file (zero: known not to be there).
+  bool knowsSDK(std::string_view name, const FileIdentity& file) const;
   /// Names of all SDKs in use; what others read until now does not count any more.
   std::vector<String> beginSDKRefresh();
   struct SDKReading {

@@ -154,6 +154,12 @@ bool Catalog::addSDK(const String& name, const SDKFacts& facts, uint64_t generat
   return true;
 }
 
+bool Catalog::knowsSDK(std::string_view name, const FileIdentity& file) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = sdks_.find(name);
+  return file == (found == sdks_.end() ? FileIdentity() : found->second.facts.file);
+}
+
 std::vector<String> Catalog::beginSDKRefresh() {
   const std::lock_guard lock(mutex_);
   sdkGeneration_++;
@@ -171,7 +177,7 @@ void Catalog::setSDKs(std::span<const SDKReading> readings, double now, Outcome&
   for (const auto& [name, facts] : readings) {
     SDK& sdk = sdks_[name];
     std::vector<std::shared_ptr<PlugInProxy>> users;
-    if (sdk.isKnown && sdk.facts.contents != facts.contents)
+    if (sdk.isKnown && !sdk.facts.isSame(facts))
       sdk.plugIns.forEach([&users](const auto& proxy) { users.push_back(proxy); });
     learn(name, sdk, facts);
     for (const auto& user : users) renew(*find(user->bundle().path), user->index(), change);

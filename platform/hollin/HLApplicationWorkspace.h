@@ -10,9 +10,11 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/hollin/HLProxies.h"
+#include "platform/propertylist/FileReplacement.h"
 #include "platform/value/Error.h"
 
 namespace platform {
@@ -63,6 +65,11 @@ class HLApplicationWorkspace {
   virtual bool registerPlugin(const URL& url) = 0;
   /// Unregisters; works for bundles that are gone. System plug-ins cannot be unregistered.
   virtual bool unregisterPlugin(const URL& url) = 0;
+
+  /// Whether plug-ins that name this SDK will be announced as updated when it is not as it was read from
+  /// `file` (zero: not there). Otherwise the registry has not seen that state yet, or may not tell it from
+  /// the next.
+  virtual bool vouchesForSDK(std::string_view name, const FileIdentity& file) const = 0;
 
   /// Drops every parsed Info and SDK dictionary held by the layer (index rows stay).
   virtual void HLClearSchemaCaches() = 0;

@@ -120,6 +120,10 @@ bool Registry::unregisterPlugin(const URL& url) {
   return true;
 }
 
+bool Registry::vouchesForSDK(std::string_view name, const FileIdentity& file) const {
+  return file.isSettled() && catalog_->knowsSDK(name, file);
+}
+
 void Registry::HLClearSchemaCaches() {
   qmx::Bundle::clearCaches();
   qmx::clearSDKCache();

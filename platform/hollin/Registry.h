@@ -31,6 +31,7 @@ class Registry final : public HLApplicationWorkspace {
                                                     const Filter& filter) const override;
   bool registerPlugin(const URL& url) override;
   bool unregisterPlugin(const URL& url) override;
+  bool vouchesForSDK(std::string_view name, const FileIdentity& file) const override;
   void HLClearSchemaCaches() override;
 
   std::shared_ptr<const HLAmbrelProxy> proxyForUUID(const UUID& uuid) const;

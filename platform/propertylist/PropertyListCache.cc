@@ -52,7 +52,7 @@ PropertyListCache::PropertyListCache(size_t capacity)
 
 PropertyListCache::~PropertyListCache() = default;
 
-std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path) {
+std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path, FileIdentity* source) {
   Implementation& cache = *implementation_;
   // What is not kept needs no look before it is opened; no file is looked at while the lock is held.
   const auto present = cache.isKept(path) ? FileIdentity::ofFile(path) : std::nullopt;
@@ -63,6 +63,7 @@ std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path)
     const auto found = cache.byPath.find(path);
     if (found != cache.byPath.end() && present == found->second->identity) {
       cache.entries.splice(cache.entries.begin(), cache.entries, found->second);
+      if (source != nullptr) *source = *present;
       return found->second->dictionary;
     }
     cache.remove(path);
@@ -70,6 +71,7 @@ std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path)
   // Taken before reading: a file that changes meanwhile is read anew next time.
   FileIdentity identity;
   std::optional<Dictionary> dictionary = readDictionaryFile(path, &identity);
+  if (source != nullptr) *source = identity;
   if (identity == FileIdentity() || !identity.isSettled()) return dictionary;
   const std::lock_guard lock(cache.mutex);
   if (generation == cache.generation) cache.insert({path, identity, dictionary});

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/propertylist/FileReplacement.h"
 #include "platform/value/Value.h"
 
 namespace platform {
@@ -19,9 +20,9 @@ class PropertyListCache {
   PropertyListCache(const PropertyListCache&) = delete;
   PropertyListCache& operator=(const PropertyListCache&) = delete;
 
-  /// The dictionary in the file at `path` as it is now; none when there is none. No lock is held while
-  /// reading.
-  std::optional<Dictionary> dictionary(const std::string& path);
+  /// The dictionary in the file at `path` as it is now; none when there is none. `source` becomes the
+  /// identity of the file that it was read from. No lock is held while reading.
+  std::optional<Dictionary> dictionary(const std::string& path, FileIdentity* source = nullptr);
   /// Forgets every parsed dictionary.
   void clear();
 

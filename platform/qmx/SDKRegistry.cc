@@ -18,14 +18,21 @@ PropertyListCache& cache() {
   return parsed;
 }
 
+std::optional<Dictionary> entryAt(const std::string& path, FileIdentity* source) {
+  FileIdentity file;
+  auto entry = cache().dictionary(path, &file);
+  if (entry && source != nullptr) *source = file;
+  return entry;
+}
+
 }  // namespace
 
-std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name) {
+std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name, FileIdentity* source) {
   if (!isSafeFileName(name)) return std::nullopt;
   static const auto& roots = *new std::vector<std::string>(Directories::shared().dataRoots());
   const std::string file = "/SDKs/" + std::string(name) + ".plist";
   for (const std::string& root : roots)
-    if (auto entry = cache().dictionary(root + file)) return entry;
+    if (auto entry = entryAt(root + file, source)) return entry;
   return std::nullopt;
 }
 
@@ -38,10 +45,10 @@ std::optional<std::string> testSDKDirectory() {
   return path.string();
 }
 
-std::optional<Dictionary> testSDKEntry(std::string_view name) {
+std::optional<Dictionary> testSDKEntry(std::string_view name, FileIdentity* source) {
   const auto directory = testSDKDirectory();
   if (!directory || !isSafeFileName(name)) return std::nullopt;
-  return cache().dictionary(*directory + "/" + std::string(name));
+  return entryAt(*directory + "/" + std::string(name), source);
 }
 
 void clearSDKCache() {

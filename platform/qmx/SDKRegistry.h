@@ -7,19 +7,21 @@
 #include <string>
 #include <string_view>
 
+#include "platform/propertylist/FileReplacement.h"
 #include "platform/value/Value.h"
 
 namespace platform::qmx {
 
-/// The registered entry of an SDK, or none. A name that cannot be a file name is not registered.
-std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name);
+/// The registered entry of an SDK, or none. A name that cannot be a file name is not registered. `source`
+/// becomes the identity of the file that gives the entry, and is left alone when there is none.
+std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name, FileIdentity* source = nullptr);
 
 /// The absolute path of the directory named by ABTEST_SDK; none when the variable is not set, or empty.
 std::optional<std::string> testSDKDirectory();
 
 /// The entry of `name` in the directory named by ABTEST_SDK (a file of exactly that name), when the variable
 /// is set and the file holds a dictionary.
-std::optional<Dictionary> testSDKEntry(std::string_view name);
+std::optional<Dictionary> testSDKEntry(std::string_view name, FileIdentity* source = nullptr);
 
 /// Drops every parsed SDK dictionary.
 void clearSDKCache();
