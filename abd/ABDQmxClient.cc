@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Ambrel/ABProtocol.h"
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
 #include "platform/security/Sandbox.h"
@@ -17,6 +18,7 @@ void ABDQmxClient::identify() {
   server_.debug("client %d %s", pid(), executable ? *executable : std::string("(unknown)"));
   trace::clientNew(pid());
   task_ = CodeSigningTask::create(peer_);
+  if (task_ != nullptr) restriction_ = task_->valueForEntitlement(entitlement::allowedPlugIns).value;
 }
 
 void ABDQmxClient::dying() {
@@ -36,6 +38,13 @@ Value ABDQmxClient::entitlementValueForKey(std::string_view key) {
   if (known != entitlements_.end()) return known->second;
   CodeSigningTask::Answer answer = task_->valueForEntitlement(key);
   if (answer.error) server_.log("error retrieving entitlements for pid %d", pid());
+  if (key == entitlement::allowedPlugIns) {
+    // What is lost with one's identity is what it allowed, not what it forbade.
+    if (answer.error)
+      answer.value = restriction_;
+    else
+      restriction_ = answer.value;
+  }
   return entitlements_.emplace_back(key, std::move(answer.value)).second;
 }
 

@@ -52,7 +52,9 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
   bool acceptWork() const { return acceptWork_.load(std::memory_order_acquire); }
 
   /// The value of one entitlement of the peer's process, or a none value. Asked once for each request that
-  /// wants to know. On the service queue.
+  /// wants to know. When the question fails (the process is gone or runs another image, the entitlements
+  /// cannot be read) the peer has none, but the restriction of the plug-ins that it may use stays what it was
+  /// when it was known last, the first time when the peer connected. On the service queue.
   Value entitlementValueForKey(std::string_view key);
   /// Whether the peer has the entitlement with a value that is not equal to false. On the service queue.
   bool hasEntitlement(std::string_view key);
@@ -82,6 +84,7 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
 
   // Only on the service queue.
   uint32_t requestCount_ = 0;
+  Value restriction_;  // entitlement::allowedPlugIns, as it was known last
   // What this request has asked for.
   std::vector<std::pair<std::string, Value>> entitlements_;
   RequestSettings settings_;

@@ -1,5 +1,7 @@
 // "match": what a host sees, in which form, and what hides it.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <random>
@@ -203,6 +205,10 @@ TEST_F(Match, ThePolicyOfHostAndPlugInHidesPlugIns) {
                                             {"org.key", 0}}));
   EXPECT_EQ(foundBy(restricted), "open");
   EXPECT_TRUE(daemon->logs("game: the host's plug-in entitlement does not allow this plug-in"));
+  // What it forbade stays when it can be read no more.
+  chmod((root.path() + "/hosts/Restricted.app/Entitlements.plist").c_str(), 0666);
+  EXPECT_EQ(foundBy(restricted), "open");
+  EXPECT_TRUE(daemon->logs("error retrieving entitlements for pid " + std::to_string(restricted.pid())));
   Host anything(root, *daemon, hostBundle("Anything", {{kAllowedPlugIns, Dictionary()}}));
   EXPECT_EQ(foundBy(anything), "game open");
   Host invalid(root, *daemon, hostBundle("Invalid", {{kAllowedPlugIns, Array()}, {kManager, true}}));

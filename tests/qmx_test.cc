@@ -1,5 +1,7 @@
 // The message service as its peers see it: frames, limits, deaths, names, over real sockets.
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -12,6 +14,7 @@
 #include "platform/qmx/TimeLimit.h"
 #include "platform/system/Directories.h"
 #include "tests/support/Child.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/EchoService.h"
 #include "tests/support/ThisProcess.h"
 
@@ -386,7 +389,7 @@ TEST(LimitsTest, onTimeDoNotCountWhileTheLoopWorks) {
 
 // --- Who the peer is, and the service's socket ---
 
-TEST(PeerIdentityTest, hasNoExecutableWhenItsFileWasReplaced) {
+TEST(PeerIdentityTest, hasTheExecutableThatReplacedItsOwnAndNoOther) {
   const FileDescriptor listening = listeningSocket(servicePath("moved"));
   const std::string program = device.path() + "/program";
   std::filesystem::copy_file("/bin/sleep", program);
@@ -397,11 +400,60 @@ TEST(PeerIdentityTest, hasNoExecutableWhenItsFileWasReplaced) {
   });
   const FileDescriptor socket(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
   EXPECT_EQ(PeerIdentity::ofSocket(socket.get())->executablePath(), program);
+  const auto connected = PeerIdentity::ofSocket(socket.get());
+  const auto isKnown = [&] {
+    const auto identity = PeerIdentity::ofSocket(socket.get());
+    EXPECT_TRUE(identity->isAlive() && connected->runsSameImage());
+    EXPECT_TRUE(!identity->executablePath() || *identity->executablePath() == program);
+    return identity->executablePath().has_value();
+  };
   std::filesystem::remove(program);
-  const auto identity = PeerIdentity::ofSocket(socket.get());
-  EXPECT_FALSE(identity->executablePath());
-  EXPECT_TRUE(identity->isAlive());
-  EXPECT_FALSE(identity->runsSameImage());
+  EXPECT_FALSE(isKnown());
+  std::filesystem::copy_file("/bin/sleep", program);
+  EXPECT_TRUE(isKnown()) << "an update";
+  std::filesystem::permissions(program, std::filesystem::perms::owner_read);
+  EXPECT_FALSE(isKnown()) << "no executable";
+  std::filesystem::remove(program);
+  std::filesystem::create_symlink("/bin/sleep", program);
+  EXPECT_FALSE(isKnown()) << "a link";
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  std::filesystem::remove(program);
+  std::filesystem::copy_file("/bin/sleep", program);
+  ASSERT_EQ(chown(program.c_str(), 12345, 12345), 0);
+  EXPECT_FALSE(isKnown()) << "someone else's";
+}
+
+TEST(PeerIdentityTest, isNotTakenFromAPathOfAnotherMountNamespace) {
+  const FileDescriptor listening = listeningSocket(servicePath("mounted"));
+  const std::string place = device.path() + "/mounted", program = place + "/program";
+  std::filesystem::create_directory(place);
+  std::filesystem::copy_file("/bin/sh", program);
+  const Child impostor([&] {
+    WireClient::connect(servicePath("mounted"));
+    const uid_t user = geteuid();
+    if (unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) return false;
+    if (user != 0) writeText("/proc/self/uid_map", format("%u %u 1", user, user));
+    mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    if (mount("none", place.c_str(), "tmpfs", 0, "") != 0) return false;
+    std::error_code failure;
+    std::filesystem::copy_file("/bin/sh", program, failure);
+    const std::string script = "/bin/rm " + program + "; kill -STOP $$";
+    execl(program.c_str(), program.c_str(), "-c", script.c_str(), nullptr);
+    return false;
+  });
+  const FileDescriptor socket(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const std::string link = "/proc/" + std::to_string(impostor.pid()) + "/exe";
+  std::error_code error;
+  if (!eventually(
+          [&] {
+            const auto target = std::filesystem::read_symlink(link, error).string();
+            return target == program + " (deleted)" ||
+                   (error && !PeerIdentity::ofSocket(socket.get())->isAlive());
+          },
+          5s) ||
+      error)
+    GTEST_SKIP() << "no namespaces may be made here";
+  EXPECT_FALSE(PeerIdentity::ofSocket(socket.get())->executablePath());
 }
 
 /// The error number of an attempt to listen; 0 when it succeeded, and then what others may do with the

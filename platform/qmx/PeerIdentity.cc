@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "platform/log/Format.h"
+#include "platform/system/Directories.h"
 #include "platform/system/FileDescriptor.h"
 
 #ifndef SO_PEERPIDFD
@@ -65,6 +66,45 @@ int processOfSocket(int fd, pid_t pid) {
   return opened.release();
 }
 
+std::optional<struct statx> look(const std::string& path) {
+  struct statx file {};
+  constexpr unsigned kWanted = STATX_TYPE | STATX_MODE | STATX_UID | STATX_INO | STATX_MNT_ID;
+  if (statx(AT_FDCWD, path.c_str(), 0, kWanted, &file) != 0 || (file.stx_mask & kWanted) != kWanted)
+    return std::nullopt;
+  return file;
+}
+
+/// Whether the executable at `path` took the place of the running `image`, which lay there. The kernel's path
+/// of an image that lies nowhere any more is that of its old directory, in the mount namespace that it was
+/// started in and wherever that directory was moved to; so it counts only when it leads through no link and
+/// to the same mount. Whoever can bring about all that by means of a file of his own can write where the
+/// bundle lies.
+bool isSuccessor(const std::string& path, const struct statx& image) {
+  const auto file = look(path);
+  return file && S_ISREG(file->stx_mode) && (file->stx_mode & S_IXUSR) != 0 &&
+         file->stx_uid == image.stx_uid && file->stx_mnt_id == image.stx_mnt_id &&
+         canonicalPath(path) == path;
+}
+
+/// Where the executable behind a process's `link` lies, or lay before another file of its owner took its
+/// place, as an update does it; none when that cannot be told for certain.
+std::optional<std::string> pathOfExecutable(const std::string& link) {
+  constexpr std::string_view kDeleted = " (deleted)";
+  std::array<char, kLongestPath> target;
+  const ssize_t length = readlink(link.c_str(), target.data(), target.size());
+  const auto image = look(link);
+  if (length <= 0 || static_cast<size_t>(length) == target.size() || !image) return std::nullopt;
+  std::string path(target.data(), static_cast<size_t>(length));
+  // The path of a renamed file, or of another mount namespace, leads elsewhere.
+  const auto file = look(path);
+  if (file && file->stx_ino == image->stx_ino && file->stx_dev_major == image->stx_dev_major &&
+      file->stx_dev_minor == image->stx_dev_minor)
+    return path;
+  if (!path.ends_with(kDeleted)) return std::nullopt;
+  path.resize(path.size() - kDeleted.size());
+  return isSuccessor(path, *image) ? std::optional(std::move(path)) : std::nullopt;
+}
+
 bool hasExited(int pidfd) {
   pollfd process{.fd = pidfd, .events = POLLIN, .revents = 0};
   return poll(&process, 1, 0) != 0;
@@ -86,16 +126,9 @@ std::shared_ptr<const PeerIdentity> PeerIdentity::ofSocket(int fd) {
   if (identity->pidfd_ < 0) return identity;
 
   const std::string link = format("/proc/%d/exe", credentials.pid);
-  std::array<char, kLongestPath> path;
-  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
-  struct stat image {
-  }, file{};
-  if (length <= 0 || static_cast<size_t>(length) == path.size() || stat(link.c_str(), &image) != 0)
-    return identity;
-  std::string executable(path.data(), static_cast<size_t>(length));
-  // The path of a deleted or renamed file, or of another mount namespace, leads elsewhere.
-  if (stat(executable.c_str(), &file) != 0 || file.st_dev != image.st_dev || file.st_ino != image.st_ino)
-    return identity;
+  struct stat image {};
+  if (stat(link.c_str(), &image) != 0) return identity;
+  std::optional<std::string> executable = pathOfExecutable(link);
   // While the process was there all along, so was its entry.
   if (hasExited(identity->pidfd_)) return identity;
   identity->executablePath_ = std::move(executable);

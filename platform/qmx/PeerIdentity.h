@@ -22,13 +22,15 @@ class PeerIdentity {
 
   pid_t pid() const { return pid_; }
   uid_t uid() const { return uid_; }
-  /// Canonical path of the executable; none when it cannot be told for certain.
+  /// Canonical path of the executable; none when it cannot be told for certain. One whose file was replaced
+  /// by another executable of the same owner has the path of that.
   const std::optional<std::string>& executablePath() const { return executablePath_; }
   /// A descriptor of the process (pidfd_open(2)), owned by this object; -1 when the process is unknown.
   int pidfd() const { return pidfd_; }
   /// Whether the process still exists.
   bool isAlive() const;
-  /// Whether the process is alive and still runs the image that it had when it connected.
+  /// Whether the process is alive and still runs the image that it had when it connected, wherever that lies
+  /// now.
   bool runsSameImage() const;
 
  private:
