@@ -99,8 +99,8 @@ void benchRequests() {
     // Unpinned, a wake-up across processors costs more than a request, and whether it comes to one is the
     // scheduler's choice for each side: figures without an aim.
     const auto aim = [toOneCore](double ratio) { return toOneCore ? std::optional(ratio) : std::nullopt; };
-    benchOneClient(sides, where, 3000, aim(1.3));
-    benchLoad(sides, bare, "(a) 8 clients, " + where, 8, 1, 12000, aim(1.3), std::nullopt);
+    benchOneClient(sides, where, 3000, aim(1.25));
+    benchLoad(sides, bare, "(a) 8 clients, " + where, 8, 1, 12000, aim(1.25), std::nullopt);
     benchLoad(sides, bare, "(a) 16 in flight, " + where, 1, 16, 24000, std::nullopt, aim(1.0));
     benchLoad(sides, joining, "(a) 16 in flight, echo joins replies, " + where, 1, 16, 24000, std::nullopt,
               std::nullopt);

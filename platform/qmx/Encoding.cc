@@ -1,15 +1,17 @@
 #include "platform/qmx/Encoding.h"
 
-// The decoder takes one item head after the other from the library's streaming decoder and builds values
-// itself. Model: `owed_` is the number of bytes that the containers begun so far need at least for what they
-// still declare (one per item); a count that would raise it above the bytes left is malformed, however the
-// counts are nested. Storage is made when a container is complete, of the exact size.
+// The decoder takes one item head after the other and builds values itself. Short heads, which most are, it
+// reads itself; everything else comes from the library's streaming decoder. Model: `owed_` is the number of
+// bytes that the containers begun so far need at least for what they still declare (one per item); a count
+// that would raise it above the bytes left is malformed, however the counts are nested. Storage is made when
+// a container is complete, of the exact size.
 
 #include <cbor/callbacks.h>
 #include <cbor/encoding.h>
 #include <cbor/streaming.h>
 
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "platform/qmx/Limits.h"
@@ -173,7 +175,34 @@ class Decoder {
   }
 
  private:
+  /// Takes an integer, string or container head that is one byte or has its argument in one more.
+  bool takeShort(Item& item) {
+    constexpr Item::Kind kKinds[] = {Item::Kind::unsignedInteger,
+                                     Item::Kind::negativeInteger,
+                                     Item::Kind::data,
+                                     Item::Kind::text,
+                                     Item::Kind::array,
+                                     Item::Kind::map};
+    constexpr uint8_t kInNextByte = 24;
+    if (at_ == end_) return false;
+    const uint8_t major = *at_ >> 5;
+    const uint8_t low = *at_ & 31;
+    const size_t head = low == kInNextByte ? 2 : 1;
+    if (major >= std::size(kKinds) || low > kInNextByte || bytesLeft() < head) return false;
+    item.kind = kKinds[major];
+    item.argument = at_[head - 1] & (head == 1 ? 31 : 255);
+    if (item.kind != Item::Kind::data && item.kind != Item::Kind::text) {
+      at_ += head;
+      return true;
+    }
+    if (bytesLeft() - head < item.argument) return false;
+    item.bytes = {at_ + head, static_cast<size_t>(item.argument)};
+    at_ += head + item.argument;
+    return true;
+  }
+
   bool take(Item& item) {
+    if (takeShort(item)) return true;
     const cbor_decoder_result result = cbor_stream_decode(at_, bytesLeft(), &kCallbacks, &item);
     if (result.status != CBOR_DECODER_FINISHED) return false;
     at_ += result.read;

@@ -15,18 +15,23 @@ constexpr uint64_t kEncodedTag = 24;
 // An argument stands in the head itself up to this; the four values that follow announce 1, 2, 4 or 8 bytes.
 constexpr uint8_t kLargestInHead = 23;
 
-void appendHead(std::string& out, MajorType type, uint64_t argument) {
+/// A head's longest form.
+constexpr size_t kLongestHead = 9;
+
+/// Writes a head to `out` and answers its end.
+char* putHead(char* out, MajorType type, uint64_t argument) {
   const auto first = static_cast<uint8_t>(type << 5);
   if (argument <= kLargestInHead) {
-    out += static_cast<char>(first | argument);
-    return;
+    *out++ = static_cast<char>(first | argument);
+    return out;
   }
   const int sizeCode = argument <= UINT8_MAX    ? 0
                        : argument <= UINT16_MAX ? 1
                        : argument <= UINT32_MAX ? 2
                                                 : 3;
-  out += static_cast<char>(first | (kLargestInHead + 1 + sizeCode));
-  for (int shift = (8 << sizeCode) - 8; shift >= 0; shift -= 8) out += static_cast<char>(argument >> shift);
+  *out++ = static_cast<char>(first | (kLargestInHead + 1 + sizeCode));
+  for (int shift = (8 << sizeCode) - 8; shift >= 0; shift -= 8) *out++ = static_cast<char>(argument >> shift);
+  return out;
 }
 
 /// Takes one head of `type` from the front of `bytes`; none when something else stands there.
@@ -66,15 +71,19 @@ std::optional<Frame> decodeFrame(std::span<const uint8_t> contents) {
 }
 
 void appendEnvelope(std::string& out, FrameKind kind, uint64_t id, size_t count) {
-  appendHead(out, MajorType::array, kEnvelopeElements);
-  appendHead(out, MajorType::unsignedInteger, static_cast<uint64_t>(kind));
-  appendHead(out, MajorType::unsignedInteger, id);
-  appendHead(out, MajorType::map, count);
+  char heads[4 * kLongestHead];
+  char* end = putHead(heads, MajorType::array, kEnvelopeElements);
+  end = putHead(end, MajorType::unsignedInteger, static_cast<uint64_t>(kind));
+  end = putHead(end, MajorType::unsignedInteger, id);
+  end = putHead(end, MajorType::map, count);
+  out.append(heads, end);
 }
 
 void appendEncodedHead(std::string& out, size_t size) {
-  appendHead(out, MajorType::tag, kEncodedTag);
-  appendHead(out, MajorType::byteString, size);
+  char heads[2 * kLongestHead];
+  char* end = putHead(heads, MajorType::tag, kEncodedTag);
+  end = putHead(end, MajorType::byteString, size);
+  out.append(heads, end);
 }
 
 }  // namespace platform::qmx

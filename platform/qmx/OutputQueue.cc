@@ -178,6 +178,7 @@ void OutputQueue::dropFront() {
 
 void OutputQueue::clear() {
   segments_.clear();
+  written_ += size_;
   piece_ = offset_ = size_ = 0;
 }
 

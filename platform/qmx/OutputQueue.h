@@ -38,7 +38,7 @@ class OutputQueue {
   void append(OutputQueue&& other);
   /// Writes to the non-blocking stream socket `fd`.
   Outcome write(int fd);
-  /// Bytes that write() has got rid of in all.
+  /// Bytes that are gone in all, written or dropped.
   uint64_t written() const { return written_; }
   void clear();
 

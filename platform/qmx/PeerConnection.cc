@@ -11,6 +11,7 @@
 #include "platform/log/Log.h"
 #include "platform/qmx/Frame.h"
 #include "platform/qmx/Limits.h"
+#include "platform/system/IdleMemory.h"
 
 namespace platform::qmx {
 
@@ -52,6 +53,7 @@ class LastWords : public std::enable_shared_from_this<LastWords> {
     }
   }
   void finish() {
+    noteFreedMemory(output_.written() + output_.size());
     // The registration holds the last reference.
     loop_.remove(socket_.get());
   }
@@ -79,6 +81,7 @@ PeerConnection::PeerConnection(RunLoop& loop, FileDescriptor socket, std::shared
 /// Replies to what was handed over at the end were sent after the death.
 PeerConnection::~PeerConnection() {
   settleOutput();
+  noteFreedMemory(output_.written() + output_.size());
 }
 
 std::string PeerConnection::description() const {

@@ -10,6 +10,8 @@
 #include <new>
 #include <stdexcept>
 
+#include "platform/value/LargeBlocks.h"
+
 namespace platform {
 
 const Value kNone;
@@ -72,7 +74,8 @@ Node& makeChangeable(Shared<Node>& shared, size_t room) {
 
 BytesNode* newBytes(const void* bytes, size_t size) {
   if (size > UINT32_MAX) throw std::length_error("data of more than 4 GiB");
-  auto* node = new (::operator new(sizeof(BytesNode) + size)) BytesNode;
+  const size_t whole = sizeof(BytesNode) + size;
+  auto* node = new (whole >= kLargeBlock ? takeLargeBlock(whole) : ::operator new(whole)) BytesNode;
   node->size = static_cast<uint32_t>(size);
   std::memcpy(node->bytes(), bytes, size);
   return node;
@@ -81,7 +84,12 @@ BytesNode* newBytes(const void* bytes, size_t size) {
 }  // namespace
 
 void destroyNode(Counted* node, const BytesNode*) noexcept {
-  ::operator delete(static_cast<BytesNode*>(node));
+  auto* const bytes = static_cast<BytesNode*>(node);
+  const size_t whole = sizeof(BytesNode) + bytes->size;
+  if (whole >= kLargeBlock)
+    giveLargeBlock(bytes, whole);
+  else
+    ::operator delete(bytes);
 }
 void destroyNode(Counted* node, const ArrayNode*) noexcept {
   destroyBlock(static_cast<ArrayNode*>(node));
@@ -193,13 +201,21 @@ struct Rank {
 };
 
 uint64_t prefixOf(std::string_view key) {
-  uint64_t word = 0;
-  if (key.size() >= sizeof word) {
-    std::memcpy(&word, key.data(), sizeof word);
-  } else if (!key.empty()) {
-    std::memcpy(&word, key.data(), key.size());
+  const auto load = [](const char* at, auto word) {
+    std::memcpy(&word, at, sizeof word);
+    if constexpr (std::endian::native == std::endian::big) return word;
+    return sizeof word == 8 ? __builtin_bswap64(word) : __builtin_bswap32(static_cast<uint32_t>(word));
+  };
+  const char* const begin = key.data();
+  const size_t size = key.size();
+  if (size >= 8) return load(begin, uint64_t{});
+  if (size >= 4) {
+    const uint64_t rest = load(begin + size - 4, uint32_t{});
+    return load(begin, uint32_t{}) << 32 | (rest << (64 - 8 * size) & UINT32_MAX);
   }
-  return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
+  uint64_t word = 0;
+  for (size_t i = 0; i < size; ++i) word |= uint64_t{static_cast<unsigned char>(begin[i])} << (56 - 8 * i);
+  return word;
 }
 
 /// Ranks of entries, and their order.
@@ -301,6 +317,13 @@ std::optional<Dictionary> Dictionary::sorted(std::span<Entry> entries, bool last
 }
 
 const Value& Dictionary::operator[](std::string_view key) const {
+  // Few keys are compared sooner than they are ordered: mostly their lengths differ.
+  constexpr size_t kFew = 8;
+  if (size() <= kFew) {
+    for (const Entry& entry : *this)
+      if (entry.key.size() == key.size() && entry.key.view() == key) return entry.value;
+    return kNone;
+  }
   const Entry* const found = position(begin(), end(), key);
   return found != end() && found->key.view() == key ? found->value : kNone;
 }
