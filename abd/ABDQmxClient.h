@@ -46,6 +46,7 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
   std::shared_ptr<qmx::Connection> connection() const { return connection_.lock(); }
   ABDServer& server() const { return server_; }
   pid_t pid() const { return peer_->pid(); }
+  const qmx::PeerIdentity& peer() const { return *peer_; }
   /// Null when the peer's executable is unknown.
   const std::shared_ptr<ABBundle>& bundle() const { return bundle_; }
   /// Whether requests of this peer are still served.

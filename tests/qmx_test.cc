@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <latch>
 
 #include "platform/qmx/Encoding.h"
@@ -432,7 +433,7 @@ TEST(PeerIdentityTest, isNotTakenFromAPathOfAnotherMountNamespace) {
     WireClient::connect(servicePath("mounted"));
     const uid_t user = geteuid();
     if (unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) return false;
-    if (user != 0) writeText("/proc/self/uid_map", format("%u %u 1", user, user));
+    if (user != 0) std::ofstream("/proc/self/uid_map") << user << ' ' << user << " 1";
     mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
     if (mount("none", place.c_str(), "tmpfs", 0, "") != 0) return false;
     std::error_code failure;

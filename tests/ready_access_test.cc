@@ -1,8 +1,10 @@
 // "ready" and "access": checks, refusals and what is left for the service launcher.
 
 #include <filesystem>
+#include <fstream>
 
 #include "platform/propertylist/PropertyList.h"
+#include "tests/support/Child.h"
 #include "tests/support/DaemonTest.h"
 
 namespace testsupport {
@@ -207,6 +209,27 @@ TEST_F(Ready, AContainerThatIsGoneIsMadeAgainAndNoneIsNamedThatCannotBe) {
   EXPECT_EQ(readText(container), "in the way");
   fs::remove(container);
   EXPECT_EQ(home(), Value(container));
+}
+
+TEST_F(Ready, NothingIsRegisteredForAnotherProcessThatGotThePid) {
+  root.install("A.app", {{.identifier = "a"}});
+  start();
+  const UUID a = uuid("a");
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = socketAddress(daemon->socketPath());
+  Child first([&] {
+    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  });
+  const pid_t pid = first.pid();
+  ASSERT_TRUE(daemon->waitForLog("client " + std::to_string(pid) + " "));
+  first.kill();
+  std::ofstream("/proc/sys/kernel/ns_last_pid") << pid - 1;
+  const Child second;
+  if (second.pid() != pid) GTEST_SKIP() << "a pid cannot be chosen here";
+  client.emplace(std::move(socket));
+  EXPECT_EQ(errorOf(ready({a})),
+            "4: unable to enable plug-in a(" + a.string() + ") for pid " + std::to_string(pid));
+  EXPECT_FALSE(fs::exists(root.runtime() + "/Launcher/" + std::to_string(pid)));
 }
 
 TEST_F(Ready, ABundleThatIsGoneHasNoExecutableAndNoToken) {

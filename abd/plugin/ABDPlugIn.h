@@ -21,6 +21,7 @@
 #include "Ambrel/ABPlugInCore.h"
 #include "abd/plugin/PlugInForm.h"
 #include "platform/hollin/HLProxies.h"
+#include "platform/qmx/PeerIdentity.h"
 
 namespace abd {
 
@@ -89,8 +90,9 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   Dictionary issueResourceExtensions(const Value& shared) const;
   /// Adds the tokens of the plug-in's shared resources to its form.
   void augmentForm(PlugInForm& form) const;
-  /// Lets process `pid` start the plug-in.
-  std::optional<Error> enableForPid(pid_t pid, RequestSettings& settings) const;
+  /// Lets process `pid` start the plug-in; with `host`, only while that is the process.
+  std::optional<Error> enableForPid(pid_t pid, RequestSettings& settings,
+                                    const qmx::PeerIdentity* host = nullptr) const;
   /// The description of a busy instance, or none.
   std::optional<Dictionary> checkBusy() const;
 

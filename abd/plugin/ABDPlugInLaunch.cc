@@ -114,7 +114,8 @@ Dictionary ABDPlugIn::launchDescription(Dictionary environment, const char* prof
   return {{bundlekey::service, std::move(service)}, {bundlekey::packageType, kServicePackageType}};
 }
 
-std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& settings) const {
+std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& settings,
+                                             const qmx::PeerIdentity* host) const {
   Dictionary variables = environment();
   const char* profile = sandboxProfile(settings);
   if (const char* directory = std::getenv(kTestSDKVariable)) variables.set(kTestSDKVariable, directory);
@@ -132,12 +133,13 @@ std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& setting
                                 .plugInIdentifier = std::string(identifier().view()),
                                 .bundleIdentifier = hlproxy_->bundleIdentifier().value_or(""),
                                 .bundleVersion = hlproxy_->bundleVersion().value_or("")};
-  int refusal = addExternalService(pid, *executable, description, service);
+  const auto isHostGone = [host] { return host != nullptr && !host->isAlive(); };
+  int refusal = isHostGone() ? ESRCH : addExternalService(pid, *executable, description, service);
   // Who uninstalls the plug-in from now on takes this registration away; who did it before may have missed
-  // it.
-  if (refusal == 0 && hlproxy_->isUninstalled()) {
+  // it. And the pid may be another process's by now.
+  if (refusal == 0 && (hlproxy_->isUninstalled() || isHostGone())) {
     withdrawExternalService(pid, uuid());
-    refusal = ENOENT;
+    refusal = hlproxy_->isUninstalled() ? ENOENT : ESRCH;
   }
   if (refusal != 0) {
     systemLog("qmx error %d allowing pid %d to use plug-in %@(%@) %@ at %@", refusal, pid,

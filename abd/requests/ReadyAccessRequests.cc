@@ -48,7 +48,8 @@ Course Transaction::readyPlugIns() {
 
   bool isAnswered = false;
   for (const std::shared_ptr<ABDPlugIn>& plugIn : accepted) {
-    const std::optional<Error> error = plugIn->enableForPid(client_->pid(), client_->settings());
+    const std::optional<Error> error =
+        plugIn->enableForPid(client_->pid(), client_->settings(), &client_->peer());
     if (error && !isAnswered) {
       fail(error->code, *error);
       isAnswered = true;
