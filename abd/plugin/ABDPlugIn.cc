@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "Ambrel/ABBundle.h"
 #include "Ambrel/ABProtocol.h"
 #include "platform/log/Log.h"
 
@@ -20,12 +19,14 @@ int64_t wholeSeconds(Date date) {
 std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmbrelProxy> proxy) {
   const auto url = proxy->bundleURL();
   if (!url) return nullptr;
-  const std::optional<Dictionary> info = ABBundle::initWithURL(*url)->infoDictionary();
+  // The registry's paths are canonical, so the bundle need not be looked up first.
+  const std::optional<Dictionary> info = qmx::Bundle::infoDictionaryAt(url->path());
 
   auto record = std::make_shared<ABDPlugIn>();
   const String& identifier = proxy->pluginIdentifier();
   if (!record->setupWithName(identifier.size() != 0 ? std::optional(identifier) : std::nullopt, url,
-                             prunedInfoDictionaryFor(info), proxy->ambrelDictionary(), proxy->pluginUUID()))
+                             prunedInfoDictionaryFor(info), info ? proxy->ambrelDictionary(*info) : Value(),
+                             proxy->pluginUUID()))
     return nullptr;
   record->hlproxy_ = std::move(proxy);
   if (info) record->ownNames_ = qmx::BundleNames::of(*info);

@@ -65,8 +65,8 @@ class HLAmbrelProxy : public HLBundleProxy {
   virtual std::optional<std::string> bundleVersion() const = 0;
   /// The containing application's proxy, or null.
   virtual std::shared_ptr<const HLBundleProxy> containingBundle() const = 0;
-  /// The plug-in's own dictionary from its Info file as it is now, or none.
-  virtual Value ambrelDictionary() const = 0;
+  /// The plug-in's own dictionary in `info`, its bundle's Info dictionary; none when it is not there.
+  virtual Value ambrelDictionary(const Dictionary& info) const = 0;
   /// Display and short name in the user's language, of a bundle whose Info dictionary says `own`.
   virtual qmx::BundleNames localizedNames(const qmx::BundleNames& own) const = 0;
   /// The code-signing entitlements (a dictionary), or none.

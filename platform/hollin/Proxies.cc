@@ -105,10 +105,8 @@ std::optional<std::string> PlugInProxy::bundleVersion() const {
   return copied(facts_->bundleVersion);
 }
 
-Value PlugInProxy::ambrelDictionary() const {
-  const auto info = qmx::Bundle::infoDictionaryAt(facts_->path);
-  if (!info) return {};
-  const Value& top = (*info)["ZQExtension"];
+Value PlugInProxy::ambrelDictionary(const Dictionary& info) const {
+  const Value& top = info["ZQExtension"];
   return facts_->isMultiplexed ? top["Multiple"][pluginIdentifier()] : top;
 }
 

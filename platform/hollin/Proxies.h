@@ -71,7 +71,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   std::optional<std::string> bundleIdentifier() const override;
   std::optional<std::string> bundleVersion() const override;
   std::shared_ptr<const HLBundleProxy> containingBundle() const override { return application_; }
-  Value ambrelDictionary() const override;
+  Value ambrelDictionary(const Dictionary& info) const override;
   qmx::BundleNames localizedNames(const qmx::BundleNames& own) const override;
   const Value& entitlements() const override { return facts_->entitlements; }
   std::optional<URL> dataContainerURL() const override;
