@@ -18,16 +18,14 @@ std::optional<platform::Dictionary> qmx_dictionary_get_dictionary(const platform
 
 namespace ambrel {
 
-Dictionary dictionaryChanging(const Dictionary& dictionary, String key, Value value) {
-  Dictionary changed = dictionary;
-  changed.set(std::move(key), std::move(value));
-  return changed;
+Dictionary dictionaryChanging(Dictionary dictionary, String key, Value value) {
+  dictionary.set(std::move(key), std::move(value));
+  return dictionary;
 }
 
-Value dictionaryChanging(const Value& dictionary, String key, Value value) {
-  const Dictionary* receiver = dictionary.dictionary();
-  if (receiver == nullptr) return Value();
-  return dictionaryChanging(*receiver, std::move(key), std::move(value));
+Value dictionaryChanging(Value dictionary, String key, Value value) {
+  if (!dictionary.isDictionary()) return Value();
+  return dictionaryChanging(dictionary.takeDictionary(), std::move(key), std::move(value));
 }
 
 namespace {

@@ -54,10 +54,10 @@ auto arrayWithValues(const Collection& collection, Block&& block) {
 }
 
 /// A copy of `dictionary` with `value` under `key` (a none value: without the key). The copy shares the other
-/// values.
-Dictionary dictionaryChanging(const Dictionary& dictionary, String key, Value value);
+/// values; one that is handed over and that nobody else holds is changed in place.
+Dictionary dictionaryChanging(Dictionary dictionary, String key, Value value);
 /// The same for a value: of anything that is not a dictionary it is none.
-Value dictionaryChanging(const Value& dictionary, String key, Value value);
+Value dictionaryChanging(Value dictionary, String key, Value value);
 
 /// Runs of decimal digits (of any length) compare by numeric value, everything else by Unicode scalar; a
 /// string that is a prefix of the other orders first. 01 and 1 are the same.

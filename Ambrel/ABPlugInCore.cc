@@ -61,7 +61,8 @@ bool ABPlugInCore::setDictionaries(const Value& info) {
 
 void ABPlugInCore::setTopDictionary(const Value& dictionary) {
   if (!topDictionary_.isNone() && !topDictionary_.isSameObject(dictionary))
-    bundleInfoDictionary_ = dictionaryChanging(bundleInfoDictionary_, bundlekey::plugIn, dictionary);
+    bundleInfoDictionary_ =
+        dictionaryChanging(std::move(bundleInfoDictionary_), String::interned(bundlekey::plugIn), dictionary);
   topDictionary_ = dictionary;
 }
 

@@ -149,7 +149,7 @@ class ABPlugInCore {
   /// The file that resolveSDK() read the SDK from; zero when there was none.
   const FileIdentity& sdkFile() const { return sdkFile_; }
   /// `info` with what it lacks taken from `sdk`, level by level. Unchanged values are shared.
-  static Dictionary mergeDictionary(const Dictionary& sdk, const Dictionary& info);
+  static Dictionary mergeDictionary(const Dictionary& sdk, Dictionary info);
   static bool sdkOverridesKey(std::string_view key) { return key == plugInkey::cleanTimeout; }
   /// The union of both lists without duplicates (one string is a one-element list); the plug-in's value when
   /// one of them is neither.

@@ -14,6 +14,15 @@ namespace {
 
 constexpr const char* kObjectClass = "ZQObject";
 
+// What canonicalization stores in every record.
+Value objectClass() {
+  return String::interned(kObjectClass);
+}
+Value bundleItself() {
+  static const Value list = Array{"."};
+  return list;
+}
+
 /// A text that two elements of a list share exactly when they are equal. (Two numbers nested in containers
 /// count as different when one is a real and the other is not.)
 std::string identityOf(const Value& element) {
@@ -50,8 +59,8 @@ void ABPlugInCore::resolveSDK() {
       return;
     }
     const auto definition = readSDKDictionary(*name, &sdkFile_);
-    const Dictionary* info = bundleInfoDictionary_.dictionary();
-    if (definition && info != nullptr) setDictionaries(mergeDictionary(*definition, *info));
+    if (definition && bundleInfoDictionary_.isDictionary())
+      setDictionaries(mergeDictionary(*definition, bundleInfoDictionary_.takeDictionary()));
   }
   canonicalize();
 }
@@ -63,8 +72,8 @@ std::optional<Dictionary> ABPlugInCore::readSDKDictionary(std::string_view name,
   return std::nullopt;
 }
 
-Dictionary ABPlugInCore::mergeDictionary(const Dictionary& sdk, const Dictionary& info) {
-  Dictionary merged = info;
+Dictionary ABPlugInCore::mergeDictionary(const Dictionary& sdk, Dictionary info) {
+  Dictionary merged = std::move(info);
   for (const auto& [key, value] : sdk) {
     const Value& own = merged[key];
     if (own.isNone() || sdkOverridesKey(key)) {
@@ -92,22 +101,27 @@ Value ABPlugInCore::mergeSharedResources(const Value& sdk, const Value& info) {
 void ABPlugInCore::canonicalize() {
   const Dictionary* own = plugInDictionary_.dictionary();
   if (own == nullptr) return;
+  constexpr size_t kMostAdded = 4;
   Dictionary plugIn = *own;
+  plugIn.reserve(plugIn.size() + kMostAdded);
 
   if (isAppExtension()) {
-    if (!plugIn.contains(plugInkey::protocol)) plugIn.set(plugInkey::protocol, kObjectClass);
-    if (!plugIn.contains(plugInkey::principalClass)) plugIn.set(plugInkey::principalClass, kObjectClass);
-    plugIn.set(plugInkey::shared, Array{"."});
+    for (const char* key : {plugInkey::protocol, plugInkey::principalClass})
+      if (!plugIn.contains(key)) plugIn.set(String::interned(key), objectClass());
+    plugIn.set(String::interned(plugInkey::shared), bundleItself());
   }
   const Dictionary* given = attributes().dictionary();
   if (given != nullptr || attributes().isNone()) {  // anything else is for the diagnosis to refuse
     Dictionary complete = given != nullptr ? *given : Dictionary();
-    complete.set(attributekey::format, plugIn.contains(plugInkey::embeddedCode) ? "hybrid" : "standard");
+    complete.reserve(complete.size() + kMostAdded);
+    complete.set(String::interned(attributekey::format),
+                 String::interned(plugIn.contains(plugInkey::embeddedCode) ? "hybrid" : "standard"));
     if (!complete.contains(attributekey::version)) {
       const Value& shortVersion = bundleInfoDictionary_[bundlekey::shortVersion];
-      complete.set(attributekey::version, shortVersion.isNone() ? Value("1") : shortVersion);
+      complete.set(String::interned(attributekey::version),
+                   shortVersion.isNone() ? Value("1") : shortVersion);
     }
-    plugIn.set(plugInkey::attributes, std::move(complete));
+    plugIn.set(String::interned(plugInkey::attributes), std::move(complete));
   }
   setPlugInDictionary(std::move(plugIn));
 }

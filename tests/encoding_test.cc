@@ -139,6 +139,16 @@ TEST(Encoding, AMapCostsLittleMoreThanSortingWhateverTheOrder) {
   EXPECT_LT(secondsOf(decodeAll), 5);
 }
 
+TEST(Encoding, WhatStandsInAValueAgainIsWrittenAsOftenAsItStandsThere) {
+  Dictionary value{{"a", 1}, {"b", "text"}, {"c", true}, {"d", Array{}}};
+  for (int i = 0; i < 10; ++i)
+    value = {{"again", value}, {"n", i}, {"once", value}, {"other", Dictionary{{"first", value}}}};
+  const std::string bytes = encodeToString(value);
+  const Value restored = decode(span(bytes), kMaximumNesting).value_or(Value());
+  EXPECT_EQ(restored, Value(value));
+  EXPECT_EQ(encodeToString(restored), bytes) << "nothing in it is the same object any more";
+}
+
 TEST(EncodedListBuilder, JoinsKeptPartsWithoutCopyingThem) {
   const Data kept = encodeEntries(Dictionary{{"path", std::string(1000, 'p')}});
   EncodedListBuilder builder;

@@ -1,10 +1,10 @@
 #include "abd/plugin/ABDPlugIn.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "Ambrel/ABProtocol.h"
 #include "platform/log/Log.h"
+#include "platform/qmx/Bundle.h"
 
 namespace abd {
 
@@ -50,16 +50,9 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
 
 Dictionary ABDPlugIn::prunedInfoDictionaryFor(const std::optional<Dictionary>& info) {
   if (!info) return {};
-  // Sorted keys: those with the prefix stand together.
-  const auto isBuildTool = [](const Dictionary::Entry& entry) {
-    return entry.key.view().starts_with(bundlekey::buildToolPrefix);
-  };
-  const auto* first = std::find_if(info->begin(), info->end(), isBuildTool);
-  if (first == info->end()) return *info;
-  const auto* last = std::find_if_not(first, info->end(), isBuildTool);
-  std::vector<Dictionary::Entry> kept(info->begin(), first);
-  kept.insert(kept.end(), last, info->end());
-  return *Dictionary::fromEntries(std::move(kept));
+  Dictionary pruned = *info;
+  pruned.removeKeysWithPrefix(bundlekey::buildToolPrefix);
+  return pruned;
 }
 
 // --- Names ---

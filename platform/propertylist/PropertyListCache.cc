@@ -1,49 +1,55 @@
 #include "platform/propertylist/PropertyListCache.h"
 
-#include <list>
+#include <algorithm>
 #include <mutex>
-#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyList.h"
 
 namespace platform {
 
+// Entries are few: going through their hashes needs no nodes of a table, and an entry that makes room hands
+// its storage on.
 struct PropertyListCache::Implementation {
   struct Entry {
+    size_t hash = 0;
     std::string path;
     FileIdentity identity;
     /// None: the file holds no dictionary.
     std::optional<Dictionary> dictionary;
+    uint64_t used = 0;  // on the clock
   };
 
-  explicit Implementation(size_t limit) : capacity(limit) {}
+  explicit Implementation(size_t limit) : capacity(std::max<size_t>(limit, 1)) { entries.reserve(capacity); }
 
   const size_t capacity;
   std::mutex mutex;
-  std::list<Entry> entries;                                                 // most recently used first
-  std::unordered_map<std::string_view, std::list<Entry>::iterator> byPath;  // keys lie in the entries
-  uint64_t generation = 0;                                                  // counts clear()
+  std::vector<Entry> entries;
+  uint64_t clock = 0;
+  uint64_t generation = 0;  // counts clear()
 
-  bool isKept(const std::string& path) {
-    const std::lock_guard lock(mutex);
-    return byPath.contains(path);
+  Entry* find(size_t hash, const std::string& path) {
+    const auto found = std::ranges::find_if(
+        entries, [&](const Entry& entry) { return entry.hash == hash && entry.path == path; });
+    return found == entries.end() ? nullptr : &*found;
   }
 
-  void remove(const std::string& path) {
-    const auto found = byPath.find(path);
-    if (found == byPath.end()) return;
-    const auto entry = found->second;
-    byPath.erase(found);
-    entries.erase(entry);
+  void remove(Entry& entry) {
+    std::swap(entry, entries.back());
+    entries.pop_back();
   }
 
-  void insert(Entry entry) {
-    if (capacity == 0) return;
-    remove(entry.path);
-    if (entries.size() == capacity) remove(entries.back().path);
-    entries.push_front(std::move(entry));
-    byPath.emplace(entries.front().path, entries.begin());
+  /// The entry for `path`, which may have been another's, the least recently used one's.
+  Entry& place(size_t hash, const std::string& path) {
+    Entry* entry = find(hash, path);
+    if (entry != nullptr) return *entry;
+    entry = entries.size() < capacity ? &entries.emplace_back()
+                                      : &*std::ranges::min_element(entries, {}, &Entry::used);
+    entry->hash = hash;
+    entry->path = path;
+    return *entry;
   }
 };
 
@@ -54,19 +60,25 @@ PropertyListCache::~PropertyListCache() = default;
 
 std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path, FileIdentity* source) {
   Implementation& cache = *implementation_;
-  // What is not kept needs no look before it is opened; no file is looked at while the lock is held.
-  const auto present = cache.isKept(path) ? FileIdentity::ofFile(path) : std::nullopt;
+  const size_t hash = std::hash<std::string>()(path);
   uint64_t generation;
+  bool isKept;
   {
     const std::lock_guard lock(cache.mutex);
     generation = cache.generation;
-    const auto found = cache.byPath.find(path);
-    if (found != cache.byPath.end() && present == found->second->identity) {
-      cache.entries.splice(cache.entries.begin(), cache.entries, found->second);
+    isKept = cache.find(hash, path) != nullptr;
+  }
+  // What is not kept needs no look before it is opened; no file is looked at while the lock is held.
+  if (isKept) {
+    const auto present = FileIdentity::ofFile(path);
+    const std::lock_guard lock(cache.mutex);
+    Implementation::Entry* const entry = cache.find(hash, path);
+    if (entry != nullptr && present == entry->identity) {
+      entry->used = ++cache.clock;
       if (source != nullptr) *source = *present;
-      return found->second->dictionary;
+      return entry->dictionary;
     }
-    cache.remove(path);
+    if (entry != nullptr) cache.remove(*entry);
   }
   // Taken before reading: a file that changes meanwhile is read anew next time.
   FileIdentity identity;
@@ -74,14 +86,17 @@ std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path,
   if (source != nullptr) *source = identity;
   if (identity == FileIdentity() || !identity.isSettled()) return dictionary;
   const std::lock_guard lock(cache.mutex);
-  if (generation == cache.generation) cache.insert({path, identity, dictionary});
+  if (generation != cache.generation) return dictionary;
+  Implementation::Entry& entry = cache.place(hash, path);
+  entry.identity = identity;
+  entry.dictionary = dictionary;
+  entry.used = ++cache.clock;
   return dictionary;
 }
 
 void PropertyListCache::clear() {
   const std::lock_guard lock(implementation_->mutex);
   ++implementation_->generation;
-  implementation_->byPath.clear();
   implementation_->entries.clear();
 }
 

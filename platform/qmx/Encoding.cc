@@ -376,8 +376,7 @@ class Encoder {
         for (const Value& element : *value.array()) this->value(element);
         break;
       case Value::Kind::dictionary:
-        head(cbor_encode_map_start, value.dictionary()->size());
-        entries(*value.dictionary());
+        dictionary(*value.dictionary());
         break;
       case Value::Kind::encoded:
         head(cbor_encode_tag, kEncodedTag);
@@ -396,8 +395,39 @@ class Encoder {
     }
   }
 
+  void dictionary(const Dictionary& dictionary) {
+    if (dictionary.size() >= kWorthRepeating && repeat(dictionary)) return;
+    const size_t from = out_.size() + used_;
+    head(cbor_encode_map_start, dictionary.size());
+    entries(dictionary);
+    if (dictionary.size() < kWorthRepeating) return;
+    written_[next_] = {&dictionary, from, out_.size() + used_ - from};
+    next_ = (next_ + 1) % std::size(written_);
+  }
+
+  /// Copies the encoding of the very same dictionary, when it was written a moment ago.
+  bool repeat(const Dictionary& dictionary) {
+    for (const Written& each : written_) {
+      if (each.dictionary == nullptr || !each.dictionary->isSameObject(dictionary)) continue;
+      flush();
+      out_.append(out_, each.from, each.size);
+      return true;
+    }
+    return false;
+  }
+
+  /// A dictionary that is a part of what is being encoded, and where its encoding stands in the output.
+  struct Written {
+    const Dictionary* dictionary = nullptr;
+    size_t from = 0, size = 0;
+  };
+  static constexpr size_t kWorthRepeating = 4;  // entries
+
   std::string& out_;
   size_t used_ = 0;
+  // A plug-in's form holds its dictionary twice. The last few that were completed.
+  Written written_[4];
+  size_t next_ = 0;
   unsigned char buffer_[1024];
 };
 
@@ -433,9 +463,14 @@ EncodedPropertyList encodePropertyList(const Value& value) {
 }
 
 Data encodeEntries(const Dictionary& dictionary) {
-  std::string out;
+  // Parts of replies are made in great number and are small: their bytes are collected in the same place.
+  constexpr size_t kMostSpare = 64u << 10;
+  thread_local std::string out;
+  out.clear();
   Encoder(out).entries(dictionary);
-  return Data(out);
+  Data part{std::string_view(out)};
+  if (out.capacity() > kMostSpare) out = std::string();
+  return part;
 }
 
 // --- EncodedListBuilder ---

@@ -371,6 +371,19 @@ void Dictionary::remove(std::string_view key) {
   std::destroy_at(node.end());
 }
 
+void Dictionary::removeKeysWithPrefix(std::string_view prefix) {
+  // Sorted keys: those with the prefix stand together.
+  const auto hasPrefix = [prefix](const Entry& entry) { return entry.key.view().starts_with(prefix); };
+  const Entry* const first = position(begin(), end(), prefix);
+  const Entry* const last = std::find_if_not(first, end(), hasPrefix);
+  if (first == last) return;
+  Dictionary kept;
+  detail::DictionaryNode& node = kept.changing(size() - static_cast<size_t>(last - first));
+  detail::appendTo(&node, begin(), static_cast<size_t>(first - begin()));
+  detail::appendTo(&node, last, static_cast<size_t>(end() - last));
+  *this = std::move(kept);
+}
+
 bool operator==(const Dictionary& a, const Dictionary& b) {
   return a.isSameObject(b) || std::equal(a.begin(), a.end(), b.begin(), b.end(),
                                          [](const Dictionary::Entry& x, const Dictionary::Entry& y) {

@@ -164,6 +164,8 @@ class Dictionary {
   /// Stores `value` under `key`; a none value removes the key.
   void set(String key, Value value);
   void remove(std::string_view key);
+  /// Removes every entry whose key begins with `prefix`.
+  void removeKeysWithPrefix(std::string_view prefix);
 
   /// Whether both are the very same storage (two empty dictionaries are).
   bool isSameObject(const Dictionary& other) const;
@@ -267,6 +269,12 @@ class Value {
   const Array* array() const { return kind_ == Kind::array ? &array_ : nullptr; }
   const Dictionary* dictionary() const { return kind_ == Kind::dictionary ? &dictionary_ : nullptr; }
   const EncodedPropertyList* encoded() const { return kind_ == Kind::encoded ? &encoded_ : nullptr; }
+  /// Moves the dictionary out, so that it can be changed without copying it; this becomes none. An empty one
+  /// for anything else.
+  Dictionary takeDictionary() {
+    Value taken(std::move(*this));
+    return taken.isDictionary() ? std::move(taken.dictionary_) : Dictionary();
+  }
 
   /// A number's value as a signed integer: reals are truncated toward zero and clamped to the range (NaN is
   /// 0), unsigned values above the range keep their low 64 bits. 0 for anything that is not a number.
