@@ -66,4 +66,19 @@ std::weak_ordering compareVersionString(std::string_view version, std::string_vi
   return version.size() <=> other.size();
 }
 
+std::string canonicalVersionString(std::string_view version) {
+  std::string canonical;
+  canonical.reserve(version.size());
+  while (!version.empty()) {
+    if (isDigit(version.front())) {
+      const std::string_view number = takeNumber(version);
+      canonical += number.empty() ? "0" : number;
+    } else {
+      canonical += version.front();
+      version.remove_prefix(1);
+    }
+  }
+  return canonical;
+}
+
 }  // namespace ambrel

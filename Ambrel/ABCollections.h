@@ -5,6 +5,7 @@
 #include <compare>
 #include <concepts>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -62,5 +63,7 @@ Value dictionaryChanging(Value dictionary, String key, Value value);
 /// Runs of decimal digits (of any length) compare by numeric value, everything else by Unicode scalar; a
 /// string that is a prefix of the other orders first. 01 and 1 are the same.
 std::weak_ordering compareVersionString(std::string_view version, std::string_view other);
+/// A string that two strings share exactly when they compare as the same.
+std::string canonicalVersionString(std::string_view version);
 
 }  // namespace ambrel

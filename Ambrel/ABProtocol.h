@@ -3,6 +3,7 @@
 // The daemon's protocol in one table: service name, versions, request names, message keys and flag bits. The
 // error codes are in ABErrors.h. Constants only.
 
+#include <cstddef>
 #include <cstdint>
 
 #include "Ambrel/ABErrors.h"
@@ -59,6 +60,15 @@ inline constexpr uint64_t ABDiscoverAll = 0x200;
 /// Flags of a "lock" request that holds: what its paths name.
 inline constexpr uint64_t ABHoldApplications = 1;  // applications: every plug-in inside, none of them busy
 inline constexpr uint64_t ABHoldPlugIns = 2;       // plug-in bundles, busy or not
+
+// Limits of requests, beyond what the message service limits. A request that exceeds one is refused (code 4).
+
+/// Rule entries, patterns, items and types of items in a "match" request's rules, all together.
+inline constexpr size_t kMaximumPatterns = 16384;
+/// Entries of "uuids" in a "ready" request.
+inline constexpr size_t kMaximumReadyPlugIns = 128;
+/// Holds of one connection at a time.
+inline constexpr size_t kMaximumHolds = 1024;
 
 /// The elections that people make; any other value counts as made, too.
 inline constexpr int64_t ABElectionDefault = 0;

@@ -68,6 +68,7 @@ void ABDQmxClient::serve(Transaction& transaction) {
   if (++requestCount_ % kRequestsPerCountLine == 0)
     server_.debug("client %d used %u requests so far", pid(), requestCount_);
   entitlements_.clear();
+  restriction_ = nullptr;
   settings_ = RequestSettings();
   transaction.dispatch();
 }

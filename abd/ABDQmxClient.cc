@@ -18,7 +18,7 @@ void ABDQmxClient::identify() {
   server_.debug("client %d %s", pid(), executable ? *executable : std::string("(unknown)"));
   trace::clientNew(pid());
   task_ = CodeSigningTask::create(peer_);
-  if (task_ != nullptr) restriction_ = task_->valueForEntitlement(entitlement::allowedPlugIns).value;
+  if (task_ != nullptr) lastRestriction_ = task_->valueForEntitlement(entitlement::allowedPlugIns).value;
 }
 
 void ABDQmxClient::dying() {
@@ -41,9 +41,9 @@ Value ABDQmxClient::entitlementValueForKey(std::string_view key) {
   if (key == entitlement::allowedPlugIns) {
     // What is lost with one's identity is what it allowed, not what it forbade.
     if (answer.error)
-      answer.value = restriction_;
+      answer.value = lastRestriction_;
     else
-      restriction_ = answer.value;
+      lastRestriction_ = answer.value;
   }
   return entitlements_.emplace_back(key, std::move(answer.value)).second;
 }
@@ -51,6 +51,11 @@ Value ABDQmxClient::entitlementValueForKey(std::string_view key) {
 bool ABDQmxClient::hasEntitlement(std::string_view key) {
   const Value value = entitlementValueForKey(key);
   return !value.isNone() && !value.isFalse();
+}
+
+const Rules& ABDQmxClient::restriction(const Dictionary& rules) {
+  if (restriction_ == nullptr) restriction_ = std::make_unique<const Rules>(rules, settings_.types());
+  return *restriction_;
 }
 
 bool ABDQmxClient::isUnsandboxed() const {

@@ -17,6 +17,7 @@
 
 #include "Ambrel/ABBundle.h"
 #include "abd/RequestSettings.h"
+#include "abd/plugin/Rules.h"
 #include "platform/qmx/Connection.h"
 #include "platform/security/CodeSigning.h"
 #include "platform/value/Value.h"
@@ -26,6 +27,7 @@ namespace abd {
 using namespace platform;
 using namespace ambrel;
 
+class ABDPlugInHold;
 class ABDServer;
 class Transaction;
 
@@ -63,6 +65,8 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
   bool isUnsandboxed() const;
   /// The settings as the peer's current request sees them. On the service queue.
   RequestSettings& settings() { return settings_; }
+  /// The peer's own restriction, `rules`, taken apart once for each request. On the service queue.
+  const Rules& restriction(const Dictionary& rules);
 
   std::string description() const;
 
@@ -85,12 +89,15 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
 
   // Only on the service queue.
   uint32_t requestCount_ = 0;
-  Value restriction_;  // entitlement::allowedPlugIns, as it was known last
+  Value lastRestriction_;  // entitlement::allowedPlugIns, as it was known last
   // What this request has asked for.
   std::vector<std::pair<std::string, Value>> entitlements_;
   RequestSettings settings_;
+  std::unique_ptr<const Rules> restriction_;
 
-  bool holdsDropped_ = false;  // only on the server's "serverSync" queue
+  // Only on the server's "serverSync" queue.
+  std::vector<std::shared_ptr<ABDPlugInHold>> holds_;  // the peer's, in creation order
+  bool holdsDropped_ = false;
 };
 
 }  // namespace abd

@@ -14,6 +14,13 @@ std::shared_ptr<ABDServer>& singleton() {
   return server;
 }
 
+/// While entries are left out of the log, somebody looks once a second whether they may be told of.
+void tellLeftOutEntriesLater() {
+  RunLoop::main().after(std::chrono::seconds(1), [] {
+    if (!tellLeftOutEntries()) tellLeftOutEntriesLater();
+  });
+}
+
 }  // namespace
 
 ABDServer::~ABDServer() {
@@ -22,6 +29,7 @@ ABDServer::~ABDServer() {
 
 std::shared_ptr<ABDServer> ABDServer::initForService(const std::string& service,
                                                      const std::optional<std::string>& database) {
+  whenLogEntriesAreLeftOut(tellLeftOutEntriesLater);
   const std::shared_ptr<ABDServer> server(new ABDServer);
   // The registry tells at once what changed while nobody observed it.
   server->setDelegate(server.get());
@@ -54,7 +62,7 @@ void ABDServer::run() {
 }
 
 void ABDServer::log(int32_t, std::string_view text, std::span<const FormatArgument> arguments) {
-  systemLog("%@", formatArguments(text, arguments));
+  systemLogArguments(text, arguments);
 }
 
 void ABDServer::removedPlugIns(const HLProxyList& proxies) {

@@ -12,7 +12,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include "abd/database/ABDUserPrefs.h"
 #include "abd/database/ABDatabase.h"
@@ -76,6 +75,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
 
   /// Whether a live hold blocks the plug-in.
   bool holdOnPlugIn(const ABDPlugIn& plugIn);
+  /// Whether the client has as many holds as one may have.
+  bool hasAllHolds(const ABDQmxClient& client);
   /// Takes up a new hold. One whose client has died meanwhile is released at once.
   void addHold(const std::shared_ptr<ABDPlugInHold>& hold);
   /// Releases the hold with that token; an unknown token is ignored.
@@ -95,9 +96,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
     log(level, text, std::span(arguments, sizeof...(Args)));
   }
 
-  using Holds = std::vector<std::shared_ptr<ABDPlugInHold>>;
-  Holds::iterator removeHold(Holds::iterator hold);
-  void releaseHoldsOfDeadClient(const ABDQmxClient& client);
+  void removeHold(const ABDPlugInHold& hold);
+  void releaseHoldsOfDeadClient(ABDQmxClient& client);
 
   // Set before the first request.
   uint32_t verbose_ = 0;
@@ -108,8 +108,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   std::unique_ptr<ABDUserPrefs> userPrefs_;
 
   // Only on "serverSync".
-  Holds holds_;                                        // in creation order
-  std::unordered_map<UUID, uint32_t> blockedPlugIns_;  // how many of holds_ block each plug-in
+  std::unordered_map<UUID, std::shared_ptr<ABDPlugInHold>> holds_;  // by token
+  std::unordered_map<UUID, uint32_t> blockedPlugIns_;               // how many of holds_ block each plug-in
 };
 
 }  // namespace abd

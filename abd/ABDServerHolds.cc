@@ -1,11 +1,12 @@
-// The hold list. A hold lives in `holds_` from its grant until its token is released or its client dies;
-// `blockedPlugIns_` counts, for every plug-in, the holds of the list that block it, so that asking costs the
-// same however many there are. Both change together and only on "serverSync".
+// The holds. A hold lives in `holds_`, and in its client's list, from its grant until its token is released
+// or its client dies; `blockedPlugIns_` counts, for every plug-in, the holds that block it, so that asking
+// costs the same however many there are. All three change together and only on "serverSync".
 //
 // No hold outlives its client, whichever comes first: a client's death marks the client on the same queue on
 // which holds are added, and a hold that comes after the mark is released as soon as it was added.
 
-#include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "Ambrel/ABProtocol.h"
 #include "abd/ABDPlugInHold.h"
@@ -21,11 +22,16 @@ bool ABDServer::holdOnPlugIn(const ABDPlugIn& plugIn) {
   return syncQueue_.sync([&] { return blockedPlugIns_.contains(plugIn.uuid()); });
 }
 
+bool ABDServer::hasAllHolds(const ABDQmxClient& client) {
+  return syncQueue_.sync([&] { return client.holds_.size() >= kMaximumHolds; });
+}
+
 void ABDServer::addHold(const std::shared_ptr<ABDPlugInHold>& hold) {
   const std::shared_ptr<ABDQmxClient> client = hold->client();
   syncQueue_.sync([&] {
     for (const auto& plugIn : hold->blocked()) ++blockedPlugIns_[plugIn->uuid()];
-    holds_.push_back(hold);
+    holds_.emplace(hold->uuid(), hold);
+    if (client != nullptr) client->holds_.push_back(hold);
   });
   postNotification(kAnnotationChangeNotification);
   if (client == nullptr) return;
@@ -34,22 +40,24 @@ void ABDServer::addHold(const std::shared_ptr<ABDPlugInHold>& hold) {
   });
 }
 
-ABDServer::Holds::iterator ABDServer::removeHold(Holds::iterator hold) {
-  for (const auto& plugIn : (*hold)->blocked()) {
+/// Takes a hold off everything but its client's list.
+void ABDServer::removeHold(const ABDPlugInHold& hold) {
+  for (const auto& plugIn : hold.blocked()) {
     const auto entry = blockedPlugIns_.find(plugIn->uuid());
     if (--entry->second == 0) blockedPlugIns_.erase(entry);
   }
-  const auto next = holds_.erase(hold);
+  holds_.erase(hold.uuid());
   postNotification(kAnnotationChangeNotification);
-  return next;
 }
 
 void ABDServer::unholdToken(const UUID& token) {
   syncQueue_.sync([&] {
-    const auto hold = std::ranges::find(holds_, token, [](const auto& each) { return each->uuid(); });
-    if (hold == holds_.end()) return;
+    const auto entry = holds_.find(token);
+    if (entry == holds_.end()) return;
+    const std::shared_ptr<ABDPlugInHold> hold = entry->second;
     systemLog("releasing plug-in hold %@ at client's request", token);
-    removeHold(hold);
+    if (const auto client = hold->client()) std::erase(client->holds_, hold);
+    removeHold(*hold);
   });
 }
 
@@ -60,14 +68,10 @@ void ABDServer::unholdClient(ABDQmxClient& client) {
   });
 }
 
-void ABDServer::releaseHoldsOfDeadClient(const ABDQmxClient& client) {
-  for (auto hold = holds_.begin(); hold != holds_.end();) {
-    if ((*hold)->client().get() != &client) {
-      ++hold;
-      continue;
-    }
-    systemLog("releasing plug-in hold %@ for dead client pid %d", (*hold)->uuid(), client.pid());
-    hold = removeHold(hold);
+void ABDServer::releaseHoldsOfDeadClient(ABDQmxClient& client) {
+  for (const auto& hold : std::exchange(client.holds_, {})) {
+    systemLog("releasing plug-in hold %@ for dead client pid %d", hold->uuid(), client.pid());
+    removeHold(*hold);
   }
 }
 

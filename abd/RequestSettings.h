@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "platform/policy/Consent.h"
+#include "platform/types/TypeConformance.h"
 
 namespace abd {
 
@@ -19,11 +20,13 @@ class RequestSettings {
   /// The device's limit; none when there is no limit.
   const std::optional<int64_t>& maximumAppsRating();
   const ConsentDecisions& consent();
+  TypeConformances& types() { return types_; }
 
  private:
   // None: not asked yet.
   std::optional<std::optional<int64_t>> maximumAppsRating_;
   std::optional<ConsentDecisions> consent_;
+  TypeConformances types_;
 };
 
 }  // namespace abd

@@ -91,6 +91,14 @@ void checkLiterals(const Dictionary& rules, const char* key, std::string_view va
   }));
 }
 
+/// An array of patterns holds when one of its elements does by itself.
+bool matchesPatternByPattern(const ABDPlugIn& record, std::string_view key, const Value& pattern) {
+  const Array* list = pattern.array();
+  if (list == nullptr) return record.matchKey(key, pattern);
+  return std::any_of(list->begin(), list->end(),
+                     [&](const Value& each) { return each.isString() && record.matchKey(key, each); });
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -99,7 +107,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Dictionary rules = decoded && decoded->dictionary() != nullptr
                                ? *decoded->dictionary()
                                : rulesOfText({reinterpret_cast<const char*>(data), size});
-  if (record->match(rules)) {
+  const bool matches = record->match(rules);
+  require(matches == std::all_of(rules.begin(), rules.end(), [](const Dictionary::Entry& rule) {
+            return matchesPatternByPattern(*record, rule.key.view(), rule.value);
+          }));
+  if (matches) {
     checkLiterals(rules, "ZQExtensionIdentifier", kIdentifier);
     checkLiterals(rules, "ZQExtensionPointName", kPoint);
   }

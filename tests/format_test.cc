@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 #include <memory>
@@ -10,6 +11,7 @@
 #include "platform/log/Failure.h"
 #include "platform/log/Format.h"
 #include "platform/log/Log.h"
+#include "platform/log/LogRates.h"
 #include "platform/value/Error.h"
 
 namespace {
@@ -47,6 +49,42 @@ TEST(SystemLog, OneEntryIsOneLineWithTheProcessInFront) {
       format("%s[%d]: ", static_cast<const char*>(program_invocation_short_name), getpid());
   EXPECT_EQ(text, prefix + "first a\\nb\\tc\\x0dd\\x1b[31m\\x7f\n" + prefix +
                       "second \\x9b31m gr\xC3\xBC\xC3\x9F\n" + prefix + "nul\\x00end %d\n");
+}
+
+TEST(SystemLog, LeavesOutWhatComesTooOftenAndSaysHowMuch) {
+  LogRates rates;
+  using Verdict = LogRates::Verdict;
+  const auto begin = LogRates::Clock::now();
+  const auto after = [&](int milliseconds) { return begin + std::chrono::milliseconds(milliseconds); };
+  for (size_t i = 0; i < kLogBurst; ++i) ASSERT_EQ(rates.admit("a%d", begin), Verdict::written);
+  EXPECT_EQ(rates.admit("a%d", begin), Verdict::firstLeftOut);
+  EXPECT_EQ(rates.admit("b", begin), Verdict::written) << "each text has its own measure";
+  EXPECT_EQ(rates.admit("a%d", after(990)), Verdict::leftOut);
+  EXPECT_TRUE(rates.takeLeftOut(after(990)).empty());
+  const auto told = rates.takeLeftOut(after(1000));
+  ASSERT_EQ(told.size(), 1u);
+  EXPECT_EQ(told[0].text, "a%d");
+  EXPECT_EQ(told[0].count, 2u);
+  EXPECT_FALSE(rates.isLeavingOut());
+  for (size_t i = 0; i < kLogRate; ++i) ASSERT_EQ(rates.admit("a%d", after(1000)), Verdict::written);
+  EXPECT_EQ(rates.admit("a%d", after(1000)), Verdict::firstLeftOut);
+  rates.charge("b", kLogBurst);
+  EXPECT_EQ(rates.admit("b", begin), Verdict::leftOut) << "a long entry counts for many";
+}
+
+TEST(SystemLog, FormatsNothingOfWhatIsLeftOut) {
+  setenv("ABD_LOG", "stderr", 1);
+  struct Counted {
+    size_t& count;
+    std::string description() const { return std::to_string(++count); }
+  };
+  size_t count = 0;
+  testing::internal::CaptureStderr();
+  for (size_t i = 0; i < 3 * kLogBurst; ++i) systemLog("too often %@", Counted{count});
+  const std::string text = testing::internal::GetCapturedStderr();
+  EXPECT_GE(count, kLogBurst);
+  EXPECT_LT(count, 2 * kLogBurst);
+  EXPECT_EQ(static_cast<size_t>(std::ranges::count(text, '\n')), count);
 }
 
 TEST(SystemLog, ABrokenInvariantIsLoggedBeforeTheProcessEnds) {

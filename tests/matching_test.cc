@@ -57,6 +57,39 @@ TEST_F(Operators, AnUnknownOperatorIsLoggedEachTimeAndNeverHolds) {
   }
 }
 
+TEST_F(Operators, OfAListOneHasToHoldTriedInOrderHoweverItIsLookedThrough) {
+  std::mt19937 random(1);
+  const auto any = [&random](const std::vector<std::string>& choices) {
+    return choices[random() % choices.size()];
+  };
+  const std::vector<std::string> texts = {"",    "0",    "00",  "1",    "01", "10",
+                                          "1.0", "1.00", "a0b", "ab",   "a1", "a01b",
+                                          "a1b", "v007", "v7.", "v07.", "x",  "99999999999999999999"};
+  const std::vector<std::string> operators = {"<>", "<=", ">=", "=",       "<",
+                                              ">",  "",   "?",  "?TY-IS:", "?TY-CONFORMS:"};
+  for (int round = 0; round < 1000; ++round) {
+    // Lists of one kind of pattern, of literals mostly, and mixed ones.
+    const std::vector<std::string> used = round % 3 == 0   ? operators
+                                          : round % 3 == 1 ? std::vector<std::string>{"", "="}
+                                                           : std::vector{any(operators)};
+    Array list;
+    for (size_t i = random() % 20; i > 0; --i) list.append(any(used) + any(texts));
+    if (round % 7 == 0) list.append(5);
+    // Few: the log leaves out what comes too often.
+    if (round % 9 == 0) list.append("?" + any(texts));
+    if (round % 9 == 0) list.append(any(used) + any(texts));
+    const std::string value = any(texts);
+    bool holds = false, held = false;
+    const auto expected = logOf([&] {
+      for (const Value& each : list)
+        if (!holds && each.isString()) holds = ABDPlugIn::matchString(value, *each.string());
+    });
+    const auto log = logOf([&] { held = ABDPlugIn::matchValue(value, list); });
+    ASSERT_EQ(held, holds) << value << " " << Value(list).description();
+    ASSERT_EQ(log, expected) << Value(list).description();
+  }
+}
+
 class Rules : public DeviceWithTypes {
  protected:
   static const ABDPlugIn& plugIn() {

@@ -5,10 +5,13 @@
 
 #include <algorithm>
 
+#include "Ambrel/ABProtocol.h"
 #include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
+
+using namespace ambrel;
 
 class Neighbours : public DaemonTest {
  protected:
@@ -80,6 +83,54 @@ TEST_F(Neighbours, AreServedWhileALongRequestIsUnfinishedAndItsOwnClientWaitsInO
     expected += "ba";
   }
   EXPECT_EQ(bulks(), expected);
+}
+
+TEST_F(Neighbours, ASearchEndsWithItsClient) {
+  install(300);
+  const size_t dead = daemon->logCount(" is dead");
+  Array patterns = manyPatterns();
+  patterns.append("?unknown");  // logged once for each plug-in
+  WireClient dying = daemon->connect();
+  dying.call(bulk(1));
+  dying.send(message("match", {{"rules", Dictionary{{"k", patterns}}}}));
+  ASSERT_TRUE(daemon->waitForLog("unrecognized match operator"));
+  atOnce([&] { dying.close(); });
+  ASSERT_TRUE(daemon->waitForLog(" is dead", dead + 1));
+  const size_t searched = daemon->logCount("unrecognized match operator");
+  EXPECT_LT(searched, 300u);
+  client->call(bulk(2));
+  EXPECT_EQ(daemon->logCount("unrecognized match operator"), searched);
+}
+
+TEST_F(Neighbours, AreSparedWhatIsBeyondTheLimits) {
+  install(2);
+  // Rules: the entries count, their patterns, items and the items' types.
+  const auto rules = [](size_t patterns) {
+    const Dictionary items = {{"items", Array{Dictionary{{"types", Array{"a", "b"}}}}}};
+    return Dictionary{{"x", items}, {"k", Array(std::vector<Value>(patterns - 5, "v"))}};
+  };
+  EXPECT_EQ(error("match", {{"rules", rules(kMaximumPatterns)}}), "");
+  EXPECT_EQ(error("match", {{"rules", rules(kMaximumPatterns + 1)}, {"flags", 0x200}}),
+            "4: invalid request format (more than 16384 patterns)");
+  EXPECT_EQ(error("match", {{"rules", rules(kMaximumPatterns)}, {"flags", 0x200}}),
+            "11: unauthorized discovery flag (ABDiscoverAll)");
+  const UUID one = uuid("many.0");
+  EXPECT_EQ(error("ready", {{"uuids", uuidArray(std::vector<UUID>(kMaximumReadyPlugIns, one))}}), "");
+  EXPECT_EQ(error("ready", {{"uuids", uuidArray(std::vector<UUID>(kMaximumReadyPlugIns + 1, one))}}),
+            "4: invalid request (more than 128 plug-ins)");
+
+  const Dictionary hold = {{"paths", Array{DeviceRoot::plugInPath(application, "many.1")}}, {"flags", 2}};
+  WireClient holder = daemon->connect();
+  Dictionary granted;
+  for (size_t i = 0; i < kMaximumHolds; ++i) granted = holder.call(message("lock", hold));
+  EXPECT_EQ(errorOf(granted), "");
+  EXPECT_EQ(errorOf(holder.call(message("lock", hold))), "4: invalid request (more than 1024 holds)");
+  EXPECT_EQ(error("lock", hold), "") << "each connection has its own";
+  holder.call(message("lock", {{"uuids", Array{granted["uuids"]}}}));
+  EXPECT_EQ(errorOf(holder.call(message("lock", hold))), "");
+  const size_t notifications = root.changeNotifications();
+  holder.close();
+  EXPECT_TRUE(eventually([&] { return root.changeNotifications() == notifications + kMaximumHolds; }));
 }
 
 }  // namespace

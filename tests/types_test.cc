@@ -59,6 +59,10 @@ class ActivationRulesTest : public testing::Test {
                       Dictionary{{"photo", "image"}, {"image", "file"}, {"movie", "file"}});
     letFilesSettle();
   }
+  static bool accepts(const Value& rule, const Dictionary& items) {
+    TypeConformances types;
+    return evaluateActivationRule(rule, items, types);
+  }
   /// Items of one type each.
   static Dictionary items(const std::vector<const char*>& types) {
     Array list;
@@ -92,21 +96,21 @@ TEST_F(ActivationRulesTest, EachItemCountsForEveryTypeThatItConformsTo) {
       {images("3"), {"photo"}, false},
   };
   for (const auto& each : cases)
-    EXPECT_EQ(evaluateActivationRule(each.rule, items(each.types)), each.isAccepted)
+    EXPECT_EQ(accepts(each.rule, items(each.types)), each.isAccepted)
         << each.rule.description() << " " << each.types.size();
   const Dictionary both{{"items", Array{Dictionary{{"types", Array{7, "song", "photo"}}}}}};
-  EXPECT_TRUE(evaluateActivationRule(limits, both)) << "one of an item's types is enough";
+  EXPECT_TRUE(accepts(limits, both)) << "one of an item's types is enough";
 }
 
 TEST_F(ActivationRulesTest, AnythingOfAnotherShapeIsNotAccepted) {
   const Dictionary good = items({"photo"});
   for (const Value& rule : {Value(), Value("image"), Value(2), Value(Array{"image"}), Value(Dictionary())})
-    EXPECT_FALSE(evaluateActivationRule(rule, good)) << rule.description();
+    EXPECT_FALSE(accepts(rule, good)) << rule.description();
   const Value rule = Dictionary{{"image", 5}};
   for (const Value& list : {Value("photo"), Value(Dictionary()), Value(Array{"photo"}),
                             Value(Array{Dictionary{{"types", "photo"}}}), Value(Array{Dictionary()})})
-    EXPECT_FALSE(evaluateActivationRule(rule, Dictionary{{"items", list}})) << list.description();
-  EXPECT_FALSE(evaluateActivationRule(rule, Dictionary()));
+    EXPECT_FALSE(accepts(rule, Dictionary{{"items", list}})) << list.description();
+  EXPECT_FALSE(accepts(rule, Dictionary()));
 }
 
 }  // namespace

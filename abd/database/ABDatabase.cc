@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <span>
+#include <unordered_set>
 #include <utility>
 
 #include "Ambrel/ABCollections.h"
@@ -145,9 +146,11 @@ ABDPlugInSearch ABDatabase::search(const std::optional<Dictionary>& rules) {
 
   if (identifiers || points) {
     HLApplicationWorkspace::Filter filter;
+    const auto wanted = elections ? std::unordered_set<std::string>(elections->begin(), elections->end())
+                                  : std::unordered_set<std::string>();
     if (elections)
-      filter = [this, &elections](const String& identifier, const Value& entitlements) {
-        return electionPreFilter(*elections, identifier, entitlements);
+      filter = [this, &wanted](const String& identifier, const Value& entitlements) {
+        return electionPreFilter(wanted, identifier, entitlements);
       };
     if (auto narrowed = workspace_->pluginsWithIdentifiers(identifiers ? &*identifiers : nullptr,
                                                            points ? &*points : nullptr, nullptr, filter))
@@ -162,7 +165,7 @@ std::optional<ABDPlugInSet> ABDatabase::findPlugIns(const std::optional<Dictiona
   return recordsOf(found);
 }
 
-bool ABDatabase::electionPreFilter(const std::vector<std::string>& elections, const String& identifier,
+bool ABDatabase::electionPreFilter(const std::unordered_set<std::string>& elections, const String& identifier,
                                    const Value& entitlements) const {
   const String& key = ABDPlugIn::annotationKey(identifier, entitlements);
   const Value& stored = annotations_->annotationForIdentifier(key)[annotation::election];
@@ -171,7 +174,7 @@ bool ABDatabase::electionPreFilter(const std::vector<std::string>& elections, co
     const Value& isAutoElected = entitlements[entitlement::autoElectPlugIn];
     election = isAutoElected.isNumber() && isAutoElected.booleanValue() ? ABElectionUse : ABElectionDefault;
   }
-  return std::find(elections.begin(), elections.end(), std::to_string(election & 0xFF)) != elections.end();
+  return elections.contains(std::to_string(election & 0xFF));
 }
 
 // --- Other look-ups ---

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "abd/database/ABDAnnotationStore.h"
@@ -115,7 +116,7 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
   void purgeCachesToLimit(int64_t limit);
   void autoElect(const ABDPlugIn& plugIn);
-  bool electionPreFilter(const std::vector<std::string>& elections, const String& identifier,
+  bool electionPreFilter(const std::unordered_set<std::string>& elections, const String& identifier,
                          const Value& entitlements) const;
 
   std::atomic<ABDatabaseDelegate*> delegate_{nullptr};

@@ -22,6 +22,7 @@
 #include "abd/plugin/PlugInForm.h"
 #include "platform/hollin/HLProxies.h"
 #include "platform/qmx/PeerIdentity.h"
+#include "platform/types/TypeConformance.h"
 
 namespace abd {
 
@@ -30,6 +31,8 @@ using namespace ambrel;
 
 class ABDQmxClient;
 class RequestSettings;
+class Rule;
+class Rules;
 
 class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPlugIn> {
  public:
@@ -69,6 +72,7 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
 
   /// Whether every entry of `rules` holds.
   bool match(const Dictionary& rules) const;
+  bool matchRules(const Rules& rules) const;
   bool matchKey(std::string_view key, const Value& pattern) const;
   static bool matchValue(const Value& value, const Value& patterns);
   static bool matchString(std::string_view value, std::string_view pattern);
@@ -103,7 +107,8 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   bool areNamesCertain() const;
   std::shared_ptr<const HLApplicationProxy> containingApplication() const;
   std::shared_ptr<const PlugInForm::KeptPart> keptPart(std::optional<Error>* error) const;
-  Value valueForRuleKey(std::string_view key) const;
+  Value valueForRule(const Rule& rule) const;
+  bool matchRule(const Rule& rule, TypeConformances& types) const;
   Dictionary environment() const;
   /// For a resource called `name` in "Shared", at `target`; none with errno set.
   std::optional<std::string> resourceToken(const String& name, const std::string& target) const;

@@ -17,12 +17,14 @@ constexpr int64_t kUnknownRank = -1;
 
 using Reason = std::optional<std::string>;
 
-/// `restriction` is the host's entitlement that limits which plug-ins it may use.
-Reason hostRestriction(const Value& restriction, const ABDPlugIn& plugIn) {
+/// By the host's entitlement that limits which plug-ins it may use.
+Reason hostRestriction(ABDQmxClient& client, const ABDPlugIn& plugIn) {
+  const Value restriction = client.entitlementValueForKey(entitlement::allowedPlugIns);
   if (restriction.isNone()) return std::nullopt;
   const Dictionary* rules = restriction.dictionary();
   if (rules == nullptr) return "invalid host restriction entitlement";
-  if (!plugIn.match(*rules)) return "the host's plug-in entitlement does not allow this plug-in";
+  if (!plugIn.matchRules(client.restriction(*rules)))
+    return "the host's plug-in entitlement does not allow this plug-in";
   return std::nullopt;
 }
 
@@ -43,8 +45,7 @@ Reason ageRating(bool isRestricted) {
 }  // namespace
 
 std::optional<std::string> ABDPlugIn::allowForClient(ABDQmxClient& client) const {
-  if (auto reason = hostRestriction(client.entitlementValueForKey(entitlement::allowedPlugIns), *this))
-    return reason;
+  if (auto reason = hostRestriction(client, *this)) return reason;
   if (auto reason = requiredEntitlement(plugInDictionary()[plugInkey::hostEntitlement], client))
     return reason;
   return ageRating(ageRestricted(client.settings()));

@@ -88,6 +88,8 @@ Course Transaction::holdPlugIns() {
     }
   }
 
+  if (server().hasAllHolds(*client_))
+    co_return fail(kABErrorRequest, format("invalid request (more than %d holds)", kMaximumHolds));
   const auto hold = std::make_shared<ABDPlugInHold>(plugIns, client_);
   server().addHold(hold);
   setReply(key::uuids, hold->uuid());

@@ -1,6 +1,7 @@
 // "match": discovery. Candidates from the database are filtered one by one (visibility, rules, exclusions,
 // access, duplicates); what remains is joined into the reply from the records' kept encodings.
 
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
 #include "abd/plugin/ABDPlugIn.h"
+#include "abd/plugin/Rules.h"
 #include "abd/requests/DuplicateResolver.h"
 #include "abd/requests/Transaction.h"
 #include "platform/log/Log.h"
@@ -23,9 +25,9 @@ namespace {
 struct Search {
   ABDServer& server;
   ABDQmxClient& client;
-  const std::optional<Dictionary>& rules;
+  const Rules& rules;
   const uint64_t flags;
-  const Value exclusions;                        // an array of rule dictionaries, or anything
+  const std::vector<std::unique_ptr<const Rules>> exclusions;
   const std::optional<std::string> plugInsPath;  // where the client's own plug-ins are
 
   bool isPrivileged() const { return (flags & ABDiscoverAll) != 0; }
@@ -36,6 +38,17 @@ struct Search {
   bool finds(const ABDPlugIn& plugIn) const;
 };
 
+/// The rule dictionaries of a list that may be anything.
+std::vector<std::unique_ptr<const Rules>> rulesInList(const Value& value, TypeConformances& types) {
+  std::vector<std::unique_ptr<const Rules>> all;
+  const Array* list = value.array();
+  if (list == nullptr) return all;
+  for (const Value& each : *list)
+    if (const Dictionary* rules = each.dictionary())
+      all.push_back(std::make_unique<const Rules>(*rules, types));
+  return all;
+}
+
 bool Search::isVisible(const ABDPlugIn& plugIn) const {
   if (!plugIn.onSystemVolume() && (!plugIn.containingUrl() || (flags & ABDiscoverSystemOnly) != 0))
     return false;
@@ -44,11 +57,8 @@ bool Search::isVisible(const ABDPlugIn& plugIn) const {
 }
 
 bool Search::isExcluded(const ABDPlugIn& plugIn) const {
-  const Array* list = exclusions.array();
-  if (list == nullptr) return false;
-  for (const Value& exclusion : *list) {
-    const Dictionary* exclusionRules = exclusion.dictionary();
-    if (exclusionRules == nullptr || !plugIn.match(*exclusionRules)) continue;
+  for (const std::unique_ptr<const Rules>& exclusion : exclusions) {
+    if (!plugIn.matchRules(*exclusion)) continue;
     server.debug("client %d plugin %@ excluded", client.pid(), plugIn.identifier());
     return true;
   }
@@ -64,7 +74,7 @@ bool Search::isAllowed(const ABDPlugIn& plugIn) const {
 
 bool Search::finds(const ABDPlugIn& plugIn) const {
   if (!isPrivileged() && !isVisible(plugIn)) return false;
-  if (rules && !plugIn.match(*rules)) return false;
+  if (!plugIn.matchRules(rules)) return false;
   return !isExcluded(plugIn) && (isPrivileged() || isAllowed(plugIn));
 }
 
@@ -155,17 +165,22 @@ Course Transaction::matchPlugIns() {
     co_return fail(kABErrorRequest, "invalid request format (bad rules dictionary)");
   std::optional<Dictionary> rules;
   if (const Dictionary* dictionary = requestedRules.dictionary()) rules = *dictionary;
+  if (rules && Rules::sizeOf(*rules) > kMaximumPatterns)
+    co_return fail(kABErrorRequest,
+                   format("invalid request format (more than %d patterns)", kMaximumPatterns));
   const uint64_t flags = request_.unsignedValue(key::flags);
   if ((flags & ABDiscoverAll) != 0 &&
       !(client_->hasEntitlement(entitlement::manager) && client_->isUnsandboxed()))
     co_return fail(kABErrorAccess, "unauthorized discovery flag (ABDiscoverAll)");
 
+  TypeConformances& types = client_->settings().types();
+  const Rules compiled(rules.value_or(Dictionary()), types);
   const Search search{
       .server = server(),
       .client = *client_,
-      .rules = rules,
+      .rules = compiled,
       .flags = flags,
-      .exclusions = server().userPrefs().exclusions(),
+      .exclusions = rulesInList(server().userPrefs().exclusions(), types),
       .plugInsPath = client_->bundle() != nullptr ? client_->bundle()->plugInsPath() : std::nullopt};
   ABDPlugInSearch found = server().search(rules);
   ABDPlugInSet candidates;

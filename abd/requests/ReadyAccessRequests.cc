@@ -20,12 +20,16 @@ constexpr const char* kOnHoldReason = "the plug-in is on hold";
 
 }  // namespace
 
-/// Between its checks and its enabling nobody else has a turn: what was not on hold then is not when it is
-/// enabled.
+/// Nobody else has a turn between the checks and the enabling, since what was not on hold then must not be
+/// when it is enabled; so the list is limited.
 Course Transaction::readyPlugIns() {
   std::vector<std::shared_ptr<ABDPlugIn>> accepted;  // each once
   std::unordered_set<UUID> seen;
   PlugInWalk plugIns(*this);
+  if (plugIns.size() > kMaximumReadyPlugIns) {
+    fail(kABErrorRequest, format("invalid request (more than %d plug-ins)", kMaximumReadyPlugIns));
+    return {};
+  }
   while (const auto plugIn = plugIns.next()) {
     const String identifier = plugIn->identifier();
     trace::pluginReady(plugIn->uuid());

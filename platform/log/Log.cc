@@ -8,6 +8,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/log/LogRates.h"
+
 namespace platform {
 
 namespace {
@@ -16,7 +18,23 @@ constexpr const char* kLogSocket = "/dev/log";
 /// A longer entry does not fit the log socket's datagrams; the copy on standard error is always whole.
 constexpr size_t kLongestLogDatagram = 96 * 1024;
 
+/// A longer entry counts for several.
+constexpr size_t kLargeEntry = 1024;
+/// How often it is looked whether texts that were left out may be written again.
+constexpr LogRates::Clock::duration kLookInterval = std::chrono::milliseconds(100);
+
 std::atomic<bool> isKeptFromStandardError = false;
+
+struct Rates : LogRates {
+  std::function<void()> whenLeavingOut;  // set before the first entry
+  std::atomic<Clock::rep> lookAgainAt{0};
+};
+
+Rates& rates() {
+  // Never destroyed: other threads may log until the process ends.
+  static Rates& rates = *new Rates;
+  return rates;
+}
 
 bool copiesToStandardError() {
   const char* choice = std::getenv("ABD_LOG");
@@ -55,6 +73,34 @@ std::string escapeControlCharacters(std::string_view text) {
 
 void keepLogFromStandardError() {
   isKeptFromStandardError = true;
+}
+
+void whenLogEntriesAreLeftOut(std::function<void()> handler) {
+  rates().whenLeavingOut = std::move(handler);
+}
+
+bool admitLogEntry(std::string_view text) {
+  Rates& all = rates();
+  const auto now = LogRates::Clock::now();
+  if (all.isLeavingOut() &&
+      now.time_since_epoch().count() >= all.lookAgainAt.load(std::memory_order_relaxed)) {
+    all.lookAgainAt.store((now + kLookInterval).time_since_epoch().count(), std::memory_order_relaxed);
+    tellLeftOutEntries();
+  }
+  const LogRates::Verdict verdict = all.admit(text, now);
+  if (verdict == LogRates::Verdict::firstLeftOut && all.whenLeavingOut) all.whenLeavingOut();
+  return verdict == LogRates::Verdict::written;
+}
+
+void writeAdmittedEntry(std::string_view text, const std::string& entry) {
+  if (entry.size() > kLargeEntry) rates().charge(text, entry.size() / kLargeEntry);
+  writeLogEntry(entry);
+}
+
+bool tellLeftOutEntries() {
+  for (const LogRates::LeftOut& each : rates().takeLeftOut(LogRates::Clock::now()))
+    writeLogEntry(format("left out %u entries of \"%s\"", each.count, each.text));
+  return !rates().isLeavingOut();
 }
 
 void writeLogEntry(std::string_view text) {

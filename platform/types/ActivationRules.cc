@@ -6,8 +6,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/types/TypeConformance.h"
-
 namespace platform {
 
 namespace {
@@ -30,19 +28,19 @@ std::optional<std::vector<Limit>> limitsOf(const Dictionary& rule) {
   return limits;
 }
 
-bool conformsToOne(const Array& types, std::string_view ancestor) {
-  for (const Value& type : types) {
+bool conformsToOne(const Array& names, std::string_view ancestor, TypeConformances& types) {
+  for (const Value& type : names) {
     const auto name = type.string();
-    if (name && typeConformsTo(*name, ancestor)) return true;
+    if (name && types.conforms(*name, ancestor)) return true;
   }
   return false;
 }
 
 /// Counts one item for every limit that it falls under; false when there is none or one is exceeded.
-bool countItem(const Array& types, std::vector<Limit>& limits) {
+bool countItem(const Array& names, std::vector<Limit>& limits, TypeConformances& types) {
   bool countsSomewhere = false;
   for (Limit& limit : limits) {
-    if (!conformsToOne(types, limit.type)) continue;
+    if (!conformsToOne(names, limit.type, types)) continue;
     countsSomewhere = true;
     if (++limit.count > limit.largest) return false;
   }
@@ -51,7 +49,7 @@ bool countItem(const Array& types, std::vector<Limit>& limits) {
 
 }  // namespace
 
-bool evaluateActivationRule(const Value& rule, const Dictionary& items) {
+bool evaluateActivationRule(const Value& rule, const Dictionary& items, TypeConformances& types) {
   const Array* list = items["items"].array();
   if (list == nullptr || list->empty() || rule.isFalse()) return false;
   if (rule.isTrue()) return true;
@@ -60,8 +58,8 @@ bool evaluateActivationRule(const Value& rule, const Dictionary& items) {
   auto limits = limitsOf(*dictionary);
   if (!limits) return false;
   for (const Value& item : *list) {
-    const Array* types = item["types"].array();
-    if (types == nullptr || !countItem(*types, *limits)) return false;
+    const Array* names = item["types"].array();
+    if (names == nullptr || !countItem(*names, *limits, types)) return false;
   }
   return true;
 }

@@ -4,6 +4,7 @@
 // count accepted (a number, or the boolean true for any). Items: a dictionary with "items", an array of
 // dictionaries with "types" (an array of type identifiers). Any thread.
 
+#include "platform/types/TypeConformance.h"
 #include "platform/value/Value.h"
 
 namespace platform {
@@ -11,6 +12,6 @@ namespace platform {
 /// Whether `rule` accepts `items`: there is at least one item, each counts for some type of the rule that one
 /// of its own types conforms to (for every such type, in fact), and no type's count is exceeded. The rule
 /// true accepts any items, false none. A rule or items of another shape are not accepted.
-bool evaluateActivationRule(const Value& rule, const Dictionary& items);
+bool evaluateActivationRule(const Value& rule, const Dictionary& items, TypeConformances& types);
 
 }  // namespace platform

@@ -109,11 +109,26 @@ class Conformance {
   std::shared_ptr<const TypeGraph> graph_;  // guarded by mutex_; changed only under looking_ too
 };
 
+std::shared_ptr<const TypeGraph> currentGraph() {
+  static Conformance conformance;
+  return conformance.current();
+}
+
 }  // namespace
 
 bool typeConformsTo(std::string_view type, std::string_view ancestor) {
-  static Conformance conformance;
-  return type == ancestor || conformance.current()->conforms(type, ancestor);
+  return type == ancestor || currentGraph()->conforms(type, ancestor);
+}
+
+bool TypeConformances::conforms(std::string_view type, std::string_view ancestor) {
+  if (type == ancestor) return true;
+  if (graph_ == nullptr) graph_ = currentGraph();
+  const auto from = graph_->find(type);
+  const auto to = graph_->find(ancestor);
+  if (!from || !to) return false;
+  const auto [known, isNew] = ancestors_.try_emplace(*from);
+  if (isNew) known->second = graph_->ancestors(*from);
+  return std::binary_search(known->second.begin(), known->second.end(), *to);
 }
 
 }  // namespace platform

@@ -44,23 +44,28 @@ void TypeGraph::addLines(std::string_view lines, bool areAliases) {
   }
 }
 
-bool TypeGraph::conforms(std::string_view type, std::string_view ancestor) const {
-  if (type == ancestor) return true;
-  const auto from = find(type);
-  const auto to = find(ancestor);
-  if (!from || !to) return false;
+std::vector<TypeGraph::Node> TypeGraph::ancestors(Node type) const {
   std::vector<bool> isReached(parents_.size());
-  std::vector<Node> reached{*from};
-  isReached[*from] = true;
+  std::vector<Node> reached{type};
+  isReached[type] = true;
   for (size_t i = 0; i < reached.size(); ++i) {
     for (const Node parent : parents_[reached[i]]) {
-      if (parent == *to) return true;
       if (isReached[parent]) continue;
       isReached[parent] = true;
       reached.push_back(parent);
     }
   }
-  return false;
+  std::sort(reached.begin(), reached.end());
+  return reached;
+}
+
+bool TypeGraph::conforms(std::string_view type, std::string_view ancestor) const {
+  if (type == ancestor) return true;
+  const auto from = find(type);
+  const auto to = find(ancestor);
+  if (!from || !to) return false;
+  const std::vector<Node> all = ancestors(*from);
+  return std::binary_search(all.begin(), all.end(), *to);
 }
 
 }  // namespace platform

@@ -23,14 +23,17 @@ class TypeGraph {
 
   bool conforms(std::string_view type, std::string_view ancestor) const;
 
- private:
   using Node = uint32_t;
+  std::optional<Node> find(std::string_view name) const;
+  /// Everything that the type conforms to, itself included, in ascending order.
+  std::vector<Node> ancestors(Node type) const;
+
+ private:
   struct Hash {
     using is_transparent = void;
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
   };
   Node node(std::string_view name);
-  std::optional<Node> find(std::string_view name) const;
 
   std::unordered_map<std::string, Node, Hash, std::equal_to<>> nodes_;
   std::vector<std::vector<Node>> parents_;
