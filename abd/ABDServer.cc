@@ -4,6 +4,7 @@
 #include "platform/launcher/ServiceLauncher.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
+#include "platform/system/Notifications.h"
 
 namespace abd {
 
@@ -58,6 +59,7 @@ void ABDServer::releaseServer() {
 
 void ABDServer::run() {
   if (const auto error = service_->resume()) raiseInternalInconsistency("cannot listen: %@", *error);
+  postNotification(kPlugInsChangeNotification);
   RunLoop::main().run();
 }
 

@@ -38,7 +38,7 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   static void releaseServer();
   ~ABDServer() override;
 
-  /// Resumes the listener and runs the main run loop.
+  /// Resumes the listener, tells those who look for plug-ins, and runs the main run loop.
   void run();
 
   uint32_t verbose() const { return verbose_; }

@@ -378,6 +378,12 @@ TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
   EXPECT_NE(watch.out().find("+ org.notes.share 1.9\n"), std::string::npos) << "the older one steps in";
   EXPECT_EQ(lines(watch.out()).size(), 5u) << watch.out();
 
+  Invocation installs(root_, {"watch", "--count", "1"});
+  ASSERT_TRUE(installs.waitFor("watching 2 plug-ins", true)) << installs.err();
+  root_.install("Sketch.app", {{.identifier = "org.sketch"}});
+  EXPECT_EQ(installs.status(), 0);
+  EXPECT_NE(installs.out().find("+ org.sketch 1.0\n"), std::string::npos) << installs.out();
+
   Invocation json(root_, {"watch", "--json", "--rule", "ZQUserElection=2"});
   ASSERT_TRUE(json.waitFor("\n"));
   EXPECT_EQ(Json::parse(json.firstLine())["matches"], Json::array());

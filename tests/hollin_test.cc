@@ -16,6 +16,7 @@
 #include <map>
 #include <thread>
 
+#include "platform/system/Notifications.h"
 #include "tests/support/Child.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/ThisProcess.h"
@@ -29,6 +30,10 @@ using hollin::Registry;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Strings = std::vector<std::string>;
+
+size_t posts() {
+  return thisDevice().changeNotifications(kPlugInsChangeNotification);
+}
 
 /// Writes down what is announced: "+identifier" and "-identifier". What is announced as uninstalled must not
 /// be found any more.
@@ -56,10 +61,12 @@ class Recorder : public HLApplicationWorkspaceObserverProtocol {
   }
   bool wasToldTooEarly() const { return tooEarly_; }
   std::atomic<size_t> calls{0};
+  std::atomic<size_t> postsBefore{0};  // other processes were told so often when it was called last
 
  private:
   void record(char sign, const HLProxyList& proxies) {
     calls++;
+    postsBefore = posts();
     const std::lock_guard lock(mutex_);
     for (const auto& proxy : proxies) events_.push_back(sign + std::string(proxy->pluginIdentifier().view()));
   }
@@ -124,9 +131,12 @@ TEST_F(HollinTest, installsByRenameAndRemovalsAreAnnouncedAndWhatWasThereBeforeI
   open();
   Recorder recorder(*registry);
   EXPECT_EQ(installed(), Strings{"old"});
+  const size_t before = posts();
   const std::string path = root.install("box/New.app", {{.identifier = "one"}, {.identifier = "two"}});
   EXPECT_EQ(recorder.waitFor(2).size(), 2u);
   EXPECT_EQ(recorder.calls, 1u) << "one install is one batch";
+  EXPECT_EQ(recorder.postsBefore, before) << "the observer hears first";
+  EXPECT_TRUE(eventually([&] { return posts() == before + 1; })) << "then everybody, once";
   EXPECT_EQ(installed(), (Strings{"old", "one", "two"}));
   const UUID uuid = only("one")->pluginUUID();
 
@@ -135,6 +145,7 @@ TEST_F(HollinTest, installsByRenameAndRemovalsAreAnnouncedAndWhatWasThereBeforeI
   EXPECT_EQ(installed(), Strings{"old"});
   fs::rename(root.path() + "/away", path);
   EXPECT_EQ(recorder.waitFor(6).size(), 6u);
+  EXPECT_EQ(recorder.postsBefore, before + 2);
   EXPECT_EQ(only("one")->pluginUUID(), uuid) << "who comes back is the same";
   EXPECT_FALSE(recorder.wasToldTooEarly());
 }

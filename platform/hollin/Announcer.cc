@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/hollin/PlatformThread.h"
+#include "platform/system/Notifications.h"
 
 namespace platform::hollin {
 
@@ -50,9 +51,13 @@ void Announcer::run() {
   for (;;) {
     changed_.wait(lock, [this] { return isStopping_ || !pending_.empty(); });
     if (isStopping_) return;
-    const Announcement announcement = std::move(pending_.front());
-    pending_.pop_front();
-    deliver(announcement, lock);
+    for (const Announcement& announcement : std::exchange(pending_, {})) {
+      if (isStopping_) return;
+      deliver(announcement, lock);
+    }
+    lock.unlock();
+    postNotification(kPlugInsChangeNotification);
+    lock.lock();
   }
 }
 

@@ -1,8 +1,9 @@
 #pragma once
 
 // Delivers announcements to observers on a thread of its own, in the order in which they were enqueued. The
-// first observer hears of everything, a later one of what was enqueued after it was added. Lives as long as
-// its registry; any thread.
+// first observer hears of everything, a later one of what was enqueued after it was added. When all that was
+// waiting is delivered, other processes are told, too (kPlugInsChangeNotification). Lives as long as its
+// registry; any thread.
 
 #include <condition_variable>
 #include <cstdint>

@@ -12,6 +12,11 @@
 
 namespace platform {
 
+/// Posted by the plug-in registry when plug-ins, or the SDKs they take over, have come, gone or changed, once
+/// for what was announced together, and when the daemon begins to serve. Searches find by then what it is
+/// about.
+inline constexpr const char* kPlugInsChangeNotification = "com.veltra.hollin.plugins-change";
+
 /// Posts `name` once; any thread. A failure to write is logged and otherwise ignored.
 void postNotification(const std::string& name);
 

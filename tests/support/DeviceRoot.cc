@@ -92,9 +92,9 @@ std::vector<std::string> DeviceRoot::environment() const {
   return variables;
 }
 
-size_t DeviceRoot::changeNotifications() const {
+size_t DeviceRoot::changeNotifications(std::string_view name) const {
   std::error_code error;
-  const auto size = fs::file_size(runtime() + "/Notifications/com.veltra.ambrel.annotation-change", error);
+  const auto size = fs::file_size(runtime() + "/Notifications/" + std::string(name), error);
   return error ? 0 : static_cast<size_t>(size);
 }
 

@@ -42,8 +42,8 @@ class DeviceRoot {
   std::string state() const { return path_ + "/state/veltra"; }
   std::string runtime() const { return path_ + "/run/veltra"; }
   std::string annotationFile() const { return state() + "/com.veltra.ambrel/Annotations"; }
-  /// Number of posts of the change notification so far.
-  size_t changeNotifications() const;
+  /// Number of posts of a notification so far: of annotations' and holds' changes, unless it is named.
+  size_t changeNotifications(std::string_view name = "com.veltra.ambrel.annotation-change") const;
   /// The stored annotation table; an empty one when the file is missing or no whole annotation file.
   Dictionary storedAnnotations() const;
 

@@ -1,4 +1,5 @@
-// abctl watch: repeats a search whenever annotations or holds have changed, and says what became different.
+// abctl watch: repeats a search whenever plug-ins, annotations or holds have changed, and says what became
+// different.
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -139,25 +140,30 @@ void announce(const Context& context, uint64_t posts, const Difference& differen
 class Observing {
  public:
   explicit Observing(Waiting& waiting)
-      : observer_(std::make_shared<platform::NotificationObserver>(
-            ambrel::kAnnotationChangeNotification, loop_,
-            [&waiting](uint64_t posts) { waiting.reportPosts(posts); })) {}
+      : annotations_(observe(ambrel::kAnnotationChangeNotification, waiting)),
+        plugIns_(observe(platform::kPlugInsChangeNotification, waiting)) {}
   /// An observer is destroyed where its handler runs.
   ~Observing() {
     std::promise<void> gone;
     loop_.async([this, &gone] {
-      observer_.reset();
+      annotations_.reset();
+      plugIns_.reset();
       gone.set_value();
     });
     gone.get_future().wait();
   }
   Observing(const Observing&) = delete;
   Observing& operator=(const Observing&) = delete;
-  bool isWatching() const { return observer_->isWatching(); }
+  bool isWatching() const { return annotations_->isWatching() && plugIns_->isWatching(); }
 
  private:
+  using Observer = std::unique_ptr<platform::NotificationObserver>;
+  Observer observe(const char* name, Waiting& waiting) {
+    return std::make_unique<platform::NotificationObserver>(
+        name, loop_, [&waiting](uint64_t posts) { waiting.reportPosts(posts); });
+  }
   platform::RunLoop& loop_ = platform::RunLoop::background();
-  std::shared_ptr<platform::NotificationObserver> observer_;
+  Observer annotations_, plugIns_;
 };
 
 ExitCode watch(const Context& context, const WatchOptions& options) try {
@@ -194,10 +200,9 @@ void addWatchCommand(CLI::App& app, Context& context) {
   command->add_option("--count", options->count, "End after so many change notifications")
       ->type_name("NUMBER");
   command->footer(
-      "One line per change notification (an annotation or a hold has changed), then what is different:\n"
-      "+ matches now, - matches no longer, ~ is changed. Installs alone are not announced; they show with\n"
-      "the next notification. With --json the first line has the matches at the start,\n"
-      "then every notification is a line.\n\n"
+      "One line per change notification (plug-ins were installed, removed or changed; an annotation or a\n"
+      "hold has changed), then what is different: + matches now, - matches no longer, ~ is changed. With\n"
+      "--json the first line has the matches at the start, then every notification is a line.\n\n"
       "Example:\n  abctl watch --rule ZQUserElection=1");
   command->callback(
       [&context, options] { context.command = [&context, options] { return watch(context, *options); }; });
