@@ -439,4 +439,18 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   }
 }
 
+TEST_F(Abctl, TheClientInPythonListsAndFollows) {
+  const Invocation::Options python{.program = SOURCE_ROOT "/examples/python/plugins.py"};
+  Invocation list(root_, {"ZQExtensionPointName=com.example.filter"}, python);
+  EXPECT_EQ(list.out(), "+ org.paint.blur  1.0  org.paint.blur\n") << list.err();
+  Invocation follow(root_, {"--follow"}, python);
+  ASSERT_TRUE(follow.waitFor("+ org.notes.share"));
+  EXPECT_EQ(status({"elect", "org.paint.blur", "use"}), 0);
+  EXPECT_TRUE(follow.waitFor("~ org.paint.blur"));
+  fs::remove_all(paint_);
+  EXPECT_TRUE(follow.waitFor("- org.paint.blur"));
+  follow.signal(SIGINT);
+  EXPECT_EQ(follow.status(), 0) << follow.err();
+}
+
 }  // namespace
