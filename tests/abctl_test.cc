@@ -135,12 +135,11 @@ class Abctl : public testing::Test {
   std::optional<Daemon> daemon_;
 };
 
-TEST_F(Abctl, MatchPrintsATableForPeopleAndWholeFormsForPrograms) {
+TEST_F(Abctl, PrintsTablesForPeopleAndWholeFormsForPrograms) {
   Invocation table(root_, {"match"});
   EXPECT_EQ(table.status(), 0);
   const Words rows = lines(table.out());
   ASSERT_EQ(rows.size(), 3u) << table.out();
-  EXPECT_TRUE(rows[0].starts_with("IDENTIFIER ")) << rows[0];
   for (const char* cell : {"org.notes.share", "1.10", "Notes", "com.example.share"})
     EXPECT_NE(rows[1].find(cell), std::string::npos) << rows[1];
   EXPECT_EQ(table.out().find('\x1b'), std::string::npos) << "no colours without a terminal";
@@ -148,29 +147,33 @@ TEST_F(Abctl, MatchPrintsATableForPeopleAndWholeFormsForPrograms) {
   ASSERT_EQ(forms.size(), 2u);
   EXPECT_EQ(forms[0]["bundleInfo"]["ZQExtension"]["ZQExtensionAttributes"]["ZQExtensionPointName"],
             "com.example.share");
-  EXPECT_EQ(forms[0]["containingPath"], notes_);
+  const std::string shown = run({"show", "org.paint.blur"}).out();
+  for (const char* part : {"org.paint.blur\n", "com.example.filter", "Paint", "Fast: true", "image/png: 1"})
+    EXPECT_NE(shown.find(part), std::string::npos) << part << "\n" << shown;
+  const Json tokens = run({"access", "--json", "org.notes.share", "org.paint.blur"}).json()["access"];
+  EXPECT_EQ(tokens.at(1)["uuid"], uuid("org.paint.blur"));
+  EXPECT_NE(tokens[0]["extension"], tokens[1]["extension"]);
 }
 
 TEST_F(Abctl, RulesSelectAsTheyAreWritten) {
+  const std::string rules = root_.path() + "/rules.plist", blur = "org.paint.blur:1.0";
+  writePropertyList(rules, Dictionary{{"Fast", true}, {"ZQExtensionVersion", "7"}});
   EXPECT_EQ(identifiers({"--all-versions", "--rule", "ZQExtensionIdentifier=org.notes.share"}),
             "org.notes.share:1.10 org.notes.share:1.9");
   EXPECT_EQ(identifiers({"--all-versions", "--rule", "ZQExtensionVersion=<1.10"}),
-            "org.notes.share:1.9 org.paint.blur:1.0");
+            "org.notes.share:1.9 " + blur);
   EXPECT_EQ(identifiers({"--rule", "ZQExtensionVersion=1.10", "--rule", "ZQExtensionVersion=1.0"}),
-            "org.notes.share:1.10 org.paint.blur:1.0");
-  EXPECT_EQ(identifiers({"--rule", "Fast=true"}), "org.paint.blur:1.0");
+            "org.notes.share:1.10 " + blur);
   EXPECT_EQ(identifiers({"--rule", "Fast=false"}), "org.notes.share:1.10");
-  EXPECT_EQ(identifiers({"--rule", R"(Rule={"items":[{"types":["image/png"]}]})"}), "org.paint.blur:1.0");
-  EXPECT_EQ(identifiers({"--rule", "ZQExtensionContainingApp=" + paint_}), "org.paint.blur:1.0");
+  for (const Words& each : {Words{"--rule", "Fast=true"},
+                            {"--rule", R"(Rule={"items":[{"types":["image/png"]}]})"},
+                            {"--rule", "ZQExtensionContainingApp=" + paint_},
+                            {"--rules", rules, "--rule", "ZQExtensionVersion=1.0"}})
+    EXPECT_EQ(identifiers(each), blur) << each[1];
   EXPECT_EQ(identifiers({"--system-only"}, 1), "");
-
-  const std::string rules = root_.path() + "/rules.plist";
-  writePropertyList(rules, Dictionary{{"Fast", true}, {"ZQExtensionVersion", "7"}});
   EXPECT_EQ(identifiers({"--rules", rules}, 1), "");
-  EXPECT_EQ(identifiers({"--rules", rules, "--rule", "ZQExtensionVersion=1.0"}), "org.paint.blur:1.0");
   Invocation fromInput(root_, {"match", "--rules", "-"},
                        {.input = R"( {"ZQExtensionVersion": ["5", ">=1.10"]} )"});
-  EXPECT_EQ(fromInput.status(), 0);
   EXPECT_EQ(lines(fromInput.out()).size(), 2u) << fromInput.out();
 }
 
@@ -193,52 +196,31 @@ TEST_F(Abctl, WrongUsageIsExplainedWithoutAskingTheDaemon) {
   writePropertyList(empty.path() + "/array.plist", Array{"x"});
   const std::string files = "match --rules " + empty.path();
   const std::vector<std::string> wrong = {
-      // no command and no arguments that there are
       "", "frobnicate", "match --frobnicate", "match org.notes.share",
       // rules
       "match --rule no-pattern", "match --rule =x", "match --rule a=true --rule a=b",
-      "match --rule a={\"items\"", "match --rule a={\"items\":null}", files + "/missing", files + "/no.plist",
+      "match --rule a={\"items\"", "match --rule a={\"items\":null}", files + "/no.plist",
       files + "/array.plist", files,
-      // options of all commands
-      "match --service a/b", "match --service=", "match --timeout -1", "match --timeout 0",
-      // what the others need
-      "show", "elect org.notes.share", "elect org.notes.share maybe", "annotate org.notes.share",
+      // options of all commands, and what the others need
+      "match --service a/b", "match --timeout 0", "show", "elect org.notes.share maybe",
       "annotate org.notes.share --election 1x", "annotate org.notes.share --extension [1]", "hold",
-      "hold --application a --plugin b", "release not-a-token", "watch --count x", "watch --count 0"};
+      "hold --application a --plugin b", "release not-a-token", "watch --count 0"};
   for (const std::string& command : wrong) {
     std::istringstream text(command);
-    const Words words{std::istream_iterator<std::string>(text), {}};
-    Invocation run(empty, words);
+    Invocation run(empty, Words{std::istream_iterator<std::string>(text), {}});
     EXPECT_EQ(run.status(), 2) << command << run.err();
     EXPECT_TRUE(run.err().starts_with("abctl: ")) << command << run.err();
     EXPECT_EQ(run.out(), "") << command;
   }
-  Invocation asJson(empty, {"show", "--json"});
-  EXPECT_EQ(asJson.status(), 2);
-  EXPECT_EQ(asJson.json()["error"]["exit"], 2);
-  EXPECT_EQ(asJson.err(), "");
-}
-
-TEST_F(Abctl, HelpTeachesEveryCommandByExample) {
-  for (const std::string command : {"match", "show", "elect", "annotate", "ready", "access", "hold",
-                                    "release", "watch", "add", "remove"}) {
-    const std::string help = run({command, "--help"}).out();
-    EXPECT_NE(help.find("  abctl " + command, help.find("Example")), std::string::npos) << help;
-  }
+  EXPECT_EQ(run({"show", "--json"}).json()["error"]["exit"], 2);
 }
 
 TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
   const DeviceRoot empty;
-  Invocation none(empty, {"match"});
-  EXPECT_EQ(none.status(), 4);
-  EXPECT_NE(none.err().find(empty.runtime() + "/" + kService), std::string::npos) << none.err();
-  EXPECT_EQ(status({"match", "--service", "other"}), 4);
+  EXPECT_EQ(Invocation(empty, {"match"}).status(), 4);
   daemon_.reset();
-  Invocation stale(root_, {"match"});
-  EXPECT_EQ(stale.status(), 4) << "the socket's file without a daemon behind it";
-  EXPECT_TRUE(stale.err().starts_with("abctl: no daemon answers at " + root_.runtime())) << stale.err();
-
-  // Somebody who takes connections and never answers.
+  // The socket's file without a daemon behind it, and somebody who takes connections and never answers.
+  expectFailure({"match"}, 4, "abctl: no daemon answers at " + root_.runtime());
   const FileDescriptor deaf = listeningSocket(root_.runtime() + "/deaf");
   expectFailure({"--service", "deaf", "--timeout", "0.2", "match"}, 4, "--timeout");
   const FileDescriptor mute = listeningSocket(root_.runtime() + "/mute");
@@ -260,32 +242,21 @@ TEST_F(Abctl, InItsBundleItMaySeeEverythingAndACopyElsewhereMayNot) {
 }
 
 TEST_F(Abctl, PlugInsAreNamedByIdentifierUuidAndPath) {
-  const std::string path = notes_ + "/PlugIns/org.notes.share.appex";
-  const std::string known = uuid("org.notes.share");
+  const std::string path = notes_ + "/PlugIns/org.notes.share.appex", known = uuid("org.notes.share");
   std::string lower = known;
   for (char& digit : lower) digit = static_cast<char>(tolower(digit));
-  for (const std::string& name :
-       {known, lower, path, path + "/", notes_ + "/../Notes.app/PlugIns/org.notes.share.appex"})
+  for (const std::string& name : {known, lower, notes_ + "/../Notes.app/PlugIns/org.notes.share.appex/"})
     EXPECT_EQ(uuid(name), known) << name;
   Invocation relative(root_, {"show", "--json", "org.notes.share.appex"}, {.directory = notes_ + "/PlugIns"});
   EXPECT_EQ(relative.json().at(0)["uuid"], known);
 
-  const PlugInBundle several{
-      .identifier = "org.several",
-      .plugIn = {{"Multiple", Dictionary{{"org.one", infoDictionary({"x"})["ZQExtension"]},
-                                         {"org.two", infoDictionary({"x"})["ZQExtension"]}}}}};
-  const std::string application = root_.install("Several.app", {several});
-  const std::string bundle = application + "/PlugIns/org.several.appex";
+  const Value one = infoDictionary({"x"})["ZQExtension"];
+  const std::string application = root_.install(
+      "Several.app", {{.identifier = "org.several",
+                       .plugIn = {{"Multiple", Dictionary{{"org.one", one}, {"org.two", one}}}}}});
   ASSERT_TRUE(eventually([&] { return status({"show", "org.two"}) == 0; }));
-  EXPECT_EQ(run({"show", "--json", bundle}).json().size(), 2u) << "a path means the whole bundle";
-}
-
-TEST_F(Abctl, ShowTellsEverythingAboutAPlugIn) {
-  Invocation show(root_, {"show", "org.paint.blur"});
-  EXPECT_EQ(show.status(), 0);
-  for (const char* part : {"org.paint.blur\n", "1.0", "com.example.filter", "application extension", "Paint",
-                           "Fast: true", "image/png: 1", "BWBundleExecutable: run", "none made"})
-    EXPECT_NE(show.out().find(part), std::string::npos) << part << "\n" << show.out();
+  EXPECT_EQ(run({"show", "--json", DeviceRoot::plugInPath(application, "org.several")}).json().size(), 2u)
+      << "a path means the whole bundle";
 }
 
 TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
@@ -293,17 +264,12 @@ TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
   EXPECT_EQ(identifiers({"--rule", "ZQUserElection=1"}), "org.notes.share:1.10 org.paint.blur:1.0");
   EXPECT_EQ(status({"elect", paint_ + "/PlugIns/org.paint.blur.appex", "ignore"}), 0);
   EXPECT_NE(run({"match"}).out().find("ignore"), std::string::npos);
-  EXPECT_EQ(run({"annotate", "org.paint.blur", "--extension", R"({"position": 3})", "--json"})
-                .json()["annotated"]
-                .size(),
-            1u);
-  const Value stored = root_.storedAnnotations()["org.paint.blur"];
-  EXPECT_EQ(stored["election"].integerValue(), 2) << "what was not given stays";
-  EXPECT_EQ(stored["extension"]["position"].integerValue(), 3);
-  EXPECT_EQ(status({"elect", "org.paint.blur", "default"}), 0);
-  EXPECT_EQ(root_.storedAnnotations()["org.paint.blur"]["election"].integerValue(), 0);
+  EXPECT_EQ(status({"annotate", "org.paint.blur", "--extension", R"({"position": 3})"}), 0);
+  EXPECT_EQ(root_.storedAnnotations()["org.paint.blur"],
+            Value(Dictionary{{"election", 2}, {"extension", Dictionary{{"position", 3}}}}))
+      << "what was not given stays";
   EXPECT_EQ(status({"elect", "org.notes.share", "org.nobody", "ignore"}), 1);
-  EXPECT_EQ(root_.storedAnnotations()["org.notes.share"]["election"].integerValue(), 1)
+  EXPECT_EQ(root_.storedAnnotations()["org.notes.share"]["election"], Value(1))
       << "nothing is elected when a name is wrong";
 }
 
@@ -318,20 +284,10 @@ TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
   EXPECT_EQ(json["ready"][0]["registration"]["PlugInIdentifier"], "org.notes.share");
 }
 
-TEST_F(Abctl, AccessPrintsATokenForEachPlugIn) {
-  const Json tokens =
-      run({"access", "--json", "org.notes.share", "org.paint.blur", "org.notes.share"}).json()["access"];
-  ASSERT_EQ(tokens.size(), 2u) << "each once";
-  EXPECT_EQ(tokens[1]["uuid"], uuid("org.paint.blur"));
-  EXPECT_NE(tokens[0]["extension"], tokens[1]["extension"]);
-  EXPECT_FALSE(tokens[0]["extension"].get<std::string>().empty());
-}
-
 TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
   for (const Words& what : {Words{"--application", paint_}, Words{"--plugin", "org.paint.blur"}}) {
     Invocation hold(root_, {"hold", what[0], what[1]});
     ASSERT_TRUE(hold.waitFor("\n"));
-    EXPECT_EQ(hold.firstLine().size(), 36u);
     EXPECT_EQ(identifiers({}), "org.notes.share:1.10");
     expectFailure({"ready", "org.paint.blur"}, 5, "the plug-in is on hold");  // found by name
     hold.signal(SIGINT);
@@ -344,9 +300,7 @@ TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
   misnamed.signal(SIGTERM);
   Invocation hold(root_, {"hold", "--json", "--application", paint_});
   ASSERT_TRUE(hold.waitFor("\n"));
-  const std::string token = Json::parse(hold.firstLine())["token"];
-  EXPECT_EQ(identifiers({}), "org.notes.share:1.10");
-  EXPECT_EQ(status({"release", token}), 0);
+  EXPECT_EQ(status({"release", Json::parse(hold.firstLine())["token"]}), 0);
   EXPECT_EQ(identifiers({}), "org.notes.share:1.10 org.paint.blur:1.0");
   daemon_.reset();
   EXPECT_EQ(hold.status(), 4) << "it notices that the daemon has gone";
@@ -356,42 +310,31 @@ TEST_F(Abctl, ARefusedHoldShowsWhatIsInTheWay) {
   const std::string mark = root_.runtime() + "/Assertions/org.notes.share/1";
   writePropertyList(mark, Dictionary{{"BundleIdentifier", "org.notes.share"}});
   const FileDescriptor busy = lockedFile(mark);
-  Invocation refused(root_, {"hold", "--application", notes_});
-  EXPECT_EQ(refused.status(), 5);
-  ASSERT_EQ(lines(refused.out()).size(), 2u) << refused.out();
-  EXPECT_TRUE(lines(refused.out())[1].starts_with("org.notes.share  org.notes.share")) << refused.out();
-  EXPECT_TRUE(refused.err().starts_with("abctl: plug-ins are busy\n")) << refused.err();
+  expectFailure({"hold", "--application", notes_}, 5, "abctl: plug-ins are busy\n");
+  EXPECT_NE(run({"hold", "--application", notes_}).out().find("org.notes.share  org.notes.share"),
+            std::string::npos);
   const Json error = run({"hold", "--json", "--application", notes_}).json()["error"];
   EXPECT_EQ(error["code"], 14);
   EXPECT_EQ(error["conflicts"][0]["BundleIdentifier"], "org.notes.share");
-  EXPECT_EQ(status({"hold", "--plugin", notes_ + "/Nothing.appex"}), 1);
 }
 
 TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
-  Invocation watch(root_, {"watch", "--count", "2"});
+  Invocation watch(root_, {"watch", "--count", "2"}), json(root_, {"watch", "--json"});
   ASSERT_TRUE(watch.waitFor("watching 2 plug-ins", true)) << watch.err();
+  ASSERT_TRUE(json.waitFor("\n"));
+  EXPECT_EQ(Json::parse(json.firstLine())["matches"].size(), 2u);
   EXPECT_EQ(status({"elect", "org.paint.blur", "use"}), 0);
   EXPECT_TRUE(watch.waitFor("~ org.paint.blur 1.0: election - -> use\n"));
   Invocation hold(root_, {"hold", "--plugin", "org.notes.share"});
   EXPECT_EQ(watch.status(), 0);
   EXPECT_NE(watch.out().find("- org.notes.share 1.10\n"), std::string::npos) << watch.out();
   EXPECT_NE(watch.out().find("+ org.notes.share 1.9\n"), std::string::npos) << "the older one steps in";
-  EXPECT_EQ(lines(watch.out()).size(), 5u) << watch.out();
-
-  Invocation installs(root_, {"watch", "--count", "1"});
-  ASSERT_TRUE(installs.waitFor("watching 2 plug-ins", true)) << installs.err();
+  ASSERT_TRUE(json.waitFor("\"1.9\""));
   root_.install("Sketch.app", {{.identifier = "org.sketch"}});
-  EXPECT_EQ(installs.status(), 0);
-  EXPECT_NE(installs.out().find("+ org.sketch 1.0\n"), std::string::npos) << installs.out();
-
-  Invocation json(root_, {"watch", "--json", "--rule", "ZQUserElection=2"});
-  ASSERT_TRUE(json.waitFor("\n"));
-  EXPECT_EQ(Json::parse(json.firstLine())["matches"], Json::array());
-  EXPECT_EQ(status({"elect", "org.paint.blur", "ignore"}), 0);
-  ASSERT_TRUE(json.waitFor("\"removed\""));
+  EXPECT_TRUE(json.waitFor("\"org.sketch\""));
   json.signal(SIGTERM);
   EXPECT_EQ(json.status(), 0);
-  EXPECT_EQ(Json::parse(lines(json.out()).at(1))["added"][0]["identifier"], "org.paint.blur");
+  EXPECT_EQ(Json::parse(lines(json.out()).back())["added"][0]["identifier"], "org.sketch");
 }
 
 TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
@@ -406,7 +349,6 @@ TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
   EXPECT_EQ(status({"remove", "org.paint.blur"}), 0) << "by identifier";
   EXPECT_EQ(status({"show", "org.paint.blur"}), 1);
   EXPECT_EQ(status({"add", root_.path()}), 5) << "no plug-in bundle";
-  EXPECT_EQ(status({"add", loose}), 1) << "nothing there";
   EXPECT_EQ(status({"bulk", "--flags", "255"}), 0);
   EXPECT_TRUE(daemon_->logs("bulk options 0xff not supported"));
 }
@@ -414,29 +356,24 @@ TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
 TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   // A control sequence introducer, a direction override, a line break; and characters two columns wide.
   root_.install("Evil.app",
-                {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}}});
-  root_.install("Wide.app", {{.identifier = "org.wide", .info = {{"BWBundleDisplayName", "写真"}}}});
+                {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}},
+                 {.identifier = "org.wide", .info = {{"BWBundleDisplayName", "写真"}}}});
   ASSERT_TRUE(eventually([&] { return status({"show", "org.wide"}) == 0; }));
-  ASSERT_TRUE(eventually([&] { return status({"show", "org.evil"}) == 0; }));
   const std::string table = run({"match"}).out();
   EXPECT_NE(table.find("a\\u{9B}31m\\u{202E}b\\nc"), std::string::npos) << table;
   const Words rows = lines(table);
-  const size_t column = rows[0].find("APPLICATION");
-  for (const std::string& row : rows) {
-    if (!row.starts_with("org.wide")) continue;
-    EXPECT_EQ(row.find("Wide"), column - 4 + 6) << "two characters: six bytes, four columns";
-  }
+  for (const std::string& row : rows)
+    EXPECT_TRUE(!row.starts_with("org.wide") || row.find("Evil") == rows[0].find("APPLICATION") - 4 + 6)
+        << "six bytes, four columns";
 
   const Invocation::Options terminal{.environment = {"TERM=xterm"}, .onTerminal = true, .columns = 60};
   const std::string narrow = run({"match"}, terminal).out();
   EXPECT_NE(narrow.find("\x1b[1m"), std::string::npos) << "a heading in bold";
   EXPECT_NE(narrow.find("…"), std::string::npos);
-  for (const Words& environment : {Words{"TERM=xterm", "NO_COLOR=1"}, Words{"TERM=dumb"}}) {
-    Invocation plain(root_, {"match"}, {.environment = environment, .onTerminal = true, .columns = 60});
-    const std::string text = plain.out();
-    EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
-    for (const std::string& row : lines(text)) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
-  }
+  const std::string plain =
+      run({"match"}, {.environment = {"TERM=xterm", "NO_COLOR=1"}, .onTerminal = true, .columns = 60}).out();
+  EXPECT_EQ(plain.find('\x1b'), std::string::npos) << plain;
+  for (const std::string& row : lines(plain)) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
 }
 
 TEST_F(Abctl, TheClientInPythonListsAndFollows) {

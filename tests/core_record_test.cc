@@ -29,47 +29,38 @@ class CoreRecord : public testing::Test {
 };
 
 TEST(VersionComparison, OrdersRunsOfDigitsByTheirNumber) {
-  // Each orders before the next.
+  // Each orders before the next; what stands behind a blank is equal.
   const std::vector<std::string> ascending = {
       // what stands before digits
       "", "-1", "/",
       // digits count by their number, of any length
-      "0", "0a", "00b", "1", "1.0", "1.0.0", "1.2a", "1.2b", "1.9", "1.10", "1.10a", "2.0", "10.0",
-      "18446744073709551616", "18446744073709551617", "99999999999999999999999999999999999999",
+      "0 000", "0a", "00b", "1 01", "1.0", "1.0.0", "1.2 1.002", "1.2a", "1.2b", "1.9", "1.10", "1.10a",
+      "2.0", "10.0", "18446744073709551616", "18446744073709551617", "99999999999999999999999999999999999999",
       // what stands behind them
-      ":", "A1", "A02", "A3", "a1", "\xC3\xA9", "\xEF\xBF\xBD", "\xF0\x9F\x98\x80"};
+      ":", "A1", "A02", "A3", "a1", "a7b00 a007b0", "\xC3\xA9", "\xEF\xBF\xBD", "\xF0\x9F\x98\x80"};
   for (size_t i = 0; i < ascending.size(); ++i) {
+    const std::string first = ascending[i].substr(0, ascending[i].find(' '));
     for (size_t j = 0; j < ascending.size(); ++j) {
-      EXPECT_TRUE(compareVersionString(ascending[i], ascending[j]) == (i <=> j))
-          << '"' << ascending[i] << "\" and \"" << ascending[j] << '"';
+      const std::string second = ascending[j].substr(ascending[j].find(' ') + 1);
+      EXPECT_TRUE(compareVersionString(first, second) == (i <=> j)) << first << " and " << second;
     }
   }
 }
 
-TEST(VersionComparison, IgnoresLeadingZeros) {
-  for (const auto& [a, b] :
-       {std::pair("01", "1"), std::pair("1.002", "1.2"), std::pair("000", "0"), std::pair("a007b0", "a7b00")})
-    EXPECT_TRUE(std::is_eq(compareVersionString(a, b))) << a << " and " << b;
-  EXPECT_TRUE(std::is_lt(compareVersionString("2.0", "2.0.0")));
-}
-
 TEST_F(CoreRecord, SetUpFailsForEachMissingPartWithItsMessage) {
   const Value info = Dictionary{{"ZQExtension", plugInSection()}};
-  const auto setUp = [](const std::optional<String>& name, const std::optional<URL>& url,
-                        const Value& bundleInfo) {
-    return logOf([&] { EXPECT_EQ(ABPlugInCore::initWithName(name, url, bundleInfo, {}, {}), nullptr); });
+  const auto setUp = [](const std::optional<String>& name, const Value& bundleInfo) {
+    return logOf([&] { EXPECT_EQ(ABPlugInCore::initWithName(name, kURL, bundleInfo, {}, {}), nullptr); });
   };
   const std::string path = kURL.path();
-  EXPECT_EQ(setUp("a", {}, info), Log{});
-  EXPECT_EQ(setUp({}, kURL, info), Log{"missing identifier in plug-in at " + path});
-  EXPECT_EQ(setUp("a", kURL, {}), Log{"missing Info dictionary in plug-in a at " + path});
+  EXPECT_EQ(setUp({}, info), Log{"missing identifier in plug-in at " + path});
+  EXPECT_EQ(setUp("a", {}), Log{"missing Info dictionary in plug-in a at " + path});
   const std::string malformed = "malformed plug-in dictionary in plug-in a at " + kURL.description() + ": ";
-  EXPECT_EQ(setUp("a", kURL, Dictionary{{"k", 1}}), Log{malformed + "{k = 1}"});
-  EXPECT_EQ(setUp("a", kURL, Dictionary{{"ZQExtension", "x"}}), Log{malformed + "{ZQExtension = \"x\"}"});
-  EXPECT_EQ(setUp("a", kURL, "text"), Log{malformed + "text"});
+  EXPECT_EQ(setUp("a", Dictionary{{"ZQExtension", "x"}}), Log{malformed + "{ZQExtension = \"x\"}"});
+  EXPECT_EQ(setUp("a", "text"), Log{malformed + "text"});
   for (const Value& multiple :
-       {Value(Dictionary{{"b", Dictionary()}}), Value("x"), Value(Array{"a"}), Value(Dictionary{{"a", 5}})})
-    EXPECT_EQ(setUp("a", kURL, Dictionary{{"ZQExtension", Dictionary{{"Multiple", multiple}}}}).size(), 1u);
+       {Value(Dictionary{{"b", Dictionary()}}), Value("x"), Value(Dictionary{{"a", 5}})})
+    EXPECT_EQ(setUp("a", Dictionary{{"ZQExtension", Dictionary{{"Multiple", multiple}}}}).size(), 1u);
 }
 
 TEST_F(CoreRecord, IdentityIsTheUUIDAlone) {
@@ -78,10 +69,8 @@ TEST_F(CoreRecord, IdentityIsTheUUIDAlone) {
   const auto a = ABPlugInCore::initWithName("a", kURL, info, {}, uuid);
   const auto b = ABPlugInCore::initWithName("b", URL::file("/b"), info, Dictionary{{"Other", true}}, uuid);
   EXPECT_EQ(b->plugInDictionary(), Value(plugInSection())) << "the bundle's, whatever else it is given";
-  EXPECT_TRUE(a->isEqual(b.get()));
-  EXPECT_EQ(a->hash(), b->hash());
+  EXPECT_TRUE(a->isEqual(b.get()) && a->hash() == b->hash());
   EXPECT_FALSE(recordOf(plugInSection())->isEqual(recordOf(plugInSection()).get()));
-  EXPECT_THROW((void)ABPlugInCore().isEqual(a.get()), InternalInconsistency);
 }
 
 TEST_F(CoreRecord, AChangedViewAppearsInTheViewsAboveIt) {
@@ -111,30 +100,13 @@ TEST_F(CoreRecord, DerivesItsStyleFromItsDictionaries) {
   EXPECT_TRUE(record->isData() && record->isDedicated() && record->isHybrid() && record->isAppExtension());
   EXPECT_FALSE(record->isMultiplexed() || record->oldStyle());
   EXPECT_EQ(record->embeddedProtocolSpec(), Value("#Data"));
-
-  auto other =
-      recordOf({{"ZQExtensionProtocol", Array{"#Data"}}, {"EmbeddedProtocol", "E"}, {"Multiple", Value()}});
+  auto other = recordOf({{"ZQExtensionProtocol", Array{"#Data"}}, {"EmbeddedProtocol", "E"}});
   EXPECT_FALSE(other->isData());
   EXPECT_EQ(other->embeddedProtocolSpec(), Value("E"));
-  const auto upperCase = ABPlugInCore::initWithName("a", URL::file("/a.APPEX"),
-                                                    Dictionary{{"ZQExtension", Dictionary()}}, {}, {});
-  EXPECT_FALSE(upperCase->isAppExtension());
-
   ABPlugInCore old;
   EXPECT_FALSE(old.setDictionaries(Dictionary{{"Ambrel", "anything"}}));
   EXPECT_TRUE(old.oldStyle());
   EXPECT_THROW((void)ABPlugInCore().oldStyle(), InternalInconsistency);
-}
-
-TEST_F(CoreRecord, AnnotationsChangeOnlyWhenThereAreSome) {
-  auto record = recordOf(plugInSection());
-  record->setAnnotation("election", 1);
-  EXPECT_TRUE(record->annotations().isNone());
-  record->updateFromForm({{"annotations", Dictionary()}});
-  record->setAnnotation("election", 1);
-  EXPECT_EQ(record->annotations(), Value(Dictionary{{"election", 1}}));
-  record->setAnnotation("election", Value());
-  EXPECT_EQ(record->annotations(), Value(Dictionary()));
 }
 
 TEST_F(CoreRecord, AFormRestoresTheRecord) {
@@ -157,25 +129,6 @@ TEST_F(CoreRecord, AFormRestoresTheRecord) {
   EXPECT_EQ(restored->localizedShortName(), std::nullopt);
   EXPECT_FALSE(form.contains("localizedShortName"));
   EXPECT_FALSE(form.contains("hash"));
-
-  Dictionary signedForm = form;
-  signedForm.set("hash", Data(std::string_view("h")));
-  signedForm.set("requirement", "anchor");
-  EXPECT_EQ(ABPlugInCore::initWithForm(signedForm)->cdhash(), Data(std::string_view("h")));
-  EXPECT_EQ(ABPlugInCore::initWithForm(signedForm)->requirement(), String("anchor"));
-}
-
-TEST_F(CoreRecord, AFormOfABareRecordHasOnlyWhatIsAlwaysThere) {
-  auto record = ABPlugInCore::initWithName(
-      "a", kURL, Dictionary{{"ZQExtension", Dictionary()}, {"BWBundleInfoPlistURL", "file:///x"}}, {}, {});
-  const Dictionary form = record->exportForm();
-  std::string keys;
-  for (const auto& [key, value] : form) keys += std::string(key.view()) + " ";
-  EXPECT_EQ(
-      keys,
-      "annotations bundleInfo hubProtocolVersion identifier info lastmodified path systemResident uuid ");
-  EXPECT_EQ(form["bundleInfo"], Value(Dictionary{{"ZQExtension", Dictionary()}}));
-  EXPECT_EQ(ABPlugInCore::initWithForm(form)->annotations(), Value(Dictionary()));
 }
 
 TEST_F(CoreRecord, ReadsWhatAFormLacksAsItsDefault) {

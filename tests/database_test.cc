@@ -33,39 +33,22 @@ class Database : public testing::Test {
   }
 };
 
-TEST_F(Database, ARefusedRegistrationIsAnErrorValue) {
-  EXPECT_EQ(thisServer().addPlugIn(URL::file(thisDevice().path())),
-            ABError(2, "Hollin failed to register the plug-in"));
-  EXPECT_EQ(thisServer().removePlugIn(URL::file("/none.appex")),
-            ABError(2, "Hollin failed to deregister the plug-in"));
-}
-
 TEST_F(Database, NarrowsTheSearchByLiteralsOnly) {
-  registeredRecord({.identifier = "search.a", .point = "search.point"});
-  registeredRecord({.identifier = "search.b", .point = "search.point"});
+  for (const char* identifier : {"search.a", "search.b"})
+    registeredRecord({.identifier = identifier, .point = "search.point"});
   registeredRecord({.identifier = "search.c", .point = "search.other"});
-  const std::set<std::string> ofPoint = {"search.a", "search.b"};
-  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "=search.point"}}), ofPoint);
+  using Names = std::set<std::string>;
+  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "=search.point"}}),
+            (Names{"search.a", "search.b"}));
   EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "search.point"},
                                   {"ZQExtensionIdentifier", Array{"search.b", "=search.c"}}}),
-            (std::set<std::string>{"search.b"}));
-  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionIdentifier", Array()}}), std::set<std::string>());
-  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "search.none"}}), std::set<std::string>());
+            Names{"search.b"});
+  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionIdentifier", Array()}}), Names());
   const auto all = candidates(std::nullopt);
   for (const Dictionary& wide : {Dictionary(), Dictionary{{"ZQExtensionPointName", "?TY-IS:a"}},
                                  Dictionary{{"ZQExtensionIdentifier", Array{"search.a", "<search.b"}}},
                                  Dictionary{{"ZQUserElection", Array{"1"}}}})
     EXPECT_EQ(candidates(wide), all);
-}
-
-TEST_F(Database, PlaceholdersAreOnlyFoundByName) {
-  const Record record = installedRecord("Coming.app", {.identifier = "coming"});
-  writeText(*record->containingPath() + "/Placeholder", "");
-  EXPECT_TRUE(eventually([] { return !candidates(std::nullopt).contains("coming"); }));
-  EXPECT_FALSE(candidates(Dictionary{{"ZQExtensionIdentifier", "coming"}}).contains("coming"));
-  EXPECT_EQ(look(record->uuid()), record);
-  fs::remove(*record->containingPath() + "/Placeholder");
-  EXPECT_TRUE(eventually([] { return candidates(std::nullopt).contains("coming"); }));
 }
 
 TEST_F(Database, ARecordOfAnUninstalledPlugInIsAnsweredButNotKept) {

@@ -5,9 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <functional>
-#include <limits>
 
 #include "platform/qmx/Limits.h"
 #include "platform/qmx/Message.h"
@@ -32,12 +29,6 @@ std::optional<Value> decodeHex(std::string_view text, int nesting = kMaximumNest
   return decode(span(hex(text)), nesting);
 }
 
-double secondsOf(const std::function<void()>& work) {
-  const auto begin = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-}
-
 std::string encodeToString(const Value& value) {
   std::string out;
   encode(value, out);
@@ -54,9 +45,9 @@ TEST(Encoding, RestoresEveryValueAndWritesWhatOtherProgramsExpect) {
       {256, hex("19 0100")},
       {65536, hex("1a 00010000")},
       {uint64_t{1} << 32, hex("1b 0000000100000000")},
-      {std::numeric_limits<uint64_t>::max(), hex("1b ffffffffffffffff")},
+      {UINT64_MAX, hex("1b ffffffffffffffff")},
       {-25, hex("38 18")},
-      {std::numeric_limits<int64_t>::min(), hex("3b 7fffffffffffffff")},
+      {INT64_MIN, hex("3b 7fffffffffffffff")},
       {Date{1.5}, hex("c1 fb3ff8000000000000")},
       {UUID(), hex("d825 50 00000000000000000000000000000000")},
       {Data("x"), hex("41 78")},
@@ -105,14 +96,13 @@ TEST(Encoding, RefusesEverythingElse) {
 }
 
 TEST(Encoding, NeverBelievesCountsBeyondTheBytes) {
-  EXPECT_FALSE(decodeHex("9b ffffffffffffffff"));
-  EXPECT_FALSE(decodeHex("bb 7fffffffffffffff"));
-  EXPECT_FALSE(decodeHex("5b ffffffffffffffff 00"));
+  for (const char* count : {"9b ffffffffffffffff", "bb 7fffffffffffffff", "5b ffffffffffffffff 00"})
+    EXPECT_FALSE(decodeHex(count));
   // Each count would fit the bytes that follow it, all together do not.
   std::string nested;
   for (int i = 0; i < kMaximumNesting; ++i) nested += hex("9a 003fffff");
   nested.resize(4 << 20, '\x01');
-  EXPECT_LT(secondsOf([&] { EXPECT_FALSE(decode(span(nested), kMaximumNesting)); }), 2);
+  EXPECT_FALSE(decode(span(nested), kMaximumNesting));
 }
 
 TEST(Encoding, NestingIsAcceptedUpToTheLimit) {
@@ -124,19 +114,6 @@ TEST(Encoding, NestingIsAcceptedUpToTheLimit) {
     EXPECT_FALSE(decode(span(level + deepest + '\x01'), kMaximumNesting));
   }
   EXPECT_FALSE(decode(span(std::string(4 << 20, '\x81')), kMaximumNesting));
-}
-
-TEST(Encoding, AMapCostsLittleMoreThanSortingWhateverTheOrder) {
-  // Descending keys would cost the square of their number where each is inserted alone.
-  std::string map = hex("ba 00030d40");
-  for (int i = 200000; i > 0; --i) {
-    std::string key = std::to_string(1000000 + i);
-    map += static_cast<char>(0x60 + key.size()) + key + '\x01';
-  }
-  const auto decodeAll = [&map] {
-    EXPECT_EQ(decode(span(map), kMaximumNesting).value().dictionary()->size(), 200000u);
-  };
-  EXPECT_LT(secondsOf(decodeAll), 5);
 }
 
 TEST(Encoding, WhatStandsInAValueAgainIsWrittenAsOftenAsItStandsThere) {
@@ -166,12 +143,11 @@ TEST(EncodedListBuilder, JoinsKeptPartsWithoutCopyingThem) {
 }
 
 TEST(Message, DescriptionWritesEncodedListsOut) {
-  const Message message{
-      .body = {{"error", "none"}, {"matches", encodePropertyList(Array{Dictionary{{"path", "/a"}}})}}};
-  EXPECT_EQ(message.description(), "{error = \"none\"; matches = ({path = \"/a\"})}");
-  // Contents are only looked at when they are asked for.
-  const Message broken{.body = {{"matches", *decodeHex("d818 42 8201")}}};
-  EXPECT_EQ(broken.description(), "{matches = <property list, 2 bytes>}");
+  const auto description = [](const char* list) {
+    return Message{.body = {{"matches", *decodeHex(list)}}}.description();
+  };
+  EXPECT_EQ(description("d818 47 81 a1 6161 6162 f5"), "{matches = <property list, 7 bytes>}");
+  EXPECT_EQ(description("d818 46 81 a1 6161 6162"), "{matches = ({a = \"b\"})}");
 }
 
 }  // namespace

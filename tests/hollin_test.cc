@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <thread>
 
 #include "platform/system/Notifications.h"
@@ -44,9 +43,8 @@ class Recorder : public HLApplicationWorkspaceObserverProtocol {
 
   void pluginsDidInstall(const HLProxyList& proxies) override { record('+', proxies); }
   void pluginsWillUninstall(const HLProxyList& proxies) override {
-    for (const auto& proxy : proxies) {
-      if (!proxy->isUninstalled() || registry_.proxyForUUID(proxy->pluginUUID()) == proxy) tooEarly_ = true;
-    }
+    for (const auto& proxy : proxies)
+      EXPECT_TRUE(proxy->isUninstalled() && registry_.proxyForUUID(proxy->pluginUUID()) != proxy);
     record('-', proxies);
   }
 
@@ -59,7 +57,6 @@ class Recorder : public HLApplicationWorkspaceObserverProtocol {
     eventually([&] { return events().size() >= count; }, seconds(10));
     return events();
   }
-  bool wasToldTooEarly() const { return tooEarly_; }
   std::atomic<size_t> calls{0};
   std::atomic<size_t> postsBefore{0};  // other processes were told so often when it was called last
 
@@ -71,9 +68,7 @@ class Recorder : public HLApplicationWorkspaceObserverProtocol {
     for (const auto& proxy : proxies) events_.push_back(sign + std::string(proxy->pluginIdentifier().view()));
   }
   Registry& registry_;
-  std::atomic<bool> tooEarly_{false};
   std::mutex mutex_;
-
   Strings events_;
 };
 
@@ -118,7 +113,7 @@ class HollinTest : public testing::Test {
   }
   bool registers(const std::string& path) { return registry->registerPlugin(URL::file(path)); }
   bool unregisters(const std::string& path) { return registry->unregisterPlugin(URL::file(path)); }
-  int liveWith(const char* count, const char* limit);
+  std::string liveWith(const char* count, const char* limit);
 
   const DeviceRoot root;
   Directories directories;
@@ -147,33 +142,29 @@ TEST_F(HollinTest, installsByRenameAndRemovalsAreAnnouncedAndWhatWasThereBeforeI
   EXPECT_EQ(recorder.waitFor(6).size(), 6u);
   EXPECT_EQ(recorder.postsBefore, before + 2);
   EXPECT_EQ(only("one")->pluginUUID(), uuid) << "who comes back is the same";
-  EXPECT_FALSE(recorder.wasToldTooEarly());
 }
 
 TEST_F(HollinTest, anApplicationThatIsCopiedSlowlyIsTakenOnceWhenItIsQuiet) {
-  open();
-  Recorder recorder(*registry);
-  const std::string application = applications + "/Slow.app";
-  const std::string plugIn = application + "/PlugIns/slow.appex";
-  const std::string source = root.path() + "/source";
+  const std::string application = applications + "/Slow.app", source = root.path() + "/source";
   root.writeBundle(source, {.identifier = "slow", .entitlements = {{"special", true}}});
   const std::string info = readText(source + "/Info.plist");
-  writeText(plugIn + "/Info.plist", info.substr(0, info.size() / 2));
+  open();
+  Recorder recorder(*registry);
+  writeText(application + "/PlugIns/slow.appex/Info.plist", info.substr(0, info.size() / 2));
   std::this_thread::sleep_for(milliseconds(150));
-  writeText(plugIn + "/Info.plist", info);
+  writeText(application + "/PlugIns/slow.appex/Info.plist", info);
   std::this_thread::sleep_for(milliseconds(150));
   // The longest part of a copy is deep inside, where nothing is watched.
-  fs::create_directories(application + "/Resources/deep/down");
   for (int i = 0; i < 8; i++) {
     writeText(application + "/Resources/deep/down/" + std::to_string(i), "x");
     std::this_thread::sleep_for(milliseconds(100));
     EXPECT_TRUE(recorder.events().empty());
   }
-  fs::copy(source + "/Entitlements.plist", plugIn + "/Entitlements.plist");
-  EXPECT_EQ(recorder.waitFor(1), Strings{"+slow"});
-  EXPECT_TRUE(only("slow")->entitlements()["special"].isTrue());
+  fs::copy(source + "/Entitlements.plist", application + "/PlugIns/slow.appex/Entitlements.plist");
+  recorder.waitFor(1);
   std::this_thread::sleep_for(milliseconds(500));
   EXPECT_EQ(recorder.events(), Strings{"+slow"});
+  EXPECT_TRUE(only("slow")->entitlements()["special"].isTrue());
 }
 
 TEST_F(HollinTest, anEditInPlaceIsAnUninstallAndAnInstallOfTheSamePlugIn) {
@@ -181,28 +172,18 @@ TEST_F(HollinTest, anEditInPlaceIsAnUninstallAndAnInstallOfTheSamePlugIn) {
   open();
   Recorder recorder(*registry);
   const auto before = only("a");
-  writeText(path + "/run", "other\n", 0755);
   writePropertyList(path + "/Info.plist", infoDictionary({.identifier = "a", .point = "changed"}));
   EXPECT_EQ(recorder.waitFor(2), (Strings{"-a", "+a"}));
   auto after = only("a");
-  EXPECT_TRUE(before->isUninstalled());
-  EXPECT_FALSE(after->isUninstalled());
+  EXPECT_TRUE(before->isUninstalled() && !after->isUninstalled());
   EXPECT_EQ(before->pluginUUID(), after->pluginUUID());
   EXPECT_GT(after->registrationDate(), before->registrationDate());
   EXPECT_EQ(withName("changed"), Strings{"a"});
   EXPECT_EQ(withName("com.example.share"), Strings{});
 
-  writePropertyList(path + "/Entitlements.plist", Dictionary{{"special", true}});
-  EXPECT_EQ(recorder.waitFor(4).size(), 4u);
-  EXPECT_TRUE(only("a")->entitlements()["special"].isTrue());
-  // Somebody else may write these now: they are not honoured.
-  chmod((path + "/Entitlements.plist").c_str(), 0666);
-  EXPECT_EQ(recorder.waitFor(6).size(), 6u);
-  EXPECT_TRUE(only("a")->entitlements().isNone());
-
   // An identifier that changes is another plug-in that is still known by its first name.
   writePropertyList(path + "/Info.plist", infoDictionary({.identifier = "renamed"}));
-  EXPECT_EQ(recorder.waitFor(8).back(), "+renamed");
+  EXPECT_EQ(recorder.waitFor(4).back(), "+renamed");
   after = only("renamed");
   EXPECT_EQ(after->originalIdentifier(), "a");
   EXPECT_NE(after->pluginUUID(), before->pluginUUID());
@@ -229,63 +210,56 @@ TEST_F(HollinTest, rootsAreWatchedFromBeforeTheyExistAndAfterTheyAreGone) {
 }
 
 TEST_F(HollinTest, whereRootsOverlapTheUsersCounts) {
-  root.install("Mine.app", {{.identifier = "mine"}});
+  const std::string mine = DeviceRoot::plugInPath(root.install("Mine.app", {{.identifier = "mine"}}), "mine");
   root.install("Theirs.app", {{.identifier = "theirs"}}, true);
   fs::create_directory_symlink(root.dataUser(), root.path() + "/again");
   fs::create_directory_symlink(applications + "/Mine.app", applications + "/Link.app");
   directories.dataSystem = {root.path() + "/again", root.dataSystem(), root.dataUser() + "/Applications"};
   open();
   EXPECT_EQ(installed(), (Strings{"mine", "theirs"}));
-  const auto mine = only("mine");
-  const auto theirs = only("theirs");
-  ASSERT_TRUE(mine && theirs);
-  EXPECT_FALSE(mine->isOnSystemPartition());
-  EXPECT_EQ(mine->bundleURL()->path(), applications + "/Mine.app/PlugIns/mine.appex");
-  EXPECT_TRUE(theirs->isOnSystemPartition());
-  EXPECT_EQ(logOf([&] { EXPECT_FALSE(unregisters(theirs->bundleURL()->path())); }), Strings{});
+  EXPECT_FALSE(only("mine")->isOnSystemPartition());
+  EXPECT_EQ(only("mine")->bundleURL()->path(), mine);
+  EXPECT_TRUE(only("theirs")->isOnSystemPartition());
+  EXPECT_FALSE(unregisters(only("theirs")->bundleURL()->path()));
   EXPECT_TRUE(unregisters(root.path() + "/again/Applications/Mine.app/PlugIns/mine.appex"));
-  EXPECT_EQ(installed(), Strings{"theirs"});
 }
 
 TEST_F(HollinTest, badBundlesHarmNoOther) {
   const std::string application = root.install("Mixed.app", {{.identifier = "good"}});
-  const auto bundle = [&application](const std::string& name) {
+  const auto info = [&application](const std::string& name) {
     fs::create_directories(application + "/PlugIns/" + name + ".appex");
-    return application + "/PlugIns/" + name + ".appex";
+    return application + "/PlugIns/" + name + ".appex/Info.plist";
   };
-  const std::string valid = readText(DeviceRoot::plugInPath(application, "good") + "/Info.plist");
-  bundle("empty");
-  writeText(bundle("truncated") + "/Info.plist", valid.substr(0, valid.size() / 2));
-  writePropertyList(bundle("array") + "/Info.plist", Array{1, 2});
-  writePropertyList(bundle("stranger") + "/Info.plist", Dictionary{{"BWBundleIdentifier", "stranger"}});
-  fs::create_directories(bundle("directory") + "/Info.plist");
-  mkfifo((bundle("fifo") + "/Info.plist").c_str(), 0600);
-  writeText(bundle("huge") + "/Info.plist", valid);
-  fs::resize_file(bundle("huge") + "/Info.plist", 100 << 20);
-  fs::create_symlink("Info.plist", bundle("loop") + "/Info.plist");
+  const std::string valid = readText(info("good"));
+  info("empty");
+  writeText(info("truncated"), valid.substr(0, valid.size() / 2));
+  writePropertyList(info("array"), Array{1, 2});
+  writePropertyList(info("stranger"), Dictionary{{"BWBundleIdentifier", "stranger"}});
+  fs::create_directories(info("directory"));
+  mkfifo(info("fifo").c_str(), 0600);
+  writeText(info("huge"), valid);
+  fs::resize_file(info("huge"), 100 << 20);
+  fs::create_symlink("Info.plist", info("loop"));
   fs::create_directory_symlink("circle.appex", application + "/PlugIns/circle.appex");
   fs::create_directory_symlink(".", applications + "/Circle.app");
   fs::create_directory_symlink("..", application + "/PlugIns/up.appex");
   writeText(application + "/PlugIns/file.appex", "no directory");
   // Wrong types everywhere: the record will judge.
-  writePropertyList(
-      bundle("types") + "/Info.plist",
-      Dictionary{{"ZQExtension", "text"}, {"BWBundleIdentifier", Array{}}, {"BWBundleVersion", 1}});
-  writePropertyList(bundle("old") + "/Info.plist", Dictionary{{"Ambrel", 0}, {"BWBundleIdentifier", "old"}});
-  writePropertyList(
-      bundle("listed") + "/Info.plist",
-      infoDictionary({.identifier = "listed", .info = {{"ZQExtensionPointName", Array{1, "top"}}}}));
-  mkfifo((bundle("listed") + "/Entitlements.plist").c_str(), 0600);
+  writePropertyList(info("types"), Dictionary{{"ZQExtension", "text"}, {"BWBundleIdentifier", Array{}}});
+  writePropertyList(info("old"), Dictionary{{"Ambrel", 0}, {"BWBundleIdentifier", "old"}});
+  writePropertyList(info("listed"), infoDictionary({.identifier = "listed",
+                                                    .info = {{"ZQExtensionPointName", Array{1, "top"}}}}));
+  mkfifo((application + "/PlugIns/listed.appex/Entitlements.plist").c_str(), 0600);
 
   const Strings log = logOf([this] { open(); });
   EXPECT_EQ(installed(), (Strings{"", "good", "listed", "old"}));
   EXPECT_EQ(withName("top"), Strings{"listed"});
   EXPECT_EQ(entriesWith(log, "ignoring bundle at "), 9u) << testing::PrintToString(log);
-  for (const char* name : {"empty", "truncated", "stranger", "fifo", "huge", "nothing"})
+  for (const char* name : {"empty", "stranger", "fifo", "nothing"})
     EXPECT_FALSE(registers(application + "/PlugIns/" + name + ".appex")) << name;
   // A bundle that gets well is taken.
   Recorder recorder(*registry);
-  writeText(application + "/PlugIns/truncated.appex/Info.plist", valid);
+  writeText(info("truncated"), valid);
   EXPECT_EQ(recorder.waitFor(1), Strings{"+good"});
 }
 
@@ -295,7 +269,6 @@ TEST_F(HollinTest, registrationsByPathOutliveTheirBundleAndTheProcess) {
   fs::create_directory_symlink(root.path() + "/loose", root.path() + "/alias");
   open();
   auto recorder = std::make_unique<Recorder>(*registry);
-  EXPECT_FALSE(unregisters(path));
   EXPECT_TRUE(registers(root.path() + "/alias/Tool.plugin"));
   const auto proxy = only("tool");
   ASSERT_NE(proxy, nullptr);
@@ -305,27 +278,15 @@ TEST_F(HollinTest, registrationsByPathOutliveTheirBundleAndTheProcess) {
   EXPECT_TRUE(registers(path));
   EXPECT_EQ(only("tool"), proxy) << "registering again changes nothing but the time";
   EXPECT_GT(proxy->registrationDate(), first);
-  EXPECT_EQ(recorder->waitFor(1), Strings{"+tool"});
-
   fs::rename(path, root.path() + "/away");
   EXPECT_EQ(recorder->waitFor(2), (Strings{"+tool", "-tool"}));
   recorder.reset();
   open();
   recorder = std::make_unique<Recorder>(*registry);
-  EXPECT_EQ(installed(), Strings{});
   fs::rename(root.path() + "/away", path);
   EXPECT_EQ(recorder->waitFor(1), Strings{"+tool"});
   EXPECT_EQ(only("tool")->pluginUUID(), proxy->pluginUUID());
   recorder.reset();
-  open();
-  EXPECT_EQ(installed(), Strings{"tool"});
-  fs::remove_all(root.path() + "/loose");
-  EXPECT_TRUE(eventually([this] { return installed().empty(); }));
-  EXPECT_TRUE(unregisters(path)) << "also when its bundle is gone";
-  EXPECT_FALSE(unregisters(path));
-  root.writeBundle(path, {.identifier = "tool"});
-  open();
-  EXPECT_EQ(installed(), Strings{});
 }
 
 TEST_F(HollinTest, anUnregisteredApplicationPlugInStaysSoUntilItChangesOrIsAdded) {
@@ -333,16 +294,12 @@ TEST_F(HollinTest, anUnregisteredApplicationPlugInStaysSoUntilItChangesOrIsAdded
   const std::string a = DeviceRoot::plugInPath(application, "a");
   const std::string b = DeviceRoot::plugInPath(application, "b");
   open();
-  const auto proxy = only("a");
-  EXPECT_TRUE(unregisters(a));
-  EXPECT_TRUE(unregisters(b));
-  EXPECT_TRUE(proxy->isUninstalled());
+  EXPECT_TRUE(unregisters(a) && unregisters(b));
   EXPECT_FALSE(unregisters(a));
   open();
   EXPECT_EQ(installed(), Strings{});
   Recorder recorder(*registry);
   EXPECT_TRUE(registers(a));
-  EXPECT_EQ(only("a")->pluginUUID(), proxy->pluginUUID());
   writePropertyList(b + "/Info.plist", infoDictionary({.identifier = "b", .version = "2"}));
   EXPECT_EQ(recorder.waitFor(2), (Strings{"+a", "+b"}));
   // It was not made a registration by path: it goes with its application.
@@ -351,97 +308,58 @@ TEST_F(HollinTest, anUnregisteredApplicationPlugInStaysSoUntilItChangesOrIsAdded
   EXPECT_FALSE(unregisters(a));
 }
 
-TEST_F(HollinTest, aPlugInOfALinkedApplicationStaysUnregisteredAlsoAfterItWasAdded) {
-  const std::string application = root.path() + "/opt/L.app";
-  const std::string path = DeviceRoot::plugInPath(application, "linked");
-  root.writeBundle(path, {.identifier = "linked"});
-  fs::create_directories(applications);
-  fs::create_directory_symlink(application, applications + "/L.app");
-  open();
-  {
-    Recorder recorder(*registry);
-    EXPECT_TRUE(registers(path));
-    // The change is seen by the path, too.
-    writePropertyList(path + "/Info.plist", infoDictionary({.identifier = "linked", .version = "2"}));
-    EXPECT_EQ(recorder.waitFor(2), (Strings{"-linked", "+linked"}));
-  }
-  EXPECT_TRUE(unregisters(path));
-  // A scan of its application, and one at start.
-  writeText(application + "/note", "");
-  root.install("Other.app", {{.identifier = "other"}});
-  EXPECT_TRUE(eventually([this] { return installed() == Strings{"other"}; }));
-  EXPECT_EQ(only("linked"), nullptr);
-  open();
-  EXPECT_EQ(installed(), Strings{"other"});
-}
-
 TEST_F(HollinTest, aSecondStartKnowsEverythingAndOpensNoUnchangedBundle) {
-  const std::string path = DeviceRoot::plugInPath(
-      root.install("A.app", {{.identifier = "a", .entitlements = {{"list", Array{1, "two"}}}},
-                             {.identifier = "c", .plugIn = {{"ZQExtensionIdentifier", "own"}}}}),
-      "a");
+  const std::string application =
+      root.install("A.app", {{.identifier = "a", .entitlements = {{"list", Array{1, "two"}}}}});
   open();
   const auto before = only("a");
   registry.reset();
-  const int watch = inotify_init1(IN_NONBLOCK);
-  inotify_add_watch(watch, path.c_str(), IN_OPEN);
+  const FileDescriptor watch(inotify_init1(IN_NONBLOCK));
+  inotify_add_watch(watch.get(), DeviceRoot::plugInPath(application, "a").c_str(), IN_OPEN);
   open();
   char buffer[4096];
-  const ssize_t size = read(watch, buffer, sizeof buffer);
+  const ssize_t size = read(watch.get(), buffer, sizeof buffer);
   const std::string_view events(buffer, static_cast<size_t>(std::max<ssize_t>(size, 0)));
   for (const char* file : {"Info.plist", "Entitlements.plist", "run"})
     EXPECT_EQ(events.find(file), std::string_view::npos) << file;
-  close(watch);
   const auto after = only("a");
-  EXPECT_EQ(after->pluginUUID(), before->pluginUUID());
   EXPECT_EQ(after->registrationDate(), before->registrationDate());
   EXPECT_EQ(after->entitlements(), before->entitlements());
-  EXPECT_EQ(after->bundleVersion(), "100");
-  EXPECT_EQ(withName("com.example.share"), (Strings{"a", "own"}));
 }
 
 TEST_F(HollinTest, aDamagedDatabaseIsSetAsideAndRebuiltFromDisk) {
   root.install("A.app", {{.identifier = "a"}});
-  const std::string loose = root.path() + "/Loose.appex";
+  const std::string loose = root.path() + "/Loose.appex", directory = root.state() + "/Hollin";
   root.writeBundle(loose, {.identifier = "loose"});
-  const std::string database = root.state() + "/Hollin/Registry.sqlite";
-  const std::function<void()> damages[] = {
-      [&] { fs::resize_file(database, fs::file_size(database) / 2); },
-      [&] { writeText(database, std::string(5000, 'x')); },
-      [&] {  // a row that was not written by us
-        std::string bytes = readText(database);
-        const size_t at = bytes.find(applications);
-        bytes[at] = '?';
-        writeText(database, bytes);
-      },
+  const auto rowOfSomebodyElse = [this](std::string bytes) {
+    bytes[bytes.find(applications)] = '?';
+    return bytes;
   };
+  const std::function<std::string(std::string)> damages[] = {
+      [](const std::string& bytes) { return bytes.substr(0, bytes.size() / 2); },
+      [](const std::string&) { return std::string(5000, 'x'); }, rowOfSomebodyElse};
   size_t kept = 0;
   for (const auto& damage : damages) {
     open();
     ASSERT_TRUE(registers(loose));
     registry.reset();
-    damage();
+    writeText(directory + "/Registry.sqlite", damage(readText(directory + "/Registry.sqlite")));
     const Strings log = logOf([this] { open(); });
     EXPECT_EQ(installed(), Strings{"a"});
-    EXPECT_EQ(
-        entriesWith(log, "registrations by path, unregistrations, UUIDs and registration times were lost"),
-        1u)
-        << testing::PrintToString(log);
-    registry.reset();
-    kept++;
+    EXPECT_EQ(entriesWith(log, "by path, unregistrations, UUIDs and registration times were lost"), 1u);
     Strings files;
-    for (const auto& file : fs::directory_iterator(root.state() + "/Hollin")) files.push_back(file.path());
-    EXPECT_EQ(entriesWith(files, "Registry.sqlite.damaged-"), kept);
+    for (const auto& file : fs::directory_iterator(directory)) files.push_back(file.path());
+    EXPECT_EQ(entriesWith(files, "Registry.sqlite.damaged-"), ++kept);
   }
-  open();
   const UUID uuid = only("a")->pluginUUID();
   open();
   EXPECT_EQ(only("a")->pluginUUID(), uuid) << "the new database works";
 }
 
 TEST_F(HollinTest, whatCannotBeSavedIsSavedWithTheNextChange) {
-  for (const char* name : {"first", "second"})
-    root.writeBundle(root.path() + "/" + name + ".appex", {.identifier = name});
+  const std::string first = root.path() + "/first.appex", second = root.path() + "/second.appex";
+  root.writeBundle(first, {.identifier = "first"});
+  root.writeBundle(second, {.identifier = "second"});
   open();
   // Files cannot grow: no disk is fuller.
   signal(SIGXFSZ, SIG_IGN);
@@ -449,12 +367,11 @@ TEST_F(HollinTest, whatCannotBeSavedIsSavedWithTheNextChange) {
   getrlimit(RLIMIT_FSIZE, &before);
   const rlimit none{0, before.rlim_max};
   setrlimit(RLIMIT_FSIZE, &none);
-  const bool isRegistered = registers(root.path() + "/first.appex");
+  const bool isRegistered = registers(first);
   setrlimit(RLIMIT_FSIZE, &before);
   EXPECT_TRUE(isRegistered);
-  EXPECT_EQ(installed(), Strings{"first"});
   const UUID uuid = only("first")->pluginUUID();
-  EXPECT_TRUE(registers(root.path() + "/second.appex"));
+  EXPECT_TRUE(registers(second));
   open();
   EXPECT_EQ(installed(), (Strings{"first", "second"}));
   EXPECT_EQ(only("first")->pluginUUID(), uuid);
@@ -487,12 +404,11 @@ TEST_F(HollinTest, aDatabaseThatIsDamagedWhileItIsInUseIsWrittenAnewAndNothingIs
   EXPECT_EQ(registry->proxyForURL(URL::file(first))->pluginUUID(), uuid);
 }
 
-TEST_F(HollinTest, aPlugInIsFoundUnderEveryNameThatItsSDKsMayGiveIt) {
+TEST_F(HollinTest, aPlugInIsFoundUnderEveryNameThatItsSDKsMayGiveItAndTheirChangesAreUpdates) {
   // SDKs belong to the process's own device.
   const DeviceRoot& device = thisDevice();
-  writePropertyList(device.dataUser() + "/SDKs/point.plist", sdkNamed(Array{"sdk.one", "sdk.two"}));
-  writePropertyList(root.path() + "/tests/point", sdkNamed("tested"));
-  setenv("ABTEST_SDK", (root.path() + "/tests").c_str(), 1);
+  const std::string sdk = device.dataUser() + "/SDKs/point.plist";
+  writePropertyList(sdk, sdkNamed(Array{"sdk.one", "sdk.two"}));
   directories.dataUser = device.dataUser();
   const Dictionary served = {{"ZQExtensionPointIdentifier", "point"}};
   const std::string application = device.install(
@@ -502,7 +418,7 @@ TEST_F(HollinTest, aPlugInIsFoundUnderEveryNameThatItsSDKsMayGiveIt) {
        {.identifier = "both", .point = "sdk.two", .plugIn = served, .entitlements = {{"special", true}}}});
   open();
   const Strings bySDK = {"both", "sdk"}, names = {"sdk.one", "sdk.two", "own.name"};
-  for (const char* name : {"sdk.two", "tested", "point"}) EXPECT_EQ(withName(name), bySDK) << name;
+  for (const char* name : {"sdk.two", "point"}) EXPECT_EQ(withName(name), bySDK) << name;
   // A filter may ask the registry in turn.
   const auto entitled = [this](const String& identifier, const Value& entitlements) {
     return only(std::string(identifier.view())) != nullptr && entitlements["special"].isTrue();
@@ -511,85 +427,31 @@ TEST_F(HollinTest, aPlugInIsFoundUnderEveryNameThatItsSDKsMayGiveIt) {
             Strings{"both"});
   EXPECT_EQ(only("sdk")->dataContainerURL(), std::nullopt) << "its SDK makes it a data plug-in";
 
-  // Whoever names a changed SDK is updated, but not by a file that another one hides.
   auto recorder = std::make_unique<Recorder>(*registry);
   const auto before = only("sdk");
-  Dictionary plain = sdkNamed("new.name");
-  plain.set("ZQExtension",
-            Dictionary{{"ZQExtensionAttributes", plain["ZQExtension"]["ZQExtensionAttributes"]}});
-  writePropertyList(device.dataUser() + "/SDKs/point.plist", plain);
-  EXPECT_TRUE(eventually([&] { return withName("new.name") == bySDK; }));
+  writePropertyList(sdk, Dictionary{{"ZQExtension", Dictionary()}});
+  Strings events = recorder->waitFor(4);
+  std::sort(events.begin(), events.end());
+  EXPECT_EQ(events, (Strings{"+both", "+sdk", "-both", "-sdk"}));
+  EXPECT_EQ(recorder->calls, 2u) << "all in one announcement";
   EXPECT_EQ(withName("sdk.one"), Strings());
-  EXPECT_FALSE(before->isUninstalled());
-  fs::remove(root.path() + "/tests/point");
-  const auto updates = [&](size_t times) {
-    Strings events = recorder->waitFor(4 * times);
-    std::sort(events.begin(), events.end());
-    Strings wanted;
-    for (const char* event : {"+both", "+sdk", "-both", "-sdk"}) wanted.insert(wanted.end(), times, event);
-    EXPECT_EQ(events, wanted);
-    EXPECT_EQ(recorder->calls, 2 * times) << "all in one announcement";
-  };
-  updates(1);
-  EXPECT_EQ(withName("tested"), Strings());
   EXPECT_TRUE(before->isUninstalled());
-  EXPECT_GT(only("sdk")->registrationDate(), before->registrationDate());
-  EXPECT_TRUE(eventually([&] { return fs::exists(device.dataUser() + "/Containers/sdk/tmp"); }));
-  fs::remove(device.dataUser() + "/SDKs/point.plist");
-  updates(2);
-  EXPECT_EQ(withName("new.name"), Strings());
   const Date time = only("sdk")->registrationDate();
+  EXPECT_GT(time, before->registrationDate());
+  EXPECT_TRUE(eventually([&] { return fs::exists(device.dataUser() + "/Containers/sdk/tmp"); }));
   recorder.reset();
   open();
   EXPECT_EQ(only("sdk")->registrationDate(), time);
   registry.reset();
-  fs::remove_all(application);
-  unsetenv("ABTEST_SDK");
-}
-
-TEST_F(HollinTest, plugInsGetDataContainersOfTheirOwnAlone) {
-  root.install("A.app", {{.identifier = "plain"},
-                         {.identifier = "taken"},
-                         {.identifier = "x", .plugIn = {{"ZQExtensionIdentifier", "../escape"}}}});
-  const std::string containers = root.dataUser() + "/Containers", loose = root.path() + "/Loose.appex";
-  fs::create_directories(containers);
-  fs::create_directory_symlink(root.path(), containers + "/taken");
-  open();
-  // Without being asked for.
-  EXPECT_TRUE(eventually([&] { return fs::exists(containers + "/plain/tmp"); }));
-  EXPECT_EQ(fs::status(containers + "/plain").permissions(), fs::perms::owner_all);
-  for (const char* none : {"taken", "../escape"}) EXPECT_EQ(only(none)->dataContainerURL(), std::nullopt);
-  root.writeBundle(loose, {.identifier = "loose"});
-  ASSERT_TRUE(registers(loose));
-  EXPECT_TRUE(fs::exists(containers + "/loose/tmp")) << "when it is registered";
+  for (const std::string& path : {application, sdk}) fs::remove_all(path);
 }
 
 TEST_F(HollinTest, whatIsKnownOfAPlaceIsTrueWhateverTakesItsPlace) {
   const std::string application = root.install("A.app", {{.identifier = "a"}});
   const std::string path = DeviceRoot::plugInPath(application, "a"), away = root.path() + "/away";
-  const std::string linked = root.path() + "/opt/L.app",
-                    loose = root.path() + "/Loose.app/PlugIns/loose.appex";
-  root.writeBundle(DeviceRoot::plugInPath(linked, "linked"), {.identifier = "linked"});
-  fs::create_directory_symlink(linked, applications + "/L.app");
-  root.writeBundle(loose, {.identifier = "loose"});
   open();
-  ASSERT_TRUE(registers(loose));
-  const auto arePlaceholders = [this](bool expected) {
-    return std::ranges::all_of(Strings{"a", "linked", "loose"}, [&](const std::string& identifier) {
-      const auto container = only(identifier)->containingBundle();
-      return static_cast<const HLApplicationProxy&>(*container).isPlaceholder() == expected;
-    });
-  };
   // What is known is known after a while in which nothing happens.
   const auto quiet = [] { std::this_thread::sleep_for(milliseconds(600)); };
-  const std::string places[] = {application, linked, root.path() + "/Loose.app"};
-  quiet();
-  EXPECT_TRUE(arePlaceholders(false));
-  for (const std::string& place : places) writeText(place + "/Placeholder", "");
-  EXPECT_TRUE(eventually([&] { return arePlaceholders(true); }));
-  quiet();
-  EXPECT_TRUE(arePlaceholders(true));
-  for (const std::string& place : places) fs::remove(place + "/Placeholder");
   // While somebody goes on writing, so that nothing is scanned.
   const auto soon = [&application](const auto& condition) {
     return eventually([&] {
@@ -597,26 +459,24 @@ TEST_F(HollinTest, whatIsKnownOfAPlaceIsTrueWhateverTakesItsPlace) {
       return condition();
     });
   };
-  EXPECT_TRUE(soon([&] { return arePlaceholders(false); }));
-
   quiet();
   const auto proxy = only("a");
-  const auto isAt = [&](const std::string& place) { return proxy->bundlePlace() == readablePlace(place); };
-  EXPECT_TRUE(isAt(path) && proxy->bundlePlace());
+  const auto isAt = [&] { return proxy->bundlePlace() && proxy->bundlePlace() == readablePlace(path); };
+  EXPECT_TRUE(isAt());
   // Another directory with the very same files, a link, and the bundle itself again.
   fs::create_directories(away);
   fs::create_hard_link(path + "/Info.plist", away + "/Info.plist");
   quiet();
   ASSERT_EQ(renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, away.c_str(), RENAME_EXCHANGE), 0);
-  EXPECT_TRUE(soon([&] { return isAt(path); }));
+  EXPECT_TRUE(soon(isAt));
   quiet();
-  EXPECT_TRUE(isAt(path));
+  EXPECT_TRUE(isAt());
   fs::rename(path, away + ".2");
   fs::create_directory_symlink(away + ".2", path);
   EXPECT_TRUE(soon([&] { return !proxy->bundlePlace() && errno == ELOOP; }));
   fs::remove(path);
   fs::rename(away, path);
-  EXPECT_TRUE(soon([&] { return isAt(path) && proxy->bundlePlace(); }));
+  EXPECT_TRUE(soon(isAt));
 }
 
 pid_t threadCalled(const std::string& name) {
@@ -652,123 +512,60 @@ TEST_F(HollinTest, lostEventsLoseNoInstall) {
   EXPECT_NE(log.find("events of the file system were lost"), std::string::npos);
 }
 
-/// In a process of its own that gets only `count` of something: 0 when what happens is seen nevertheless, and
-/// at once when there is enough again; 77 when it cannot be limited here.
-int HollinTest::liveWith(const char* count, const char* limit) {
+/// In a process of its own that gets only `count` of something: that what happens is seen nevertheless, and
+/// at once when there is enough again.
+std::string HollinTest::liveWith(const char* count, const char* limit) {
   const auto limitTo = [limit](const char* number) {
     return static_cast<bool>(std::ofstream(std::string("/proc/sys/user/") + limit) << number << std::flush);
   };
-  if (unshare(CLONE_NEWUSER) != 0 || !limitTo(count)) return 77;
+  if (unshare(CLONE_NEWUSER) != 0 || !limitTo(count)) return "impossible";
   const DeviceRoot device;
-  const std::string log = device.path() + "/log", sdk = device.path() + "/tests/point";
-  dup2(::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
-  const auto logs = [&log](const char* text) { return readText(log).find(text) != std::string::npos; };
   directories.dataUser = device.dataUser();
   directories.dataSystem = {device.dataSystem()};
   directories.state = device.state();
-  writePropertyList(sdk, sdkNamed("first"));
+  const std::string log = device.path() + "/log", sdk = device.path() + "/tests/point",
+                    loose = device.path() + "/loose.appex";
+  dup2(::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
+  const auto logs = [&log](const char* text) { return readText(log).find(text) != std::string::npos; };
   fs::current_path(device.path());
   setenv("ABTEST_SDK", "tests", 1);
-  const auto install = [&device](const std::string& name) {
+  const auto installs = [&](const std::string& name, const Value& point) {
     const Dictionary served = {{"ZQExtensionPointIdentifier", "point"}};
     device.install(name + ".app", {{.identifier = name, .point = "", .plugIn = served}});
+    writePropertyList(sdk, sdkNamed(point));
   };
-  install("a");
+  installs("a", "first");
   open();
   std::this_thread::sleep_for(milliseconds(300));  // what it does at start is over
-  install("b");
-  writePropertyList(sdk, sdkNamed("second"));
+  installs("b", "second");
   EXPECT_TRUE(eventually([this] { return withName("second") == Strings{"a", "b"}; })) << readText(log);
   EXPECT_TRUE(logs("cannot watch all applications")) << readText(log);
-  const std::string loose = device.path() + "/loose.appex";
   device.writeBundle(loose, {.identifier = "loose"});
   EXPECT_TRUE(registers(loose));
   EXPECT_TRUE(limitTo("1000"));
   EXPECT_TRUE(eventually([&logs] { return logs("watching all applications again"); })) << readText(log);
-  install("c");
-  writePropertyList(sdk, sdkNamed("third"));
+  installs("c", "third");
   writePropertyList(loose + "/Info.plist", infoDictionary({.identifier = "loose", .point = "late"}));
   EXPECT_TRUE(eventually([this] { return withName("third") == Strings{"a", "b", "c"}; })) << readText(log);
   EXPECT_TRUE(eventually([this] { return withName("late") == Strings{"loose"}; })) << readText(log);
   registry.reset();
-  return HasFailure() ? 1 : 0;
+  return HasFailure() ? "failed" : "lost nothing";
 }
 
-TEST_F(HollinTest, exhaustedWatchesLoseNothing) {
-  const std::pair<const char*, const char*> limits[] = {
-      {"0", "max_inotify_instances"},
-      {"0", "max_inotify_watches"},
-      {"10", "max_inotify_watches"},  // enough for the roots
-  };
-  std::vector<pid_t> children;
-  for (const auto& [count, limit] : limits) {
-    children.push_back(fork());
-    if (children.back() == 0) _exit(liveWith(count, limit));
-  }
-  bool isPossible = true;
-  for (size_t i = 0; i < children.size(); i++) {
-    int status = 0;
-    waitpid(children[i], &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
-      isPossible = false;
-    } else {
-      EXPECT_EQ(status, 0) << limits[i].first << " " << limits[i].second;
-    }
-  }
-  if (!isPossible) GTEST_SKIP() << "watches cannot be limited here";
+class FewWatches : public HollinTest,
+                   public testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(FewWatches, LoseNothing) {
+  const std::string answer =
+      answerOfProcess([this] { return liveWith(GetParam().first, GetParam().second); });
+  if (answer == "impossible") GTEST_SKIP() << "watches cannot be limited here";
+  EXPECT_EQ(answer, "lost nothing");
 }
 
-TEST_F(HollinTest, queriesRegistrationsAndInstallsRunSideBySide) {
-  for (int i = 0; i < 20; i++) {
-    const std::string name = std::to_string(i);
-    root.install("App" + name + ".app", {{.identifier = "stays" + name}});
-    root.writeBundle(root.path() + "/loose" + name + ".appex", {.identifier = "loose" + name});
-  }
-  open();
-  auto recorder = std::make_unique<Recorder>(*registry);
-  std::atomic<bool> isDone{false};
-  std::vector<std::jthread> threads;
-  threads.emplace_back([&] {
-    for (int i = 0; !isDone; i = (i + 1) % 20) {
-      const std::string path = root.path() + "/loose" + std::to_string(i) + ".appex";
-      if (registers(path) && i % 3 != 0) unregisters(path);
-    }
-  });
-  threads.emplace_back([&] {
-    while (!isDone) {
-      const auto all = registry->installedPlugins();
-      for (const auto& proxy : *all) {
-        static_cast<void>(proxy->entitlements());
-        const auto again = registry->proxyForUUID(proxy->pluginUUID());
-        EXPECT_TRUE(again != nullptr || proxy->isUninstalled());
-      }
-      withName("com.example.share");
-      registry->HLClearSchemaCaches();
-    }
-  });
-  threads.emplace_back([&] {
-    for (int i = 0; !isDone; i++) {
-      const std::string path = root.install("Comes.app", {{.identifier = "comes"}});
-      std::this_thread::sleep_for(milliseconds(i % 2 == 0 ? 50 : 450));
-      fs::remove_all(path);
-    }
-  });
-  std::this_thread::sleep_for(seconds(2));
-  isDone = true;
-  threads.clear();
-  for (int i = 0; i < 20; i++) registers(root.path() + "/loose" + std::to_string(i) + ".appex");
-  EXPECT_TRUE(eventually([this] { return registry->installedPlugins()->size() == 40; }));
-  EXPECT_FALSE(recorder->wasToldTooEarly());
-  // Each plug-in was announced by turns.
-  std::map<std::string, char> last;
-  for (const std::string& event : recorder->events()) {
-    const bool isRepeated = last.contains(event.substr(1)) && last[event.substr(1)] == event[0];
-    EXPECT_FALSE(isRepeated) << event;
-    last[event.substr(1)] = event[0];
-  }
-  recorder.reset();
-  open();
-  EXPECT_EQ(registry->installedPlugins()->size(), 40u) << "what was saved last is what was";
-}
+// The last are enough for the roots.
+INSTANTIATE_TEST_SUITE_P(Limits, FewWatches,
+                         testing::Values(std::pair("0", "max_inotify_instances"),
+                                         std::pair("0", "max_inotify_watches"),
+                                         std::pair("10", "max_inotify_watches")));
 
 }  // namespace

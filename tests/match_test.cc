@@ -31,59 +31,36 @@ class Match : public DaemonTest {
 };
 
 TEST_F(Match, TheFormTellsAHostAllItNeedsToKnow) {
-  const std::string application = root.install(
-      "Notes.app",
-      {{.identifier = "notes.share",
-        .version = "2.5",
-        .attributes = {{"Depth", Dictionary{{"a", Array{1, 2.5, true, Data(std::string_view("x"))}}}}},
-        .info = {{"BWBundleDisplayName", "Share it"}, {"DTTool", "dropped"}}}});
+  const Value deep = Dictionary{{"a", Array{1, 2.5, true, Data(std::string_view("x"))}}};
+  const std::string application =
+      root.install("Notes.app", {{.identifier = "notes.share",
+                                  .version = "2.5",
+                                  .attributes = {{"Depth", deep}},
+                                  .info = {{"BWBundleDisplayName", "Share it"}, {"DTTool", "dropped"}}}});
   start();
-  const std::vector<Dictionary> forms = match(*client);
-  ASSERT_EQ(forms.size(), 1u);
-  const Dictionary& form = forms[0];
-  const std::string path = DeviceRoot::plugInPath(application, "notes.share");
+  const Dictionary form = this->form("notes.share");
   const Dictionary plain = {{"identifier", "notes.share"},
                             {"original-identifier", "notes.share"},
                             {"version", "2.5"},
-                            {"path", path},
+                            {"path", DeviceRoot::plugInPath(application, "notes.share")},
                             {"containingPath", application},
                             {"localizedDisplayName", "Share it"},
                             {"localizedContainingDisplayName", "Notes"},
                             {"systemResident", false},
                             {"hubProtocolVersion", 2},
-                            {"annotations", Dictionary()}};
+                            {"annotations", Dictionary()},
+                            {"info", form["bundleInfo"]["ZQExtension"]}};
   for (const auto& [key, value] : plain) EXPECT_EQ(form[key], value) << key.view();
   EXPECT_TRUE(UUID::fromString(form["uuid"].string().value_or("")).has_value());
   EXPECT_NEAR(form["lastmodified"].realValue(), static_cast<double>(time(nullptr)), 60);
-  EXPECT_EQ(form["info"], form["bundleInfo"]["ZQExtension"]);
-  EXPECT_EQ(form["info"]["ZQExtensionAttributes"]["Depth"]["a"],
-            Value(Array{1, 2.5, true, Data(std::string_view("x"))}));
-  EXPECT_TRUE(form["bundleInfo"]["DTTool"].isNone());
+  EXPECT_EQ(form["info"]["ZQExtensionAttributes"]["Depth"], deep);
+  for (const Value& none : {form["bundleInfo"]["DTTool"], form["overrider"], form["overriding"]})
+    EXPECT_TRUE(none.isNone());
   EXPECT_TRUE(form["extensions"]["."].isString()) << "an application extension shares its bundle";
-  EXPECT_EQ(form["overrider"].isNone() && form["overriding"].isNone(), true);
-
-  const std::vector<Dictionary> again = match(*client);
-  EXPECT_NE(again.at(0)["extensions"], form["extensions"]) << "tokens are issued anew";
-  EXPECT_EQ(again.at(0)["bundleInfo"], form["bundleInfo"]);
-}
-
-TEST_F(Match, RulesChooseAndNarrowingLosesNothing) {
-  root.install("A.app", {{.identifier = "share.one"},
-                         {.identifier = "share.two", .attributes = {{"Colours", 2}}},
-                         {.identifier = "edit.one", .version = "1.10", .point = "com.example.edit"}});
-  start();
-  EXPECT_EQ(found(Dictionary()), "edit.one share.one share.two");
-  EXPECT_EQ(found(Dictionary{{"ZQExtensionIdentifier", Array{"=edit.one", "share.one", "none"}}}),
-            "edit.one share.one");
-  EXPECT_EQ(found(Dictionary{{"ZQExtensionVersion", ">=1.9"}}), "edit.one");
-  EXPECT_EQ(found(Dictionary{{"Colours", true}, {"ZQExtensionIdentifier", "<>share.one"}}), "share.two");
-  EXPECT_EQ(found(Dictionary{{"ZQExtensionIdentifier", Array()}}), "");
-  EXPECT_EQ(found(Dictionary{{"ZQExtensionPointName", "?SOUNDS-LIKE:share"}}), "");
-  EXPECT_TRUE(daemon->logs("unrecognized match operator:?SOUNDS-LIKE:share"));
+  EXPECT_NE(this->form("notes.share")["extensions"], form["extensions"]) << "tokens are issued anew";
 }
 
 TEST_F(Match, RulesThatAreNoDictionaryFailBeforeTheFlagsAreLookedAtAndVersion2SucceedsWithoutMatches) {
-  root.install("A.app", {{.identifier = "a"}});
   start();
   for (const Value& rules : {Value("text"), Value(Array()), Value(5), Value(false), Value(UUID::random())})
     EXPECT_EQ(error("match", {{"rules", rules}, {"flags", kAll}}),
@@ -92,69 +69,51 @@ TEST_F(Match, RulesThatAreNoDictionaryFailBeforeTheFlagsAreLookedAtAndVersion2Su
   EXPECT_EQ(Value(call("match", {{"version", 2}})), Value(Dictionary()));
 }
 
-TEST_F(Match, OfOneIdentifierTheNewestVersionIsReturnedUnlessMoreIsAskedFor) {
-  root.install("Old.app", {{.identifier = "x", .version = "1.9"}});
-  root.install("New.app", {{.identifier = "x", .version = "1.10"}});
-  root.install("Third.app", {{.identifier = "x", .version = "1.10"}, {.identifier = "X", .version = "1"}});
+TEST_F(Match, OfOneIdentifierTheNewestIsReturnedUnlessMoreIsAskedFor) {
+  root.install("Old.app", {{.identifier = "x", .version = "1.9"}, {.identifier = "X", .version = "1"}});
+  root.install("First.app", {{.identifier = "x", .version = "1.10"}, {.identifier = "tie"}});
   start();
-  const auto versions = [&](uint64_t flags) {
-    std::vector<std::string> list;
-    for (const Dictionary& form : match(*client, Dictionary{{"ZQExtensionIdentifier", "x"}}, flags))
-      list.emplace_back(*form["version"].string());
-    std::ranges::sort(list);
-    return list;
-  };
-  using Versions = std::vector<std::string>;
-  EXPECT_EQ(versions(0), Versions{"1.10"});
-  EXPECT_EQ(versions(kDuplicates), Versions{"1.10"}) << "by itself the flag has no effect";
-  EXPECT_EQ(versions(kAllVersions), (Versions{"1.10", "1.9"}));
-  EXPECT_EQ(versions(kAllVersions | kDuplicates), (Versions{"1.10", "1.10", "1.9"}));
-  EXPECT_EQ(versions(0x1'0000'0000 | 0x2 | kAllVersions), (Versions{"1.10", "1.9"}))
-      << "other bits are ignored";
-  EXPECT_EQ(found(), "X x") << "identifiers are compared exactly";
-}
-
-TEST_F(Match, OfEqualVersionsTheSystemsIsPreferredElseTheLaterRegistered) {
-  root.install("User.app", {{.identifier = "tie"}});
-  root.install("First.app", {{.identifier = "later"}});
-  start();
-  ASSERT_EQ(found(), "later tie");
+  ASSERT_EQ(found(), "X tie x") << "identifiers are compared exactly";
   usleep(1'100'000);  // registration times are whole seconds
+  root.install("Second.app", {{.identifier = "x", .version = "1.10"}});
   root.install("Vendor.app", {{.identifier = "tie"}}, true);
-  root.install("Second.app", {{.identifier = "later"}});
-  ASSERT_TRUE(eventually([&] { return match(*client, {}, kAllVersions | kDuplicates).size() == 4; }));
-  const std::vector<Dictionary> forms = match(*client);
-  EXPECT_EQ(forms.size(), 2u);
-  EXPECT_EQ(formOf(forms, "tie")["systemResident"].boolean(), true);
-  EXPECT_EQ(formOf(forms, "later")["localizedContainingDisplayName"].string(), "Second");
-  EXPECT_EQ(found({}, kSystemOnly), "tie");
+  ASSERT_TRUE(eventually([&] { return match(*client, {}, kAllVersions | kDuplicates).size() == 6; }));
+  const auto found = [this](uint64_t flags) {
+    std::vector<std::string> all;
+    for (const Dictionary& form :
+         match(*client, Dictionary{{"ZQExtensionIdentifier", Array{"x", "tie"}}}, flags))
+      all.push_back(std::string(*form["version"].string()) + " " +
+                    std::string(*form["localizedContainingDisplayName"].string()));
+    std::ranges::sort(all);
+    return all;
+  };
+  using Found = std::vector<std::string>;
+  for (const uint64_t flags : {uint64_t{0}, kDuplicates, uint64_t{0x1'0000'0002}})
+    EXPECT_EQ(found(flags), (Found{"1.0 Vendor", "1.10 Second"}))
+        << "the system's, else the later registered";
+  EXPECT_EQ(found(kAllVersions), (Found{"1.0 Vendor", "1.10 Second", "1.9 Old"}));
+  EXPECT_EQ(found(kAllVersions | kDuplicates),
+            (Found{"1.0 First", "1.0 Vendor", "1.10 First", "1.10 Second", "1.9 Old"}));
+  EXPECT_EQ(found(kSystemOnly), Found{"1.0 Vendor"});
 }
 
 TEST_F(Match, APlugInWithoutAnApplicationIsSeenOnlyByManagers) {
   root.install("A.app", {{.identifier = "inside"}});
-  root.writeBundle(root.path() + "/loose.appex", {.identifier = "loose"});
+  const std::string loose = root.path() + "/loose.appex";
+  root.writeBundle(loose, {.identifier = "loose"});
   const std::string manager = hostBundle("Manager", {{kManager, true}});
   start();
-  ASSERT_EQ(error("add", {{"paths", Array{root.path() + "/loose.appex"}}}), "");
-  EXPECT_EQ(found(), "inside");
-
-  Host host(root, *daemon, manager);
-  EXPECT_EQ(foundBy(host), "inside");
-  EXPECT_EQ(foundBy(host, kAll), "inside loose");
-  EXPECT_EQ(foundBy(host, kAll | kSystemOnly), "inside loose") << "visibility is not looked at";
-
-  EXPECT_EQ(errorFor(*client), denied) << "no bundle, no entitlement";
-  for (const Value& no : {Value(false), Value(0)}) {
-    Host without(root, *daemon, hostBundle("Refused", {{kManager, no}}));
-    EXPECT_EQ(errorFor(without.client()), denied) << "the entitlement equals false";
-  }
-  Host confined(root, *daemon, manager, {.isConfined = true});
-  EXPECT_EQ(errorFor(confined.client()), denied) << "a sandboxed manager";
-  EXPECT_EQ(foundBy(confined), "inside");
-  const Dictionary hold = {{"paths", Array{root.dataUser() + "/Applications/A.app"}}, {"flags", 1}};
-  ASSERT_EQ(error("lock", hold), "");
+  ASSERT_EQ(error("add", {{"paths", Array{loose}}}), "");
+  ASSERT_EQ(error("lock", {{"paths", Array{root.dataUser() + "/Applications/A.app"}}, {"flags", 1}}), "");
   EXPECT_EQ(found(), "");
-  EXPECT_EQ(foundBy(host, kAll), "inside loose") << "nor are holds";
+
+  Host host(root, *daemon, manager), confined(root, *daemon, manager, {.isConfined = true}),
+      without(root, *daemon, hostBundle("Refused", {{kManager, 0}}));
+  EXPECT_EQ(foundBy(host), "");
+  EXPECT_EQ(foundBy(host, kAll | kSystemOnly), "inside loose") << "visibility and holds are not looked at";
+  EXPECT_EQ(errorFor(*client), denied) << "no bundle, no entitlement";
+  EXPECT_EQ(errorFor(without.client()), denied) << "the entitlement equals false";
+  EXPECT_EQ(errorFor(confined.client()), denied) << "a sandboxed manager";
 
   hostBundle("Manager", {});
   EXPECT_EQ(errorFor(host.client()), denied) << "asked anew for each request";
@@ -182,27 +141,25 @@ TEST_F(Match, ThePolicyOfHostAndPlugInHidesPlugIns) {
                          {.identifier = "sealed", .plugIn = {{"ZQExtensionHostEntitlement", "org.key"}}}});
   writePropertyList(root.dataUser() + "/Applications/rated/ZintraMetadata.plist",
                     Dictionary{{"rating", Dictionary{{"rank", 300}}}});
-  writePropertyList(root.configDevice() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 200}});
   start();
-  EXPECT_EQ(found(), "open");
+  const auto limit = [this](const std::string& config, const Value& rating) {
+    writePropertyList(config + "/Restrictions.plist", Dictionary{{"maximumAppsRating", rating}});
+    return found();
+  };
+  EXPECT_EQ(limit(root.configDevice(), 200), "open");
   const std::string pid = "client " + std::to_string(getpid()) + " cannot use plugin ";
   EXPECT_TRUE(daemon->logs(pid + "sealed: the host does not have the \"org.key\" entitlement"));
   EXPECT_TRUE(daemon->logs(pid + "game: the containing Application is age restricted"));
-  const std::string restrictions = root.configUser() + "/Restrictions.plist";
-  writePropertyList(restrictions, Dictionary{{"maximumAppsRating", 1000}});
-  EXPECT_EQ(found(), "open") << "a user cannot lift the device's limit";
-  writePropertyList(root.configDevice() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 300}});
-  EXPECT_EQ(found(), "game open") << "the limit is read anew";
-  writePropertyList(restrictions, Dictionary{{"maximumAppsRating", -1}});
-  EXPECT_EQ(found(), "open") << "the lowest counts";
-  writePropertyList(restrictions, Dictionary{{"maximumAppsRating", "-1"}});
-  EXPECT_EQ(found(), "game open") << "no number, no limit";
+  EXPECT_EQ(limit(root.configUser(), 1000), "open") << "a user cannot lift the device's limit";
+  EXPECT_EQ(limit(root.configDevice(), 300), "game open") << "the limit is read anew";
+  EXPECT_EQ(limit(root.configUser(), -1), "open") << "the lowest counts";
+  EXPECT_EQ(limit(root.configUser(), "-1"), "game open") << "no number, no limit";
 
   Host holder(root, *daemon, hostBundle("Holder", {{"org.key", "any value"}}));
   EXPECT_EQ(foundBy(holder), "game open sealed");
-  Host restricted(root, *daemon,
-                  hostBundle("Restricted", {{kAllowedPlugIns, Dictionary{{"ZQExtensionIdentifier", "open"}}},
-                                            {"org.key", 0}}));
+  const Dictionary onlyOpen = {{kAllowedPlugIns, Dictionary{{"ZQExtensionIdentifier", "open"}}},
+                               {"org.key", 0}};
+  Host restricted(root, *daemon, hostBundle("Restricted", onlyOpen));
   EXPECT_EQ(foundBy(restricted), "open");
   EXPECT_TRUE(daemon->logs("game: the host's plug-in entitlement does not allow this plug-in"));
   // What it forbade stays when it can be read no more.
@@ -219,23 +176,21 @@ TEST_F(Match, ThePolicyOfHostAndPlugInHidesPlugIns) {
 
 TEST_F(Match, TheUsersExclusionsHideFromEverybody) {
   root.install("A.app", {{.identifier = "wanted"}, {.identifier = "unwanted"}});
-  const auto exclude = [&](const std::string& file, const Value& exclusions) {
+  const auto excluding = [&](const std::string& file, const Value& exclusions) {
     writePropertyList(root.configUser() + "/Preferences/" + file, Dictionary{{"exclusions", exclusions}});
+    return found();
   };
   const std::string thisHost = "ByHost/com.veltra.ambrel.userprefs." + hostIdentifier() + ".plist";
   start();
-  Host host(root, *daemon, hostBundle("Manager", {{kManager, true}}));
-  exclude("com.veltra.ambrel.userprefs.plist", Array{Dictionary()});
-  EXPECT_EQ(found(), "unwanted wanted") << "the any-host scope is not looked at";
-
-  exclude(thisHost, Array{"text", 5, Dictionary{{"ZQExtensionIdentifier", "unwanted"}}});
-  EXPECT_EQ(found(), "wanted");
+  EXPECT_EQ(excluding("com.veltra.ambrel.userprefs.plist", Array{Dictionary()}), "unwanted wanted")
+      << "the any-host scope is not looked at";
+  EXPECT_EQ(excluding(thisHost, Array{"text", 5, Dictionary{{"ZQExtensionIdentifier", "unwanted"}}}),
+            "wanted");
   EXPECT_TRUE(daemon->logs("client " + std::to_string(getpid()) + " plugin unwanted excluded"));
+  Host host(root, *daemon, hostBundle("Manager", {{kManager, true}}));
   EXPECT_EQ(foundBy(host, kAll), "wanted");
-  exclude(thisHost, Array{Dictionary()});
-  EXPECT_EQ(found(), "");
-  exclude(thisHost, "no list");
-  EXPECT_EQ(found(), "unwanted wanted");
+  EXPECT_EQ(excluding(thisHost, Array{Dictionary()}), "");
+  EXPECT_EQ(excluding(thisHost, "no list"), "unwanted wanted");
 }
 
 TEST_F(Match, AReplacementAndWhatItReplacesNameEachOther) {
@@ -256,31 +211,6 @@ TEST_F(Match, AReplacementAndWhatItReplacesNameEachOther) {
   forms = match(*client, Dictionary{{"ZQExtensionIdentifier", Array{"better", "viewer"}}});
   EXPECT_TRUE(formOf(forms, "better")["overriding"].isNone()) << "what it replaces was not returned";
   EXPECT_TRUE(formOf(forms, "viewer")["overrider"].isNone()) << "what replaces it was not returned";
-}
-
-TEST_F(Match, AReplacementThatWasDisplacedAsADuplicateStillCounts) {
-  // Candidates come in an unspecified order, so both orders are tried: the older version's declaration counts
-  // exactly when it was accepted before the newer one displaced it.
-  root.install("A.app", {{.identifier = "editor"}});
-  const PlugInBundle older = {
-      .identifier = "b", .version = "1", .entitlements = {{kReplacePlugIn, "editor"}}};
-  const PlugInBundle newer = {.identifier = "b", .version = "2"};
-  int counted = 0;
-  for (const bool olderFirst : {true, false}) {
-    const std::string first = root.install("First.app", {olderFirst ? older : newer});
-    const std::string second = root.install("Second.app", {olderFirst ? newer : older});
-    start();
-    const std::vector<Dictionary> forms = match(*client);
-    EXPECT_EQ(identifiers(forms), "b editor");
-    EXPECT_EQ(formOf(forms, "b")["version"].string(), "2");
-    EXPECT_TRUE(formOf(forms, "b")["overriding"].isNone());
-    const Value overrider = formOf(forms, "editor")["overrider"];
-    counted += overrider.isNone() ? 0 : 1;
-    EXPECT_NE(overrider, formOf(forms, "b")["uuid"]);
-    daemon.reset();
-    for (const std::string& each : {first, second}) std::filesystem::remove_all(each);
-  }
-  EXPECT_LE(counted, 1);
 }
 
 // The resolver against the scan that it stands for.

@@ -80,8 +80,8 @@ TEST_F(Ready, WhatHappenedWhileTheDaemonWasDownIsToldAtItsStart) {
                     gone = root.install("Gone.app", {{.identifier = "gone"}});
   root.install("Stays.app", {{.identifier = "stays"}});
   start();
-  EXPECT_EQ(errorOf(ready({uuid("edited"), uuid("gone"), uuid("stays")})), "");
   const UUID ofEdited = uuid("edited"), ofGone = uuid("gone"), ofStays = uuid("stays");
+  EXPECT_EQ(errorOf(ready({ofEdited, ofGone, ofStays})), "");
   EXPECT_FALSE(daemon->logs("INSTALLED:")) << "nothing was known before";
   daemon->kill();
   fs::remove_all(gone);
@@ -91,56 +91,56 @@ TEST_F(Ready, WhatHappenedWhileTheDaemonWasDownIsToldAtItsStart) {
   daemon->start();
   EXPECT_TRUE(eventually([&] { return !isRegistered(ofEdited) && !isRegistered(ofGone); }));
   EXPECT_TRUE(isRegistered(ofStays));
-  for (const char* line : {" INSTALLED:edited edited(101) ", " INSTALLED:new new(100) "})
-    EXPECT_TRUE(daemon->waitForLog(std::string(line).substr(1))) << line;
-  for (const char* line : {"UNINSTALLED:edited edited(100) ", "UNINSTALLED:gone gone(100) "})
-    EXPECT_TRUE(daemon->logs(line)) << line;
+  for (const char* line : {"INSTALLED:edited edited(101) ", "INSTALLED:new new(100) ",
+                           "UNINSTALLED:edited edited(100) ", "UNINSTALLED:gone gone(100) "})
+    EXPECT_TRUE(daemon->waitForLog(line)) << line;
   EXPECT_EQ(daemon->logCount("INSTALLED:"), 4u) << "of both kinds";
 }
 
 TEST_F(Ready, ChoosesTheSandboxByExtensionPointAndConsent) {
-  const auto keyboard = [](const char* identifier, const Dictionary& attributes) {
+  const auto serving = [](const char* identifier, const char* point, const Dictionary& attributes) {
     return PlugInBundle{.identifier = identifier,
                         .attributes = attributes,
-                        .plugIn = {{"ZQExtensionPointIdentifier", "com.veltra.keyboard-service"}}};
+                        .plugIn = {{"ZQExtensionPointIdentifier", point}}};
   };
-  root.install("Keys.app", {keyboard("asks", {{"RequestsOpenAccess", true}}), keyboard("silent", {}),
-                            keyboard("text", {{"RequestsOpenAccess", "YES"}})});
-  root.install("Filter.app", {{.identifier = "filter",
-                               .plugIn = {{"ZQExtensionPointIdentifier", "com.veltra.fennix.filter-data"}}}});
+  const char* const keyboard = "com.veltra.keyboard-service";
+  root.install("Keys.app", {serving("asks", keyboard, {{"RequestsOpenAccess", true}}),
+                            serving("text", keyboard, {{"RequestsOpenAccess", "YES"}}),
+                            serving("filter", "com.veltra.fennix.filter-data", {})});
   start();
   const auto profile = [&](const char* identifier) {
     const UUID plugIn = uuid(identifier);
     EXPECT_EQ(errorOf(ready({plugIn})), "");
     return registration(plugIn)["LaunchDescription"]["QMXService"]["_SandboxProfile"];
   };
-  const auto consent = [&](const Value& granted) {
-    writePropertyList(root.configUser() + "/Consent.plist",
-                      Dictionary{{"app.Keys", Dictionary{{"kQSVServiceKeyboardNetwork", granted}}}});
+  const std::string consent = root.configUser() + "/Consent.plist";
+  const auto profileWith = [&](const Value& decision) {
+    writePropertyList(consent, Dictionary{{"app.Keys", decision}});
+    return profile("asks");
   };
+  const auto granted = [](const Value& value) { return Dictionary{{"kQSVServiceKeyboardNetwork", value}}; };
   EXPECT_EQ(profile("asks"), Value("keyboard"));
-  consent(true);
-  EXPECT_EQ(profile("asks"), Value("plugin")) << "consent is read anew";
-  EXPECT_EQ(profile("silent"), Value("keyboard"));
+  EXPECT_EQ(profileWith(granted(true)), Value("plugin")) << "consent is read anew";
   EXPECT_EQ(profile("text"), Value("keyboard")) << "it does not ask with the boolean";
-  for (const Value& no : {Value(false), Value("yes"), Value(0)}) {
-    consent(no);
-    EXPECT_EQ(profile("asks"), Value("keyboard")) << no.description();
-  }
-  writePropertyList(root.configUser() + "/Consent.plist", Dictionary{{"app.Keys", true}});
-  EXPECT_EQ(profile("asks"), Value("keyboard")) << "a misshapen entry";
+  for (const Value& no : {Value(granted(false)), Value(granted("yes")), Value(granted(0)), Value(true)})
+    EXPECT_EQ(profileWith(no), Value("keyboard")) << no.description();
   EXPECT_EQ(profile("filter"), Value("network-filter"));
   EXPECT_TRUE(daemon->logs("assigning plug-in filter(1.0) to network-filter sandbox"));
-  writeText(root.configUser() + "/Consent.plist", "no property list");
+  writeText(consent, "no property list");
   EXPECT_EQ(profile("asks"), Value("keyboard"));
   EXPECT_TRUE(daemon->logs("QSVAccessCopyInformationForBundle failed for "));
 }
 
-TEST_F(Ready, ARefusalEnablesNothingOfTheList) {
-  root.install("A.app",
-               {{.identifier = "free"}, {.identifier = "s", .plugIn = sealed}, {.identifier = "held"}});
+TEST_F(Ready, ARefusalEnablesNothingOfTheListAndDataPlugInsNeedNoEnabling) {
+  Dictionary sealedData = sealed;
+  sealedData.set("ZQExtensionProtocol", "#Data");
+  root.install("A.app", {{.identifier = "free"},
+                         {.identifier = "s", .plugIn = sealed},
+                         {.identifier = "held"},
+                         {.identifier = "data", .plugIn = sealedData}});
+  // Discovery asks the policy of data plug-ins too, so the UUID comes from a host that has the entitlement.
   WireClient& other = startWithHolder();
-  const UUID free = uuid("free"), held = uuid("held"), s = uuidOf(other, "s");
+  const UUID free = uuid("free"), held = uuid("held"), s = uuidOf(other, "s"), data = uuidOf(other, "data");
   EXPECT_EQ(errorOf(ready({free, s})),
             "11: access to plugin s denied: the host does not have the \"org.key\" entitlement");
   EXPECT_TRUE(daemon->logs("denied access to pid " + std::to_string(getpid()) + " for plugin s(" +
@@ -148,26 +148,15 @@ TEST_F(Ready, ARefusalEnablesNothingOfTheList) {
   hold("held");
   EXPECT_EQ(errorOf(ready({free, held})), "11: access to plugin held denied: the plug-in is on hold");
   EXPECT_EQ(errorOf(ready({free, UUID::random()})), "4: no such plugin (uuid not found)");
-  EXPECT_FALSE(isRegistered(free));
+  EXPECT_EQ(errorOf(ready({data})), "") << "no policy is asked";
+  EXPECT_FALSE(daemon->logs("enabling pid="));
+  EXPECT_EQ(errorOf(ready({data, free, data})), "");
+  EXPECT_TRUE(isRegistered(free) && !isRegistered(data));
+  EXPECT_FALSE(fs::exists(root.dataUser() + "/Containers/data"));
 
   EXPECT_EQ(errorOf(other.call(message("ready", {{"uuids", Array{s}}}))), "");
   EXPECT_TRUE(fs::exists(root.runtime() + "/Launcher/" + std::to_string(holder->pid()) + "/" + s.string() +
                          ".plist"));
-}
-
-TEST_F(Ready, DataPlugInsNeedNoEnabling) {
-  root.install("A.app",
-               {{.identifier = "data",
-                 .plugIn = {{"ZQExtensionProtocol", "#Data"}, {"ZQExtensionHostEntitlement", "org.key"}}},
-                {.identifier = "code"}});
-  // Discovery asks the policy of data plug-ins too, so the UUID comes from a host that has the entitlement.
-  const UUID data = uuidOf(startWithHolder(), "data"), code = uuid("code");
-  EXPECT_EQ(errorOf(ready({data})), "") << "no policy is asked";
-  EXPECT_FALSE(daemon->logs("enabling pid="));
-  EXPECT_EQ(errorOf(ready({data, code, data})), "");
-  EXPECT_TRUE(isRegistered(code));
-  EXPECT_FALSE(isRegistered(data));
-  EXPECT_FALSE(fs::exists(root.dataUser() + "/Containers/data"));
 }
 
 TEST_F(Ready, AFailureIsAnsweredOnceAndTheOthersAreStillEnabled) {
@@ -177,13 +166,11 @@ TEST_F(Ready, AFailureIsAnsweredOnceAndTheOthersAreStillEnabled) {
   for (const char* bad : {"bad.1", "bad.2"})
     fs::permissions(DeviceRoot::plugInPath(application, bad) + "/run", fs::perms::owner_read);
   start();
-  const UUID good = uuid("good"), bad1 = uuid("bad.1"), bad2 = uuid("bad.2"), fine = uuid("fine");
+  const UUID good = uuid("good"), fine = uuid("fine");
   const std::string pid = std::to_string(getpid());
-  const std::string error = errorOf(ready({good, bad1, bad2, fine}));
-  EXPECT_TRUE(error == "4: unable to enable plug-in bad.1(" + bad1.string() + ") for pid " + pid ||
-              error == "4: unable to enable plug-in bad.2(" + bad2.string() + ") for pid " + pid)
+  const std::string error = errorOf(ready({good, uuid("bad.1"), uuid("bad.2"), fine}));
+  EXPECT_TRUE(error.starts_with("4: unable to enable plug-in bad.") && error.ends_with(") for pid " + pid))
       << error;
-  EXPECT_EQ(daemon->logCount("enabling pid="), 4u);
   EXPECT_EQ(daemon->logCount("qmx error 13 allowing pid " + pid + " to use plug-in bad."), 2u);
   EXPECT_TRUE(isRegistered(good) && isRegistered(fine));
   EXPECT_TRUE(client->isSilent()) << "one reply";
@@ -198,7 +185,8 @@ TEST_F(Ready, AContainerThatIsGoneIsMadeAgainAndNoneIsNamedThatCannotBe) {
     EXPECT_EQ(errorOf(ready({a})), "");
     return registration(a)["LaunchDescription"]["QMXService"]["EnvironmentVariables"]["HOME"];
   };
-  EXPECT_EQ(home(), Value(container));
+  EXPECT_TRUE(eventually([&] { return fs::is_directory(container + "/tmp"); })) << "without being asked for";
+  EXPECT_EQ(fs::status(container).permissions(), fs::perms::owner_all);
   fs::remove_all(root.dataUser() + "/Containers");
   EXPECT_EQ(home(), Value(container));
   EXPECT_TRUE(fs::is_directory(container + "/tmp"));
@@ -207,6 +195,9 @@ TEST_F(Ready, AContainerThatIsGoneIsMadeAgainAndNoneIsNamedThatCannotBe) {
   EXPECT_EQ(home(), Value());
   EXPECT_TRUE(daemon->logs("no data container for plug-in a(1.0) " + a.string() + " at "));
   EXPECT_EQ(readText(container), "in the way");
+  fs::remove(container);
+  fs::create_directory_symlink(root.path(), container);
+  EXPECT_EQ(home(), Value());
   fs::remove(container);
   EXPECT_EQ(home(), Value(container));
 }
@@ -252,19 +243,14 @@ TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {
   start();
   const UUID a = uuid("a");
   ASSERT_EQ(errorOf(ready({a})), "");
-  ASSERT_TRUE(isRegistered(a));
   fs::rename(application, root.path() + "/away");
   EXPECT_TRUE(eventually([&] { return !isRegistered(a); }));
   EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:a a(100) "));
   EXPECT_FALSE(daemon->logs("PLUGIN REMOVAL:"));
-}
-
-TEST_F(Ready, ARegistrationThatCannotBeRemovedIsReported) {
-  const std::string application = root.install("A.app", {{.identifier = "a"}});
-  start();
-  EXPECT_EQ(found(), "a");
+  fs::rename(root.path() + "/away", application);
+  EXPECT_TRUE(eventually([&] { return found() == "a"; }));
   fs::create_directories(registrationPath(UUID()));  // no file: it cannot be unlinked
-  fs::rename(application, root.path() + "/away");
+  fs::remove_all(application);
   EXPECT_TRUE(daemon->waitForLog("PLUGIN REMOVAL:a RESULT:21"));
 }
 
@@ -273,17 +259,14 @@ TEST_F(Ready, AccessGivesOneTokenForEachInOrderAndAsksNothing) {
                {{.identifier = "open"}, {.identifier = "held"}, {.identifier = "s", .plugIn = sealed}});
   const UUID s = uuidOf(startWithHolder(), "s"), open = uuid("open"), held = uuid("held");
   hold("held");
-  const auto access = [&](const Value& version, const std::vector<UUID>& uuids) {
-    return call("access", {{"uuids", uuidArray(uuids)}, {"version", version}});
-  };
-  const Dictionary reply = access(3, {open, held, s, open});
+  const Dictionary reply = call("access", {{"uuids", Array{open, held, s, open}}});
   EXPECT_EQ(errorOf(reply), "");
   const Array* tokens = reply["extensions"].array();
   ASSERT_TRUE(tokens != nullptr && tokens->size() == 4);
   for (const Value& token : *tokens) EXPECT_TRUE(token.isString());
   EXPECT_NE((*tokens)[0], (*tokens)[3]) << "each token is fresh";
-  EXPECT_EQ(access(2, {})["extensions"], Value(Array())) << "present though empty, in both versions";
-  EXPECT_FALSE(access(3, {open, UUID::random()}).contains("extensions")) << "dropped with the request";
+  EXPECT_EQ(call("access", {{"uuids", Array()}, {"version", 2}})["extensions"], Value(Array()));
+  EXPECT_FALSE(call("access", {{"uuids", Array{open, UUID::random()}}}).contains("extensions"));
 }
 
 }  // namespace

@@ -25,46 +25,26 @@ class Registration : public DaemonTest {
 };
 
 TEST_F(Registration, AnAddedPlugInIsFoundByTheNextRequestAndARemovedOneIsNot) {
-  const std::string first = looseBundle("first"), second = looseBundle("second");
-  EXPECT_EQ(Value(call("add", {{"paths", Array{first, second}}})), Value(Dictionary()))
+  const std::string first = looseBundle("first"), second = looseBundle("second"),
+                    link = root.path() + "/link";
+  fs::create_symlink(first, link);
+  EXPECT_EQ(Value(call("add", {{"paths", Array{link, second}}})), Value(Dictionary()))
       << "a success has no keys";
   EXPECT_EQ(found(), "first second");
+  EXPECT_EQ(form("first")["path"].string(), first);
   EXPECT_TRUE(daemon->waitForLog("INSTALLED:first first(100) "));
   EXPECT_TRUE(daemon->waitForLog(" " + first));
   EXPECT_EQ(errorOfPaths("add", {first}), "") << "again is a success";
-  EXPECT_EQ(found(), "first second");
 
-  EXPECT_EQ(Value(call("remove", {{"paths", Array{first}}})), Value(Dictionary()));
+  EXPECT_EQ(Value(call("remove", {{"paths", Array{first + "/../first.appex/."}}})), Value(Dictionary()));
   EXPECT_EQ(found(), "second");
   EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:first first(100) "));
-  EXPECT_EQ(errorOfPaths("remove", {first}), "9: no plugin at " + first);
+  EXPECT_EQ(errorOfPaths("remove", {link}), "9: no plugin at " + first) << "the resolved path is shown";
+  fs::remove_all(second);
+  EXPECT_EQ(errorOfPaths("remove", {second}), "") << "as received: it resolves no more";
+  EXPECT_EQ(errorOfPaths("remove", {"x"}), "9: absolute path required: x");
   usleep(700'000);  // whoever was on the way to look at the new bundle has done so
-  EXPECT_EQ(found(), "second");
-}
-
-TEST_F(Registration, AnSDKCountsForWhatWasOfferedBefore) {
-  const std::string sdk = root.dataUser() + "/SDKs/point.plist";
-  const auto give = [&sdk](const char* name) {
-    writePropertyList(
-        sdk, Dictionary{{"ZQExtension",
-                         Dictionary{{"ZQExtensionAttributes", Dictionary{{"ZQExtensionPointName", name}}}}}});
-  };
-  const auto names = [](const char* name) { return Dictionary{{"ZQExtensionPointName", name}}; };
-  root.install("A.app",
-               {{.identifier = "served", .point = "", .plugIn = {{"ZQExtensionPointIdentifier", "point"}}},
-                {.identifier = "other"}});
-  ASSERT_TRUE(eventually([this] { return found() == "other served"; }));
-  for (const char* name : {"first", "second"}) {
-    EXPECT_EQ(found(names(name)), "");
-    give(name);
-    EXPECT_TRUE(eventually([&] { return found(names(name)) == "served"; })) << name;
-  }
-  EXPECT_EQ(found(names("first")), "");
-  fs::remove(sdk);
-  EXPECT_TRUE(eventually([&] { return found(names("second")).empty(); }));
-  EXPECT_EQ(found(names("com.example.share")), "other");
-  EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:served", 3));
-  EXPECT_FALSE(daemon->logs("UNINSTALLED:other"));
+  EXPECT_EQ(found(), "");
 }
 
 TEST_F(Registration, PathsAreJudgedInOrderAndTheWalkStopsAtTheFirstBadOne) {
@@ -87,34 +67,6 @@ TEST_F(Registration, PathsAreJudgedInOrderAndTheWalkStopsAtTheFirstBadOne) {
   EXPECT_EQ(found(), "good later");
 }
 
-TEST_F(Registration, SymbolicLinksAreResolvedBeforeTheRegistryIsAsked) {
-  const std::string real = looseBundle("linked");
-  const std::string link = root.path() + "/link.appex";
-  fs::create_symlink(real, link);
-  EXPECT_EQ(errorOfPaths("add", {link}), "");
-  EXPECT_EQ(formOf(match(*client), "linked")["path"].string(), real);
-  EXPECT_EQ(errorOfPaths("remove", {real + "/../linked.appex/."}), "");
-  EXPECT_EQ(errorOfPaths("remove", {link}), "9: no plugin at " + real) << "the resolved path is shown";
-}
-
-TEST_F(Registration, APlugInWhoseBundleIsGoneCanStillBeRemoved) {
-  const std::string path = looseBundle("gone");
-  ASSERT_EQ(errorOfPaths("add", {path}), "");
-  fs::remove_all(path);
-  EXPECT_EQ(errorOfPaths("remove", {path}), "");
-  EXPECT_EQ(errorOfPaths("remove", {path}), "9: no plugin at " + path) << "as received: it resolves no more";
-  EXPECT_EQ(errorOfPaths("remove", Array()), "");
-  EXPECT_EQ(errorOfPaths("remove", {"x"}), "9: absolute path required: x");
-}
-
-TEST_F(Registration, PlugInsOfTheSystemStay) {
-  const std::string application = root.install("System.app", {{.identifier = "sys"}}, true);
-  ASSERT_TRUE(eventually([&] { return found() == "sys"; }));
-  const std::string path = DeviceRoot::plugInPath(application, "sys");
-  EXPECT_EQ(errorOfPaths("remove", {path}), "9: no plugin at " + path);
-  EXPECT_EQ(found(), "sys");
-}
-
 TEST_F(Registration, APathHasToFitItsBufferAsReceivedAndResolved) {
   const std::string real = looseBundle("deep");
   // The longest path that fits, and the first that does not: both lead to the same bundle.
@@ -135,15 +87,6 @@ TEST_F(Registration, APathHasToFitItsBufferAsReceivedAndResolved) {
   const std::string link = root.path() + "/short";
   fs::create_directory_symlink(deep, link);
   EXPECT_EQ(errorOfPaths("add", {link}), "9: invalid plugin path: " + link);
-}
-
-TEST_F(Registration, BulkIsAcceptedLoggedAndDoesNothing) {
-  EXPECT_EQ(Value(call("bulk", {{"flags", UINT64_MAX}})), Value(Dictionary()));
-  EXPECT_TRUE(daemon->logs("bulk options 0xffffffffffffffff not supported"));
-  EXPECT_EQ(Value(call("bulk")), Value(Dictionary()));
-  EXPECT_EQ(error("bulk", {{"flags", "text"}}), "");
-  EXPECT_EQ(error("bulk", {{"flags", -5}}), "");
-  EXPECT_EQ(daemon->logCount("bulk options 0x0 not supported"), 3u);
 }
 
 }  // namespace

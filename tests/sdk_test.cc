@@ -45,26 +45,26 @@ TEST_F(SDK, FillsInWhatThePlugInLacksLevelByLevel) {
   const auto level = [](const Dictionary& entries, const Value& below) {
     return ambrel::dictionaryChanging(entries, "section", below);
   };
-  const Dictionary sdk = {{"new", 1}, {"both", 1}, {"CleanTimeout", 30}};
-  const Dictionary info = {{"own", 2}, {"both", 2}, {"CleanTimeout", 5}};
-  const Dictionary merged = {{"new", 1}, {"own", 2}, {"both", 2}, {"CleanTimeout", 30}};
+  const Dictionary sdk = {{"new", 1}, {"both", 1}, {"CleanTimeout", 30}, {"shape", Dictionary{{"x", 1}}}};
+  const Dictionary info = {{"own", 2}, {"both", 2}, {"CleanTimeout", 5}, {"shape", "text"}};
+  const Dictionary merged = {{"new", 1}, {"own", 2}, {"both", 2}, {"CleanTimeout", 30}, {"shape", "text"}};
   EXPECT_EQ(ABPlugInCore::mergeDictionary(level(sdk, level(sdk, sdk)), level(info, level(info, info))),
             level(merged, level(merged, merged)));
-  EXPECT_EQ(ABPlugInCore::mergeDictionary(
-                {{"shape", Dictionary{{"x", 1}}}, {"list", Array{1}}, {"Shared", Array{"a", "b"}}},
-                {{"shape", "text"}, {"list", Array{2}}, {"Shared", Array{"b", "c", "c"}}}),
-            (Dictionary{{"shape", "text"}, {"list", Array{2}}, {"Shared", Array{"b", "c", "a"}}}));
 }
 
-TEST_F(SDK, UnitesSharedResourcesOfAnyShape) {
+TEST_F(SDK, UnitesSharedResourcesOfAnyShapeAndNoOtherLists) {
   const auto unite = [](const Value& sdk, const Value& info) {
-    return ABPlugInCore::mergeSharedResources(sdk, info);
+    return ABPlugInCore::mergeDictionary({{"Shared", sdk}, {"list", sdk}},
+                                         {{"Shared", info}, {"list", info}});
   };
-  EXPECT_EQ(unite("a", "b"), Value(Array{"b", "a"}));
-  EXPECT_EQ(unite("a", Array{"a"}), Value(Array{"a"}));
-  EXPECT_EQ(unite(Array{1, 1.0, true, 2, Array{1}}, Array{"1", Array{1}}), Value(Array{"1", Array{1}, 1, 2}));
-  EXPECT_EQ(unite(Dictionary(), Array{"b"}), Value(Array{"b"}));
-  EXPECT_EQ(unite(Array{"a"}, 5), Value(5));
+  for (const auto& [sdk, info, united] :
+       {std::tuple<Value, Value, Value>("a", "b", Array{"b", "a"}),
+        {"a", Array{"a"}, Array{"a"}},
+        {Array{1, 1.0, true, 2, Array{1}}, Array{"1", Array{1}}, Array{"1", Array{1}, 1, 2}},
+        {Dictionary(), Array{"b"}, Array{"b"}},
+        {Array{"a", "b"}, Array{"b", "c", "c"}, Array{"b", "c", "a"}},
+        {Array{"a"}, 5, 5}})
+    EXPECT_EQ(unite(sdk, info), (Dictionary{{"Shared", united}, {"list", info}}));
 }
 
 TEST_F(SDK, ATestDirectoryComesBeforeTheRegisteredSDKs) {
@@ -90,34 +90,13 @@ TEST_F(SDK, ATestDirectoryComesBeforeTheRegisteredSDKs) {
 }
 
 TEST_F(SDK, AnUnknownSDKIsLoggedAndABadNameLeavesTheRecordAsItWas) {
-  const auto unknown = logOf([] {
+  const auto log = logOf([] {
     EXPECT_EQ(resolve({{"ZQExtensionPointIdentifier", "no.such"}})->version(), Value("1"));
-  });
-  EXPECT_EQ(unknown, std::vector<std::string>{"plug-in sdk \"no.such\" not registered"});
-
-  const auto invalid = logOf([] {
     const auto record = resolve({{"ZQExtensionPointIdentifier", Array{1}}});
     EXPECT_TRUE(record->attributes().isNone());
-    EXPECT_TRUE(record->version().isNone());
     EXPECT_FALSE(record->exportForm().contains("version"));
   });
-  EXPECT_EQ(invalid, std::vector<std::string>{"invalid SDK key:(1)"});
-}
-
-TEST_F(SDK, MergedAttributesKeepThePlugInsValues) {
-  registerSDK("point.attributes", {{"ZQExtensionAttributes", Dictionary{{"a", "sdk"}, {"b", "sdk"}}},
-                                   {"ZQExtensionProtocol", "FromSDK"},
-                                   {"CleanTimeout", 30}});
-  const auto record = resolve({{"ZQExtensionPointIdentifier", "point.attributes"},
-                               {"ZQExtensionAttributes", Dictionary{{"b", "own"}}},
-                               {"ZQExtensionProtocol", "Own"},
-                               {"CleanTimeout", 5}});
-  EXPECT_EQ(record->attributes(),
-            Value(Dictionary{
-                {"a", "sdk"}, {"b", "own"}, {"com.veltra.format", "standard"}, {"ZQExtensionVersion", "1"}}));
-  EXPECT_EQ(record->protocolSpec(), Value("Own"));
-  EXPECT_EQ(record->plugInDictionary()["CleanTimeout"], Value(30));
-  EXPECT_EQ(record->bundleInfoDictionary()["ZQExtension"], record->plugInDictionary());
+  EXPECT_EQ(log, (std::vector<std::string>{"plug-in sdk \"no.such\" not registered", "invalid SDK key:(1)"}));
 }
 
 TEST_F(SDK, MergesIntoTheSectionOfAMultiplexedBundleNotIntoItsPlugIns) {
@@ -131,49 +110,40 @@ TEST_F(SDK, MergesIntoTheSectionOfAMultiplexedBundleNotIntoItsPlugIns) {
   EXPECT_EQ(record->topDictionary()["Multiple"]["a"], record->plugInDictionary());
 }
 
-TEST_F(SDK, CanonicalizationGivesApplicationExtensionsTheirDefaults) {
+TEST_F(SDK, CanonicalizationFillsInDefaultsVersionAndFormat) {
   const auto record = resolve({{"Shared", Array{"a", "b"}}});
   EXPECT_EQ(record->protocolSpec(), Value("ZQObject"));
   EXPECT_EQ(record->plugInDictionary()["PrincipalClass"], Value("ZQObject"));
   EXPECT_EQ(record->plugInDictionary()["Shared"], Value(Array{"."}));
-  EXPECT_EQ(record->diagnose(), std::nullopt);
-
+  EXPECT_EQ(record->bundleInfoDictionary()["ZQExtension"], record->plugInDictionary());
   const auto other = resolve({{"Shared", "a"}}, {}, "/a.plugin");
   EXPECT_TRUE(other->protocolSpec().isNone());
   EXPECT_EQ(other->plugInDictionary()["Shared"], Value("a"));
-}
 
-TEST_F(SDK, CanonicalizationRecordsVersionAndFormat) {
-  const auto version = [](const Dictionary& attributes, const Dictionary& info) {
-    return resolve({{"ZQExtensionAttributes", attributes}}, info)->version();
+  const auto attributes = [](const Dictionary& own, const Dictionary& info, const Dictionary& section) {
+    return resolve(dictionaryChanging(section, "ZQExtensionAttributes", own), info)->attributes();
   };
-  EXPECT_EQ(version({{"ZQExtensionVersion", "7"}}, {{"BWBundleShortVersionString", "3"}}), Value("7"));
-  EXPECT_EQ(version({}, {{"BWBundleShortVersionString", "3"}}), Value("3"));
-  EXPECT_EQ(version({}, {}), Value("1"));
-  const Dictionary forged = {{"com.veltra.format", "forged"}};
-  EXPECT_EQ(resolve({{"ZQExtensionAttributes", forged}})->attributes()["com.veltra.format"],
-            Value("standard"));
-  EXPECT_EQ(resolve({{"EmbeddedCode", 0}})->attributes()["com.veltra.format"], Value("hybrid"));
+  const Dictionary brief = {{"BWBundleShortVersionString", "3"}};
+  EXPECT_EQ(attributes({{"ZQExtensionVersion", "7"}, {"com.veltra.format", "forged"}}, brief, {}),
+            Value(Dictionary{{"ZQExtensionVersion", "7"}, {"com.veltra.format", "standard"}}));
+  EXPECT_EQ(attributes({}, brief, {{"EmbeddedCode", 0}}),
+            Value(Dictionary{{"ZQExtensionVersion", "3"}, {"com.veltra.format", "hybrid"}}));
+  EXPECT_EQ(attributes({}, {}, {})["ZQExtensionVersion"], Value("1"));
 }
 
 TEST_F(SDK, DiagnosisNamesTheFirstFault) {
+  EXPECT_EQ(diagnosis({}), "");
   EXPECT_EQ(diagnosis({{"ZQExtensionProtocol", "P"}}, "/a.plugin"), "");
   EXPECT_EQ(diagnosis({}, "/a.plugin"), "missing \"ZQExtensionProtocol\" key in Info.plist or SDK");
-  for (const Value& attributes : {Value(Array{1}), Value("x")})
-    EXPECT_EQ(diagnosis({{"ZQExtensionAttributes", attributes}}),
-              "missing \"ZQExtensionAttributes\" key in Info.plist or SDK");
+  EXPECT_EQ(diagnosis({{"ZQExtensionAttributes", "x"}}),
+            "missing \"ZQExtensionAttributes\" key in Info.plist or SDK");
   EXPECT_EQ(diagnosis({{"PrincipalClass", "Own"}, {"PassProxy", true}}),
             "Application Extensions may not use the \"PrincipalClass\" key");
   EXPECT_EQ(diagnosis({{"PassProxy", false}, {"EmbeddedCode", 1}}),
             "the \"PassProxy\" key is not supported on this platform");
   EXPECT_EQ(diagnosis({{"EmbeddedCode", 1}}), "hybrid plug-ins are not supported on this platform");
-
   EXPECT_EQ(*ABPlugInCore().diagnose()->text,
             "missing identifier (no ZQExtensionIdentifier, nor even BWBundleIdentifier)");
-  logOf([] {  // an SDK name of a wrong type leaves the record without attributes
-    EXPECT_EQ(diagnosis({{"ZQExtensionPointIdentifier", 1}, {"ZQExtensionProtocol", "P"}}),
-              "missing \"ZQExtensionAttributes\" key in Info.plist or SDK");
-  });
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "platform/system/Directories.h"
 #include "platform/system/Notifications.h"
 #include "tests/support/Child.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/OwnDevice.h"
 
 namespace {
@@ -70,15 +71,12 @@ TEST_F(DirectoriesTest, ARootThatIsNamedTwiceCountsOnceAndInCanonicalForm) {
 
 TEST_F(DirectoriesTest, APrivateDirectoryIsRefusedUnlessItIsOursAlone) {
   const std::string path = base_ + "/private";
-  ASSERT_EQ(makePrivateDirectory(path), 0);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(makePrivateDirectory(path), 0);
   EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_all);
-  EXPECT_EQ(makePrivateDirectory(path), 0);
   chmod(path.c_str(), 0710);
   EXPECT_EQ(makePrivateDirectory(path), EACCES);
   fs::create_directory_symlink(base_, base_ + "/link");
   EXPECT_EQ(makePrivateDirectory(base_ + "/link"), ENOTDIR);
-  writeText(base_ + "/file", "");
-  EXPECT_EQ(makePrivateDirectory(base_ + "/file"), ENOTDIR);
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a directory away";
   chmod(path.c_str(), 0700);
   ASSERT_EQ(chown(path.c_str(), 12345, 12345), 0);
@@ -89,14 +87,13 @@ TEST_F(DirectoriesTest, APathThatMayStillComeIsCanonicalAsFarAsItExists) {
   fs::create_directories(base_ + "/real");
   fs::create_directory_symlink("real", base_ + "/link");
   fs::create_symlink("nowhere", base_ + "/dangling");
-  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/link/x/./y/"), base_ + "/real/x/y");
-  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/link/../new"), base_ + "/new");
-  EXPECT_EQ(canonicalPathOfFutureFile("/new-thing"), "/new-thing");
-  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/missing/../other"), "");
-  EXPECT_EQ(canonicalPathOfFutureFile(base_ + "/dangling"), "");
-  EXPECT_TRUE(isInside("/a/b", "/a"));
-  EXPECT_TRUE(isInside("/a", "/a"));
-  EXPECT_TRUE(isInside("/a", "/"));
+  for (const auto& [path, canonical] : {std::pair(base_ + "/link/x/./y/", base_ + "/real/x/y"),
+                                        {base_ + "/link/../new", base_ + "/new"},
+                                        {"/new-thing", "/new-thing"},
+                                        {base_ + "/missing/../other", ""},
+                                        {base_ + "/dangling", ""}})
+    EXPECT_EQ(canonicalPathOfFutureFile(path), canonical);
+  EXPECT_TRUE(isInside("/a/b", "/a") && isInside("/a", "/a") && isInside("/a", "/"));
   EXPECT_FALSE(isInside("/ab", "/a"));
 }
 
@@ -118,12 +115,6 @@ class BundleTest : public testing::Test {
     writePropertyList(app_ + "/Info.plist",
                       Dictionary{{"BWBundleIdentifier", "app"}, {"BWBundleExecutable", executable}});
   }
-  std::shared_ptr<const qmx::Bundle> open() const {
-    return qmx::Bundle::create(app_, qmx::Bundle::directory);
-  }
-  std::optional<std::string> executable() const {
-    return open()->property(qmx::Bundle::executablePathProperty);
-  }
   const std::string app_ = ownDevice.dataUser() + "/Applications/A.app";
 };
 
@@ -144,19 +135,19 @@ TEST_F(BundleTest, AnExecutableBelongsToTheInnermostBundleAroundIt) {
 }
 
 TEST_F(BundleTest, TheExecutableStaysInTheBundle) {
-  EXPECT_EQ(executable(), app_ + "/bin/main");
-  writeInfo("not-there");
-  EXPECT_EQ(executable(), app_ + "/not-there") << "who starts it learns that it is missing";
   fs::create_symlink("bin/main", app_ + "/inside");
-  writeInfo("inside");
-  EXPECT_EQ(executable(), app_ + "/bin/main");
   fs::create_symlink("/bin/sh", app_ + "/outside");
+  const auto executable = [this](const Value& named) {
+    writeInfo(named);
+    return qmx::Bundle::create(app_, qmx::Bundle::directory)->property(qmx::Bundle::executablePathProperty);
+  };
+  EXPECT_EQ(executable("bin/main"), app_ + "/bin/main");
+  EXPECT_EQ(executable("not-there"), app_ + "/not-there") << "who starts it learns that it is missing";
+  EXPECT_EQ(executable("inside"), app_ + "/bin/main");
   for (const Value& escape :
        {Value("outside"), Value("../../../bin/sh"), Value("/bin/sh"), Value("bin/../.."), Value("."),
-        Value(""), Value(7), Value("missing/../../../x")}) {
-    writeInfo(escape);
-    EXPECT_EQ(executable(), std::nullopt) << escape.description();
-  }
+        Value(""), Value(7), Value("missing/../../../x")})
+    EXPECT_EQ(executable(escape), std::nullopt) << escape.description();
 }
 
 // The language is read once, so the names in another one need a process of their own.
@@ -182,15 +173,6 @@ TEST_F(BundleTest, NamesAreInTheUsersLanguageWhereTheBundleKnowsIt) {
   EXPECT_EQ(namesIn("../../x"), "Pictures of All|Pictures");
 }
 
-/// Runs `loop` until `isDone` or two seconds have passed.
-bool runUntil(RunLoop& loop, const std::function<bool()>& isDone) {
-  for (int i = 0; i < 400 && !isDone(); ++i) {
-    loop.after(5ms, [&loop] { loop.stop(); });
-    loop.run();
-  }
-  return isDone();
-}
-
 TEST(Notifications, EveryPostAfterTheObserverWasMadeIsCounted) {
   clearOwnDevice();
   RunLoop loop;
@@ -201,7 +183,13 @@ TEST(Notifications, EveryPostAfterTheObserverWasMadeIsCounted) {
     posts += count;
     if (posts == 202) observer.reset();
   });
-  ASSERT_TRUE(observer->isWatching());
+  const auto sees = [&](uint64_t expected) {
+    return eventually([&] {
+      loop.after(5ms, [&loop] { loop.stop(); });
+      loop.run();
+      return posts == expected;
+    });
+  };
   // Before the loop has ever run, by several threads, and beside another notification.
   {
     std::vector<std::jthread> threads;
@@ -211,13 +199,13 @@ TEST(Notifications, EveryPostAfterTheObserverWasMadeIsCounted) {
       });
   }
   postNotification("other");
-  EXPECT_TRUE(runUntil(loop, [&posts] { return posts == 200; })) << posts;
+  EXPECT_TRUE(sees(200)) << posts;
   // A file that is made anew counts from its beginning.
   fs::remove(ownDevice.runtime() + "/Notifications/change");
-  postNotification("change");
-  EXPECT_TRUE(runUntil(loop, [&posts] { return posts == 201; })) << posts;
-  postNotification("change");
-  EXPECT_TRUE(runUntil(loop, [&posts] { return posts == 202; })) << posts;
+  for (const uint64_t expected : {201u, 202u}) {
+    postNotification("change");
+    EXPECT_TRUE(sees(expected)) << posts;
+  }
   EXPECT_EQ(observer, nullptr) << "it may end itself in its handler";
 }
 
