@@ -1,4 +1,7 @@
-// The record that daemon and clients share: set-up, its three views, its form; and the helpers beneath it.
+// The record that daemon and clients share: set-up, its three views, its form, resolution against SDKs,
+// canonicalization, diagnosis; and the helpers beneath it.
+
+#include <cstdlib>
 
 #include "Ambrel/ABCollections.h"
 #include "Ambrel/ABPlugInCore.h"
@@ -8,7 +11,8 @@
 namespace {
 
 using namespace ambrel;
-using testsupport::logOf;
+using testsupport::logOf, testsupport::thisDevice;
+using testsupport::writePropertyList, testsupport::writeText;
 
 using Log = std::vector<std::string>;
 
@@ -25,7 +29,7 @@ std::shared_ptr<ABPlugInCore> recordOf(Dictionary section, const char* name = "o
 
 class CoreRecord : public testing::Test {
  protected:
-  CoreRecord() { testsupport::thisDevice(); }
+  CoreRecord() { thisDevice(); }
 };
 
 TEST(VersionComparison, OrdersRunsOfDigitsByTheirNumber) {
@@ -63,46 +67,26 @@ TEST_F(CoreRecord, SetUpFailsForEachMissingPartWithItsMessage) {
     EXPECT_EQ(setUp("a", Dictionary{{"ZQExtension", Dictionary{{"Multiple", multiple}}}}).size(), 1u);
 }
 
-TEST_F(CoreRecord, IdentityIsTheUUIDAlone) {
-  const auto uuid = UUID::random();
-  const Dictionary info = {{"ZQExtension", plugInSection()}};
-  const auto a = ABPlugInCore::initWithName("a", kURL, info, {}, uuid);
-  const auto b = ABPlugInCore::initWithName("b", URL::file("/b"), info, Dictionary{{"Other", true}}, uuid);
-  EXPECT_EQ(b->plugInDictionary(), Value(plugInSection())) << "the bundle's, whatever else it is given";
-  EXPECT_TRUE(a->isEqual(b.get()) && a->hash() == b->hash());
-  EXPECT_FALSE(recordOf(plugInSection())->isEqual(recordOf(plugInSection()).get()));
-}
-
 TEST_F(CoreRecord, AChangedViewAppearsInTheViewsAboveIt) {
-  auto record = recordOf(plugInSection());
-  const Dictionary changed = dictionaryChanging(plugInSection(), "Dedicated", true);
+  const Dictionary changed = {{"Dedicated", true}}, sibling = {{"Sibling", 1}};
+  const auto multiple = [&](const Dictionary& own) {
+    return Dictionary{{"Multiple", Dictionary{{"org.notes.share", own}, {"sibling", sibling}}}, {"Top", 7}};
+  };
+  auto record = recordOf(multiple(plugInSection()));
+  EXPECT_TRUE(record->isMultiplexed());
   record->setPlugInDictionary(changed);
-  EXPECT_EQ(record->topDictionary(), Value(changed));
-  EXPECT_EQ(record->bundleInfoDictionary(), Value(Dictionary{{"ZQExtension", changed}}));
-
-  const Dictionary sibling = {{"Sibling", 1}};
-  auto multiplexed = recordOf(
-      {{"Multiple", Dictionary{{"org.notes.share", plugInSection()}, {"sibling", sibling}}}, {"Top", 7}});
-  EXPECT_TRUE(multiplexed->isMultiplexed());
-  multiplexed->setPlugInDictionary(changed);
-  const Dictionary expected = {{"Multiple", Dictionary{{"org.notes.share", changed}, {"sibling", sibling}}},
-                               {"Top", 7}};
-  EXPECT_EQ(multiplexed->topDictionary(), Value(expected));
-  EXPECT_EQ(multiplexed->bundleInfoDictionary()["ZQExtension"], Value(expected));
-
+  EXPECT_EQ(record->topDictionary(), Value(multiple(changed)));
+  EXPECT_EQ(record->bundleInfoDictionary(), Value(Dictionary{{"ZQExtension", multiple(changed)}}));
   ABPlugInCore empty;  // nothing was there, so nothing propagates
   empty.setTopDictionary(changed);
   EXPECT_TRUE(empty.bundleInfoDictionary().isNone());
 }
 
 TEST_F(CoreRecord, DerivesItsStyleFromItsDictionaries) {
-  auto record = recordOf({{"ZQExtensionProtocol", "#Data"}, {"Dedicated", 1}, {"EmbeddedCode", false}});
+  const auto record = recordOf({{"ZQExtensionProtocol", "#Data"}, {"Dedicated", 1}, {"EmbeddedCode", false}});
   EXPECT_TRUE(record->isData() && record->isDedicated() && record->isHybrid() && record->isAppExtension());
   EXPECT_FALSE(record->isMultiplexed() || record->oldStyle());
-  EXPECT_EQ(record->embeddedProtocolSpec(), Value("#Data"));
-  auto other = recordOf({{"ZQExtensionProtocol", Array{"#Data"}}, {"EmbeddedProtocol", "E"}});
-  EXPECT_FALSE(other->isData());
-  EXPECT_EQ(other->embeddedProtocolSpec(), Value("E"));
+  EXPECT_FALSE(recordOf({{"ZQExtensionProtocol", Array{"#Data"}}})->isData());
   ABPlugInCore old;
   EXPECT_FALSE(old.setDictionaries(Dictionary{{"Ambrel", "anything"}}));
   EXPECT_TRUE(old.oldStyle());
@@ -119,38 +103,151 @@ TEST_F(CoreRecord, AFormRestoresTheRecord) {
   record->setLocalizedName("Teilen");
   record->updateFromForm({{"annotations", Dictionary{{"election", 2}}}});
   const Dictionary form = record->exportForm();
-
+  EXPECT_FALSE(form.contains("localizedShortName") || form.contains("hash"));
   const auto restored = ABPlugInCore::initWithForm(form);
   ASSERT_NE(restored, nullptr);
-  EXPECT_TRUE(restored->isEqual(record.get()));
+  EXPECT_TRUE(restored->isEqual(record.get()) && restored->hash() == record->hash());
   EXPECT_EQ(restored->exportForm(), form);
   EXPECT_EQ(restored->version(), Value("2"));
-  EXPECT_EQ(restored->containingPath(), "/apps/Notes.app");
-  EXPECT_EQ(restored->localizedShortName(), std::nullopt);
-  EXPECT_FALSE(form.contains("localizedShortName"));
-  EXPECT_FALSE(form.contains("hash"));
+
+  const Dictionary least = {{"path", "/a.appex"}, {"identifier", "a"}, {"bundleInfo", form["bundleInfo"]}};
+  const auto bare = ABPlugInCore::initWithForm(least);
+  EXPECT_EQ(bare->hubProtocolVersion(), 1u);
+  EXPECT_FALSE(bare->onSystemVolume() || bare->isEqual(ABPlugInCore::initWithForm(least).get()));
+  for (const char* required : {"path", "identifier", "bundleInfo"})
+    logOf([&] { EXPECT_EQ(ABPlugInCore::initWithForm(dictionaryChanging(least, required, {})), nullptr); });
 }
 
-TEST_F(CoreRecord, ReadsWhatAFormLacksAsItsDefault) {
-  const Dictionary form = {{"path", "/a.appex"},
-                           {"identifier", "a"},
-                           {"uuid", "no UUID"},
-                           {"info", Dictionary{{"Dedicated", true}}},
-                           {"bundleInfo", Dictionary{{"ZQExtension", plugInSection()}}}};
-  const auto record = ABPlugInCore::initWithForm(form);
-  EXPECT_EQ(record->hubProtocolVersion(), 1u);
-  EXPECT_EQ(record->lastModified(), 0);
-  EXPECT_FALSE(record->onSystemVolume() || record->isDedicated());
-  EXPECT_TRUE(record->annotations().isNone());
-  EXPECT_FALSE(record->isEqual(ABPlugInCore::initWithForm(form).get()));
+class SDK : public testing::Test {
+ protected:
+  SDK() { thisDevice(); }
+  ~SDK() override { unsetenv("ABTEST_SDK"); }
 
-  for (const char* required : {"path", "identifier", "bundleInfo"}) {
-    Dictionary broken = form;
-    broken.remove(required);
-    const size_t messages = logOf([&] { EXPECT_EQ(ABPlugInCore::initWithForm(broken), nullptr); }).size();
-    EXPECT_EQ(messages, std::string_view(required) == "path" ? 0u : 1u) << required;
+  static void registerSDK(const std::string& name, const Dictionary& section) {
+    writePropertyList(thisDevice().dataUser() + "/SDKs/" + name + ".plist",
+                      Dictionary{{"ZQExtension", section}});
   }
-  EXPECT_EQ(ABPlugInCore::initWithForm(dictionaryChanging(form, "path", "relative")), nullptr);
+  /// A resolved record of an application extension (or, with another suffix, of any plug-in).
+  static std::shared_ptr<ABPlugInCore> resolve(const Dictionary& section, const Dictionary& more = {},
+                                               const char* path = "/a.appex") {
+    Dictionary info = more;
+    info.set("ZQExtension", section);
+    auto record = ABPlugInCore::initWithName("a", URL::file(path), info, {}, {});
+    if (record != nullptr) record->resolveSDK();
+    return record;
+  }
+  static std::string diagnosis(const Dictionary& section, const char* path = "/a.appex") {
+    const auto error = resolve(section, {}, path)->diagnose();
+    if (!error) return "";
+    EXPECT_EQ(error->code, 12);
+    EXPECT_EQ(error->domain, "Ambrel");
+    return *error->text;
+  }
+};
+
+TEST_F(SDK, FillsInWhatThePlugInLacksLevelByLevel) {
+  const auto level = [](const Dictionary& entries, const Value& below) {
+    return ambrel::dictionaryChanging(entries, "section", below);
+  };
+  const Dictionary sdk = {{"new", 1}, {"both", 1}, {"CleanTimeout", 30}, {"shape", Dictionary{{"x", 1}}}};
+  const Dictionary info = {{"own", 2}, {"both", 2}, {"CleanTimeout", 5}, {"shape", "text"}};
+  const Dictionary merged = {{"new", 1}, {"own", 2}, {"both", 2}, {"CleanTimeout", 30}, {"shape", "text"}};
+  EXPECT_EQ(ABPlugInCore::mergeDictionary(level(sdk, level(sdk, sdk)), level(info, level(info, info))),
+            level(merged, level(merged, merged)));
+}
+
+TEST_F(SDK, UnitesSharedResourcesOfAnyShapeAndNoOtherLists) {
+  const auto unite = [](const Value& sdk, const Value& info) {
+    return ABPlugInCore::mergeDictionary({{"Shared", sdk}, {"list", sdk}},
+                                         {{"Shared", info}, {"list", info}});
+  };
+  for (const auto& [sdk, info, united] :
+       {std::tuple<Value, Value, Value>("a", "b", Array{"b", "a"}),
+        {"a", Array{"a"}, Array{"a"}},
+        {Array{1, 1.0, true, 2, Array{1}}, Array{"1", Array{1}}, Array{"1", Array{1}, 1, 2}},
+        {Dictionary(), Array{"b"}, Array{"b"}},
+        {Array{"a", "b"}, Array{"b", "c", "c"}, Array{"b", "c", "a"}},
+        {Array{"a"}, 5, 5}})
+    EXPECT_EQ(unite(sdk, info), (Dictionary{{"Shared", united}, {"list", info}}));
+}
+
+TEST_F(SDK, ATestDirectoryComesBeforeTheRegisteredSDKs) {
+  registerSDK("point.both", {{"From", "registry"}});
+  writePropertyList(thisDevice().dataSystem() + "/SDKs/point.one.plist",
+                    Dictionary{{"ZQExtension", Dictionary{{"From", "system"}}}});
+  registerSDK("point.one", {{"From", "registry"}});
+  const std::string directory = thisDevice().path() + "/sdks";
+  writePropertyList(directory + "/point.both", Dictionary{{"ZQExtension", Dictionary{{"From", "test"}}}});
+  writePropertyList(directory + "/point.array", Array{1});
+  registerSDK("point.array", {{"From", "registry"}});
+  setenv("ABTEST_SDK", directory.c_str(), 1);
+  const auto from = [](const char* name) {
+    return resolve({{"ZQExtensionPointIdentifier", name}})->plugInDictionary()["From"];
+  };
+  EXPECT_EQ(from("point.both"), Value("test"));
+  EXPECT_EQ(from("point.one"), Value("registry")) << "the user's comes before the system's";
+  writeText(thisDevice().dataUser() + "/SDKs/point.one.plist", "damaged");
+  EXPECT_EQ(from("point.one"), Value("system"));
+  EXPECT_EQ(from("point.array"), Value("registry"));
+  for (const char* name : {"", "..", "../sdks/point.both"})
+    logOf([&] { EXPECT_TRUE(from(name).isNone()) << name; });
+}
+
+TEST_F(SDK, AnUnknownSDKIsLoggedAndABadNameLeavesTheRecordAsItWas) {
+  const auto log = logOf([] {
+    EXPECT_EQ(resolve({{"ZQExtensionPointIdentifier", "no.such"}})->version(), Value("1"));
+    const auto record = resolve({{"ZQExtensionPointIdentifier", Array{1}}});
+    EXPECT_TRUE(record->attributes().isNone());
+    EXPECT_FALSE(record->exportForm().contains("version"));
+  });
+  EXPECT_EQ(log, (std::vector<std::string>{"plug-in sdk \"no.such\" not registered", "invalid SDK key:(1)"}));
+}
+
+TEST_F(SDK, MergesIntoTheSectionOfAMultiplexedBundleNotIntoItsPlugIns) {
+  registerSDK("point.multiple", {{"Extra", 1}});
+  const auto record =
+      resolve({{"Multiple",
+                Dictionary{{"a", Dictionary{{"ZQExtensionPointIdentifier", "point.multiple"}}}, {"b", 1}}}});
+  EXPECT_EQ(record->topDictionary()["Extra"], Value(1));
+  EXPECT_TRUE(record->plugInDictionary()["Extra"].isNone());
+  EXPECT_EQ(record->topDictionary()["Multiple"]["b"], Value(1));
+  EXPECT_EQ(record->topDictionary()["Multiple"]["a"], record->plugInDictionary());
+}
+
+TEST_F(SDK, CanonicalizationFillsInDefaultsVersionAndFormat) {
+  const auto record = resolve({{"Shared", Array{"a", "b"}}});
+  EXPECT_EQ(record->protocolSpec(), Value("ZQObject"));
+  EXPECT_EQ(record->plugInDictionary()["PrincipalClass"], Value("ZQObject"));
+  EXPECT_EQ(record->plugInDictionary()["Shared"], Value(Array{"."}));
+  EXPECT_EQ(record->bundleInfoDictionary()["ZQExtension"], record->plugInDictionary());
+  const auto other = resolve({{"Shared", "a"}}, {}, "/a.plugin");
+  EXPECT_TRUE(other->protocolSpec().isNone());
+  EXPECT_EQ(other->plugInDictionary()["Shared"], Value("a"));
+
+  const auto attributes = [](const Dictionary& own, const Dictionary& info, const Dictionary& section) {
+    return resolve(dictionaryChanging(section, "ZQExtensionAttributes", own), info)->attributes();
+  };
+  const Dictionary brief = {{"BWBundleShortVersionString", "3"}};
+  EXPECT_EQ(attributes({{"ZQExtensionVersion", "7"}, {"com.veltra.format", "forged"}}, brief, {}),
+            Value(Dictionary{{"ZQExtensionVersion", "7"}, {"com.veltra.format", "standard"}}));
+  EXPECT_EQ(attributes({}, brief, {{"EmbeddedCode", 0}}),
+            Value(Dictionary{{"ZQExtensionVersion", "3"}, {"com.veltra.format", "hybrid"}}));
+  EXPECT_EQ(attributes({}, {}, {})["ZQExtensionVersion"], Value("1"));
+}
+
+TEST_F(SDK, DiagnosisNamesTheFirstFault) {
+  EXPECT_EQ(diagnosis({}), "");
+  EXPECT_EQ(diagnosis({{"ZQExtensionProtocol", "P"}}, "/a.plugin"), "");
+  EXPECT_EQ(diagnosis({}, "/a.plugin"), "missing \"ZQExtensionProtocol\" key in Info.plist or SDK");
+  EXPECT_EQ(diagnosis({{"ZQExtensionAttributes", "x"}}),
+            "missing \"ZQExtensionAttributes\" key in Info.plist or SDK");
+  EXPECT_EQ(diagnosis({{"PrincipalClass", "Own"}, {"PassProxy", true}}),
+            "Application Extensions may not use the \"PrincipalClass\" key");
+  EXPECT_EQ(diagnosis({{"PassProxy", false}, {"EmbeddedCode", 1}}),
+            "the \"PassProxy\" key is not supported on this platform");
+  EXPECT_EQ(diagnosis({{"EmbeddedCode", 1}}), "hybrid plug-ins are not supported on this platform");
+  EXPECT_EQ(*ABPlugInCore().diagnose()->text,
+            "missing identifier (no ZQExtensionIdentifier, nor even BWBundleIdentifier)");
 }
 
 }  // namespace

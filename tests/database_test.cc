@@ -1,11 +1,20 @@
-// The database: the narrowed search, and records that come and go meanwhile.
+// The database and what it keeps: the narrowed search, records that come and go meanwhile, the annotation
+// store (what it reads, what it refuses and leaves alone), and a hold that is made when its client has died.
+
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <future>
 #include <set>
 
+#include "Ambrel/ABCollections.h"
+#include "abd/ABDPlugInHold.h"
+#include "abd/ABDQmxClient.h"
 #include "abd/RequestSettings.h"
+#include "abd/database/ABDAnnotationStore.h"
 #include "platform/launcher/ServiceLauncher.h"
+#include "platform/propertylist/PropertyList.h"
+#include "platform/qmx/Listener.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/ThisServer.h"
 
@@ -16,6 +25,7 @@ using namespace testsupport;
 
 namespace fs = std::filesystem;
 
+using Log = std::vector<std::string>;
 using Record = std::shared_ptr<ABDPlugIn>;
 
 class Database : public testing::Test {
@@ -94,6 +104,98 @@ TEST_F(Database, LaunchesGoWithTheInstallationThatTheyWereAllowedFor) {
   ASSERT_EQ(look(proxy->pluginUUID())->enableForPid(getpid(), settings), std::nullopt);
   announceLate();
   EXPECT_TRUE(isAllowed());
+}
+
+// --- Annotations ---
+
+class AnnotationStore : public testing::Test {
+ protected:
+  AnnotationStore() {
+    fs::remove_all(directory());
+    fs::create_directories(directory());
+  }
+  static std::string directory() { return thisDevice().path() + "/annotations"; }
+  static std::string file() { return directory() + "/Annotations"; }
+  /// Loads the file and answers what is logged for not doing so.
+  static std::string refusal() {
+    const Log log = logOf([] { EXPECT_EQ(ABDAnnotationStore(file()).annotations(), Dictionary()); });
+    return log.size() == 1 ? log[0] : std::to_string(log.size()) + " entries";
+  }
+};
+
+TEST_F(AnnotationStore, StartsSilentlyWithoutAFileAndKeepsWhatItDoesNotKnow) {
+  EXPECT_EQ(logOf([] { ABDAnnotationStore first(file()); }), Log{});
+  EXPECT_FALSE(fs::exists(file()));
+  const Dictionary table = {{"other", Dictionary{{"more", Array{1, 2.5}}, {"election", "text"}}}, {"odd", 5}};
+  const auto fileOf = [](const Dictionary& contents) {
+    return Dictionary{{"version", 16}, {"data", contents}};
+  };
+  writePropertyList(file(), fileOf(table));
+  const Record plugIn = registeredRecord({.identifier = "annotated"});
+  ABDAnnotationStore store(file());
+  EXPECT_TRUE(store.annotationForIdentifier("odd").isNone());
+  store.setAnnotation(std::nullopt, *plugIn);
+  store.setAnnotation(Dictionary{{"election", 1}}, *plugIn);
+  EXPECT_EQ(readDictionaryFile(file()),
+            fileOf(ambrel::dictionaryChanging(table, "annotated", Dictionary{{"election", 1}})));
+  store.setAnnotation(std::nullopt, *plugIn);
+  EXPECT_EQ(readDictionaryFile(file()), fileOf(table));
+}
+
+TEST_F(AnnotationStore, AFileThatCannotBeReadIsReported) {
+  for (const auto& [version, read] : {std::pair<Value, const char*>("15b", "15"),
+                                      {"v16", "0"},
+                                      {Array{16}, "0"},
+                                      {17, "17"},
+                                      {"99999999999999999999", "2147483647"}}) {
+    writePropertyList(file(), Dictionary{{"data", Dictionary()}, {"version", version}});
+    EXPECT_EQ(refusal(), "unable to load annotation database:file://" + file() +
+                             " error:Ambrel 7 \"found database version " + read +
+                             " needed version 16\" (resetting)");
+  }
+  const auto expectRefusal = [](const char* text) { EXPECT_NE(refusal().find(text), std::string::npos); };
+  writePropertyList(file(), Dictionary{{"version", "16 or so"}, {"data", Array()}});
+  expectRefusal("\"data\" is not a dictionary");
+  writePropertyList(file(), Array{16});
+  expectRefusal("does not hold a dictionary");
+  writeText(file(), "<plist><dict><key>version");
+  expectRefusal("File 259");
+  fs::remove(file());
+  ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
+  expectRefusal("POSIX");  // and nobody waits for a writer
+}
+
+// --- Holds ---
+
+/// Runs the main loop until `condition` holds.
+template <typename F>
+bool runUntil(F condition) {
+  return eventually([&] {
+    RunLoop::main().after(std::chrono::milliseconds(5), [] { RunLoop::main().stop(); });
+    RunLoop::main().run();
+    return condition();
+  });
+}
+
+TEST(Hold, ThatComesAfterTheDeathOfItsClientIsReleasedAtOnce) {
+  const auto plugIn = registeredRecord({.identifier = "late"});
+  ASSERT_NE(plugIn, nullptr);
+  // A real connection to this process's server, accepted by a listener of the test's own.
+  SerialQueue queue("peers", RunLoop::main());
+  auto listener = std::move(std::get<0>(qmx::Listener::create("peer.test", queue, RunLoop::main())));
+  std::shared_ptr<ABDQmxClient> client;
+  listener->setConnectionHandler([&client](const std::shared_ptr<qmx::Connection>& connection) {
+    client = ABDQmxClient::initWithConnection(connection, thisServer());
+  });
+  listener->resume();
+  WireClient wire = WireClient::connect(qmx::servicePath("peer.test"));
+  ASSERT_TRUE(runUntil([&client] { return client != nullptr; }));
+  wire.close();
+  ASSERT_TRUE(runUntil([&client] { return !client->acceptWork() && client->connection() == nullptr; }));
+  const size_t notifications = thisDevice().changeNotifications();
+  thisServer().addHold(std::make_shared<ABDPlugInHold>(ABDPlugInHold::PlugIns{plugIn}, client));
+  EXPECT_FALSE(thisServer().holdOnPlugIn(*plugIn));
+  EXPECT_EQ(thisDevice().changeNotifications(), notifications + 2) << "made known, and its end, too";
 }
 
 }  // namespace

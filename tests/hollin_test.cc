@@ -34,8 +34,7 @@ size_t posts() {
   return thisDevice().changeNotifications(kPlugInsChangeNotification);
 }
 
-/// Writes down what is announced: "+identifier" and "-identifier". What is announced as uninstalled must not
-/// be found any more.
+/// Writes down what is announced: "+identifier", and "-identifier" of what must not be found any more.
 class Recorder : public HLApplicationWorkspaceObserverProtocol {
  public:
   explicit Recorder(Registry& registry) : registry_(registry) { registry_.addObserver(this); }
@@ -225,38 +224,35 @@ TEST_F(HollinTest, whereRootsOverlapTheUsersCounts) {
 }
 
 TEST_F(HollinTest, badBundlesHarmNoOther) {
-  const std::string application = root.install("Mixed.app", {{.identifier = "good"}});
-  const auto info = [&application](const std::string& name) {
-    fs::create_directories(application + "/PlugIns/" + name + ".appex");
-    return application + "/PlugIns/" + name + ".appex/Info.plist";
-  };
+  const std::string plugIns = root.install("Mixed.app", {{.identifier = "good"}}) + "/PlugIns/";
+  const auto info = [&plugIns](const std::string& name) { return plugIns + name + ".appex/Info.plist"; };
   const std::string valid = readText(info("good"));
-  info("empty");
-  writeText(info("truncated"), valid.substr(0, valid.size() / 2));
-  writePropertyList(info("array"), Array{1, 2});
-  writePropertyList(info("stranger"), Dictionary{{"BWBundleIdentifier", "stranger"}});
+  for (const char* name : {"empty", "fifo", "loop"}) fs::create_directories(plugIns + name + ".appex");
   fs::create_directories(info("directory"));
   mkfifo(info("fifo").c_str(), 0600);
+  fs::create_symlink("Info.plist", info("loop"));
+  writeText(info("truncated"), valid.substr(0, valid.size() / 2));
   writeText(info("huge"), valid);
   fs::resize_file(info("huge"), 100 << 20);
-  fs::create_symlink("Info.plist", info("loop"));
-  fs::create_directory_symlink("circle.appex", application + "/PlugIns/circle.appex");
+  writePropertyList(info("array"), Array{1, 2});
+  writePropertyList(info("stranger"), Dictionary{{"BWBundleIdentifier", "stranger"}});
+  fs::create_directory_symlink("circle.appex", plugIns + "circle.appex");
+  fs::create_directory_symlink("..", plugIns + "up.appex");
   fs::create_directory_symlink(".", applications + "/Circle.app");
-  fs::create_directory_symlink("..", application + "/PlugIns/up.appex");
-  writeText(application + "/PlugIns/file.appex", "no directory");
+  writeText(plugIns + "file.appex", "no directory");
   // Wrong types everywhere: the record will judge.
   writePropertyList(info("types"), Dictionary{{"ZQExtension", "text"}, {"BWBundleIdentifier", Array{}}});
   writePropertyList(info("old"), Dictionary{{"Ambrel", 0}, {"BWBundleIdentifier", "old"}});
   writePropertyList(info("listed"), infoDictionary({.identifier = "listed",
                                                     .info = {{"ZQExtensionPointName", Array{1, "top"}}}}));
-  mkfifo((application + "/PlugIns/listed.appex/Entitlements.plist").c_str(), 0600);
+  mkfifo((plugIns + "listed.appex/Entitlements.plist").c_str(), 0600);
 
   const Strings log = logOf([this] { open(); });
   EXPECT_EQ(installed(), (Strings{"", "good", "listed", "old"}));
   EXPECT_EQ(withName("top"), Strings{"listed"});
   EXPECT_EQ(entriesWith(log, "ignoring bundle at "), 9u) << testing::PrintToString(log);
   for (const char* name : {"empty", "stranger", "fifo", "nothing"})
-    EXPECT_FALSE(registers(application + "/PlugIns/" + name + ".appex")) << name;
+    EXPECT_FALSE(registers(plugIns + name + ".appex")) << name;
   // A bundle that gets well is taken.
   Recorder recorder(*registry);
   writeText(info("truncated"), valid);
@@ -418,11 +414,16 @@ TEST_F(HollinTest, aChangedSDKUpdatesAllWhoNameItAtOnce) {
 }
 
 TEST_F(HollinTest, whatIsKnownOfAPlaceIsTrueWhateverTakesItsPlace) {
-  const std::string application = root.install("A.app", {{.identifier = "a"}});
-  const std::string path = DeviceRoot::plugInPath(application, "a"), away = root.path() + "/away";
+  const std::string application = root.install("A.app", {{.identifier = "a"}}), away = root.path() + "/away";
+  const std::string path = DeviceRoot::plugInPath(application, "a");
+  // Another directory with the very same files.
+  fs::create_directories(away);
+  fs::create_hard_link(path + "/Info.plist", away + "/Info.plist");
   open();
   // What is known is known after a while in which nothing happens.
-  const auto quiet = [] { std::this_thread::sleep_for(milliseconds(600)); };
+  std::this_thread::sleep_for(milliseconds(600));
+  const auto proxy = only("a");
+  const auto isAt = [&] { return proxy->bundlePlace() && proxy->bundlePlace() == readablePlace(path); };
   // While somebody goes on writing, so that nothing is scanned.
   const auto soon = [&application](const auto& condition) {
     return eventually([&] {
@@ -430,24 +431,14 @@ TEST_F(HollinTest, whatIsKnownOfAPlaceIsTrueWhateverTakesItsPlace) {
       return condition();
     });
   };
-  quiet();
-  const auto proxy = only("a");
-  const auto isAt = [&] { return proxy->bundlePlace() && proxy->bundlePlace() == readablePlace(path); };
   EXPECT_TRUE(isAt());
-  // Another directory with the very same files, a link, and the bundle itself again.
-  fs::create_directories(away);
-  fs::create_hard_link(path + "/Info.plist", away + "/Info.plist");
-  quiet();
   ASSERT_EQ(renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, away.c_str(), RENAME_EXCHANGE), 0);
   EXPECT_TRUE(soon(isAt));
-  quiet();
+  std::this_thread::sleep_for(milliseconds(600));
   EXPECT_TRUE(isAt());
   fs::rename(path, away + ".2");
   fs::create_directory_symlink(away + ".2", path);
   EXPECT_TRUE(soon([&] { return !proxy->bundlePlace() && errno == ELOOP; }));
-  fs::remove(path);
-  fs::rename(away, path);
-  EXPECT_TRUE(soon(isAt));
 }
 
 pid_t threadCalled(const std::string& name) {
