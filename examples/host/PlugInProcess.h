@@ -9,13 +9,13 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/value/Value.h"
+#include "Ambrel/ABHost.h"
+#include "platform/system/FileDescriptor.h"
 
 class PlugInProcess {
  public:
-  /// Starts `executable` with the given environment (a dictionary of strings), and of the host's own only
-  /// what says where the device is. Throws std::system_error.
-  PlugInProcess(const std::string& executable, const platform::Value& environment);
+  /// Starts it. Throws std::runtime_error when that fails.
+  explicit PlugInProcess(const ambrel::PlugInLaunch& launch);
   ~PlugInProcess();
   PlugInProcess(const PlugInProcess&) = delete;
   PlugInProcess& operator=(const PlugInProcess&) = delete;
@@ -26,7 +26,6 @@ class PlugInProcess {
   std::pair<std::string, int> finish();
 
  private:
-  void closeInput();
   pid_t pid_ = -1;
-  int input_ = -1, output_ = -1;
+  platform::FileDescriptor input_, output_;
 };

@@ -11,25 +11,19 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
-#include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
-#include <variant>
 #include <vector>
 
-#include "Ambrel/ABDaemonClient.h"
-#include "Ambrel/ABPlugInCore.h"
+#include "Ambrel/ABHost.h"
 #include "examples/host/PlugInProcess.h"
-#include "platform/launcher/ServiceLauncher.h"
 
 namespace {
 
 using ambrel::ABDaemonClient;
-using ambrel::ABPlugInCore;
+using ambrel::PlugIn;
 using namespace platform;
 
 struct Item {
@@ -81,43 +75,22 @@ Options parse(int argc, char** argv) {
   return options;
 }
 
-/// Sends one request and waits for its reply; throws what the daemon says against it.
-template <typename Send>
-Dictionary ask(Send&& send) {
-  const auto arrived = std::make_shared<std::promise<ABDaemonClient::Reply>>();
-  send([arrived](ABDaemonClient::Reply&& reply) { arrived->set_value(std::move(reply)); });
-  const ABDaemonClient::Reply reply = arrived->get_future().get();
-  if (const auto error = ABDaemonClient::errorInReply(reply))
-    throw std::runtime_error(error->localizedDescription());
-  return std::get<qmx::Message>(reply).body;
-}
-
 /// Share plug-ins whose activation rule accepts all the items.
-std::vector<std::shared_ptr<ABPlugInCore>> discover(ABDaemonClient& client, const std::vector<Item>& items) {
+ambrel::PlugIns discover(ABDaemonClient& client, const std::vector<Item>& items) {
   Array types;
   for (const Item& item : items) types.append(Dictionary{{"types", Array{item.type}}});
-  const Dictionary rules{{"ZQExtensionPointName", "com.veltra.share-service"},
-                         {"ZQExtensionActivationRule", Dictionary{{"items", types}}}};
-  const Dictionary reply = ask([&](auto done) { client.matchPlugIns(rules, 0, std::move(done)); });
-  const Value matches = client.convertFromQMX(reply[ambrel::key::matches]);
-  std::vector<std::shared_ptr<ABPlugInCore>> plugIns;
-  if (matches.array() == nullptr) return plugIns;
-  for (const Value& form : *matches.array()) {
-    if (auto plugIn = form.isDictionary() ? ABPlugInCore::initWithForm(*form.dictionary()) : nullptr)
-      plugIns.push_back(std::move(plugIn));
-  }
-  return plugIns;
+  return ambrel::findPlugIns(client, Dictionary{{"ZQExtensionPointName", "com.veltra.share-service"},
+                                                {"ZQExtensionActivationRule", Dictionary{{"items", types}}}});
 }
 
-int64_t election(const ABPlugInCore& plugIn) {
+int64_t election(const ambrel::ABPlugInCore& plugIn) {
   return plugIn.annotations()[ambrel::annotation::election].integerValue();
 }
 
 /// The one asked for; else one that the user chose; else any that the user does not want ignored.
-std::shared_ptr<ABPlugInCore> choose(const std::vector<std::shared_ptr<ABPlugInCore>>& plugIns,
-                                     const std::string& wanted) {
-  std::shared_ptr<ABPlugInCore> best;
-  for (const auto& plugIn : plugIns) {
+PlugIn choose(const ambrel::PlugIns& plugIns, const std::string& wanted) {
+  PlugIn best;
+  for (const PlugIn& plugIn : plugIns) {
     std::printf("  found %s %s (%s)%s\n", std::string(plugIn->identifier()).c_str(),
                 std::string(plugIn->version().string().value_or("")).c_str(),
                 std::string(plugIn->localizedName().value_or("")).c_str(),
@@ -134,15 +107,10 @@ std::shared_ptr<ABPlugInCore> choose(const std::vector<std::shared_ptr<ABPlugInC
   return best;
 }
 
-void share(const Options& options, const ABPlugInCore& plugIn) {
-  const std::optional<Dictionary> registration = externalService(::getpid(), plugIn.uuid());
-  if (!registration) throw std::runtime_error("the launcher has no registration for this process");
-  const std::string executable((*registration)["ExecutablePath"].string().value_or(""));
-  const Value& service = (*registration)["LaunchDescription"]["QMXService"];
-  std::printf("  launch registration: %s in sandbox \"%s\"\n", executable.c_str(),
-              std::string(service["_SandboxProfile"].string().value_or("")).c_str());
-
-  PlugInProcess process(executable, service["EnvironmentVariables"]);
+void share(const Options& options, const ambrel::PlugInLaunch& launch) {
+  std::printf("  launch registration: %s in sandbox \"%s\"\n", launch.executable.c_str(),
+              launch.sandboxProfile.c_str());
+  PlugInProcess process(launch);
   for (const Item& item : options.items) process.write(item.type + '\t' + item.text + '\n');
   if (options.keepSeconds > 0) {
     std::printf("  keeping the plug-in running for %u s\n", options.keepSeconds);
@@ -158,14 +126,13 @@ int run(int argc, char** argv) {
   ABDaemonClient client(options.service.c_str());
   std::printf("share-desk (process %d): who can take %zu item(s)?\n", static_cast<int>(::getpid()),
               options.items.size());
-  const auto plugIn = choose(discover(client, options.items), options.plugIn);
+  const PlugIn plugIn = choose(discover(client, options.items), options.plugIn);
   if (plugIn == nullptr) {
     std::printf("  nobody\n");
     return 1;
   }
   std::printf("  making %s ready\n", std::string(plugIn->identifier()).c_str());
-  ask([&](auto done) { client.readyPlugIns({plugIn->uuid()}, 0, std::move(done)); });
-  share(options, *plugIn);
+  share(options, ambrel::readyPlugIn(client, *plugIn));
   return 0;
 }
 

@@ -210,6 +210,7 @@ bool ClientChannel::takeFrame(std::span<const uint8_t> contents) {
   if (!frame) return false;
   const Dictionary* body = frame->body.dictionary();
   const std::lock_guard lock(mutex_);
+  if (state_ == State::closed) return true;  // nobody waits for it any more
   if (frame->kind != FrameKind::reply) {
     if (body != nullptr)
       deliverLater(Event(Message{.body = *body, .kind = frame->kind, .id = frame->id}));
