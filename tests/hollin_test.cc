@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -112,7 +113,7 @@ class HollinTest : public testing::Test {
   }
   bool registers(const std::string& path) { return registry->registerPlugin(URL::file(path)); }
   bool unregisters(const std::string& path) { return registry->unregisterPlugin(URL::file(path)); }
-  std::string liveWith(const char* count, const char* limit);
+  std::string liveWith(const std::string& count, const std::string& limit);
 
   const DeviceRoot root;
   Directories directories;
@@ -476,9 +477,9 @@ TEST_F(HollinTest, lostEventsLoseNoInstall) {
 
 /// In a process of its own that gets only `count` of something: that what happens is seen nevertheless, and
 /// at once when there is enough again.
-std::string HollinTest::liveWith(const char* count, const char* limit) {
-  const auto limitTo = [limit](const char* number) {
-    return static_cast<bool>(std::ofstream(std::string("/proc/sys/user/") + limit) << number << std::flush);
+std::string HollinTest::liveWith(const std::string& count, const std::string& limit) {
+  const auto limitTo = [&limit](const std::string& number) {
+    return static_cast<bool>(std::ofstream("/proc/sys/user/" + limit) << number << std::flush);
   };
   if (unshare(CLONE_NEWUSER) != 0 || !limitTo(count)) return "impossible";
   const DeviceRoot device;
@@ -514,20 +515,18 @@ std::string HollinTest::liveWith(const char* count, const char* limit) {
   return HasFailure() ? "failed" : "lost nothing";
 }
 
-class FewWatches : public HollinTest,
-                   public testing::WithParamInterface<std::pair<const char*, const char*>> {};
+class FewWatches : public HollinTest, public testing::WithParamInterface<std::array<std::string, 2>> {};
 
 TEST_P(FewWatches, LoseNothing) {
-  const std::string answer =
-      answerOfProcess([this] { return liveWith(GetParam().first, GetParam().second); });
+  const std::string answer = answerOfProcess([this] { return liveWith(GetParam()[0], GetParam()[1]); });
   if (answer == "impossible") GTEST_SKIP() << "watches cannot be limited here";
   EXPECT_EQ(answer, "lost nothing");
 }
 
 // The last are enough for the roots.
 INSTANTIATE_TEST_SUITE_P(Limits, FewWatches,
-                         testing::Values(std::pair("0", "max_inotify_instances"),
-                                         std::pair("0", "max_inotify_watches"),
-                                         std::pair("10", "max_inotify_watches")));
+                         testing::Values(std::array<std::string, 2>{"0", "max_inotify_instances"},
+                                         std::array<std::string, 2>{"0", "max_inotify_watches"},
+                                         std::array<std::string, 2>{"10", "max_inotify_watches"}));
 
 }  // namespace

@@ -52,15 +52,6 @@ class LauncherTest : public testing::Test {
   SerialQueue queue_{"results"};
 };
 
-TEST_F(LauncherTest, ASecondRegistrationTakesThePlaceOfTheFirstOfThisHostAlone) {
-  ASSERT_EQ(addExternalService(getpid(), executable_, {{"BWBundlePackageType", "QMX!"}}, service_), 0);
-  ASSERT_EQ(add(getpid()), 0);
-  EXPECT_EQ((*externalService(getpid(), service_.plugInUUID))["LaunchDescription"],
-            Value(Dictionary{{"QMXService", Dictionary()}}));
-  EXPECT_EQ(fs::status(file(getpid())).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  EXPECT_FALSE(isRegistered(getppid()));
-}
-
 TEST_F(LauncherTest, RefusalsAreErrorNumbersAndLeaveNothing) {
   Child host;
   EXPECT_EQ(addExternalService(host.pid(), ownDevice.path() + "/P.appex", {}, service_), EACCES)
@@ -86,12 +77,15 @@ TEST_F(LauncherTest, ARemovalTakesEveryRegistrationOfTheIdentifierAndVersion) {
   EXPECT_EQ(remove("com.example.bundle", "3"), kRemovalNoSuchService);
 }
 
-TEST_F(LauncherTest, ARemovalSparesWhatIsRegisteredAfterItWasDecided) {
-  ASSERT_EQ(add(getpid()), 0);
+TEST_F(LauncherTest, ASecondRegistrationTakesThePlaceOfTheFirstAndIsSparedByARemovalDecidedBefore) {
+  ASSERT_EQ(addExternalService(getpid(), executable_, {{"BWBundlePackageType", "QMX!"}}, service_), 0);
   const RegistrationNumber decided = lastExternalService();
   ASSERT_EQ(add(getpid()), 0);
   remove("com.example.bundle", "3", decided);
-  EXPECT_TRUE(isRegistered(getpid()));
+  EXPECT_EQ((*externalService(getpid(), service_.plugInUUID))["LaunchDescription"],
+            Value(Dictionary{{"QMXService", Dictionary()}}));
+  EXPECT_EQ(fs::status(file(getpid())).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_FALSE(isRegistered(getppid()));
   withdrawExternalService(getpid(), service_.plugInUUID);
   EXPECT_FALSE(isRegistered(getpid()));
 }
@@ -163,14 +157,13 @@ TEST_F(AssertionsTest, AnInstanceIsBusyWhileItsAssertionLivesAndItsProcess) {
 TEST_F(AssertionsTest, OnlyAWriteLockCountsAndNothingBlocks) {
   const std::string path = ownDevice.runtime() + "/Assertions/com.example.a/instance";
   writeText(path, "no property list");
-  FileDescriptor file = lockedFile(path, F_RDLCK);
-  EXPECT_TRUE(file && busyExtensionInstances(bundle_).empty());
-  file = FileDescriptor();
-  file = lockedFile(path);
-  EXPECT_EQ(busyExtensionInstances(bundle_), std::vector<Dictionary>{Dictionary()});
-  file = FileDescriptor();
   ASSERT_EQ(mkfifo((path + "-fifo").c_str(), 0600), 0);
-  EXPECT_TRUE(busyExtensionInstances(bundle_).empty());
+  {
+    const FileDescriptor read = lockedFile(path, F_RDLCK);
+    EXPECT_TRUE(read && busyExtensionInstances(bundle_).empty());
+  }
+  const FileDescriptor written = lockedFile(path);
+  EXPECT_EQ(busyExtensionInstances(bundle_), std::vector<Dictionary>{Dictionary()});
 }
 
 }  // namespace

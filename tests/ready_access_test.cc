@@ -53,11 +53,11 @@ TEST_F(Ready, RegistersThePlugInForTheHostWithItsEnvironment) {
   const Dictionary registered = registration(a);
   const std::string path = DeviceRoot::plugInPath(application, "a");
   const std::string container = root.dataUser() + "/Containers/a";
-  const Dictionary plain = {{"PlugInIdentifier", "a"},
-                            {"BundleIdentifier", "a"},
-                            {"BundleVersion", "100"},
-                            {"ExecutablePath", path + "/run"}};
-  for (const auto& [key, value] : plain) EXPECT_EQ(registered[key], value) << key.view();
+  for (const auto& [key, value] : {std::pair("PlugInIdentifier", std::string("a")),
+                                   {"BundleIdentifier", "a"},
+                                   {"BundleVersion", "100"},
+                                   {"ExecutablePath", path + "/run"}})
+    EXPECT_EQ(registered[key], Value(value));
   EXPECT_EQ(registered["LaunchDescription"]["BWBundlePackageType"].string(), "QMX!");
   EXPECT_EQ(registered["LaunchDescription"]["QMXService"],
             Value(Dictionary{{"EnvironmentVariables", Dictionary{{"HOME", container},

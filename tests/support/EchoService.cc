@@ -56,11 +56,6 @@ bool EchoService::waitFor(std::string_view word, size_t count) const {
   });
 }
 
-std::shared_ptr<const qmx::PeerIdentity> EchoService::lastPeer() const {
-  const std::lock_guard lock(mutex_);
-  return lastPeer_;
-}
-
 size_t EchoService::livingConnections() const {
   const std::lock_guard lock(mutex_);
   return static_cast<size_t>(
@@ -72,7 +67,6 @@ void EchoService::welcome(const std::shared_ptr<qmx::Connection>& connection) {
     const std::lock_guard lock(mutex_);
     history_.emplace_back("+");
     connections_.push_back(connection);
-    lastPeer_ = connection->peer();
   }
   connection->setEventHandler(
       [this, weak = std::weak_ptr(connection)](qmx::Event&& event) { handle(weak, std::move(event)); });

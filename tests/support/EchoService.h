@@ -36,8 +36,6 @@ class EchoService {
   std::string history() const;
   /// Waits until history() has `count` times `word`; false when that takes too long.
   bool waitFor(std::string_view word, size_t count = 1) const;
-  /// The identity of the peer that connected last.
-  std::shared_ptr<const qmx::PeerIdentity> lastPeer() const;
   /// How many connections the loop and others still refer to.
   size_t livingConnections() const;
 
@@ -57,7 +55,6 @@ class EchoService {
   // Guarded by mutex_.
   std::vector<std::string> history_;
   std::vector<std::weak_ptr<qmx::Connection>> connections_;
-  std::shared_ptr<const qmx::PeerIdentity> lastPeer_;
 
   std::thread thread_;
 };
