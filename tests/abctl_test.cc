@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <pty.h>
 
-#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/Child.h"
@@ -15,7 +14,6 @@ namespace {
 using namespace testsupport;
 using Json = nlohmann::json;
 using namespace std::literals;
-namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
 /// One run of abctl. Its standard input is empty, or what it is given.

@@ -3,7 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <future>
 #include <set>
 
@@ -22,8 +21,6 @@ namespace {
 
 using namespace abd;
 using namespace testsupport;
-
-namespace fs = std::filesystem;
 
 using Log = std::vector<std::string>;
 using Record = std::shared_ptr<ABDPlugIn>;

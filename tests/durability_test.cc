@@ -5,15 +5,12 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <sstream>
 
 #include "tests/support/Daemon.h"
 
 namespace testsupport {
 namespace {
-
-namespace fs = std::filesystem;
 
 /// strace(1) of a running daemon, with `options`, until the object is gone.
 class SystemCalls {
@@ -23,10 +20,8 @@ class SystemCalls {
     fs::remove(file_);
     const std::string errors = root.path() + "/strace.log";
     fs::remove(errors);
-    std::vector<std::string> arguments = {"/usr/bin/strace",  "-f", "-y", "-o", file_, "-p",
-                                          std::to_string(pid)};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    strace_ = std::make_unique<Process>(arguments, root.environment(), errors);
+    options.insert(options.begin(), {"/usr/bin/strace", "-f", "-y", "-o", file_, "-p", std::to_string(pid)});
+    strace_ = std::make_unique<Process>(options, root.environment(), errors);
     isAttached_ = eventually([&] {
                     return readText(errors).find(" attached") != std::string::npos || !strace_->isRunning();
                   }) &&

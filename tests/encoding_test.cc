@@ -65,12 +65,13 @@ TEST(Encoding, RestoresEveryValueAndWritesWhatOtherProgramsExpect) {
 }
 
 TEST(Encoding, ReadsTheWiderFormsToo) {
-  EXPECT_EQ(decodeHex("f9 3e00"), Value(1.5));
-  EXPECT_EQ(decodeHex("fa 3fc00000"), Value(1.5));
-  EXPECT_EQ(decodeHex("c1 01"), Value(Date{1}));
-  EXPECT_EQ(decodeHex("c1 20"), Value(Date{-1}));
-  EXPECT_EQ(decodeHex("c1 f9 3e00"), Value(Date{1.5}));
-  EXPECT_EQ(decodeHex("a2 6161 f6 6162 01"), Value(Dictionary{{"b", 1}})) << "null reads as an absent key";
+  for (const auto& [bytes, value] : {std::pair<const char*, Value>("f9 3e00", 1.5),
+                                     {"fa 3fc00000", 1.5},
+                                     {"c1 01", Date{1}},
+                                     {"c1 20", Date{-1}},
+                                     {"c1 f9 3e00", Date{1.5}},
+                                     {"a2 6161 f6 6162 01", Dictionary{{"b", 1}}}})  // null: an absent key
+    EXPECT_EQ(decodeHex(bytes), value) << bytes;
 }
 
 TEST(Encoding, RefusesEverythingElse) {
@@ -108,10 +109,10 @@ TEST(Encoding, NeverBelievesCountsBeyondTheBytes) {
 TEST(Encoding, NestingIsAcceptedUpToTheLimit) {
   // Of arrays and of maps.
   for (const std::string& level : {hex("81"), hex("a1 6161")}) {
-    std::string deepest;
-    for (int i = 0; i < kMaximumNesting; ++i) deepest += level;
-    EXPECT_TRUE(decode(span(deepest + '\x01'), kMaximumNesting));
-    EXPECT_FALSE(decode(span(level + deepest + '\x01'), kMaximumNesting));
+    std::string deepest = "\x01";
+    for (int i = 0; i < kMaximumNesting; ++i) deepest = level + deepest;
+    EXPECT_TRUE(decode(span(deepest), kMaximumNesting));
+    EXPECT_FALSE(decode(span(level + deepest), kMaximumNesting));
   }
   EXPECT_FALSE(decode(span(std::string(4 << 20, '\x81')), kMaximumNesting));
 }

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -23,7 +22,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace platform;
 using namespace testsupport;
 using hollin::Registry;

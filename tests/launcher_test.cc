@@ -6,13 +6,14 @@
 #include "platform/launcher/ProcessAssertions.h"
 #include "tests/support/Child.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/OwnDevice.h"
+#include "tests/support/ThisProcess.h"
 
 namespace {
 
 using namespace platform;
 using namespace testsupport;
-namespace fs = std::filesystem;
+
+const DeviceRoot& ownDevice = thisDevice();
 
 class LauncherTest : public testing::Test {
  protected:

@@ -1,7 +1,5 @@
 // The daemon's record: building from the registry, forms, ratings, and what it shares.
 
-#include <filesystem>
-
 #include "abd/RequestSettings.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/security/Sandbox.h"
@@ -12,8 +10,6 @@ namespace {
 
 using namespace abd;
 using namespace testsupport;
-
-namespace fs = std::filesystem;
 
 using Log = std::vector<std::string>;
 using Record = std::shared_ptr<ABDPlugIn>;
@@ -42,17 +38,16 @@ TEST_F(PlugInRecord, TakesTheHubVersionFromTheSectionOrTheStyle) {
 }
 
 TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
-  const auto expectReport = [](const PlugInBundle& bundle, const std::string& text) {
-    const std::string path = thisDevice().path() + "/bundles/bad.appex";
+  const std::string path = thisDevice().path() + "/bundles/bad.appex";
+  for (const auto& [bundle, text] :
+       {std::pair(PlugInBundle{.identifier = "bad.proxy", .plugIn = {{"PassProxy", 1}}},
+                  "the \"PassProxy\" key is not supported on this platform"),
+        // An identifier that cannot be a directory's name: only data plug-ins live without a data container.
+        {PlugInBundle{.identifier = "no/container"}, "this plug-in has no sandbox data container"}}) {
     const Log log = logOf([&] { EXPECT_EQ(recordAt(path, bundle), nullptr); });
     EXPECT_EQ(entriesWith(log, "ignoring mis-configured plug-in at " + path + ": " + text), 1u);
-  };
-  expectReport({.identifier = "bad.proxy", .plugIn = {{"PassProxy", 1}}},
-               "the \"PassProxy\" key is not supported on this platform");
-  // An identifier that cannot be a directory's name: only data plug-ins live without a data container.
-  expectReport({.identifier = "no/container"}, "this plug-in has no sandbox data container");
-  EXPECT_NE(recordAt(thisDevice().path() + "/bundles/data.appex",
-                     {.identifier = "data/plugin", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}),
+  }
+  EXPECT_NE(recordAt(path, {.identifier = "data/plugin", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}),
             nullptr);
 }
 
@@ -89,14 +84,15 @@ TEST_F(PlugInRecord, NamesAreReadWhenTheyAreAskedFor) {
 
 TEST_F(PlugInRecord, ARatingWithoutARankLimitsNothing) {
   writePropertyList(thisDevice().configUser() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 0}});
-  const auto isRestricted = [](const std::string& name, const Value& rating) {
+  for (const auto& [name, rating] : {std::pair<std::string, Value>("adult", Dictionary{{"rank", 300}}),
+                                     {"odd", Array{"rank"}},
+                                     {"text", Dictionary{{"rank", "300"}}}}) {
     writePropertyList(thisDevice().dataUser() + "/Applications/" + name + "/ZintraMetadata.plist",
                       Dictionary{{"rating", rating}});
     RequestSettings settings;
-    return installedRecord(name + "/Rated.app", {.identifier = "rated." + name})->ageRestricted(settings);
-  };
-  EXPECT_TRUE(isRestricted("adult", Dictionary{{"rank", 300}}));
-  EXPECT_FALSE(isRestricted("odd", Array{"rank"}) || isRestricted("text", Dictionary{{"rank", "300"}}));
+    const Record record = installedRecord(name + "/Rated.app", {.identifier = "rated." + name});
+    EXPECT_EQ(record->ageRestricted(settings), name == "adult") << name;
+  }
   RequestSettings settings;
   EXPECT_FALSE(registeredRecord({.identifier = "rated.lonely"})->ageRestricted(settings));
   fs::remove(thisDevice().configUser() + "/Restrictions.plist");

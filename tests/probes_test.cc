@@ -2,14 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "tests/support/Daemon.h"
 
 namespace testsupport {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr const char* kDebugger = "/usr/bin/gdb";
 

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <cmath>
-#include <filesystem>
 
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyListCache.h"
@@ -18,10 +17,9 @@
 namespace platform {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::literals;
 
-using testsupport::readText, testsupport::writeText;
+using namespace testsupport;
 
 Value parsed(std::string_view bytes) {
   return std::get<Value>(parsePropertyList(bytes));
@@ -280,7 +278,7 @@ class PropertyListFiles : public testing::Test {
  protected:
   std::string path(std::string_view name) const { return root_ / name; }
   void write(std::string_view name, std::string_view text) const { writeText(path(name), text); }
-  const testsupport::DeviceRoot device_;
+  const DeviceRoot device_;
   const fs::path root_ = device_.configUser();
 };
 

@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <latch>
 
@@ -341,7 +340,7 @@ TEST(LimitsTest, onTimeCloseHalfFramesAndPeersThatTakeNothing) {
 TEST(PeerIdentityTest, hasTheExecutableThatReplacedItsOwnAndNoOther) {
   const FileDescriptor listening = listeningSocket(servicePath("moved"));
   const std::string program = device.path() + "/program";
-  std::filesystem::copy_file("/bin/sleep", program);
+  fs::copy_file("/bin/sleep", program);
   const Child moved([&] {
     WireClient::connect(servicePath("moved"));
     execl(program.c_str(), "sleep", "100", nullptr);
@@ -356,18 +355,18 @@ TEST(PeerIdentityTest, hasTheExecutableThatReplacedItsOwnAndNoOther) {
     EXPECT_TRUE(!identity->executablePath() || *identity->executablePath() == program);
     return identity->executablePath().has_value();
   };
-  std::filesystem::remove(program);
+  fs::remove(program);
   EXPECT_FALSE(isKnown());
-  std::filesystem::copy_file("/bin/sleep", program);
+  fs::copy_file("/bin/sleep", program);
   EXPECT_TRUE(isKnown()) << "an update";
-  std::filesystem::permissions(program, std::filesystem::perms::owner_read);
+  fs::permissions(program, fs::perms::owner_read);
   EXPECT_FALSE(isKnown()) << "no executable";
-  std::filesystem::remove(program);
-  std::filesystem::create_symlink("/bin/sleep", program);
+  fs::remove(program);
+  fs::create_symlink("/bin/sleep", program);
   EXPECT_FALSE(isKnown()) << "a link";
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
-  std::filesystem::remove(program);
-  std::filesystem::copy_file("/bin/sleep", program);
+  fs::remove(program);
+  fs::copy_file("/bin/sleep", program);
   ASSERT_EQ(chown(program.c_str(), 12345, 12345), 0);
   EXPECT_FALSE(isKnown()) << "someone else's";
 }
@@ -375,8 +374,8 @@ TEST(PeerIdentityTest, hasTheExecutableThatReplacedItsOwnAndNoOther) {
 TEST(PeerIdentityTest, isNotTakenFromAPathOfAnotherMountNamespace) {
   const FileDescriptor listening = listeningSocket(servicePath("mounted"));
   const std::string place = device.path() + "/mounted", program = place + "/program";
-  std::filesystem::create_directory(place);
-  std::filesystem::copy_file("/bin/sh", program);
+  fs::create_directory(place);
+  fs::copy_file("/bin/sh", program);
   const Child impostor([&] {
     WireClient::connect(servicePath("mounted"));
     const uid_t user = geteuid();
@@ -385,7 +384,7 @@ TEST(PeerIdentityTest, isNotTakenFromAPathOfAnotherMountNamespace) {
     mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
     if (mount("none", place.c_str(), "tmpfs", 0, "") != 0) return false;
     std::error_code failure;
-    std::filesystem::copy_file("/bin/sh", program, failure);
+    fs::copy_file("/bin/sh", program, failure);
     const std::string script = "/bin/rm " + program + "; kill -STOP $$";
     execl(program.c_str(), program.c_str(), "-c", script.c_str(), nullptr);
     return false;
@@ -395,7 +394,7 @@ TEST(PeerIdentityTest, isNotTakenFromAPathOfAnotherMountNamespace) {
   std::error_code error;
   if (!eventually(
           [&] {
-            const auto target = std::filesystem::read_symlink(link, error).string();
+            const auto target = fs::read_symlink(link, error).string();
             return target == program + " (deleted)" ||
                    (error && !PeerIdentity::ofSocket(socket.get())->isAlive());
           },
@@ -419,8 +418,8 @@ TEST(ListenerTest, makesASocketForThisUserAloneWhereNothingElseIs) {
   const std::string longest(sizeof(sockaddr_un::sun_path) - servicePath("").size() - 1, 'n');
   EXPECT_EQ(failureToListen(longest + "n"), ENAMETOOLONG);
   const EchoService service(longest);
-  EXPECT_EQ(std::filesystem::status(servicePath(longest)).permissions(), std::filesystem::perms(0600));
-  EXPECT_EQ(std::filesystem::status(device.runtime()).permissions(), std::filesystem::perms(0700));
+  EXPECT_EQ(fs::status(servicePath(longest)).permissions(), fs::perms(0600));
+  EXPECT_EQ(fs::status(device.runtime()).permissions(), fs::perms(0700));
   const FileDescriptor foreign = listeningSocket(servicePath("foreign"));
   EXPECT_EQ(failureToListen("foreign"), EADDRINUSE);
   EXPECT_GE(WireClient::connect(servicePath("foreign")).fd(), 0);
@@ -441,7 +440,7 @@ TEST(ListenerTest, servesTheSocketThatTheServiceManagerHandsOver) {
   });
   WireClient client = WireClient::connect(path);
   EXPECT_EQ(client.call({{"a", 1}})["a"], Value(1));
-  EXPECT_FALSE(std::filesystem::exists(servicePath("activated")));
+  EXPECT_FALSE(fs::exists(servicePath("activated")));
 }
 
 // --- Clients ---

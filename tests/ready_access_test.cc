@@ -1,6 +1,5 @@
 // "ready" and "access": checks, refusals and what is left for the service launcher.
 
-#include <filesystem>
 #include <fstream>
 
 #include "platform/propertylist/PropertyList.h"
@@ -9,8 +8,6 @@
 
 namespace testsupport {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Ready : public DaemonTest {
  protected:
@@ -207,10 +204,7 @@ TEST_F(Ready, NothingIsRegisteredForAnotherProcessThatGotThePid) {
   start();
   const UUID a = uuid("a");
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = socketAddress(daemon->socketPath());
-  Child first([&] {
-    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  });
+  Child first = connectedByAChild(daemon->socketPath(), socket);
   const pid_t pid = first.pid();
   ASSERT_TRUE(daemon->waitForLog("client " + std::to_string(pid) + " "));
   first.kill();

@@ -1,15 +1,11 @@
 // The daemon as a process and the protocol's frame: command line, start-up failures, versions, request names,
 // typed reading, messages without a reply, what is logged and when.
 
-#include <filesystem>
-
 #include "tests/support/Child.h"
 #include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
-
-namespace fs = std::filesystem;
 
 /// Runs the daemon until it ends by itself; answers what it wrote to standard error.
 std::string outputOfFailedStart(const DeviceRoot& root, std::vector<std::string> arguments, int status,
@@ -169,17 +165,9 @@ TEST_F(Requests, AMessageThatWantsNoReplyIsServedAndNotAnsweredNorIsAFrameWithou
   EXPECT_TRUE(client->isSilent());
 }
 
-/// A child process that has connected `socket` to the daemon.
-Child connectedByAChild(const Daemon& daemon, const FileDescriptor& socket) {
-  const sockaddr_un address = socketAddress(daemon.socketPath());
-  return Child([&] {
-    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  });
-}
-
 TEST_F(Requests, APeerWhoseProcessIsGoneIsServedUntilItsSocketCloses) {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  Child child = connectedByAChild(*daemon, socket);
+  Child child = connectedByAChild(daemon->socketPath(), socket);
   const std::string peer = "client " + std::to_string(child.pid());
   ASSERT_TRUE(daemon->waitForLog(peer + " " + fs::canonical("/proc/self/exe").string()));
   child.kill();
@@ -195,7 +183,7 @@ TEST_F(Requests, APeerWhoseProcessIsGoneIsServedUntilItsSocketCloses) {
 TEST_F(Requests, APeerThatExitsBeforeItIsLookedAtHasNoKnownExecutable) {
   daemon->pause();
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  Child child = connectedByAChild(*daemon, socket);
+  Child child = connectedByAChild(daemon->socketPath(), socket);
   const std::string pid = std::to_string(child.pid());
   child.kill();
   daemon->goOn();
@@ -273,43 +261,37 @@ TEST_F(Registration, AnAddedPlugInIsFoundByTheNextRequestAndARemovedOneIsNot) {
 }
 
 TEST_F(Registration, PathsAreJudgedInOrderAndTheWalkStopsAtTheFirstBadOne) {
-  const std::string good = looseBundle("good"), later = looseBundle("later");
-  const std::string missing = root.path() + "/loose/none.appex";
-  fs::create_directories(root.path() + "/loose/empty.appex");
-  const std::string refused = root.path() + "/loose/empty.appex";
-
-  EXPECT_EQ(errorOfPaths("add", {missing, good}), "9: invalid plugin path: " + missing);
-  EXPECT_EQ(errorOfPaths("add", {"relative/dir", good}), "9: absolute path required: relative/dir");
-  EXPECT_EQ(errorOfPaths("add", {"", good}), "9: absolute path required: ");
-  EXPECT_EQ(errorOfPaths("add", {5, good}), "4: invalid request format");
+  const std::string good = looseBundle("good"), later = looseBundle("later"), missing = root.path() + "/none",
+                    refused = root.path() + "/empty.appex";
+  fs::create_directories(refused);
+  for (const auto& [wrong, error] :
+       {std::pair<Value, std::string>(missing, "9: invalid plugin path: " + missing),
+        {"relative/dir", "9: absolute path required: relative/dir"},
+        {"", "9: absolute path required: "},
+        {5, "4: invalid request format"}})
+    EXPECT_EQ(errorOfPaths("add", {wrong, good}), error);
   EXPECT_EQ(errorOfPaths("add", Array()), "");
   EXPECT_EQ(found(), "") << "nothing behind a bad entry is looked at";
-
   EXPECT_EQ(errorOfPaths("add", {good, refused, later}), "2: unable to register plug-in at " + refused);
   EXPECT_EQ(daemon->logCount("failed to register plug-in at " + refused), 1u);
   EXPECT_EQ(found(), "good") << "what came before stays registered";
-  EXPECT_EQ(errorOfPaths("add", {later, 5, missing}), "4: invalid request format");
-  EXPECT_EQ(found(), "good later");
 }
 
 TEST_F(Registration, APathHasToFitItsBufferAsReceivedAndResolved) {
-  const std::string real = looseBundle("deep");
+  const std::string real = looseBundle("deep"), link = root.path() + "/short";
   // The longest path that fits, and the first that does not: both lead to the same bundle.
   const auto padded = [&](size_t length) {
     std::string path = real;
-    while (path.size() + 2 <= length) path += "/.";
-    if (path.size() < length) path += "/";
+    while (path.size() < length) path += path.size() + 1 < length ? "/." : "/";
     return path;
   };
   EXPECT_EQ(errorOfPaths("add", {padded(1023)}), "");
   EXPECT_EQ(found(), "deep");
   EXPECT_EQ(errorOfPaths("add", {padded(1024)}), "9: invalid plugin path: " + padded(1024));
-
   // A short path whose canonical form is too long.
   std::string deep = root.path();
   while (deep.size() < 1100) deep += "/" + std::string(200, 'd');
   fs::create_directories(deep);
-  const std::string link = root.path() + "/short";
   fs::create_directory_symlink(deep, link);
   EXPECT_EQ(errorOfPaths("add", {link}), "9: invalid plugin path: " + link);
 }

@@ -10,13 +10,14 @@
 #include "platform/security/Sandbox.h"
 #include "tests/support/Child.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/OwnDevice.h"
+#include "tests/support/ThisProcess.h"
 
 namespace {
 
 using namespace platform;
 using namespace testsupport;
-namespace fs = std::filesystem;
+
+const DeviceRoot& ownDevice = thisDevice();
 
 using Token = std::optional<std::string>;
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <random>
 #include <thread>
 
@@ -12,8 +11,6 @@
 
 namespace testsupport {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr int kClients = 16;
 constexpr auto kDuration = std::chrono::seconds(6);

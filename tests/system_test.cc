@@ -15,14 +15,15 @@
 #include "platform/types/TypeGraph.h"
 #include "tests/support/Child.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/OwnDevice.h"
+#include "tests/support/ThisProcess.h"
 
 namespace {
 
 using namespace platform;
 using namespace testsupport;
 using namespace std::literals;
-namespace fs = std::filesystem;
+
+const DeviceRoot& ownDevice = thisDevice();
 
 /// Waits until a file that was just written counts as unchanged from now on, and until the types are looked
 /// at again.

@@ -28,6 +28,13 @@ void Child::kill() {
   pid_ = -1;
 }
 
+Child connectedByAChild(const std::string& path, const FileDescriptor& socket) {
+  const sockaddr_un address = socketAddress(path);
+  return Child([&] {
+    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  });
+}
+
 std::string answerOfProcess(const std::function<std::string()>& work) {
   int ends[2];
   EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);

@@ -38,6 +38,9 @@ class Child {
   bool isReady_ = false;
 };
 
+/// A child process that has connected `socket`.
+Child connectedByAChild(const std::string& path, const FileDescriptor& socket);
+
 /// What `work` answers in a process of its own.
 std::string answerOfProcess(const std::function<std::string()>& work);
 /// Whether `work` holds in a process of its own.

@@ -8,14 +8,11 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <filesystem>
 #include <sstream>
 
 #include "tests/support/ThisProcess.h"
 
 namespace testsupport {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -39,6 +36,7 @@ Process::Process(const std::vector<std::string>& arguments, const std::vector<st
   pid_ = fork();
   if (pid_ != 0) return;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  ::signal(SIGINT, SIG_DFL);  // a shell's background jobs ignore it
   dup2(input, STDIN_FILENO);
   dup2(standardOutput >= 0 ? standardOutput : input, STDOUT_FILENO);
   dup2(errors.get(), STDERR_FILENO);

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -14,8 +13,6 @@
 #include "platform/propertylist/PropertyList.h"
 
 namespace testsupport {
-
-namespace fs = std::filesystem;
 
 namespace {
 

@@ -3,6 +3,7 @@
 // A whole device in a temporary directory: every root that the platform layer looks at, empty until a test
 // writes into it. Gone with the object.
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,7 @@
 
 namespace testsupport {
 
+namespace fs = std::filesystem;
 using namespace platform;
 
 /// What the files of a plug-in bundle say. Entries of the dictionaries are added to what every bundle has.

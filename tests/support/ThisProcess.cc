@@ -19,6 +19,13 @@ const DeviceRoot& thisDevice() {
   return *device;
 }
 
+void clearOwnDevice() {
+  const DeviceRoot& device = thisDevice();
+  for (const std::string& root :
+       {device.dataUser(), device.dataSystem(), device.configUser(), device.configDevice(), device.runtime()})
+    for (const auto& entry : fs::directory_iterator(root)) fs::remove_all(entry.path());
+}
+
 std::vector<std::string> logEntries(const std::string& standardError) {
   std::vector<std::string> entries;
   std::istringstream lines(standardError);

@@ -28,6 +28,9 @@ namespace testsupport {
 
 const DeviceRoot& thisDevice();
 
+/// Empties the directories of the device, for the next test.
+void clearOwnDevice();
+
 /// Lines of this process's log, without their prefixes, out of what was written to standard error. The
 /// registry's announcements come in their own time and are left out.
 std::vector<std::string> logEntries(const std::string& standardError);
