@@ -1,13 +1,11 @@
-// The client library against the real daemon: every call, errors, what becomes of replies when either side
+// The client library against the real daemon: versions, errors, what becomes of replies when either side
 // goes.
 
 #include <algorithm>
 #include <future>
 
 #include "Ambrel/ABDaemonClient.h"
-#include "Ambrel/ABPlugInCore.h"
 #include "platform/log/Failure.h"
-#include "platform/qmx/Encoding.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/ThisProcess.h"
 
@@ -21,9 +19,6 @@ using Reply = ABDaemonClient::Reply;
 
 class ClientLibrary : public testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    thisDevice().install("Notes.app", {{.identifier = "notes.share"}, {.identifier = "notes.edit"}});
-  }
   void SetUp() override {
     daemon_ = std::make_unique<Daemon>(thisDevice());
     client_ = std::make_unique<ABDaemonClient>("abd.test");
@@ -42,57 +37,17 @@ class ClientLibrary : public testing::Test {
     const auto error = ABDaemonClient::errorInReply(replyTo(call));
     return error ? std::to_string(error->code) + ": " + error->text.value_or("(none)") : "";
   }
-  std::vector<std::shared_ptr<ABPlugInCore>> match(const std::optional<Dictionary>& rules) {
-    const Reply reply = replyTo([&](auto closure) { client_->matchPlugIns(rules, 0, closure); });
-    EXPECT_EQ(ABDaemonClient::errorInReply(reply), std::nullopt);
-    std::vector<std::shared_ptr<ABPlugInCore>> records;
-    const Value forms = client_->convertFromQMX(std::get<qmx::Message>(reply).body["matches"]);
-    if (forms.array() == nullptr) return records;
-    for (const Value& form : *forms.array())
-      records.push_back(ABPlugInCore::initWithForm(*form.dictionary()));
-    return records;
-  }
-
   std::unique_ptr<Daemon> daemon_;
   std::unique_ptr<ABDaemonClient> client_;
 };
-
-TEST_F(ClientLibrary, EveryCallReachesItsRequest) {
-  ASSERT_EQ(match(std::nullopt).size(), 2u);
-  const auto found = match(Dictionary{{"ZQExtensionIdentifier", "notes.share"}});
-  ASSERT_EQ(found.size(), 1u);
-  const UUID uuid = found[0]->uuid();
-  const std::string path = found[0]->path();
-
-  EXPECT_EQ(errorOf([&](auto closure) { client_->addPlugIns({path}, closure); }), "");
-  EXPECT_EQ(errorOf([&](auto closure) { client_->removePlugIns({"/none.appex"}, closure); }),
-            "9: no plugin at /none.appex");
-  EXPECT_EQ(errorOf([&](auto closure) { client_->bulkPlugins(0x2A, closure); }), "");
-  EXPECT_TRUE(daemon_->logs("bulk options 0x2a not supported"));
-  EXPECT_EQ(errorOf([&](auto closure) { client_->readyPlugIns({uuid}, 0, closure); }), "");
-  const Reply access = replyTo([&](auto closure) { client_->accessPlugIns({uuid}, 0, closure); });
-  EXPECT_EQ(std::get<qmx::Message>(access).body["extensions"].array()->size(), 1u);
-  EXPECT_EQ(errorOf([&](auto closure) {
-              client_->setPluginAnnotations({uuid}, {{"election", 2}}, closure);
-            }),
-            "");
-  EXPECT_EQ(match(Dictionary{{"ZQUserElection", "2"}}).at(0)->annotations(),
-            Value(Dictionary{{"election", 2}}));
-
-  const Reply granted = replyTo([&](auto closure) { client_->holdPlugins({path}, ABHoldPlugIns, closure); });
-  const auto token = std::get<qmx::Message>(granted).body["uuids"].uuid();
-  ASSERT_TRUE(token);
-  EXPECT_EQ(match(std::nullopt).size(), 1u);
-  EXPECT_EQ(errorOf([&](auto closure) { client_->releaseHold(*token, closure); }), "");
-  EXPECT_EQ(match(std::nullopt).size(), 2u);
-}
 
 TEST_F(ClientLibrary, SpeaksTheVersionThatItIsToldTo) {
   EXPECT_EQ(client_->request("match"), (Dictionary{{"request", "match"}, {"version", 3}}));
   client_->setProtocolVersion(2);
   EXPECT_EQ(client_->request("add", {"/a"}),
             (Dictionary{{"request", "add"}, {"version", 2}, {"paths", Array{"/a"}}}));
-  EXPECT_TRUE(match(std::nullopt).empty()) << "property lists are those of version 3";
+  const Reply reply = replyTo([&](auto closure) { client_->matchPlugIns(std::nullopt, 0, closure); });
+  EXPECT_TRUE(std::get<qmx::Message>(reply).body.empty()) << "property lists are those of version 3";
   client_->setProtocolVersion(4);
   EXPECT_EQ(errorOf([&](auto closure) { client_->bulkPlugins(0, closure); }),
             "7: unsupported protocol version 4 (current 3)");

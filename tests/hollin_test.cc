@@ -412,34 +412,6 @@ TEST_F(HollinTest, aChangedSDKUpdatesAllWhoNameItAtOnce) {
   for (const std::string& path : {application, sdk}) fs::remove_all(path);
 }
 
-TEST_F(HollinTest, whatIsKnownOfAPlaceIsTrueWhateverTakesItsPlace) {
-  const std::string application = root.install("A.app", {{.identifier = "a"}}), away = root.path() + "/away";
-  const std::string path = DeviceRoot::plugInPath(application, "a");
-  // Another directory with the very same files.
-  fs::create_directories(away);
-  fs::create_hard_link(path + "/Info.plist", away + "/Info.plist");
-  open();
-  // What is known is known after a while in which nothing happens.
-  std::this_thread::sleep_for(milliseconds(600));
-  const auto proxy = only("a");
-  const auto isAt = [&] { return proxy->bundlePlace() && proxy->bundlePlace() == readablePlace(path); };
-  // While somebody goes on writing, so that nothing is scanned.
-  const auto soon = [&application](const auto& condition) {
-    return eventually([&] {
-      writeText(application + "/note", "");
-      return condition();
-    });
-  };
-  EXPECT_TRUE(isAt());
-  ASSERT_EQ(renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, away.c_str(), RENAME_EXCHANGE), 0);
-  EXPECT_TRUE(soon(isAt));
-  std::this_thread::sleep_for(milliseconds(600));
-  EXPECT_TRUE(isAt());
-  fs::rename(path, away + ".2");
-  fs::create_directory_symlink(away + ".2", path);
-  EXPECT_TRUE(soon([&] { return !proxy->bundlePlace() && errno == ELOOP; }));
-}
-
 pid_t threadCalled(const std::string& name) {
   for (const auto& task : fs::directory_iterator("/proc/self/task"))
     if (readText(task.path() / "comm") == name + "\n") return std::stoi(task.path().filename().string());

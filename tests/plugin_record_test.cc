@@ -1,5 +1,7 @@
 // The daemon's record: building from the registry, forms, ratings, and what it shares.
 
+#include <fcntl.h>
+
 #include "abd/RequestSettings.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/security/Sandbox.h"
@@ -122,6 +124,10 @@ TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
   fs::create_symlink(path + "/images/b.png", path + "/images/a.png");
   EXPECT_EQ(tokenOf("images/a.png"), path + "/images/b.png");
   EXPECT_EQ(tokenOf("."), path);
+  // Another bundle of the same files.
+  fs::copy(path, path + ".new", fs::copy_options::recursive | fs::copy_options::create_hard_links);
+  ASSERT_EQ(renameat2(AT_FDCWD, (path + ".new").c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE), 0);
+  EXPECT_TRUE(eventually([&] { return tokenOf(".") == path; }));
   fs::rename(path, path + ".away");
   fs::create_directory_symlink(path + ".away", path);
   EXPECT_TRUE(eventually([&] { return !tokenOf("."); }));
