@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <pty.h>
 
 #include <nlohmann/json.hpp>
 
@@ -24,8 +23,6 @@ class Invocation {
     std::string input = {};
     Words environment = {};
     std::string directory = {};
-    bool onTerminal = false;
-    unsigned short columns = 0;
   };
   Invocation(const DeviceRoot& root, const Words& words) : Invocation(root, words, Options()) {}
   Invocation(const DeviceRoot& root, const Words& words, const Options& options) {
@@ -33,15 +30,7 @@ class Invocation {
     files_ = root.path() + "/abctl." + std::to_string(count++);
     for (const char* suffix : {".in", ".out"}) writeText(files_ + suffix, options.input);
     const FileDescriptor input(open((files_ + ".in").c_str(), O_RDONLY | O_CLOEXEC));
-    FileDescriptor output(open((files_ + ".out").c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
-    if (options.onTerminal) {
-      winsize size{};
-      size.ws_col = options.columns;
-      int ends[2];
-      EXPECT_EQ(openpty(&ends[0], &ends[1], nullptr, nullptr, &size), 0);
-      terminal_ = FileDescriptor(ends[0]);
-      output = FileDescriptor(ends[1]);
-    }
+    const FileDescriptor output(open((files_ + ".out").c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     Words arguments = {options.program}, environment = root.environment();
     arguments.insert(arguments.end(), words.begin(), words.end());
     environment.insert(environment.end(), options.environment.begin(), options.environment.end());
@@ -61,15 +50,9 @@ class Invocation {
   std::string firstLine() const { return written(false).substr(0, written(false).find('\n')); }
 
  private:
-  std::string written(bool onError) const {
-    if (onError || !terminal_) return readText(files_ + (onError ? ".err" : ".out"));
-    char buffer[65536];  // more than such a terminal holds
-    const ssize_t size = read(terminal_.get(), buffer, sizeof buffer);
-    return {buffer, static_cast<size_t>(std::max<ssize_t>(size, 0))};
-  }
+  std::string written(bool onError) const { return readText(files_ + (onError ? ".err" : ".out")); }
 
   std::string files_;
-  FileDescriptor terminal_;
   std::optional<Process> process_;
 };
 
@@ -346,7 +329,7 @@ TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
   EXPECT_TRUE(daemon_->logs("bulk options 0xff not supported"));
 }
 
-TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
+TEST_F(Abctl, NothingInATableCommandsTheTerminal) {
   // A control sequence introducer, a direction override, a line break; and characters two columns wide.
   root_.install("Evil.app",
                 {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}},
@@ -358,15 +341,6 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   for (const std::string& row : rows)
     EXPECT_TRUE(!row.starts_with("org.wide") || row.find("Evil") == rows[0].find("APPLICATION") - 4 + 6)
         << "six bytes, four columns";
-
-  const Invocation::Options terminal{.environment = {"TERM=xterm"}, .onTerminal = true, .columns = 60};
-  const std::string narrow = run({"match"}, terminal).out();
-  EXPECT_NE(narrow.find("\x1b[1m"), std::string::npos) << "a heading in bold";
-  EXPECT_NE(narrow.find("…"), std::string::npos);
-  const std::string plain =
-      run({"match"}, {.environment = {"TERM=xterm", "NO_COLOR=1"}, .onTerminal = true, .columns = 60}).out();
-  EXPECT_EQ(plain.find('\x1b'), std::string::npos) << plain;
-  for (const std::string& row : lines(plain)) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
 }
 
 TEST_F(Abctl, TheClientInPythonListsAndFollows) {

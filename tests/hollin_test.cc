@@ -24,9 +24,7 @@ namespace {
 
 using namespace platform;
 using namespace testsupport;
-using hollin::Registry;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
+using hollin::Registry, std::chrono::milliseconds;
 using Strings = std::vector<std::string>;
 
 size_t posts() {
@@ -50,9 +48,9 @@ class Recorder : public HLApplicationWorkspaceObserverProtocol {
     const std::lock_guard lock(mutex_);
     return events_;
   }
-  /// The events, as soon as there are `count`, or too few after some seconds.
+  /// The events, as soon as there are `count`, or too few.
   Strings waitFor(size_t count) {
-    eventually([&] { return events().size() >= count; }, seconds(10));
+    eventually([&] { return events().size() >= count; });
     return events();
   }
   std::atomic<size_t> calls{0};

@@ -244,18 +244,15 @@ std::vector<size_t> scan(const std::vector<Candidate>& candidates, uint64_t flag
 
 std::vector<size_t> resolve(const std::vector<Candidate>& candidates, uint64_t flags) {
   DuplicateResolver resolver(flags);
-  std::vector<size_t> accepted;
-  std::vector<bool> isGone;
+  std::vector<std::optional<size_t>> accepted;
   for (size_t i = 0; i < candidates.size(); ++i) {
     const DuplicateResolver::Verdict verdict = resolver.admit(candidates[i]);
-    if (!verdict.accepted) continue;
-    if (verdict.displaced) isGone[*verdict.displaced] = true;
-    accepted.push_back(i);
-    isGone.push_back(false);
+    if (verdict.accepted && verdict.displaced) accepted[*verdict.displaced].reset();
+    if (verdict.accepted) accepted.emplace_back(i);
   }
   std::vector<size_t> remaining;
-  for (size_t at = 0; at < accepted.size(); ++at)
-    if (!isGone[at]) remaining.push_back(accepted[at]);
+  for (const auto& each : accepted)
+    if (each) remaining.push_back(*each);
   return remaining;
 }
 

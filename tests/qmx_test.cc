@@ -255,30 +255,6 @@ TEST(LimitsTest, onConnectionsOfOneProcessRefuseTheNextOne) {
   EXPECT_TRUE(holdsInProcess([&] { return !service.connect().call({}).contains("error"); }));
 }
 
-TEST(LimitsTest, onAllConnectionsRefuseTheNextOne) {
-  rlimit descriptors{};
-  getrlimit(RLIMIT_NOFILE, &descriptors);
-  if (descriptors.rlim_max < 2 * kMaximumConnections + 500) GTEST_SKIP() << "too few descriptors";
-  EchoService service("thousands");
-  std::vector<std::unique_ptr<Child>> children;
-  for (size_t i = 0; i < kMaximumConnections / kMaximumConnectionsPerProcess; ++i) {
-    children.push_back(std::make_unique<Child>([&] {
-      static std::vector<WireClient> clients;
-      for (size_t c = 0; c < kMaximumConnectionsPerProcess - (i == 0 ? 1 : 0); ++c)
-        clients.push_back(service.connect());
-      return true;
-    }));
-  }
-  ASSERT_TRUE(service.waitFor("+", kMaximumConnections - 1));
-  WireClient last = service.connect();
-  last.call({});
-  EXPECT_TRUE(service.connect().isClosedByPeer());
-  children.clear();
-  EXPECT_TRUE(service.waitFor("-", kMaximumConnections - 1));
-  last.call({});
-  EXPECT_EQ(service.livingConnections(), 1u);
-}
-
 TEST(LimitsTest, onDescriptorsMakeThePeersWaitThatComeTooLate) {
   const std::string path = servicePath("scarce");
   const Child daemon([] {
