@@ -167,14 +167,6 @@ TEST_F(Annotate, ARejectedFileIsReportedAndStaysUntilTheFirstChange) {
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"a", Dictionary{{"election", 1}}}}));
 }
 
-TEST_F(Annotate, ARelativeFileLiesWhereTheDaemonWasStarted) {
-  root.install("A.app", {{.identifier = "a"}});
-  start({.arguments = {"-d", "mine.plist"}, .directory = root.path()});
-  EXPECT_EQ(elect("a", 1), "");
-  EXPECT_EQ((*readDictionaryFile(root.path() + "/mine.plist"))["version"], Value(16));
-  EXPECT_FALSE(fs::exists(root.state() + "/com.veltra.ambrel"));
-}
-
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int kKills = 30;
 #else

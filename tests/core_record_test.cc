@@ -123,10 +123,6 @@ class SDK : public testing::Test {
   SDK() { thisDevice(); }
   ~SDK() override { unsetenv("ABTEST_SDK"); }
 
-  static void registerSDK(const std::string& name, const Dictionary& section) {
-    writePropertyList(thisDevice().dataUser() + "/SDKs/" + name + ".plist",
-                      Dictionary{{"ZQExtension", section}});
-  }
   /// A resolved record of an application extension (or, with another suffix, of any plug-in).
   static std::shared_ptr<ABPlugInCore> resolve(const Dictionary& section, const Dictionary& more = {},
                                                const char* path = "/a.appex") {
@@ -171,25 +167,23 @@ TEST_F(SDK, UnitesSharedResourcesOfAnyShapeAndNoOtherLists) {
     EXPECT_EQ(unite(sdk, info), (Dictionary{{"Shared", united}, {"list", info}}));
 }
 
-TEST_F(SDK, ATestDirectoryComesBeforeTheRegisteredSDKs) {
-  registerSDK("point.both", {{"From", "registry"}});
-  writePropertyList(thisDevice().dataSystem() + "/SDKs/point.one.plist",
-                    Dictionary{{"ZQExtension", Dictionary{{"From", "system"}}}});
-  registerSDK("point.one", {{"From", "registry"}});
-  const std::string directory = thisDevice().path() + "/sdks";
-  writePropertyList(directory + "/point.both", Dictionary{{"ZQExtension", Dictionary{{"From", "test"}}}});
-  writePropertyList(directory + "/point.array", Array{1});
-  registerSDK("point.array", {{"From", "registry"}});
-  setenv("ABTEST_SDK", directory.c_str(), 1);
+TEST_F(SDK, ATestDirectoryComesBeforeTheRegisteredSDKsAndTheUsersBeforeTheSystems) {
+  const auto put = [](const std::string& file, const char* from) {
+    writePropertyList(thisDevice().path() + file, Dictionary{{"ZQExtension", Dictionary{{"From", from}}}});
+  };
+  put("/data/veltra/SDKs/point.plist", "user");
+  put("/share/veltra/SDKs/point.plist", "system");
+  put("/sdks/point", "test");
+  setenv("ABTEST_SDK", (thisDevice().path() + "/sdks").c_str(), 1);
   const auto from = [](const char* name) {
     return resolve({{"ZQExtensionPointIdentifier", name}})->plugInDictionary()["From"];
   };
-  EXPECT_EQ(from("point.both"), Value("test"));
-  EXPECT_EQ(from("point.one"), Value("registry")) << "the user's comes before the system's";
-  writeText(thisDevice().dataUser() + "/SDKs/point.one.plist", "damaged");
-  EXPECT_EQ(from("point.one"), Value("system"));
-  EXPECT_EQ(from("point.array"), Value("registry"));
-  for (const char* name : {"", "..", "../sdks/point.both"})
+  EXPECT_EQ(from("point"), Value("test"));
+  writePropertyList(thisDevice().path() + "/sdks/point", Array{1});
+  EXPECT_EQ(from("point"), Value("user"));
+  writeText(thisDevice().dataUser() + "/SDKs/point.plist", "damaged");
+  EXPECT_EQ(from("point"), Value("system"));
+  for (const char* name : {"", "..", "../sdks/point"})
     logOf([&] { EXPECT_TRUE(from(name).isNone()) << name; });
 }
 
@@ -204,7 +198,8 @@ TEST_F(SDK, AnUnknownSDKIsLoggedAndABadNameLeavesTheRecordAsItWas) {
 }
 
 TEST_F(SDK, MergesIntoTheSectionOfAMultiplexedBundleNotIntoItsPlugIns) {
-  registerSDK("point.multiple", {{"Extra", 1}});
+  writePropertyList(thisDevice().dataUser() + "/SDKs/point.multiple.plist",
+                    Dictionary{{"ZQExtension", Dictionary{{"Extra", 1}}}});
   const auto record =
       resolve({{"Multiple",
                 Dictionary{{"a", Dictionary{{"ZQExtensionPointIdentifier", "point.multiple"}}}, {"b", 1}}}});

@@ -107,7 +107,7 @@ TEST_F(Match, APlugInWithoutAnApplicationIsSeenOnlyByManagers) {
   ASSERT_EQ(error("lock", {{"paths", Array{root.dataUser() + "/Applications/A.app"}}, {"flags", 1}}), "");
   EXPECT_EQ(found(), "");
 
-  Host host(root, *daemon, manager), confined(root, *daemon, manager, {.isConfined = true}),
+  Host host(root, *daemon, manager), confined(root, *daemon, manager, true),
       without(root, *daemon, hostBundle("Refused", {{kManager, 0}}));
   EXPECT_EQ(foundBy(host), "");
   EXPECT_EQ(foundBy(host, kAll | kSystemOnly), "inside loose") << "visibility and holds are not looked at";

@@ -14,16 +14,12 @@
 
 namespace testsupport {
 
-namespace {
-
-std::vector<char*> pointers(const std::vector<std::string>& strings) {
+static std::vector<char*> pointers(const std::vector<std::string>& strings) {
   std::vector<char*> result;
   for (const std::string& each : strings) result.push_back(const_cast<char*>(each.c_str()));
   result.push_back(nullptr);
   return result;
 }
-
-}  // namespace
 
 Process::Process(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
                  const std::string& errorFile, int standardInput, const std::string& directory,
@@ -135,7 +131,7 @@ bool Daemon::waitForLog(std::string_view text, size_t count, std::chrono::millis
   return eventually([&] { return logCount(text) >= count; }, timeout);
 }
 
-Host::Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, Options options) {
+Host::Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, bool isConfined) {
   const std::string program = bundle + "/main";
   fs::create_directories(bundle);
   if (!fs::exists(program)) fs::copy_file(TEST_HOST_PROGRAM, program);
@@ -148,7 +144,7 @@ Host::Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bund
   client_.emplace(FileDescriptor(pair[0]));
   const FileDescriptor childEnd(pair[1]);
   std::vector<std::string> arguments = {program, daemon.socketPath()};
-  if (options.isConfined) arguments.emplace_back("--confined");
+  if (isConfined) arguments.emplace_back("--confined");
   process_ =
       std::make_unique<Process>(arguments, root.environment(), root.path() + "/host.log", childEnd.get());
 }

@@ -92,13 +92,9 @@ class Daemon {
 /// is the peer.
 class Host {
  public:
-  struct Options {
-    bool isConfined = false;
-  };
-  /// Copies the host program into the bundle at `bundle` (as "main") and starts it from there.
-  Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle)
-      : Host(root, daemon, bundle, Options()) {}
-  Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, Options options);
+  /// Copies the host program into the bundle at `bundle` (as "main") and starts it from there, if wanted
+  /// under a sandbox's filter.
+  Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, bool isConfined = false);
 
   WireClient& client() { return *client_; }
   pid_t pid() const { return process_->pid(); }

@@ -20,12 +20,6 @@ void addAll(Dictionary& dictionary, const Dictionary& more) {
   for (const auto& [key, value] : more) dictionary.set(key, value);
 }
 
-std::string serialized(const Value& value) {
-  Result<std::string> bytes = serializePropertyList(value);
-  if (const Error* error = std::get_if<Error>(&bytes)) throw std::runtime_error(error->description());
-  return std::get<std::string>(std::move(bytes));
-}
-
 }  // namespace
 
 void writeText(const std::string& path, std::string_view text, unsigned mode) {
@@ -35,7 +29,7 @@ void writeText(const std::string& path, std::string_view text, unsigned mode) {
 }
 
 void writePropertyList(const std::string& path, const Value& value) {
-  writeText(path, serialized(value));
+  writeText(path, std::get<std::string>(serializePropertyList(value)));
 }
 
 std::string readText(const std::string& path) {

@@ -43,9 +43,9 @@ class WireClient {
   /// Sends a request and answers the body of its reply.
   Dictionary call(const Dictionary& body);
   /// Whether the daemon closes the stream (without sending anything more).
-  bool isClosedByPeer(std::chrono::milliseconds timeout = kPatience);
+  bool isClosedByPeer();
   /// Nothing arrives for a moment, and the stream stays open.
-  bool isSilent(std::chrono::milliseconds time = std::chrono::milliseconds(100));
+  bool isSilent();
   void shutdownSending();
   void close() { socket_ = FileDescriptor(); }
 
