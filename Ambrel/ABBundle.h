@@ -15,6 +15,8 @@
 #include "platform/value/URL.h"
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace ambrel {
 
 using namespace platform;
@@ -57,3 +59,5 @@ class ABBundle {
 };
 
 }  // namespace ambrel
+
+#pragma GCC visibility pop

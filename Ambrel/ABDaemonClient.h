@@ -23,6 +23,8 @@
 #include "platform/value/UUID.h"
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace ambrel {
 
 using namespace platform;
@@ -77,3 +79,5 @@ class ABDaemonClient {
 };
 
 }  // namespace ambrel
+
+#pragma GCC visibility pop

@@ -14,6 +14,8 @@
 
 #include "Ambrel/ABHost.h"
 
+#pragma GCC visibility push(default)
+
 namespace ambrel {
 
 /// What became different since the handler was called last with one of these. Plug-ins are told apart by
@@ -59,3 +61,5 @@ class PlugInDiscovery {
 };
 
 }  // namespace ambrel
+
+#pragma GCC visibility pop

@@ -12,6 +12,8 @@
 #include "platform/log/Format.h"
 #include "platform/value/Error.h"
 
+#pragma GCC visibility push(default)
+
 namespace ambrel {
 
 using namespace platform;
@@ -41,3 +43,5 @@ Error ABErrorWithFormat(int64_t code, std::nullptr_t, const Args&...) {
 }
 
 }  // namespace ambrel
+
+#pragma GCC visibility pop

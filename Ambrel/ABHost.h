@@ -25,6 +25,8 @@
 #include "platform/propertylist/PropertyList.h"
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace ambrel {
 
 /// A record that was made from a daemon's answer; whoever got one may share it between threads.
@@ -85,3 +87,5 @@ Result<std::vector<Dictionary>> formsInReply(const ABDaemonClient& client,
                                              const ABDaemonClient::Reply& reply);
 
 }  // namespace ambrel
+
+#pragma GCC visibility pop

@@ -23,6 +23,8 @@
 #include "platform/value/UUID.h"
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace ambrel {
 
 using namespace platform;
@@ -184,3 +186,5 @@ class ABPlugInCore {
 };
 
 }  // namespace ambrel
+
+#pragma GCC visibility pop

@@ -14,11 +14,43 @@ install(CODE "
   file(CREATE_LINK \"${ABCTL_LINK}\" \"\${links}/abctl\" SYMBOLIC)
   message(STATUS \"Installing: \${links}/abctl -> ${ABCTL_LINK}\")")
 
-install(TARGETS ambrel ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-set(AMBREL_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/ambrel-1)
-install(DIRECTORY Ambrel DESTINATION ${AMBREL_HEADERS} FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY platform DESTINATION ${AMBREL_HEADERS} FILES_MATCHING PATTERN "*.h" PATTERN "*.inl"
-  PATTERN hollin EXCLUDE)
+# The client library: what clients include, what that includes in turn, and no other header.
+set(headers Ambrel/ABBundle.h Ambrel/ABDaemonClient.h Ambrel/ABDiscovery.h Ambrel/ABErrors.h Ambrel/ABHost.h
+  Ambrel/ABInfoKeys.h Ambrel/ABPlugInCore.h Ambrel/ABProtocol.h platform/launcher/ProcessAssertions.h platform/launcher/ServiceLauncher.h platform/log/Log.h
+  platform/security/Sandbox.h platform/system/Notifications.h platform/value/Value.h)
+set(AMBREL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/ambrel-${PROJECT_VERSION_MAJOR})
+set(public_headers)
+while(headers)
+  list(POP_FRONT headers header)
+  if(header IN_LIST public_headers)
+    continue()
+  endif()
+  list(APPEND public_headers ${header})
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${header} DESTINATION ${AMBREL_INCLUDEDIR}/${folder})
+  file(STRINGS ${header} includes REGEX "^#include \"")
+  list(TRANSFORM includes REPLACE "^#include \"(.*)\".*" "\\1")
+  list(APPEND headers ${includes})
+endwhile()
+
+# For CMake: find_package(ambrel) gives ambrel::shared and, where what it links is installed, ambrel::static.
+set(AMBREL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/ambrel)
+foreach(kind shared static)
+  set(target ambrel)
+  if(kind STREQUAL shared)
+    set(target ambrel_shared)
+  endif()
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${kind})
+  install(TARGETS ${target} EXPORT ambrel_${kind} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${AMBREL_INCLUDEDIR})
+  install(EXPORT ambrel_${kind} NAMESPACE ambrel:: FILE ${kind}.cmake DESTINATION ${AMBREL_CMAKEDIR})
+endforeach()
+include(CMakePackageConfigHelpers)
+write_basic_package_version_file(ambrelConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES packaging/ambrelConfig.cmake ${CMAKE_BINARY_DIR}/ambrelConfigVersion.cmake
+  DESTINATION ${AMBREL_CMAKEDIR})
+
 # The prefix in the files below is the one of the installation, which may differ from the configured one.
 file(RELATIVE_PATH AMBREL_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(packaging/ambrel.pc.in ambrel.pc @ONLY)

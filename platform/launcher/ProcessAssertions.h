@@ -12,6 +12,8 @@
 #include "platform/system/FileDescriptor.h"
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// The busy instances of the given bundle identifiers, each a dictionary with "BundleIdentifier" (when its
@@ -35,3 +37,5 @@ class BusyAssertion {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -18,6 +18,8 @@
 #include "platform/value/UUID.h"
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// Key of the bundle identifier in extension properties.
@@ -77,3 +79,5 @@ class BusyMarking {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -15,6 +15,8 @@
 
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// One argument of a format. Holds references: it lives no longer than the call that it is made for.
@@ -91,5 +93,7 @@ std::string format(Format<Args...> text, const Args&... args) {
 }
 
 }  // namespace platform
+
+#pragma GCC visibility pop
 
 #include "platform/log/Format.inl"

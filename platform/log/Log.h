@@ -18,6 +18,8 @@
 
 #include "platform/log/Format.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// Leaves the copy on standard error out from now on, unless ABD_LOG asks for it: for programs that tell
@@ -54,3 +56,5 @@ void systemLog(Format<Args...> text, const Args&... args) {
 }
 
 }  // namespace platform
+
+#pragma GCC visibility pop

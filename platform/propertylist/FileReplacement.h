@@ -11,6 +11,8 @@
 
 #include "platform/value/Error.h"
 
+#pragma GCC visibility push(default)
+
 struct stat;
 
 namespace platform {
@@ -39,3 +41,5 @@ struct FileIdentity {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

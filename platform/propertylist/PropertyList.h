@@ -14,6 +14,8 @@
 #include "platform/value/Error.h"
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// Containers inside containers that a file may have; deeper is an error.
@@ -57,3 +59,5 @@ Result<std::string> serializePropertyList(const Value& value);
 bool canBeWritten(const Value& value, int nesting = kMaximumFileNesting);
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -10,6 +10,8 @@
 
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform::qmx {
 
 class Bundle {
@@ -49,3 +51,5 @@ class Bundle {
 };
 
 }  // namespace platform::qmx
+
+#pragma GCC visibility pop

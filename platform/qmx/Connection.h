@@ -32,6 +32,8 @@
 #include "platform/queue/RunLoop.h"
 #include "platform/queue/SerialQueue.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform::qmx {
 
 /// The service's error objects. terminationImminent: the peer's process is gone, the stream is not.
@@ -89,3 +91,5 @@ class Connection : public std::enable_shared_from_this<Connection> {
 };
 
 }  // namespace platform::qmx
+
+#pragma GCC visibility pop

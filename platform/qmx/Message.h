@@ -7,6 +7,8 @@
 
 #include "platform/value/Value.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform::qmx {
 
 /// First element of a frame.
@@ -30,3 +32,5 @@ struct Message {
 };
 
 }  // namespace platform::qmx
+
+#pragma GCC visibility pop

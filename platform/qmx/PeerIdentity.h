@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace platform::qmx {
 
 class PeerIdentity {
@@ -43,3 +45,5 @@ class PeerIdentity {
 };
 
 }  // namespace platform::qmx
+
+#pragma GCC visibility pop

@@ -17,6 +17,8 @@
 
 #include "platform/queue/Work.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 class SerialQueue;
@@ -108,3 +110,5 @@ class RunLoop {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

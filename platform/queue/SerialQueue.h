@@ -14,6 +14,8 @@
 
 #include "platform/queue/RunLoop.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 enum class QualityOfService { unspecified, userInitiated };
@@ -68,3 +70,5 @@ class SerialQueue {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -10,6 +10,8 @@
 #include <type_traits>
 #include <utility>
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 class Work {
@@ -83,3 +85,5 @@ class Work {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

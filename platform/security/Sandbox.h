@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// What a token is bound to besides the path.
@@ -54,3 +56,5 @@ std::optional<std::string> verifyReadToken(const std::string& token);
 bool isSandboxed(pid_t pid);
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <utility>
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 class FileDescriptor {
@@ -36,3 +38,5 @@ class FileDescriptor {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -10,6 +10,8 @@
 
 #include "platform/queue/RunLoop.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// Posted by the plug-in registry when plug-ins, or the SDKs they take over, have come, gone or changed, once
@@ -40,3 +42,5 @@ class NotificationObserver {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

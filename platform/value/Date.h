@@ -5,6 +5,8 @@
 #include <compare>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 struct Date {
@@ -19,3 +21,5 @@ struct Date {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

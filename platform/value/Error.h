@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 /// Domain of system errors; the code is an errno value.
@@ -40,3 +42,5 @@ struct Error {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -10,6 +10,8 @@
 
 #include "platform/value/UUID.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 namespace detail {
 
@@ -100,3 +102,5 @@ class Shared {
 
 }  // namespace detail
 }  // namespace platform
+
+#pragma GCC visibility pop

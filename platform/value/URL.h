@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 class URL {
@@ -35,3 +37,5 @@ class URL {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop

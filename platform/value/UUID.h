@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 class UUID {
@@ -47,6 +49,8 @@ class UUID {
 };
 
 }  // namespace platform
+
+#pragma GCC visibility pop
 
 template <>
 struct std::hash<platform::UUID> {

@@ -23,6 +23,8 @@
 #include "platform/value/Storage.h"
 #include "platform/value/UUID.h"
 
+#pragma GCC visibility push(default)
+
 namespace platform {
 
 class Value;
@@ -384,3 +386,5 @@ inline bool Dictionary::isSameObject(const Dictionary& other) const {
 }
 
 }  // namespace platform
+
+#pragma GCC visibility pop

@@ -1,0 +1,13 @@
+# find_package(ambrel): the client library of abd, the plug-in registry daemon.
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+include(${CMAKE_CURRENT_LIST_DIR}/shared.cmake)
+find_package(PkgConfig QUIET)
+if(PkgConfig_FOUND)
+  pkg_check_modules(PUGIXML QUIET IMPORTED_TARGET pugixml)
+  pkg_check_modules(SODIUM QUIET IMPORTED_TARGET libsodium)
+  pkg_check_modules(CBOR QUIET IMPORTED_TARGET libcbor)
+  if(PUGIXML_FOUND AND SODIUM_FOUND AND CBOR_FOUND)
+    include(${CMAKE_CURRENT_LIST_DIR}/static.cmake)
+  endif()
+endif()
