@@ -4,7 +4,6 @@
 #include "platform/launcher/ServiceLauncher.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
-#include "platform/system/Notifications.h"
 
 namespace abd {
 
@@ -59,7 +58,7 @@ void ABDServer::releaseServer() {
 
 void ABDServer::run() {
   if (const auto error = service_->resume()) raiseInternalInconsistency("cannot listen: %@", *error);
-  postNotification(kPlugInsChangeNotification);
+  workspace().startPosting();
   RunLoop::main().run();
 }
 

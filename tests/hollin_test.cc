@@ -122,6 +122,7 @@ TEST_F(HollinTest, installsByRenameAndRemovalsAreAnnouncedAndWhatWasThereBeforeI
   open();
   Recorder recorder(*registry);
   EXPECT_EQ(installed(), Strings{"old"});
+  registry->startPosting();
   const size_t before = posts();
   const std::string path = root.install("box/New.app", {{.identifier = "one"}, {.identifier = "two"}});
   EXPECT_EQ(recorder.waitFor(2).size(), 2u);

@@ -30,6 +30,14 @@ void Announcer::removeObserver(HLApplicationWorkspaceObserverProtocol* observer)
   changed_.wait(lock, [this, observer] { return called_ != observer; });
 }
 
+void Announcer::startPosting() {
+  {
+    const std::lock_guard lock(mutex_);
+    isPosting_ = true;
+  }
+  postNotification(kPlugInsChangeNotification);
+}
+
 void Announcer::enqueue(HLProxyList uninstalled, HLProxyList installed) {
   if (uninstalled.empty() && installed.empty()) return;
   {
@@ -55,6 +63,7 @@ void Announcer::run() {
       if (isStopping_) return;
       deliver(announcement, lock);
     }
+    if (!isPosting_) continue;
     lock.unlock();
     postNotification(kPlugInsChangeNotification);
     lock.lock();

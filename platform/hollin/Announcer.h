@@ -2,8 +2,8 @@
 
 // Delivers announcements to observers on a thread of its own, in the order in which they were enqueued. The
 // first observer hears of everything, a later one of what was enqueued after it was added. When all that was
-// waiting is delivered, other processes are told, too (kPlugInsChangeNotification). Lives as long as its
-// registry; any thread.
+// waiting is delivered, other processes are told, too (kPlugInsChangeNotification), once that was asked for.
+// Lives as long as its registry; any thread.
 
 #include <condition_variable>
 #include <cstdint>
@@ -27,6 +27,9 @@ class Announcer {
   void addObserver(HLApplicationWorkspaceObserverProtocol* observer);
   /// Waits for a running call of the observer, unless that call is where this is called from.
   void removeObserver(HLApplicationWorkspaceObserverProtocol* observer);
+
+  /// Posts now, and from now on when observers were told.
+  void startPosting();
 
   /// Never waits for an observer. Uninstalls are told before installs.
   void enqueue(HLProxyList uninstalled, HLProxyList installed);
@@ -54,6 +57,7 @@ class Announcer {
   HLApplicationWorkspaceObserverProtocol* called_ = nullptr;  // the observer that is being called
   uint64_t next_ = 0;
   bool hadObserver_ = false;
+  bool isPosting_ = false;
   bool isStopping_ = false;
   std::thread thread_;  // started with the first observer
 };

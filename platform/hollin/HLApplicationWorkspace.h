@@ -45,6 +45,9 @@ class HLApplicationWorkspace {
   /// removeObserver(), which waits for a running call to end.
   virtual void addObserver(HLApplicationWorkspaceObserverProtocol* observer) = 0;
   virtual void removeObserver(HLApplicationWorkspaceObserverProtocol* observer) = 0;
+  /// Searches can be made: other processes are told so, and from now on of what the observers have been told
+  /// (kPlugInsChangeNotification).
+  virtual void startPosting() = 0;
 
   /// Proxies of all registered plug-ins, or none when the registry cannot answer. One shared snapshot:
   /// nothing is copied per call.

@@ -92,6 +92,10 @@ void Registry::removeObserver(HLApplicationWorkspaceObserverProtocol* observer) 
   announcer_.removeObserver(observer);
 }
 
+void Registry::startPosting() {
+  announcer_.startPosting();
+}
+
 std::shared_ptr<const HLProxyList> Registry::installedPlugins() const {
   return catalog_->all();
 }

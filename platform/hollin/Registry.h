@@ -24,6 +24,7 @@ class Registry final : public HLApplicationWorkspace {
 
   void addObserver(HLApplicationWorkspaceObserverProtocol* observer) override;
   void removeObserver(HLApplicationWorkspaceObserverProtocol* observer) override;
+  void startPosting() override;
   std::shared_ptr<const HLProxyList> installedPlugins() const override;
   std::optional<HLProxyList> pluginsWithIdentifiers(const std::vector<std::string>* identifiers,
                                                     const std::vector<std::string>* protocols,
