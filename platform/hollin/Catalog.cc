@@ -159,7 +159,6 @@ void Catalog::settle(State& state, const Sighting& sighting, Change& change) {
   const bool wasGone = state.goneSince != 0;
   if (isSame && !wasGone && (state.isUnregistered || !state.proxies.empty())) return;
   if (!isSame) {
-    if (sighting.isRenewed) renewApplication(state, change.now);
     retire(state, change);
     state.isUnregistered = false;
     state.facts = facts;
@@ -170,15 +169,6 @@ void Catalog::settle(State& state, const Sighting& sighting, Change& change) {
     touch(state);
   }
   if (!state.isUnregistered) wake(state, change);
-}
-
-/// The application's name may be another one, which its proxy would not tell. Once for all of its bundles.
-void Catalog::renewApplication(const State& state, double now) {
-  const std::string_view path = Locations::applicationOf(state.path);
-  const auto found = applications_.find(path);
-  if (found == applications_.end() || std::exchange(found->second.renewed, now) == now) return;
-  found->second.proxy = std::make_shared<ApplicationProxy>(
-      weak_from_this(), found->first, locations_->containerOf(path), found->second.proxy->vigil());
 }
 
 /// The bundle is gone or refused.
@@ -309,14 +299,14 @@ const std::shared_ptr<const ApplicationProxy>& Catalog::applicationFor(
   static const std::shared_ptr<const ApplicationProxy> none;
   if (path.empty()) return none;
   auto found = applications_.find(path);
-  if (found == applications_.end()) {
-    const String key(path);
-    auto proxy =
-        std::make_shared<ApplicationProxy>(weak_from_this(), key, locations_->containerOf(path), vigil);
-    found = applications_.emplace(key, Application{std::move(proxy), 0, {}}).first;
-  }
-  found->second.bundles.push_back(&state);
-  return found->second.proxy;
+  if (found == applications_.end()) found = applications_.emplace(path, Application()).first;
+  Application& application = found->second;
+  // The name may be another one now, which a proxy that was asked for it would not tell.
+  if (application.proxy == nullptr || application.proxy->hasNames())
+    application.proxy = std::make_shared<ApplicationProxy>(weak_from_this(), found->first,
+                                                           locations_->containerOf(path), vigil);
+  application.bundles.push_back(&state);
+  return application.proxy;
 }
 
 /// Of what the bundle is found in; before a scan has found it, of what it will be found in.

@@ -133,7 +133,6 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   };
   struct Application {
     std::shared_ptr<const ApplicationProxy> proxy;
-    double renewed = 0;                 // seconds since 1970
     std::vector<const State*> bundles;  // with registered plug-ins
   };
   struct SDK {
@@ -152,7 +151,6 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   static bool isExpected(const State* state);
   static void noteEntry(State& state, const Sighting& sighting);
   void settle(State& state, const Sighting& sighting, Change& change);
-  void renewApplication(const State& state, double now);
   static void addNamed(const State& state, NamedPlugIns& named);
   void miss(State& state, const std::shared_ptr<const BundleFacts>& facts, Change& change);
   void assignSlots(State& state, double now);
