@@ -85,6 +85,9 @@ void Daemon::start() {
   arguments.insert(arguments.end(), options_.arguments.begin(), options_.arguments.end());
   std::vector<std::string> environment = root_.environment();
   environment.insert(environment.end(), {"ABD_LOG=stderr", "TSAN_OPTIONS=halt_on_error=1"});
+  if (!options_.home.empty())
+    environment.insert(environment.begin(), {"XDG_STATE_HOME=" + options_.home + "/state",
+                                             "XDG_RUNTIME_DIR=" + options_.home + "/run"});
   environment.insert(environment.begin(), options_.environment.begin(), options_.environment.end());
   process_ = std::make_unique<Process>(arguments, environment, logFile_, -1, options_.directory);
   const bool isServing = eventually([&] { return connect().fd() >= 0 || !process_->isRunning(); });

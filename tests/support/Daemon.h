@@ -53,6 +53,7 @@ class Daemon {
     std::vector<std::string> environment = {};
     std::string service = "abd.test";
     std::string directory = {};
+    std::string home = {};  // for state and runtime files, when they shall not be the device's own
   };
   explicit Daemon(const DeviceRoot& root) : Daemon(root, Options()) {}
   Daemon(const DeviceRoot& root, Options options);
@@ -67,7 +68,10 @@ class Daemon {
   void goOn() { process_->signal(SIGCONT); }
   pid_t pid() const { return process_->pid(); }
   bool isRunning() { return process_ != nullptr && process_->isRunning(); }
-  std::string socketPath() const { return root_.runtime() + "/" + options_.service; }
+  std::string runtime() const {
+    return options_.home.empty() ? root_.runtime() : options_.home + "/run/veltra";
+  }
+  std::string socketPath() const { return runtime() + "/" + options_.service; }
   WireClient connect() const { return WireClient::connect(socketPath()); }
 
   /// The log's entries without their prefixes. What was logged before a reply was sent is there when the
