@@ -153,20 +153,6 @@ TEST_F(Annotate, APlugInWhoseNameNoFileCanHoldSpoilsNobodysElection) {
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"good", Dictionary{{"election", 2}}}}));
 }
 
-TEST_F(Annotate, ARejectedFileIsReportedAndStaysUntilTheFirstChange) {
-  root.install("A.app", {{.identifier = "a"}});
-  const Value outdated =
-      Dictionary{{"version", 15}, {"data", Dictionary{{"a", Dictionary{{"election", 9}}}}}};
-  writePropertyList(root.annotationFile(), outdated);
-  start();
-  EXPECT_TRUE(daemon->logs("unable to load annotation database:file://" + root.annotationFile() + " error:"));
-  EXPECT_TRUE(daemon->logs("found database version 15 needed version 16"));
-  EXPECT_EQ(annotationsInForm("a"), Value(Dictionary()));
-  EXPECT_EQ(Value(*readDictionaryFile(root.annotationFile())), outdated);
-  EXPECT_EQ(elect("a", 1), "");
-  EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"a", Dictionary{{"election", 1}}}}));
-}
-
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int kKills = 30;
 #else

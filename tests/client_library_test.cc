@@ -66,21 +66,6 @@ TEST_F(ClientLibrary, RepliesArriveInOrderOnTheReplyQueue) {
   EXPECT_TRUE(std::ranges::is_sorted(order));
 }
 
-TEST_F(ClientLibrary, AConnectionThatBreaksFailsWhatWaitsAndTheNextCallConnectsAnew) {
-  const auto bulk = [this] { return errorOf([&](auto closure) { client_->bulkPlugins(0, closure); }); };
-  EXPECT_EQ(bulk(), "");
-  const auto log = testsupport::logOf([&] {
-    daemon_->kill();
-    EXPECT_TRUE(bulk().starts_with("4: connection "));
-    client_->replyQueue().sync([] {});
-  });
-  EXPECT_FALSE(log.empty());
-  for (const std::string& entry : log)
-    EXPECT_TRUE(entry.starts_with("Communications error: connection ")) << entry;
-  daemon_->start();
-  testsupport::logOf([&] { EXPECT_TRUE(testsupport::eventually([&] { return bulk().empty(); })); });
-}
-
 TEST_F(ClientLibrary, NoClosureRunsAfterTheClientIsGone) {
   for (int i = 0; i < 50; ++i) {
     auto client = std::make_unique<ABDaemonClient>("abd.test");

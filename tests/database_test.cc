@@ -145,10 +145,12 @@ TEST_F(AnnotationStore, AFileThatCannotBeReadIsReported) {
                                       {Array{16}, "0"},
                                       {17, "17"},
                                       {"99999999999999999999", "2147483647"}}) {
-    writePropertyList(file(), Dictionary{{"data", Dictionary()}, {"version", version}});
+    const Dictionary outdated = {{"data", Dictionary()}, {"version", version}};
+    writePropertyList(file(), outdated);
     EXPECT_EQ(refusal(), "unable to load annotation database:file://" + file() +
                              " error:Ambrel 7 \"found database version " + read +
                              " needed version 16\" (resetting)");
+    EXPECT_EQ(readDictionaryFile(file()), outdated) << "it stays until the first change";
   }
   const auto expectRefusal = [](const char* text) { EXPECT_NE(refusal().find(text), std::string::npos); };
   writePropertyList(file(), Dictionary{{"version", "16 or so"}, {"data", Array()}});

@@ -201,16 +201,15 @@ TEST_F(Match, AReplacementAndWhatItReplacesNameEachOther) {
                             .entitlements = {{kReplacePlugIn, Array{5, "viewer", "missing"}}}}});
   start();
   std::vector<Dictionary> forms = match(*client);
-  EXPECT_EQ(identifiers(forms), "better both editor lone viewer");
-  EXPECT_EQ(formOf(forms, "editor")["overrider"], formOf(forms, "better")["uuid"]);
-  EXPECT_EQ(formOf(forms, "better")["overriding"].string(), "editor");
-  EXPECT_EQ(formOf(forms, "viewer")["overrider"], formOf(forms, "both")["uuid"]);
-  EXPECT_EQ(formOf(forms, "both")["overriding"].string(), "viewer");
+  for (const auto& [old, fresh] : {std::pair("editor", "better"), {"viewer", "both"}}) {
+    EXPECT_EQ(formOf(forms, old)["overrider"], formOf(forms, fresh)["uuid"]);
+    EXPECT_EQ(formOf(forms, fresh)["overriding"].string(), old);
+  }
   EXPECT_TRUE(formOf(forms, "lone")["overrider"].isNone());
-
+  // What it replaces, or what replaces it, was not returned.
   forms = match(*client, Dictionary{{"ZQExtensionIdentifier", Array{"better", "viewer"}}});
-  EXPECT_TRUE(formOf(forms, "better")["overriding"].isNone()) << "what it replaces was not returned";
-  EXPECT_TRUE(formOf(forms, "viewer")["overrider"].isNone()) << "what replaces it was not returned";
+  EXPECT_TRUE(formOf(forms, "better")["overriding"].isNone() &&
+              formOf(forms, "viewer")["overrider"].isNone());
 }
 
 // The resolver against the scan that it stands for.

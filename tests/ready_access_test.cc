@@ -35,14 +35,14 @@ class Ready : public DaemonTest {
 };
 
 TEST_F(Ready, RegistersThePlugInForTheHostWithItsEnvironment) {
-  const std::string application = root.install(
-      "A.app", {{.identifier = "a",
-                 .version = "4.2",
-                 .info = {{"QMXService",
-                           Dictionary{{"EnvironmentVariables", Dictionary{{"OWN", "1"}, {"TMPDIR", "/own"}}},
-                                      {"_SandboxProfile", "none"},
-                                      {"_OmitSandboxParameters", false},
-                                      {"Niceness", 5}}}}}});
+  const Dictionary service = {
+      {"EnvironmentVariables", Dictionary{{"OWN", "1"}, {"TMPDIR", "/own"}}},
+      {"_SandboxProfile", "none"},
+      {"_OmitSandboxParameters", false},
+      {"Niceness", 5},
+  };
+  const std::string application =
+      root.install("A.app", {{.identifier = "a", .version = "4.2", .info = {{"QMXService", service}}}});
   start({.environment = {"ABTEST_SDK=" + root.path() + "/sdks"}});
   const UUID a = uuid("a");
   EXPECT_EQ(Value(ready({a, a})), Value(Dictionary()));

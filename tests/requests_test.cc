@@ -193,16 +193,6 @@ TEST_F(Requests, APeerThatExitsBeforeItIsLookedAtHasNoKnownExecutable) {
   EXPECT_EQ(error("match", {{"flags", 0x200}}), "11: unauthorized discovery flag (ABDiscoverAll)");
 }
 
-TEST_F(Requests, Every1000thRequestOfAClientIsCounted) {
-  const std::string line = "client " + std::to_string(getpid()) + " used ";
-  WireClient other = daemon->connect();
-  for (int i = 0; i < 999; ++i) client->call(message("bulk"));
-  for (int i = 0; i < 10; ++i) other.call(message("bulk"));
-  EXPECT_FALSE(daemon->logs(line));
-  client->call({{"version", 9}});
-  EXPECT_TRUE(daemon->logs(line + "1000 requests so far"));
-}
-
 TEST(Verbosity, DecidesWhatIsLogged) {
   const DeviceRoot root;
   root.install("A.app", {{.identifier = "percent.%d%s%@"}});

@@ -126,9 +126,8 @@ TEST(TokenKey, AKeyFileThatIsNotThisUsersAloneOrNoKeyIsRefusedUntilItIsMended) {
     }
     fs::remove(key);
     const auto token = issueReadToken("/");
-    struct stat status {};
-    return good && token && verifyReadToken(*token) == "/" && stat(key.c_str(), &status) == 0 &&
-           status.st_size == 32 && (status.st_mode & 0777) == 0600;
+    return good && token && verifyReadToken(*token) == "/" && fs::file_size(key) == 32 &&
+           fs::status(key).permissions() == fs::perms(0600);
   };
   EXPECT_IN_FRESH_PROCESS(isGood);
 }
