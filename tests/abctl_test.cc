@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 
 #include <nlohmann/json.hpp>
 
@@ -23,6 +24,7 @@ class Invocation {
     std::string input = {};
     Words environment = {};
     std::string directory = {};
+    unsigned short columns = 0;  // of the terminal that it writes to, if any
   };
   Invocation(const DeviceRoot& root, const Words& words) : Invocation(root, words, Options()) {}
   Invocation(const DeviceRoot& root, const Words& words, const Options& options) {
@@ -30,7 +32,14 @@ class Invocation {
     files_ = root.path() + "/abctl." + std::to_string(count++);
     for (const char* suffix : {".in", ".out"}) writeText(files_ + suffix, options.input);
     const FileDescriptor input(open((files_ + ".in").c_str(), O_RDONLY | O_CLOEXEC));
-    const FileDescriptor output(open((files_ + ".out").c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    FileDescriptor output(open((files_ + ".out").c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (options.columns != 0) {
+      const winsize size{.ws_row = 0, .ws_col = options.columns, .ws_xpixel = 0, .ws_ypixel = 0};
+      int ends[2];
+      EXPECT_EQ(openpty(&ends[0], &ends[1], nullptr, nullptr, &size), 0);
+      terminal_ = FileDescriptor(ends[0]);
+      output = FileDescriptor(ends[1]);
+    }
     Words arguments = {options.program}, environment = root.environment();
     arguments.insert(arguments.end(), words.begin(), words.end());
     environment.insert(environment.end(), options.environment.begin(), options.environment.end());
@@ -50,9 +59,15 @@ class Invocation {
   std::string firstLine() const { return written(false).substr(0, written(false).find('\n')); }
 
  private:
-  std::string written(bool onError) const { return readText(files_ + (onError ? ".err" : ".out")); }
+  std::string written(bool onError) const {
+    if (onError || !terminal_) return readText(files_ + (onError ? ".err" : ".out"));
+    char buffer[65536];  // more than such a terminal holds
+    const ssize_t size = read(terminal_.get(), buffer, sizeof buffer);
+    return {buffer, static_cast<size_t>(std::max<ssize_t>(size, 0))};
+  }
 
   std::string files_;
+  FileDescriptor terminal_;
   std::optional<Process> process_;
 };
 
@@ -329,7 +344,7 @@ TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
   EXPECT_TRUE(daemon_->logs("bulk options 0xff not supported"));
 }
 
-TEST_F(Abctl, NothingInATableCommandsTheTerminal) {
+TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   // A control sequence introducer, a direction override, a line break; and characters two columns wide.
   root_.install("Evil.app",
                 {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}},
@@ -341,6 +356,15 @@ TEST_F(Abctl, NothingInATableCommandsTheTerminal) {
   for (const std::string& row : rows)
     EXPECT_TRUE(!row.starts_with("org.wide") || row.find("Evil") == rows[0].find("APPLICATION") - 4 + 6)
         << "six bytes, four columns";
+
+  const Invocation::Options terminal{.environment = {"TERM=xterm"}, .columns = 60};
+  const std::string narrow = run({"match"}, terminal).out();
+  EXPECT_NE(narrow.find("\x1b[1m"), std::string::npos) << "a heading in bold";
+  EXPECT_NE(narrow.find("…"), std::string::npos);
+  const std::string plain =
+      run({"match"}, {.environment = {"TERM=xterm", "NO_COLOR=1"}, .columns = 60}).out();
+  EXPECT_EQ(plain.find('\x1b'), std::string::npos) << plain;
+  for (const std::string& row : lines(plain)) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
 }
 
 TEST_F(Abctl, TheClientInPythonListsAndFollows) {

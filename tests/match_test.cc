@@ -206,6 +206,18 @@ TEST_F(Match, AReplacementAndWhatItReplacesNameEachOther) {
     EXPECT_EQ(formOf(forms, fresh)["overriding"].string(), old);
   }
   EXPECT_TRUE(formOf(forms, "lone")["overrider"].isNone());
+  // A replacement that is displaced as a duplicate after it was found counts still.
+  Array added;
+  for (const PlugInBundle& each :
+       {PlugInBundle{.identifier = "b", .entitlements = {{kReplacePlugIn, "lone"}}},
+        PlugInBundle{.identifier = "b", .version = "2"}}) {
+    added.append(DeviceRoot::plugInPath(root.path() + "/" + each.version + ".app", "b"));
+    root.writeBundle(std::string(*added[added.size() - 1].string()), each);
+  }
+  ASSERT_EQ(error("add", {{"paths", added}}), "");
+  forms = match(*client);
+  EXPECT_TRUE(formOf(forms, "lone")["overrider"].isString() && formOf(forms, "b")["overriding"].isNone());
+  EXPECT_NE(formOf(forms, "lone")["overrider"], formOf(forms, "b")["uuid"]);
   // What it replaces, or what replaces it, was not returned.
   forms = match(*client, Dictionary{{"ZQExtensionIdentifier", Array{"better", "viewer"}}});
   EXPECT_TRUE(formOf(forms, "better")["overriding"].isNone() &&
