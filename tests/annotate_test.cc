@@ -49,8 +49,11 @@ TEST_F(Annotate, AnElectionIsStoredLoggedAnnouncedAndShownInForms) {
   EXPECT_EQ(elected("1"), "a b");
   EXPECT_EQ(elected("0"), "c");
 
-  const Value extension = Dictionary{{"Note", "kept ☃ \n"}, {"List", Array{1, 2.5, false, Dictionary()}}};
-  EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"extension", extension}})), "");
+  const auto extensionOf = [](double time) {
+    return Value(Dictionary{{"Note", "kept ☃ \n"}, {"List", Array{1, 2.5, false, Date{time}, Dictionary()}}});
+  };
+  const Value extension = extensionOf(1795000001);
+  EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"extension", extensionOf(1795000000.75)}})), "");
   EXPECT_TRUE(daemon->logs(line + "a election := (null)"));
   EXPECT_EQ(elect(a, 257), "");
   EXPECT_EQ(elected("1"), "a b") << "only the low bits count";
@@ -69,6 +72,9 @@ TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
     for (int i = 0; i < depth; ++i) value = Dictionary{{"k", value}};
     return value;
   };
+  const auto filledWith = [](size_t size) { return Value(Dictionary{{"fill", std::string(size, 'x')}}); };
+  const Value around = Dictionary{{"election", 1}, {"extension", filledWith(1)}};
+  const size_t largest = (256u << 10) - std::get<std::string>(serializePropertyList(around)).size() + 1;
   for (const Value& wrong : {Value(), Value("text"), Value(Array{1}), Value(5)})
     EXPECT_EQ(errorOf(annotate({a}, wrong)), "4: invalid request format (bad annotations dictionary)");
   for (const Value& election :
@@ -78,7 +84,8 @@ TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
   for (const Value& extension :
        {Value("text"), Value(Array()), Value(1), Value(Dictionary{{"id", UUID::random()}}),
         Value(Dictionary{{"bell", "\a"}}), Value(Dictionary{{"\x01", 1}}),
-        Value(Dictionary{{"deep", Array{std::nan("")}}}), nested(478)})
+        Value(Dictionary{{"deep", Array{std::nan("")}}}), Value(Dictionary{{"when", Date{std::nan("")}}}),
+        nested(478), filledWith(largest + 1)})
     EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"election", 1}, {"extension", extension}})),
               "4: invalid request format (annotation extension)");
   EXPECT_EQ(Value(call("annotate", {{"annotations", Dictionary{{"Else", 1}}}})), Value(Dictionary()))
@@ -87,6 +94,7 @@ TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
   EXPECT_EQ(root.changeNotifications(), 0u);
   EXPECT_FALSE(daemon->logs("election :="));
 
+  EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"election", 1}, {"extension", filledWith(largest)}})), "");
   for (const auto& [election, stored] : {std::pair<Value, Value>(true, 1), {-7, -7}, {2.0, 2}}) {
     EXPECT_EQ(elect(a, election), "");
     EXPECT_EQ(annotationsInForm("a")["election"], stored);

@@ -139,7 +139,8 @@ TEST_F(AnnotationStore, StartsSilentlyWithoutAFileAndKeepsWhatItDoesNotKnow) {
   EXPECT_EQ(readDictionaryFile(file()), fileOf(table));
 }
 
-TEST_F(AnnotationStore, AFileThatCannotBeReadIsReported) {
+TEST_F(AnnotationStore, AFileThatCannotBeReadIsReportedAndKept) {
+  const Record plugIn = registeredRecord({.identifier = "annotated"});
   for (const auto& [version, read] : {std::pair<Value, const char*>("15b", "15"),
                                       {"v16", "0"},
                                       {Array{16}, "0"},
@@ -151,6 +152,14 @@ TEST_F(AnnotationStore, AFileThatCannotBeReadIsReported) {
                              " error:Ambrel 7 \"found database version " + read +
                              " needed version 16\" (resetting)");
     EXPECT_EQ(readDictionaryFile(file()), outdated) << "it stays until the first change";
+    ABDAnnotationStore store(file());
+    const Log log = logOf([&store, &plugIn] {
+      for (int i = 1; i < 3; ++i) store.setAnnotation(Dictionary{{"election", i}}, *plugIn);
+    });
+    ASSERT_EQ(log.size(), 1u) << "set aside once";
+    EXPECT_TRUE(log[0].starts_with("the annotation database that could not be loaded was kept as "))
+        << log[0];
+    EXPECT_EQ(readDictionaryFile(log[0].substr(log[0].find(file()))), outdated);
   }
   const auto expectRefusal = [](const char* text) { EXPECT_NE(refusal().find(text), std::string::npos); };
   writePropertyList(file(), Dictionary{{"version", "16 or so"}, {"data", Array()}});

@@ -39,6 +39,16 @@ TEST_F(PlugInRecord, TakesTheHubVersionFromTheSectionOrTheStyle) {
   EXPECT_EQ(version("hub.new", {}, {}), 2u);
 }
 
+TEST_F(PlugInRecord, OneWhoseServiceNoRegistrationCanHoldIsReportedAndOffered) {
+  const std::string path = registerBundle(
+      {.identifier = "strange", .info = {{"QMXService", Dictionary{{"Names", Array{1, "text"}}}}}});
+  std::string info = readText(path + "/Info.plist");
+  writeText(path + "/Info.plist", info.replace(info.find("<string>text</string>"), 21, "<real>nan</real>"));
+  const Log log = logOf([&] { EXPECT_NE(thisServer().findPlugInAtPath(URL::file(path)), nullptr); });
+  EXPECT_EQ(entriesWith(log, "plug-in strange at " + path + " cannot be launched"), 1u);
+  EXPECT_EQ(entriesWith(log, "its \"QMXService\" says at \"Names.1\""), 1u);
+}
+
 TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
   const std::string path = thisDevice().path() + "/bundles/bad.appex";
   for (const auto& [bundle, text] :

@@ -105,14 +105,16 @@ URL ABDAnnotationStore::defaultDatabaseURL() {
 std::optional<Error> ABDAnnotationStore::loadDb() {
   auto table = readTable(annotationsURL_.path());
   if (auto* error = std::get_if<Error>(&table)) {
+    isFileRejected_ = error->code != kFileReadNoSuchFile;
     trace::dbLoad(error->domain, static_cast<uint64_t>(error->code));
     return std::move(*error);
   }
+  isFileRejected_ = false;
   annotations_ = std::move(std::get<Dictionary>(table));
   return std::nullopt;
 }
 
-std::optional<Error> ABDAnnotationStore::saveDb() const {
+std::optional<Error> ABDAnnotationStore::saveDb() {
   auto bytes = serializedTable(annotations_);
   std::optional<Error> refusal;
   if (auto* error = std::get_if<Error>(&bytes)) {
@@ -124,6 +126,14 @@ std::optional<Error> ABDAnnotationStore::saveDb() const {
   const std::string& file = std::get<std::string>(bytes);
   // The next start would not read it.
   if (file.size() > kMaximumAnnotationFile) return Error::posix(EFBIG, annotationsURL_.path());
+  if (isFileRejected_) {
+    const auto aside = keepAside(annotationsURL_.path());
+    if (const std::string* name = std::get_if<std::string>(&aside))
+      systemLog("the annotation database that could not be loaded was kept as %@", *name);
+    else if (const Error& error = std::get<Error>(aside); error.code != ENOENT)
+      return error;
+    isFileRejected_ = false;
+  }
   if (auto error = replaceFile(annotationsURL_.path(), file)) return error;
   return refusal;
 }

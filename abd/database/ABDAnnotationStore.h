@@ -24,7 +24,8 @@ class ABDAnnotationStore {
   static constexpr int32_t kFileVersion = 16;
 
   /// initWithDatabase: loads the file at `path` (a relative one is resolved now), or at the default location.
-  /// A file that cannot be loaded is logged, left as it is, and the table starts empty.
+  /// A file that cannot be loaded is logged, left as it is until the first change, and the table starts
+  /// empty.
   explicit ABDAnnotationStore(const std::optional<std::string>& path);
 
   /// The default file, "com.veltra.ambrel/Annotations" in the per-user directory; makes its directory. Raises
@@ -38,8 +39,9 @@ class ABDAnnotationStore {
   /// Replaces the table by the file's; the error when that fails.
   std::optional<Error> loadDb();
   /// Replaces the file by the table, durably; the error when that fails. Records that no property-list file
-  /// can hold are left out, with an error, while all others are saved.
-  std::optional<Error> saveDb() const;
+  /// can hold are left out, with an error, while all others are saved. A file that could not be loaded is
+  /// kept under another name.
+  std::optional<Error> saveDb();
 
   /// The record under `key` (a dictionary), or a none value.
   const Value& annotationForIdentifier(std::string_view key) const;
@@ -51,6 +53,7 @@ class ABDAnnotationStore {
  private:
   URL annotationsURL_;
   Dictionary annotations_;
+  bool isFileRejected_ = false;  // what is at annotationsURL_ is not what was loaded
 };
 
 }  // namespace abd

@@ -45,6 +45,7 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
     systemLog("ignoring mis-configured plug-in at %@: %@", record->path(), error->localizedDescription());
     return nullptr;
   }
+  record->reportUnlaunchableService();
   return record;
 }
 

@@ -114,6 +114,8 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   std::optional<std::string> resourceToken(const String& name, const std::string& target) const;
   const char* sandboxProfile(RequestSettings& settings) const;
   Dictionary launchDescription(Dictionary environment, const char* profile) const;
+  /// Tells the log of a "QMXService" with which no launch can be registered: such a plug-in is offered.
+  void reportUnlaunchableService() const;
 
   // Set before the record is shared.
   std::shared_ptr<const HLAmbrelProxy> hlproxy_;

@@ -18,6 +18,7 @@
 #include "platform/launcher/ServiceLauncher.h"
 #include "platform/log/Log.h"
 #include "platform/policy/Consent.h"
+#include "platform/propertylist/PropertyList.h"
 #include "platform/security/Sandbox.h"
 
 namespace abd {
@@ -30,6 +31,9 @@ constexpr const char* kFilterPoint = "com.veltra.fennix.filter-data";
 constexpr const char* kEnvironmentVariables = "EnvironmentVariables";
 constexpr const char* kTestSDKVariable = "ABTEST_SDK";
 constexpr const char* kServicePackageType = "QMX!";
+/// Containers of a launch registration around the service description: the registration, the launch
+/// description.
+constexpr int kContainersAroundService = 2;
 
 }  // namespace
 
@@ -112,6 +116,15 @@ Dictionary ABDPlugIn::launchDescription(Dictionary environment, const char* prof
   service.set("_SandboxProfile", profile);
   service.set("_OmitSandboxParameters", true);
   return {{bundlekey::service, std::move(service)}, {bundlekey::packageType, kServicePackageType}};
+}
+
+void ABDPlugIn::reportUnlaunchableService() const {
+  if (!bundleInfoDictionary()[bundlekey::service].isDictionary()) return;
+  const Value service = launchDescription({}, "")[bundlekey::service];
+  if (canBeWritten(service, kMaximumFileNesting - kContainersAroundService)) return;
+  systemLog("plug-in %@ at %@ cannot be launched: no registration can hold what its \"%@\" says at \"%@\"",
+            identifier().view(), path(), bundlekey::service,
+            unwritablePart(service, kMaximumFileNesting - kContainersAroundService));
 }
 
 std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& settings,

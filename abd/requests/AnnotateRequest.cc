@@ -18,8 +18,17 @@ namespace {
 /// record.
 constexpr int kContainersAroundValue = 3;
 
+/// Bytes of one record in the form of a file: nobody's record fills the file for the others.
+constexpr size_t kMaximumRecord = 256u << 10;
+
 bool canBeStored(const Value& value) {
   return canBeWritten(value, kMaximumFileNesting - kContainersAroundValue);
+}
+
+/// REQUIRES: the parts can be stored.
+bool isTooLarge(const Dictionary& annotation) {
+  const Result<std::string> written = serializePropertyList(annotation);
+  return std::holds_alternative<Error>(written) || std::get<std::string>(written).size() > kMaximumRecord;
 }
 
 }  // namespace
@@ -34,10 +43,11 @@ Course Transaction::annotatePlugIns() {
       co_return fail(kABErrorRequest, "invalid request format (annotation election)");
     annotation.set(annotation::election, election);
   }
-  if (const Value& extension = (*request)[annotation::extension]; !extension.isNone()) {
-    if (!extension.isDictionary() || !canBeStored(extension))
-      co_return fail(kABErrorRequest, "invalid request format (annotation extension)");
+  if (const Value& given = (*request)[annotation::extension]; !given.isNone()) {
+    const Value extension = withWholeSeconds(given);
     annotation.set(annotation::extension, extension);
+    if (!extension.isDictionary() || !canBeStored(extension) || isTooLarge(annotation))
+      co_return fail(kABErrorRequest, "invalid request format (annotation extension)");
   }
   if (annotation.empty()) co_return done();
 

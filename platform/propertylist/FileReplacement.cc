@@ -94,6 +94,22 @@ std::optional<Error> replaceFile(const std::string& path, std::string_view bytes
   return std::nullopt;
 }
 
+std::variant<std::string, Error> keepAside(const std::string& path) {
+  const Place place = placeOf(path);
+  const std::string file = place.path(place.name);
+  const std::string name = file + ".damaged-" + std::to_string(std::time(nullptr));
+  std::string aside = name;
+  for (int i = 1; link(file.c_str(), aside.c_str()) != 0; ++i) {
+    if (errno != EEXIST) {
+      // Directories, and everything on some file systems, have one name only.
+      if (renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) break;
+      if (errno != EEXIST) return Error::posix(errno, path);
+    }
+    aside = name + "-" + std::to_string(i);
+  }
+  return aside;
+}
+
 void sweepTemporaryFiles(const std::string& path) {
   const Place place = placeOf(path);
   const std::string prefix = temporaryPrefix(place);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 
 #include "platform/value/Error.h"
 
@@ -21,6 +22,11 @@ namespace platform {
 /// renames it over `path` and syncs the directory, in that order; when this returns no error the contents
 /// survive power loss. On an error (domain "POSIX") the old file is intact and the temporary one is removed.
 std::optional<Error> replaceFile(const std::string& path, std::string_view bytes);
+
+/// Gives the file at `path` another, unused name beside it (`path` and ".damaged-<time>"), under which it
+/// stays when `path` is replaced: `path` keeps it until then where the file system can give a file two names.
+/// Answers the name, or an error (domain "POSIX").
+std::variant<std::string, Error> keepAside(const std::string& path);
 
 /// Removes temporary files that a killed replaceFile() of `path` left behind.
 void sweepTemporaryFiles(const std::string& path);

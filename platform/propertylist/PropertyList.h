@@ -58,6 +58,14 @@ Result<std::string> serializePropertyList(const Value& value);
 /// reals, nesting of at most `nesting` containers.
 bool canBeWritten(const Value& value, int nesting = kMaximumFileNesting);
 
+/// Where in a container stands what canBeWritten() refuses first: keys and indexes, joined by dots. REQUIRES:
+/// `value` cannot be written.
+std::string unwritablePart(const Value& value, int nesting = kMaximumFileNesting);
+
+/// `value` with every date in it rounded to the nearest whole second, which is as much as an XML property
+/// list can say; the same storage when there is none to round. REQUIRES: nesting that a message can have.
+Value withWholeSeconds(const Value& value);
+
 }  // namespace platform
 
 #pragma GCC visibility pop

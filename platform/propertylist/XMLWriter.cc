@@ -186,6 +186,51 @@ Result<std::string> serializePropertyList(const Value& value) {
   return out;
 }
 
+std::string unwritablePart(const Value& value, int nesting) {
+  const auto joined = [nesting](const std::string& name, const Value& part) {
+    const std::string rest = nesting > 0 ? unwritablePart(part, nesting - 1) : std::string();
+    return rest.empty() ? name : name + "." + rest;
+  };
+  if (const Array* array = value.array()) {
+    for (size_t i = 0; i < array->size(); ++i)
+      if (!canBeWritten((*array)[i], nesting - 1)) return joined(std::to_string(i), (*array)[i]);
+  }
+  if (const Dictionary* dictionary = value.dictionary()) {
+    for (const auto& [key, part] : *dictionary) {
+      if (!isValidXMLText(key)) return std::string(key.view());
+      if (!canBeWritten(part, nesting - 1)) return joined(std::string(key.view()), part);
+    }
+  }
+  return {};
+}
+
+namespace {
+
+bool hasFractionOfSecond(const Value& value) {
+  if (const auto date = value.date()) return date->secondsSince1970 != std::floor(date->secondsSince1970);
+  if (const Array* array = value.array())
+    return std::any_of(array->begin(), array->end(), hasFractionOfSecond);
+  if (const Dictionary* dictionary = value.dictionary())
+    return std::any_of(dictionary->begin(), dictionary->end(),
+                       [](const Dictionary::Entry& entry) { return hasFractionOfSecond(entry.value); });
+  return false;
+}
+
+}  // namespace
+
+Value withWholeSeconds(const Value& value) {
+  if (!hasFractionOfSecond(value)) return value;
+  if (const auto date = value.date()) return Date{std::round(date->secondsSince1970)};
+  if (const Array* array = value.array()) {
+    Array rounded;
+    for (const Value& element : *array) rounded.append(withWholeSeconds(element));
+    return rounded;
+  }
+  Dictionary rounded;
+  for (const auto& [key, part] : *value.dictionary()) rounded.set(key, withWholeSeconds(part));
+  return rounded;
+}
+
 bool canBeWritten(const Value& value, int nesting) {
   switch (value.kind()) {
     case Value::Kind::boolean:
