@@ -136,8 +136,13 @@ Process Process::spawn(const std::string& program, const std::vector<std::string
 Process::~Process() {
   if (pid_ <= 0) return;
   kill(pid_, SIGKILL);
+  wait();
+}
+
+void Process::wait() {
   while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
+  pid_ = 0;
 }
 
 double Process::anonymousMemory() const {

@@ -39,6 +39,8 @@ class Process {
   ~Process();
 
   pid_t pid() const { return pid_; }
+  /// Waits for its end.
+  void wait();
   /// Anonymous memory that the process holds, in bytes.
   double anonymousMemory() const;
 

@@ -1,9 +1,16 @@
-// "match" over many plug-ins: with every record in the daemon's cache against a bare server that issues the
-// same read tokens and sends the same bytes; with the default cache limit against reading, parsing and
-// merging the same files.
+// "match" over many plug-ins: with every record in the daemon's cache against a bare server that seals the
+// same read tokens and sends the same bytes, and (as before, when the daemon did it, too) one that looks up
+// the bundles; with the default cache limit against reading, parsing and merging the same files.
 
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <optional>
+#include <sstream>
 
 #include "Ambrel/ABInfoKeys.h"
 #include "Ambrel/ABPlugInCore.h"
@@ -42,10 +49,19 @@ struct Question {
   std::vector<std::string> sharedPaths;
   Client subject;
 
-  BareAnswer answer() const {
-    return {reply, [paths = sharedPaths] {
-              for (const std::string& path : paths) {
-                if (!platform::issueReadToken(path)) giveUp("no token for " + path);
+  /// Seals the same tokens; with `looking`, of what is at the paths now.
+  BareAnswer answer(bool looking) const {
+    std::vector<platform::FilePlace> places;
+    for (const std::string& path : sharedPaths) {
+      const auto place = platform::readablePlace(path);
+      if (!place) giveUp("nothing can be read at " + path);
+      places.push_back(*place);
+    }
+    return {reply, [paths = sharedPaths, places, looking] {
+              for (size_t i = 0; i < paths.size(); i++) {
+                const auto token = looking ? platform::issueReadToken(paths[i])
+                                           : platform::issueReadToken(paths[i], places[i]);
+                if (!token) giveUp("no token for " + paths[i]);
               }
             }};
   }
@@ -66,15 +82,59 @@ double ask(Client& client, std::string_view frame, size_t repeats) {
 }
 
 void benchAgainstBare(Question& question, const std::string& name, size_t repeats, size_t pairs) {
-  const BareServer bare({question.answer()});
-  pin(bare.pid(), true);
-  Client baseline(bare.socketPath());
-  const std::string bareFrame = bareRequest(question.frame.size());
-  report(name,
-         measurePairs(
-             pairs, [&] { return ask(baseline, bareFrame, repeats); },
-             [&] { return ask(question.subject, question.frame, repeats); }),
-         2.0);
+  for (const bool looking : {false, true}) {
+    const BareServer bare({question.answer(looking)});
+    pin(bare.pid(), true);
+    Client baseline(bare.socketPath());
+    const std::string bareFrame = bareRequest(question.frame.size());
+    report(name + (looking ? ", warm, against looking up+sending" : ", warm, against sealing+sending"),
+           measurePairs(
+               pairs, [&] { return ask(baseline, bareFrame, repeats); },
+               [&] { return ask(question.subject, question.frame, repeats); }),
+           looking ? std::nullopt : std::optional(2.0));
+  }
+}
+
+/// System calls that the daemon makes for one question, as strace(1) counts them; none when it may not.
+std::optional<double> systemCalls(const Daemon& daemon, Question& question) {
+  constexpr size_t kRepeats = 20;
+  const std::string pid = std::to_string(daemon.pid()), counts = daemon.place() + "/calls";
+  Process tracer = Process::spawn("/usr/bin/strace", {"-f", "-c", "-o", counts, "-p", pid}, {});
+  const auto isTraced = [&pid] {
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/" + pid + "/task")) {
+      std::ifstream status(thread.path() / "status");
+      std::string word;
+      while (status >> word && word != "TracerPid:") continue;
+      if (!(status >> word) || word == "0") return false;
+    }
+    return true;
+  };
+  for (int i = 0; !isTraced(); i++) {
+    if (i == 100) return std::nullopt;
+    usleep(20'000);
+  }
+  ask(question.subject, question.frame, kRepeats);
+  kill(tracer.pid(), SIGINT);
+  tracer.wait();
+  std::ifstream table(counts);
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream columns(line);
+    double percent, seconds, average, calls;
+    if (line.ends_with(" total") && columns >> percent >> seconds >> average >> calls)
+      return calls / kRepeats;
+  }
+  return std::nullopt;
+}
+
+void benchSystemCalls(const Daemon& daemon, Question& few, Question& many) {
+  const auto least = systemCalls(daemon, few), most = systemCalls(daemon, many);
+  const std::string name = "(b) system calls per plug-in found";
+  if (!least || !most) return report({name, "not shown", "no strace(1) here", 0, 0, 0, {}});
+  const double each = (*most - *least) / static_cast<double>(many.forms - few.forms);
+  const auto text = [](double calls, size_t found) {
+    return std::to_string(static_cast<int>(calls)) + " for " + plugInsText(found);
+  };
+  report({name, text(*most, many.forms), text(*least, few.forms), each, each, each, 0.05});
 }
 
 /// A device whose daemon has every record in its cache, and the questions put to it.
@@ -119,7 +179,7 @@ void benchDefaultLimit(size_t count, size_t repeats) {
   const Population& device = population(count);
   const Daemon daemon(device.dataHome, device.place + "/default", -1);
   Question question(daemon, matchFrame({}));
-  BareAnswer answer = question.answer();
+  BareAnswer answer = question.answer(true);
   answer.work = [&device, tokens = std::move(answer.work)] {
     readParseAndMerge(device);
     tokens();
@@ -138,7 +198,7 @@ void benchDefaultLimit(size_t count, size_t repeats) {
                return spent / static_cast<double>(repeats);
              },
              match),
-         1.5);
+         2.0);
   // How much of the rest is the tokens and the bytes, which the files alone do not pay for.
   Client baseline(bare.socketPath());
   const std::string bareFrame = bareRequest(question.frame.size());
@@ -156,10 +216,10 @@ void benchMatch() {
   for (const size_t count : kSizes) {
     WarmDevice& device = *warm.emplace(count, std::make_unique<WarmDevice>(count)).first->second;
     const std::string text = plugInsText(count);
-    benchAgainstBare(device.all, "(b) all of " + text + ", warm, against sending", 10000 / count, 5);
-    benchAgainstBare(device.byIdentifier, "(b) 10 of " + text + " by identifier, warm, against sending", 100,
-                     7);
-    benchAgainstBare(device.byPoint, "(b) 10 of " + text + " by point, warm, against sending", 100, 7);
+    benchAgainstBare(device.all, "(b) all of " + text, 10000 / count, 5);
+    benchAgainstBare(device.byIdentifier, "(b) 10 of " + text + " by identifier", 100, 7);
+    benchAgainstBare(device.byPoint, "(b) 10 of " + text + " by point", 100, 7);
+    if (count == 1000) benchSystemCalls(device.daemon, device.byPoint, device.all);
   }
   // Narrowed searches cost the same whatever is installed; 1.2 leaves room for caches of the processor.
   for (const size_t count : {kSizes[1], kSizes[2]}) {
