@@ -56,6 +56,11 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
 
 }  // namespace
 
+/// How the allocator, jemalloc(3), is set: what a burst of large replies left goes back to the system within
+/// seconds, whether anybody asks for something or not, and few arenas keep what is freed close together.
+extern "C" __attribute__((visibility("default"))) const char* malloc_conf;
+const char* malloc_conf = "background_thread:true,dirty_decay_ms:2000,muzzy_decay_ms:0,narenas:2";
+
 int main(int argc, char** argv) {
   platform::installTerminateHandler();
   std::signal(SIGPIPE, SIG_IGN);  // a peer that went away shows as a write error

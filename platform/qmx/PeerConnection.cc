@@ -11,7 +11,6 @@
 #include "platform/log/Log.h"
 #include "platform/qmx/Frame.h"
 #include "platform/qmx/Limits.h"
-#include "platform/system/IdleMemory.h"
 
 namespace platform::qmx {
 
@@ -53,7 +52,6 @@ class LastWords : public std::enable_shared_from_this<LastWords> {
     }
   }
   void finish() {
-    noteFreedMemory(output_.written() + output_.size());
     // The registration holds the last reference.
     loop_.remove(socket_.get());
   }
@@ -81,7 +79,6 @@ PeerConnection::PeerConnection(RunLoop& loop, FileDescriptor socket, std::shared
 /// Replies to what was handed over at the end were sent after the death.
 PeerConnection::~PeerConnection() {
   settleOutput();
-  noteFreedMemory(output_.written() + output_.size());
 }
 
 std::string PeerConnection::description() const {

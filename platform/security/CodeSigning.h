@@ -1,9 +1,9 @@
 #pragma once
 
 // Entitlements of bundles and of processes. A process has the entitlements of the bundle that contains its
-// executable (also when an update has replaced that meanwhile): Entitlements.plist there, honoured only when it is a regular file, owned by root or this
-// process's user, and not writable by group or others. (So every unconfined process of the user can grant
-// itself any: the boundary is the sandbox.) Any thread.
+// executable (also when an update has replaced that meanwhile): Entitlements.plist there, honoured only when
+// it is a regular file, owned by root or this process's user, and not writable by group or others. (So every
+// unconfined process of the user can grant itself any: the boundary is the sandbox.) Any thread.
 
 #include <memory>
 #include <optional>

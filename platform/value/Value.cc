@@ -10,8 +10,6 @@
 #include <new>
 #include <stdexcept>
 
-#include "platform/value/LargeBlocks.h"
-
 namespace platform {
 
 const Value kNone;
@@ -74,8 +72,7 @@ Node& makeChangeable(Shared<Node>& shared, size_t room) {
 
 BytesNode* newBytes(const void* bytes, size_t size) {
   if (size > UINT32_MAX) throw std::length_error("data of more than 4 GiB");
-  const size_t whole = sizeof(BytesNode) + size;
-  auto* node = new (whole >= kLargeBlock ? takeLargeBlock(whole) : ::operator new(whole)) BytesNode;
+  auto* node = new (::operator new(sizeof(BytesNode) + size)) BytesNode;
   node->size = static_cast<uint32_t>(size);
   std::memcpy(node->bytes(), bytes, size);
   return node;
@@ -84,12 +81,7 @@ BytesNode* newBytes(const void* bytes, size_t size) {
 }  // namespace
 
 void destroyNode(Counted* node, const BytesNode*) noexcept {
-  auto* const bytes = static_cast<BytesNode*>(node);
-  const size_t whole = sizeof(BytesNode) + bytes->size;
-  if (whole >= kLargeBlock)
-    giveLargeBlock(bytes, whole);
-  else
-    ::operator delete(bytes);
+  ::operator delete(static_cast<BytesNode*>(node));
 }
 void destroyNode(Counted* node, const ArrayNode*) noexcept {
   destroyBlock(static_cast<ArrayNode*>(node));
