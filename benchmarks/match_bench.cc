@@ -179,7 +179,7 @@ void benchDefaultLimit(size_t count, size_t repeats) {
   const Population& device = population(count);
   const Daemon daemon(device.dataHome, device.place + "/default", -1);
   Question question(daemon, matchFrame({}));
-  BareAnswer answer = question.answer(true);
+  BareAnswer answer = question.answer(false);
   answer.work = [&device, tokens = std::move(answer.work)] {
     readParseAndMerge(device);
     tokens();

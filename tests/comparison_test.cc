@@ -6,6 +6,11 @@
 // that happened while it was down. Plug-ins have the same UUIDs in both when they were seen before the
 // change; those of newer ones are left out, as are tokens and times.
 
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -29,6 +34,19 @@ constexpr int kDevices = 8;
 uint64_t setting(const char* name, uint64_t standard) {
   const char* value = std::getenv((std::string("ABD_COMPARISON_") + name).c_str());
   return value != nullptr ? std::strtoull(value, nullptr, 10) : standard;
+}
+
+/// Lets go of what makes every file readable for root, for good and for the processes that are started.
+void readAsUsersDo() {
+  __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+  ASSERT_EQ(syscall(SYS_capget, &header, sets), 0);
+  for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH}) {
+    prctl(PR_CAPBSET_DROP, capability);
+    sets[0].effective &= ~CAP_TO_MASK(capability);
+    sets[0].permitted &= ~CAP_TO_MASK(capability);
+  }
+  ASSERT_EQ(syscall(SYS_capset, &header, sets), 0);
 }
 
 /// A daemon with the processes that ask it: this one, a manager, and a host that may not use everything.
@@ -71,6 +89,7 @@ class Comparison : public testing::TestWithParam<int> {
 };
 
 Comparison::Comparison() {
+  readAsUsersDo();
   writePropertyList(device_.managerBundle() + "/Entitlements.plist",
                     Dictionary{{"com.veltra.private.ambrel.manager", true}});
   writePropertyList(

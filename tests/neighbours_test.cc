@@ -1,8 +1,6 @@
 // What a client does to the others: one that asks for much beside one that asks for little. Whether somebody
 // had a turn is told by the order of log entries.
 
-#include <signal.h>
-
 #include <algorithm>
 
 #include "Ambrel/ABProtocol.h"
@@ -27,9 +25,9 @@ class Neighbours : public DaemonTest {
   /// Has the daemon find what `work` sends all at once.
   template <typename F>
   void atOnce(F work) {
-    ASSERT_EQ(kill(daemon->pid(), SIGSTOP), 0);
+    daemon->pause();
     work();
-    ASSERT_EQ(kill(daemon->pid(), SIGCONT), 0);
+    daemon->goOn();
   }
   /// The log's "bulk" entries as their flags (hexadecimal), in order.
   std::string bulks() const {

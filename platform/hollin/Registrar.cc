@@ -5,6 +5,7 @@
 
 #include "platform/hollin/PlatformThread.h"
 #include "platform/log/Log.h"
+#include "platform/system/Directories.h"
 #include "platform/value/Date.h"
 
 namespace platform::hollin {
@@ -115,7 +116,9 @@ void Registrar::addMissing(const Scan& scan, uint64_t number, bool isEverything,
 void Registrar::look(const String& path, Sightings& sightings) const {
   Sightings::Item item;
   item.sighting.path = path;
-  identifyFiles(std::string(path.view()), item.info, item.entitlementsFile);
+  // A link that came into its way leads to another bundle, or to this one in another place.
+  if (const std::string place(path.view()); canonicalPath(place) == place)
+    identifyFiles(place, item.info, item.entitlementsFile);
   if (item.info != FileIdentity()) {
     item.sighting.facts = catalog_.unchanged(path, item.info, item.entitlementsFile);
     item.isToBeRead = item.sighting.facts == nullptr;

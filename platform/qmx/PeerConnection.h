@@ -53,6 +53,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   enum class Ending : uint8_t { deliverAndFlush, flush, drop };
 
   bool supply() override;
+  bool goesOn() const override { return static_cast<bool>(rest_); }
   bool takeTurn();
   void finishTurn() override;
   bool isOrphaned() const override { return isEnding_; }

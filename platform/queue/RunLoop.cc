@@ -40,6 +40,7 @@ RunLoop::Implementation::~Implementation() {
   // What handlers and work captured may still call the loop when it goes.
   const auto goneRegistrations = std::exchange(registrations, {});
   const auto goneSources = std::exchange(sources, {});
+  const auto goneGoingOn = std::exchange(goingOn, {});
   const auto goneFinishing = std::exchange(finishing, {});
   const auto goneReady = std::exchange(ready, {});
   const auto goneIncoming = std::exchange(incoming, {});
@@ -105,7 +106,7 @@ void RunLoop::Implementation::turn() {
 
 /// Milliseconds for epoll_wait().
 int RunLoop::Implementation::timeToWait() {
-  if (!ready.empty() || !sources.empty() || !finishing.empty() || !endOfTurn.empty()) return 0;
+  if (hasWork() || !finishing.empty() || !endOfTurn.empty()) return 0;
   if (hasIncoming.load(std::memory_order_seq_cst) || isStopping.load(std::memory_order_seq_cst)) return 0;
   const Clock::time_point first = timers.first();
   if (first == Clock::time_point::max()) return -1;
@@ -149,12 +150,33 @@ void RunLoop::Implementation::takeIncoming() {
   for (Item& item : taken) ready.push(std::move(item));
 }
 
-/// One piece of work; false when there is none. What a source submits belongs to its piece.
-bool RunLoop::Implementation::runNext() {
-  if (ready.empty()) {
-    if (sources.empty()) return false;
+void RunLoop::Implementation::list(std::shared_ptr<Source> source) {
+  Fifo<std::shared_ptr<Source>>& where = source->goesOn() ? goingOn : sources;
+  where.push(std::move(source));
+}
+
+/// Null: there is none.
+std::shared_ptr<RunLoop::Source> RunLoop::Implementation::nextSource(Clock::time_point now) {
+  while (!sources.empty() && (goingOn.empty() || now - wentOn < kLongestDelay)) {
     std::shared_ptr<Source> source = sources.pop();
-    if (source != nullptr && source->supply()) sources.push(std::move(source));
+    if (source == nullptr) continue;
+    if (!source->goesOn()) return source;
+    goingOn.push(std::move(source));
+  }
+  while (!goingOn.empty()) {
+    if (std::shared_ptr<Source> source = goingOn.pop()) return source;
+  }
+  return nullptr;
+}
+
+/// One piece of work; false when there is none. What a source submits belongs to its piece.
+bool RunLoop::Implementation::runNext(Clock::time_point now) {
+  if (ready.empty()) {
+    if (std::exchange(wasGoingOn, false)) wentOn = now;
+    std::shared_ptr<Source> source = nextSource(now);
+    if (source == nullptr) return false;
+    wasGoingOn = source->goesOn();
+    if (source->supply()) list(std::move(source));
     if (ready.empty()) return true;
   }
   Item item = ready.pop();
@@ -166,11 +188,11 @@ bool RunLoop::Implementation::runNext() {
 }
 
 void RunLoop::Implementation::drain() {
-  if (ready.empty() && sources.empty()) return;
+  if (!hasWork()) return;
   const Clock::time_point began = Clock::now();
   drainBegan = began;
   Clock::time_point now = began;
-  while (runNext()) {
+  while (runNext(now)) {
     now = Clock::now();
     if (now - began > kTurnBudget) break;
   }
@@ -277,18 +299,21 @@ void RunLoop::atEndOfTurn(Work work) {
 }
 
 void RunLoop::enlist(std::shared_ptr<Source> source) {
-  implementation_->sources.push(std::move(source));
+  implementation_->list(std::move(source));
 }
 
 void RunLoop::withdraw(const Source& source) {
-  for (std::shared_ptr<Source>& each : implementation_->sources)
-    if (each.get() == &source) each = nullptr;
+  for (auto* list : {&implementation_->sources, &implementation_->goingOn})
+    for (std::shared_ptr<Source>& each : *list)
+      if (each.get() == &source) each = nullptr;
 }
 
 bool RunLoop::hasOthers(const Source& source) const {
-  return std::ranges::any_of(implementation_->sources, [&](const std::shared_ptr<Source>& each) {
+  const auto isOther = [&](const std::shared_ptr<Source>& each) {
     return each != nullptr && each.get() != &source && !each->isOrphaned();
-  });
+  };
+  return std::ranges::any_of(implementation_->sources, isOther) ||
+         std::ranges::any_of(implementation_->goingOn, isOther);
 }
 
 void RunLoop::tellEndOfTurn(std::shared_ptr<Source> source) {

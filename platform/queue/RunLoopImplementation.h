@@ -51,7 +51,10 @@ struct RunLoop::Implementation {
   void dispatchEvents(size_t count);
   void takeIncoming();
   void drain();
-  bool runNext();
+  bool hasWork() const { return !ready.empty() || !sources.empty() || !goingOn.empty(); }
+  void list(std::shared_ptr<Source> source);
+  std::shared_ptr<Source> nextSource(Clock::time_point now);
+  bool runNext(Clock::time_point now);
   void endTurn();
   void runTimers();
 
@@ -67,7 +70,11 @@ struct RunLoop::Implementation {
   bool isDispatching = false;
   std::vector<epoll_event> events;
   Fifo<Item> ready;
-  Fifo<std::shared_ptr<Source>> sources;  // null: withdrawn
+  // Null: withdrawn.
+  Fifo<std::shared_ptr<Source>> sources, goingOn;
+  /// The last piece was of one that goes on; when such a piece ended.
+  bool wasGoingOn = false;
+  Clock::time_point wentOn;
   std::vector<std::shared_ptr<Source>> finishing, finishingNow;
   std::vector<Work> endOfTurn, endOfTurnNow;
   /// All the time that was spent in drain(), and since when the current one runs.

@@ -26,6 +26,7 @@ class ChangingDevice {
   };
 
   explicit ChangingDevice(uint64_t seed);
+  ~ChangingDevice();
 
   const DeviceRoot& root() const { return root_; }
   /// An application of the user's that is always there, with plug-ins dedicated to it.
