@@ -66,9 +66,11 @@ inline constexpr uint64_t ABHoldPlugIns = 2;       // plug-in bundles, busy or n
 /// Rule entries, patterns, items and types of items in a "match" request's rules, all together.
 inline constexpr size_t kMaximumPatterns = 16384;
 /// Entries of "uuids" in a "ready" request.
-inline constexpr size_t kMaximumReadyPlugIns = 128;
+inline constexpr size_t kMaximumReadyPlugIns = 64;
 /// Holds of one connection at a time.
 inline constexpr size_t kMaximumHolds = 1024;
+/// Plug-ins in all of them; one that is in two counts twice.
+inline constexpr size_t kMaximumHeldPlugIns = 65536;
 
 /// The elections that people make; any other value counts as made, too.
 inline constexpr int64_t ABElectionDefault = 0;

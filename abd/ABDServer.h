@@ -75,8 +75,11 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
 
   /// Whether a live hold blocks the plug-in.
   bool holdOnPlugIn(const ABDPlugIn& plugIn);
-  /// Whether the client has as many holds as one may have.
-  bool hasAllHolds(const ABDQmxClient& client);
+  struct Held {
+    size_t holds, plugIns;  // one that is in two holds counts twice
+  };
+  /// How much the client holds.
+  Held heldBy(const ABDQmxClient& client);
   /// Takes up a new hold. One whose client has died meanwhile is released at once.
   void addHold(const std::shared_ptr<ABDPlugInHold>& hold);
   /// Releases the hold with that token; an unknown token is ignored.

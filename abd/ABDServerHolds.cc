@@ -22,8 +22,12 @@ bool ABDServer::holdOnPlugIn(const ABDPlugIn& plugIn) {
   return syncQueue_.sync([&] { return blockedPlugIns_.contains(plugIn.uuid()); });
 }
 
-bool ABDServer::hasAllHolds(const ABDQmxClient& client) {
-  return syncQueue_.sync([&] { return client.holds_.size() >= kMaximumHolds; });
+ABDServer::Held ABDServer::heldBy(const ABDQmxClient& client) {
+  return syncQueue_.sync([&] {
+    Held held{client.holds_.size(), 0};
+    for (const auto& hold : client.holds_) held.plugIns += hold->blocked().size();
+    return held;
+  });
 }
 
 void ABDServer::addHold(const std::shared_ptr<ABDPlugInHold>& hold) {

@@ -101,7 +101,7 @@ TEST_F(Neighbours, ASearchEndsWithItsClient) {
 }
 
 TEST_F(Neighbours, AreSparedWhatIsBeyondTheLimits) {
-  install(2);
+  install(100);
   // Rules: the entries count, their patterns, items and the items' types.
   const auto rules = [](size_t patterns) {
     const Dictionary items = {{"items", Array{Dictionary{{"types", Array{"a", "b"}}}}}};
@@ -112,11 +112,29 @@ TEST_F(Neighbours, AreSparedWhatIsBeyondTheLimits) {
             "4: invalid request format (more than 16384 patterns)");
   EXPECT_EQ(error("match", {{"rules", rules(kMaximumPatterns)}, {"flags", 0x200}}),
             "11: unauthorized discovery flag (ABDiscoverAll)");
-  const UUID one = uuid("many.0");
+  const UUID one = uuid("many.0"), other = uuid("many.1");
   EXPECT_EQ(error("ready", {{"uuids", uuidArray(std::vector<UUID>(kMaximumReadyPlugIns, one))}}), "");
   EXPECT_EQ(error("ready", {{"uuids", uuidArray(std::vector<UUID>(kMaximumReadyPlugIns + 1, one))}}),
-            "4: invalid request (more than 128 plug-ins)");
+            "4: invalid request (more than 64 plug-ins)");
 
+  const auto annotate = [this](const UUID& plugIn, const Dictionary& annotation) {
+    return error("annotate", {{"uuids", uuidArray({plugIn})}, {"annotations", annotation}});
+  };
+  const Dictionary large = {{"extension", Dictionary{{"k", std::string(255 << 10, 'x')}}}};
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(annotate(uuid("many." + std::to_string(i)), large), "");
+  EXPECT_EQ(annotate(uuid("many.16"), large), "4: invalid request format (annotation extension)");
+  EXPECT_EQ(annotate(uuid("many.16"), {{"election", 1}}), "");
+  EXPECT_EQ(annotate(one, large), "") << "it does not grow";
+  EXPECT_EQ(annotate(other, {{"extension", Dictionary()}}), "");
+  EXPECT_EQ(annotate(uuid("many.16"), large), "");
+
+  const Dictionary all = {{"paths", Array{application}}, {"flags", 1}};
+  WireClient greedy = daemon->connect();
+  for (size_t i = 0; i < kMaximumHeldPlugIns / 100; ++i)
+    EXPECT_EQ(errorOf(greedy.call(message("lock", all))), "");
+  EXPECT_EQ(errorOf(greedy.call(message("lock", all))),
+            "4: invalid request (more than 65536 plug-ins on hold)");
+  greedy.close();
   const Dictionary hold = {{"paths", Array{DeviceRoot::plugInPath(application, "many.1")}}, {"flags", 2}};
   WireClient holder = daemon->connect();
   Dictionary granted;

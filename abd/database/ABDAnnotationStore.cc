@@ -111,6 +111,7 @@ std::optional<Error> ABDAnnotationStore::loadDb() {
   }
   isFileRejected_ = false;
   annotations_ = std::move(std::get<Dictionary>(table));
+  size_ = FileIdentity::ofFile(annotationsURL_.path()).value_or(FileIdentity()).size;
   return std::nullopt;
 }
 
@@ -124,6 +125,7 @@ std::optional<Error> ABDAnnotationStore::saveDb() {
     if (auto* again = std::get_if<Error>(&bytes)) return std::move(*again);
   }
   const std::string& file = std::get<std::string>(bytes);
+  size_ = file.size();
   // The next start would not read it.
   if (file.size() > kMaximumAnnotationFile) return Error::posix(EFBIG, annotationsURL_.path());
   if (isFileRejected_) {
@@ -145,6 +147,18 @@ const Value& ABDAnnotationStore::annotationForIdentifier(std::string_view key) c
 
 const Value& ABDAnnotationStore::annotationForPlugIn(const ABDPlugIn& plugIn) const {
   return annotationForIdentifier(plugIn.annotationKey());
+}
+
+size_t ABDAnnotationStore::writtenSize(const Value& value) {
+  const auto written = serializePropertyList(value);
+  const auto* bytes = std::get_if<std::string>(&written);
+  return bytes != nullptr ? bytes->size() : SIZE_MAX;
+}
+
+bool ABDAnnotationStore::hasRoomFor(size_t bytes, const ABDPlugIn& plugIn) const {
+  if (size_ + bytes <= kMaximumBytes) return true;
+  const Value& stored = annotationForPlugIn(plugIn);
+  return !stored.isNone() && bytes <= writtenSize(stored);
 }
 
 void ABDAnnotationStore::setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn) {

@@ -46,6 +46,12 @@ class ABDAnnotationStore {
   /// The record under `key` (a dictionary), or a none value.
   const Value& annotationForIdentifier(std::string_view key) const;
   const Value& annotationForPlugIn(const ABDPlugIn& plugIn) const;
+  /// Bytes of `value` as an XML property list; SIZE_MAX when it cannot be written.
+  static size_t writtenSize(const Value& value);
+  /// Whether a record of that many bytes, written, may be kept of the plug-in. Every save writes the whole
+  /// file, and nobody else has a turn meanwhile: once that has kMaximumBytes, records may only shrink.
+  bool hasRoomFor(size_t bytes, const ABDPlugIn& plugIn) const;
+  static constexpr size_t kMaximumBytes = 4u << 20;
   /// Merges `annotation` into the plug-in's record (none removes the record), then saves. A failed save is
   /// logged; the change is kept in memory and written with the next one.
   void setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn);
@@ -53,6 +59,7 @@ class ABDAnnotationStore {
  private:
   URL annotationsURL_;
   Dictionary annotations_;
+  size_t size_ = 0;              // of the table as a file
   bool isFileRejected_ = false;  // what is at annotationsURL_ is not what was loaded
 };
 

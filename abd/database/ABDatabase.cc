@@ -225,6 +225,10 @@ Value ABDatabase::annotationForPlugIn(const ABDPlugIn& plugIn) {
   return sync_.sync([this, &plugIn] { return annotations_->annotationForPlugIn(plugIn); });
 }
 
+bool ABDatabase::hasRoomForAnnotation(size_t bytes, const ABDPlugIn& plugIn) {
+  return sync_.sync([&] { return annotations_->hasRoomFor(bytes, plugIn); });
+}
+
 std::optional<Error> ABDatabase::setAnnotation(const std::optional<Dictionary>& annotation,
                                                const ABDPlugIn& plugIn) {
   sync_.sync([this, &annotation, &plugIn] { annotations_->setAnnotation(annotation, plugIn); });

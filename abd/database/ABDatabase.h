@@ -103,6 +103,8 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   // Annotations.
   /// The plug-in's annotation record (a dictionary), or a none value.
   Value annotationForPlugIn(const ABDPlugIn& plugIn);
+  /// Whether an annotation of that many bytes, written, may be kept of the plug-in.
+  bool hasRoomForAnnotation(size_t bytes, const ABDPlugIn& plugIn);
   /// Merges into the plug-in's record (none removes it), saves, and posts the change. Always none.
   std::optional<Error> setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn);
 

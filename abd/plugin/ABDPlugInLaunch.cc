@@ -44,7 +44,7 @@ std::optional<std::string> ABDPlugIn::resourceToken(const String& name, const st
     const auto found = resources_.find(name);
     if (found != resources_.end()) known = found->second;
   }
-  if (known == nullptr || !known->isStillAt(target)) {
+  if (known == nullptr || !known->isStillIn(path(), target)) {
     auto judged = findReadableInside(path(), target);
     if (!judged) return std::nullopt;
     known = std::make_shared<const FoundFile>(*std::move(judged));

@@ -21,14 +21,10 @@ constexpr int kContainersAroundValue = 3;
 /// Bytes of one record in the form of a file: nobody's record fills the file for the others.
 constexpr size_t kMaximumRecord = 256u << 10;
 
+constexpr const char* kBadExtension = "invalid request format (annotation extension)";
+
 bool canBeStored(const Value& value) {
   return canBeWritten(value, kMaximumFileNesting - kContainersAroundValue);
-}
-
-/// REQUIRES: the parts can be stored.
-bool isTooLarge(const Dictionary& annotation) {
-  const Result<std::string> written = serializePropertyList(annotation);
-  return std::holds_alternative<Error>(written) || std::get<std::string>(written).size() > kMaximumRecord;
 }
 
 }  // namespace
@@ -43,16 +39,20 @@ Course Transaction::annotatePlugIns() {
       co_return fail(kABErrorRequest, "invalid request format (annotation election)");
     annotation.set(annotation::election, election);
   }
+  size_t size = 0;  // of an annotation with an extension
   if (const Value& given = (*request)[annotation::extension]; !given.isNone()) {
     const Value extension = withWholeSeconds(given);
     annotation.set(annotation::extension, extension);
-    if (!extension.isDictionary() || !canBeStored(extension) || isTooLarge(annotation))
-      co_return fail(kABErrorRequest, "invalid request format (annotation extension)");
+    size = ABDAnnotationStore::writtenSize(annotation);
+    if (!extension.isDictionary() || !canBeStored(extension) || size > kMaximumRecord)
+      co_return fail(kABErrorRequest, kBadExtension);
   }
   if (annotation.empty()) co_return done();
 
   PlugInWalk plugIns(*this);
   while (const auto plugIn = plugIns.next()) {
+    if (size != 0 && !server().hasRoomForAnnotation(size, *plugIn))
+      co_return fail(kABErrorRequest, kBadExtension);
     systemLog("client %d plug-in %@ election := %@", client_->pid(), plugIn->identifier(),
               annotation[annotation::election]);
     server().setAnnotation(annotation, *plugIn);

@@ -88,8 +88,12 @@ Course Transaction::holdPlugIns() {
     }
   }
 
-  if (server().hasAllHolds(*client_))
+  const ABDServer::Held held = server().heldBy(*client_);
+  if (held.holds >= kMaximumHolds)
     co_return fail(kABErrorRequest, format("invalid request (more than %d holds)", kMaximumHolds));
+  if (held.plugIns + plugIns.size() > kMaximumHeldPlugIns)
+    co_return fail(kABErrorRequest,
+                   format("invalid request (more than %d plug-ins on hold)", kMaximumHeldPlugIns));
   const auto hold = std::make_shared<ABDPlugInHold>(plugIns, client_);
   server().addHold(hold);
   setReply(key::uuids, hold->uuid());

@@ -154,7 +154,7 @@ void Catalog::settle(State& state, const Sighting& sighting, Change& change) {
     miss(state, facts, change);
     return;
   }
-  const bool isSame = !sighting.isRenewed && state.facts != nullptr &&
+  const bool isSame = !sighting.isRenewed && hasOwnVigil(state) && state.facts != nullptr &&
                       state.facts->isReadFrom(facts->info, facts->entitlementsFile);
   const bool wasGone = state.goneSince != 0;
   if (isSame && !wasGone && (state.isUnregistered || !state.proxies.empty())) return;
@@ -199,7 +199,7 @@ void Catalog::registerBundle(const Sighting& sighting, uint64_t since, double no
   rouse(state);
   const bool isSame = state.facts != nullptr &&
                       state.facts->isReadFrom(sighting.facts->info, sighting.facts->entitlementsFile);
-  if (!isSame || state.goneSince != 0) retire(state, change);
+  if (!isSame || state.goneSince != 0 || !hasOwnVigil(state)) retire(state, change);
   if (!isSame) state.facts = sighting.facts;
   state.isUnregistered = false;
   state.goneSince = 0;
@@ -301,19 +301,27 @@ const std::shared_ptr<const ApplicationProxy>& Catalog::applicationFor(
   auto found = applications_.find(path);
   if (found == applications_.end()) found = applications_.emplace(path, Application()).first;
   Application& application = found->second;
-  // The name may be another one now, which a proxy that was asked for it would not tell.
-  if (application.proxy == nullptr || application.proxy->hasNames())
+  // The name may be another one now, which a proxy that was asked for it would not tell; and this bundle may
+  // be found elsewhere than the others.
+  if (application.proxy == nullptr || application.proxy->hasNames() || application.proxy->vigil() != vigil)
     application.proxy = std::make_shared<ApplicationProxy>(weak_from_this(), found->first,
                                                            locations_->containerOf(path), vigil);
   application.bundles.push_back(&state);
   return application.proxy;
 }
 
-/// Of what the bundle is found in; before a scan has found it, of what it will be found in.
+/// Of the path when it is registered by it; otherwise of what the bundle is found in, or will be when no scan
+/// has found it yet.
 std::shared_ptr<Vigil> Catalog::vigilFor(const State& state) {
+  if (state.isByPath) return vigilAt(state.path);
   if (state.entry.size() != 0) return vigilAt(state.entry);
-  const std::string entry = state.isByPath ? std::string() : locations_->entryOf(state.path);
+  const std::string entry = locations_->entryOf(state.path);
   return vigilAt(entry.empty() ? state.path.view() : entry);
+}
+
+/// Whether what the proxies know is watched where the bundle is found now, and not where it was found once.
+bool Catalog::hasOwnVigil(const State& state) {
+  return state.proxies.empty() || state.proxies.front()->vigil() == vigilFor(state);
 }
 
 std::shared_ptr<Vigil> Catalog::vigilAt(std::string_view path) {
@@ -379,9 +387,13 @@ void Catalog::recognise(std::span<const FoundBundle> found, const std::vector<St
         !state->facts->isReadFrom(bundle.info, bundle.entitlementsFile)) {
       news.push_back(&bundle);
     } else {
-      state->entry = entries[bundle.entry];
+      const bool hasMoved = state->entry != entries[bundle.entry];
+      if (hasMoved) state->entry = entries[bundle.entry];
       rouse(*state);
-      addNamed(*state, named);
+      if (hasMoved && !hasOwnVigil(*state))
+        news.push_back(&bundle);
+      else
+        addNamed(*state, named);
     }
   }
 }

@@ -164,6 +164,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
                                                                 const std::shared_ptr<const Vigil>& vigil);
   std::shared_ptr<Vigil> vigilAt(std::string_view path);
   std::shared_ptr<Vigil> vigilFor(const State& state);
+  bool hasOwnVigil(const State& state);
   void touch(State& state);
   void learn(const String& name, SDK& sdk, const SDKFacts& facts);
   bool hasName(const PlugInProxy& proxy, std::string_view name) const;

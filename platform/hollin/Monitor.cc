@@ -5,6 +5,7 @@
 
 #include "platform/hollin/Monitor.h"
 
+#include <fcntl.h>
 #include <fts.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -70,6 +71,7 @@ Monitor::~Monitor() {
 void Monitor::start(std::vector<std::shared_ptr<const PlugInProxy>> registered) {
   registeredAtStart_ = std::move(registered);
   wake_ = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  mounts_ = FileDescriptor(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
   if (!wake_) raiseInternalInconsistency("cannot make an event descriptor: %s", strerror(errno));
   thread_ = startPlatformThread("hollin-watch", [this] { run(); });
 }
@@ -96,10 +98,14 @@ void Monitor::wait() {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::now()).count();
     timeout = static_cast<int>(std::max<int64_t>(left, 0));
   }
-  pollfd descriptors[] = {{wake_.get(), POLLIN, 0}, {watches_.descriptor(), POLLIN, 0}};
-  if (poll(descriptors, 2, timeout) <= 0) return;
+  pollfd descriptors[] = {
+      {wake_.get(), POLLIN, 0}, {watches_.descriptor(), POLLIN, 0}, {mounts_.get(), POLLPRI, 0}};
+  if (poll(descriptors, 3, timeout) <= 0) return;
   eventfd_t ignored;
   if (descriptors[0].revents != 0) eventfd_read(wake_.get(), &ignored);
+  if (descriptors[2].revents == 0) return;
+  endVigils();
+  schedule(everythingDue_, kQuietPeriod);
 }
 
 void Monitor::readEvents() {
@@ -254,10 +260,7 @@ void Monitor::watchPlaces() {
     watches_.begin(subject);
     watches_.addWay(subject, configured);
     watches_.add(subject, configured);
-    if (std::string path = canonicalPath(configured); !path.empty()) {
-      if (path != configured) watches_.addWay(subject, path);
-      subject.path = std::move(path);
-    }
+    if (std::string path = canonicalPath(configured); !path.empty()) subject.path = std::move(path);
     watches_.end(subject);
   };
   for (const std::string& root : directories_.dataRoots()) {
@@ -276,7 +279,7 @@ void Monitor::watchRegistered() {
 /// Watches a bundle that is registered by path, the way to it, and the application around it.
 void Monitor::watchBundle(Subject& subject) {
   watches_.begin(subject);
-  watches_.addWay(subject, subject.path);
+  watches_.addWay(subject, subject.path + "/Info.plist", true);
   if (const auto application = Locations::applicationOf(subject.path); !application.empty())
     watchNamed(subject, std::string(application));
   watchNamed(subject, subject.path);
@@ -305,26 +308,26 @@ void Monitor::collectRegistered() {
   for (const auto& [path, subject] : before) drop(*subject);
 }
 
-void Monitor::visit(const std::string& directory, const std::string& entry,
-                    std::unordered_map<std::string, Subject*>& visited) {
+void Monitor::visit(Scanner::Way way, const std::string& path, const std::string& entry, Visited& visited) {
   Subject*& subject = visited[entry];
   if (subject == nullptr) {
     subject = &subjectOf(Subject::Kind::entry, entry);
     watches_.begin(*subject);
   }
-  if (!isInside(directory, entry)) watches_.addWay(*subject, directory);  // a link leads there
-  if (lastComponentOf(directory) == "PlugIns") {
-    watches_.add(*subject, directory);
+  if (way != Scanner::Way::directory) {
+    watches_.addWay(*subject, path, way == Scanner::Way::linkToAFile);
+  } else if (lastComponentOf(path) == "PlugIns") {
+    watches_.add(*subject, path);
   } else {
-    watchNamed(*subject, directory);
+    watchNamed(*subject, path);
   }
 }
 
 void Monitor::scanEverything() {
   const uint64_t since = catalog_.clock();
-  std::unordered_map<std::string, Subject*> visited;
-  Scanner scanner([this, &visited](const std::string& directory, const std::string& entry) {
-    visit(directory, entry, visited);
+  Visited visited;
+  Scanner scanner([this, &visited](Scanner::Way way, const std::string& path, const std::string& entry) {
+    visit(way, path, entry, visited);
   });
   const auto locations = catalog_.locations();
   for (const Locations::Root& root : locations->roots())
@@ -342,9 +345,9 @@ void Monitor::scanEverything() {
 
 void Monitor::scanEntries(const std::vector<std::string>& entries) {
   const uint64_t since = catalog_.clock();
-  std::unordered_map<std::string, Subject*> visited;
-  Scanner scanner([this, &visited](const std::string& directory, const std::string& entry) {
-    visit(directory, entry, visited);
+  Visited visited;
+  Scanner scanner([this, &visited](Scanner::Way way, const std::string& path, const std::string& entry) {
+    visit(way, path, entry, visited);
   });
   for (const std::string& entry : entries) scanner.scanEntry(entry);
   for (const auto& [entry, subject] : visited) watches_.end(*subject);

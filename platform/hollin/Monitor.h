@@ -27,7 +27,7 @@ inline constexpr std::chrono::seconds kLongestWait{30};
 inline constexpr std::chrono::milliseconds kShortPeriod{50};
 inline constexpr std::chrono::seconds kLongestWaitForSDKs{1};
 /// How often everything is looked at when watches ran out.
-inline constexpr std::chrono::seconds kRescanInterval{4};
+inline constexpr std::chrono::seconds kRescanInterval{2};
 
 class Monitor {
  public:
@@ -50,6 +50,8 @@ class Monitor {
   struct Pending {
     Clock::time_point since, due;
   };
+  /// Entries that a scan came to.
+  using Visited = std::unordered_map<std::string, Subject*>;
   using PendingPaths = std::unordered_map<std::string, Pending>;
 
   void run();
@@ -75,8 +77,7 @@ class Monitor {
   void lookAtRegistered(const std::vector<std::string>& paths);
   void takeReport(Registrar::Report report);
   bool isBusy(const std::string& path);
-  void visit(const std::string& directory, const std::string& entry,
-             std::unordered_map<std::string, Subject*>& visited);
+  void visit(Scanner::Way way, const std::string& path, const std::string& entry, Visited& visited);
   Subject& subjectOf(Subject::Kind kind, const std::string& path);
   void drop(Subject& subject);
   void endVigil(const std::string& entry);
@@ -88,7 +89,8 @@ class Monitor {
   Catalog& catalog_;
   Registrar& registrar_;
 
-  FileDescriptor wake_;  // eventfd
+  FileDescriptor wake_;    // eventfd
+  FileDescriptor mounts_;  // proc(5): what is mounted over a directory is no event of the file system
   std::atomic<bool> isStopping_{false}, haveRegistrationsChanged_{false};
   std::thread thread_;
 

@@ -86,6 +86,7 @@ class PlugInProxy final : public HLAmbrelProxy {
   /// Of plugIn() among the bundle's.
   size_t index() const { return index_; }
   const std::shared_ptr<const ApplicationProxy>& application() const { return application_; }
+  const std::shared_ptr<const Vigil>& vigil() const { return vigil_; }
   bool hasNames() const { return names_.areKept(); }
   /// Whether the names that were asked for are others now. Looks at the disk.
   bool areNamesOutdated() const { return names_.areOutdated(std::string(facts_->path.view())); }

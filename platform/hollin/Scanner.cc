@@ -61,8 +61,8 @@ void Scanner::fail(const std::string& path, int number) {
   if (isTransient(number)) scan_.entries.back().isIncomplete = true;
 }
 
-void Scanner::visit(const std::string& directory) {
-  if (visit_) visit_(directory, scan_.entries.back().path);
+void Scanner::visit(Way way, const std::string& path) {
+  if (visit_) visit_(way, path, scan_.entries.back().path);
 }
 
 /// The directory, which is no link, or -1.
@@ -99,6 +99,7 @@ std::vector<Scanner::Child> Scanner::listDirectories(int directory, const std::s
 std::string Scanner::resolve(const Directory& parent, const Child& child) {
   std::string path = parent.path + "/" + child.name;
   if (!child.isLink) return path;
+  visit(Way::link, path);
   std::string target = canonicalPath(path);
   if (target.empty()) {
     fail(path, errno);
@@ -141,7 +142,7 @@ void Scanner::scanContents(const Directory& parent, const Child& child) {
   }
   const std::string path = resolve(parent, child);
   if (path.empty()) return;
-  visit(path);
+  visit(Way::directory, path);
   const bool isRelative = !child.isLink && parent.descriptor != AT_FDCWD;
   const FileDescriptor container(
       openDirectory(isRelative ? parent.descriptor : AT_FDCWD, isRelative ? child.name : path, path));
@@ -154,7 +155,7 @@ void Scanner::scanContents(const Directory& parent, const Child& child) {
 void Scanner::scanApplication(const Directory& parent, const Child& child) {
   const std::string path = resolve(parent, child);
   if (path.empty()) return;
-  visit(path);
+  visit(Way::directory, path);
   application_ = path;
   std::string plugIns = path + "/PlugIns";
   const bool isRelative = !child.isLink && parent.descriptor != AT_FDCWD;
@@ -173,7 +174,7 @@ void Scanner::scanApplication(const Directory& parent, const Child& child) {
 }
 
 void Scanner::scanPlugIns(int plugIns, const std::string& path) {
-  visit(path);
+  visit(Way::directory, path);
   for (const Child& child : listDirectories(plugIns, path)) {
     if (!hasSuffix(child.name, kPlugInSuffix)) continue;
     std::string bundle = resolve({plugIns, path}, child);
@@ -185,18 +186,23 @@ void Scanner::add(int directory, const std::string& name, std::string path) {
   // A link may have led into an application that is no entry's.
   if (const auto application = Locations::applicationOf(path);
       application != application_ && !application.empty())
-    visit(std::string(application));
-  visit(path);
+    visit(Way::directory, std::string(application));
+  visit(Way::directory, path);
   FoundBundle found{std::move(path), static_cast<uint32_t>(scan_.entries.size() - 1), {}, {}};
   struct stat status {};
   char file[NAME_MAX + sizeof "/Entitlements.plist"];
-  const auto look = [&](const char* suffix, int flags) {
+  const auto look = [&](const char* suffix) {
     std::memcpy(file, name.data(), name.size());
     std::strcpy(file + name.size(), suffix);
-    return fstatat(directory, file, &status, flags) == 0 ? identityOf(status) : FileIdentity();
+    return fstatat(directory, file, &status, AT_SYMLINK_NOFOLLOW) == 0;
   };
-  found.info = look("/Info.plist", 0);
-  found.entitlementsFile = look("/Entitlements.plist", AT_SYMLINK_NOFOLLOW);
+  bool isThere = look("/Info.plist");
+  if (isThere && S_ISLNK(status.st_mode)) {
+    visit(Way::linkToAFile, found.path + "/Info.plist");
+    isThere = fstatat(directory, file, &status, 0) == 0;
+  }
+  if (isThere) found.info = identityOf(status);
+  if (look("/Entitlements.plist")) found.entitlementsFile = identityOf(status);
   scan_.bundles.push_back(std::move(found));
 }
 

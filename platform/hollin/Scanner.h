@@ -34,8 +34,13 @@ struct Scan {
 
 class Scanner {
  public:
-  /// Called with each directory before it is listed, and with the entry that it belongs to.
-  using Visit = std::function<void(const std::string& directory, const std::string& entry)>;
+  enum class Way : uint8_t {
+    directory,    // its canonical path, before it is listed
+    link,         // to a directory, before it is followed
+    linkToAFile,  // whose contents matter
+  };
+  /// Called with what is met on the way to bundles, and with the entry that it belongs to.
+  using Visit = std::function<void(Way way, const std::string& path, const std::string& entry)>;
 
   explicit Scanner(Visit visit = {}) : visit_(std::move(visit)) {}
 
@@ -53,7 +58,7 @@ class Scanner {
   };
   struct Directory;
 
-  void visit(const std::string& directory);
+  void visit(Way way, const std::string& path);
   void scanContents(const Directory& parent, const Child& child);
   void scanApplication(const Directory& parent, const Child& child);
   void scanPlugIns(int plugIns, const std::string& path);

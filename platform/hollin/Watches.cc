@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <unordered_set>
 
@@ -12,15 +13,26 @@ namespace platform::hollin {
 
 namespace {
 
-constexpr uint32_t kArrivals = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-constexpr uint32_t kEverything =
-    kArrivals | IN_CLOSE_WRITE | IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
+/// What happens to names, and who may use them.
+constexpr uint32_t kNames = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB;
+constexpr uint32_t kContents = kNames | IN_CLOSE_WRITE | IN_MODIFY;
+constexpr uint32_t kEverything = kContents | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
 /// A directory may be watched for several subjects: masks add up.
 constexpr uint32_t kAlways = IN_ONLYDIR | IN_MASK_ADD;
 
 constexpr size_t kEventBuffer = 64 << 10;
 /// Events that keep coming must not keep the thread from its work.
 constexpr int kReadsAtATime = 32;
+
+/// As many as the kernel follows.
+constexpr int kMostLinks = 40;
+
+/// "" when `path` is no link.
+std::string targetOfLink(const std::string& path) {
+  char target[PATH_MAX];
+  const ssize_t length = readlink(path.c_str(), target, sizeof target);
+  return length <= 0 ? std::string() : std::string(target, static_cast<size_t>(length));
+}
 
 }  // namespace
 
@@ -67,13 +79,27 @@ void Watches::addIfThere(Subject& subject, const std::string& directory) {
     subject.isWhole = false;
 }
 
-void Watches::addWay(Subject& subject, const std::string& path) {
+void Watches::addWay(Subject& subject, const std::string& path, bool isFile) {
   // Downwards: what appears below a directory after its watch was set is an event.
-  for (size_t slash = 0; slash != std::string::npos;) {
-    const size_t next = path.find('/', slash + 1);
-    const std::string component = path.substr(slash + 1, next == std::string::npos ? next : next - slash - 1);
-    watch(subject, slash == 0 ? "/" : path.substr(0, slash), kArrivals, component);
-    slash = next;
+  std::string reached, rest = path;
+  int links = 0;
+  for (size_t begin = 0; (begin = rest.find_first_not_of('/')) != std::string::npos;) {
+    const size_t end = std::min(rest.find('/', begin), rest.size());
+    const std::string component = rest.substr(begin, end - begin);
+    rest.erase(0, end);
+    if (component == ".") continue;
+    if (component == "..") {
+      reached.erase(std::min(reached.rfind('/'), reached.size()));
+      continue;
+    }
+    const bool isLast = rest.find_first_not_of('/') == std::string::npos;
+    watch(subject, reached.empty() ? "/" : reached, isFile && isLast ? kContents : kNames, component);
+    reached.append("/").append(component);
+    const std::string target = targetOfLink(reached);
+    if (target.empty()) continue;
+    if (++links > kMostLinks) return;
+    reached.erase(target.front() == '/' ? 0 : reached.rfind('/'));
+    rest.insert(0, target);
   }
 }
 

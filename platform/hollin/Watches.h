@@ -49,8 +49,9 @@ class Watches {
   bool add(Subject& subject, const std::string& directory);
   /// The same when there is such a directory.
   void addIfThere(Subject& subject, const std::string& directory);
-  /// Watches every directory above `path`, for the next component of the path only.
-  void addWay(Subject& subject, const std::string& path);
+  /// Watches every directory above the absolute `path`, for the next component of the path only, link by
+  /// link; with `isFile` also what is written to the file that it leads to.
+  void addWay(Subject& subject, const std::string& path, bool isFile = false);
   void end(Subject& subject);
   /// Drops all watches of a subject.
   void drop(Subject& subject);

@@ -27,7 +27,7 @@ namespace platform {
 void keepLogFromStandardError();
 
 inline constexpr size_t kLogBurst = 1000;
-inline constexpr size_t kLogRate = 100;
+inline constexpr size_t kLogRate = 20;
 
 /// Writes one finished entry, whatever was written before.
 void writeLogEntry(std::string_view text);

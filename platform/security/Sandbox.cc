@@ -131,9 +131,13 @@ std::optional<std::string> issueReadToken(const std::string& path) {
   return place ? issueReadToken(path, *place) : std::nullopt;
 }
 
-bool FoundFile::isStillAt(const std::string& named) const {
+bool FoundFile::isStillIn(const std::string& root, const std::string& named) const {
+  if (named != path || !isInside(path, root)) return false;
   struct stat status {};
-  return stat(named.c_str(), &status) == 0 && placeOf(status) == place &&
+  for (size_t slash = path.find('/', root.size() + 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1))
+    if (lstat(path.substr(0, slash).c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return false;
+  return lstat(path.c_str(), &status) == 0 && placeOf(status) == place &&
          changeOf(status) == changeNanoseconds;
 }
 

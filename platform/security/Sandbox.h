@@ -37,8 +37,9 @@ struct FoundFile {
   FilePlace place;
   int64_t changeNanoseconds = 0;
 
-  /// Whether `path` leads to it still, unchanged, as one look tells.
-  bool isStillAt(const std::string& path) const;
+  /// Whether it is still what `named` leads to inside the bundle at the canonical `root`, unchanged: one look
+  /// for it and for each directory between. False, too, when it was found by a link, which takes more.
+  bool isStillIn(const std::string& root, const std::string& named) const;
 };
 
 /// What a path that was named relative to the bundle at the canonical `root` (absolute, or relative to

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "platform/propertylist/PropertyList.h"
 #include "platform/system/Preferences.h"
 
 namespace testsupport {
@@ -46,6 +47,7 @@ ChangingDevice::Change ChangingDevice::change() {
       {2, &ChangingDevice::removeApplication},
       {2, &ChangingDevice::moveApplication},
       {2, &ChangingDevice::replaceApplication},
+      {1, &ChangingDevice::repointLink},
       {3, &ChangingDevice::editApplication},
       {3, &ChangingDevice::togglePlaceholder},
       {3, &ChangingDevice::addPlugIn},
@@ -171,9 +173,9 @@ void ChangingDevice::writeApplication(const std::string& path) {
   for (size_t i = any(4) + 1; i > 0; --i) writeBundle(path + "/PlugIns/" + std::to_string(any(4)) + ".appex");
 }
 
-/// Writes a property list in place, or replaces the file.
+/// Writes a property list in place, through a link perhaps, or replaces the file.
 void ChangingDevice::put(const std::string& path, const Value& value) {
-  const fs::file_type type = fs::symlink_status(path).type();
+  const fs::file_type type = fs::status(path).type();
   if (oneIn(2) && (type == fs::file_type::regular || type == fs::file_type::not_found))
     return writePropertyList(path, value);
   if (type == fs::file_type::directory) fs::remove_all(path);
@@ -181,6 +183,16 @@ void ChangingDevice::put(const std::string& path, const Value& value) {
   writePropertyList(fresh, value);
   fs::create_directories(fs::path(path).parent_path());
   fs::rename(fresh, path);
+}
+
+/// Makes a link, or one to a link.
+void ChangingDevice::link(const std::string& target, const std::string& path) {
+  std::string way = target;
+  if (oneIn(2)) {
+    links_.push_back(way = staged());
+    fs::create_directory_symlink(target, way);
+  }
+  fs::create_directory_symlink(way, path);
 }
 
 /// Takes something away, by a rename or piece by piece.
@@ -230,15 +242,24 @@ ChangingDevice::Change ChangingDevice::replaceApplication() {
       writeText(place, "no directory");
       return {"a file in the place of " + place};
     case 1:
-      fs::create_directory_symlink(away, place);
+      link(away, place);
       return {"a link to its new place in the place of " + place};
     case 2:
-      fs::create_directory_symlink(anyOf(present), place);
+      link(anyOf(present), place);
       return {"a link to an application in the place of " + place};
     default:
       writeApplication(place);
       return {"another application in the place of " + place};
   }
+}
+
+ChangingDevice::Change ChangingDevice::repointLink() {
+  if (links_.empty()) return {};
+  const std::string path = anyOf(links_), other = staged();
+  writeApplication(other);
+  fs::remove(path);
+  fs::create_directory_symlink(other, path);
+  return {"repointed " + path};
 }
 
 ChangingDevice::Change ChangingDevice::editApplication() {
@@ -300,7 +321,11 @@ ChangingDevice::Change ChangingDevice::editInfo() {
   if (present.empty()) return {};
   const std::string path = anyOf(present), file = path + "/Info.plist";
   if (!fs::is_directory(path)) return {};
-  put(file, infoDictionary(anyBundle()));
+  PlugInBundle bundle = anyBundle();
+  // It would be elected under the other's identifier by who looks before the registry has.
+  if (readDictionaryFile(path + "/Entitlements.plist").value_or(Dictionary()).contains(kAutoElect))
+    bundle.plugIn.remove("ZQExtensionIdentifier");
+  put(file, infoDictionary(bundle));
   return {"edited " + file};
 }
 
@@ -337,7 +362,7 @@ ChangingDevice::Change ChangingDevice::replacePlugIn() {
       writeText(path, "no directory");
       return {"a file in the place of " + path};
     case 1:
-      fs::create_directory_symlink(away, path);
+      link(away, path);
       return {"a link to its new place in the place of " + path};
     case 2: {
       const std::string target = anyOf(present);

@@ -43,6 +43,7 @@ class ChangingDevice {
   Change removeApplication();
   Change moveApplication();
   Change replaceApplication();
+  Change repointLink();
   Change editApplication();
   Change togglePlaceholder();
   Change addPlugIn();
@@ -81,12 +82,14 @@ class ChangingDevice {
   void writeBundle(const std::string& path);
   void writeApplication(const std::string& path);
   void put(const std::string& path, const Value& value);
+  void link(const std::string& target, const std::string& path);
   void discard(const std::string& path);
 
   std::mt19937_64 random_;
   const DeviceRoot root_;
   const std::string loose_ = root_.path() + "/loose", aside_ = root_.path() + "/aside";
-  unsigned count_ = 0;  // of what needs a name or a version of its own
+  std::vector<std::string> links_;  // that others lead to
+  unsigned count_ = 0;              // of what needs a name or a version of its own
 };
 
 }  // namespace testsupport
