@@ -68,8 +68,9 @@ std::optional<std::string> ABBundle::bundleDirectory(std::string_view name) cons
   return URL::file(*directory, true).appending(name).path();
 }
 
-std::optional<std::string> ABBundle::executablePath() const {
-  if (auto executable = stringProperty(qmx::Bundle::executablePathProperty)) return executable;
+std::optional<std::string> ABBundle::executablePath(const char** refusal) const {
+  if (bundle_ == nullptr) return std::nullopt;
+  if (auto executable = bundle_->executablePath(refusal)) return executable;
   return path();
 }
 

@@ -46,8 +46,9 @@ class ABBundle {
   std::optional<std::string> supportPath() const;
   /// The support path with `name` appended.
   std::optional<std::string> bundleDirectory(std::string_view name) const;
-  /// The executable's path; a bundle without an executable answers its own.
-  std::optional<std::string> executablePath() const;
+  /// The executable's path; a bundle without an executable answers its own, and `refusal` says why it has
+  /// none.
+  std::optional<std::string> executablePath(const char** refusal = nullptr) const;
   std::optional<std::string> plugInsPath() const { return bundleDirectory("PlugIns"); }
 
  private:

@@ -1,6 +1,7 @@
 #include "Ambrel/ABPlugInCore.h"
 
 #include "Ambrel/ABCollections.h"
+#include "Ambrel/ABRecordTrace.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
 
@@ -29,20 +30,23 @@ std::shared_ptr<ABPlugInCore> ABPlugInCore::initWithForm(const Dictionary& form)
 
 bool ABPlugInCore::setupWithName(const std::optional<String>& name, const std::optional<URL>& url,
                                  const Value& bundleInfo, const Value& /*info*/,
-                                 const std::optional<UUID>& uuid) {
+                                 const std::optional<UUID>& uuid, ABRecordTrace* trace) {
   if (!url) return false;
   if (!name) {
     systemLog("missing identifier in plug-in at %@", url->path());
+    if (trace != nullptr) trace->flaw({bundlekey::identifier}, "the plug-in has no identifier");
     return false;
   }
   if (bundleInfo.isNone()) {
     systemLog("missing Info dictionary in plug-in %@ at %@", name->view(), url->path());
+    if (trace != nullptr) trace->flaw({}, "the Info dictionary is missing");
     return false;
   }
   identifier_ = name;
   url_ = url;
   if (!setDictionaries(normalizeInfoDictionary(bundleInfo))) {
     systemLog("malformed plug-in dictionary in plug-in %@ at %@: %@", name->view(), *url, bundleInfo);
+    if (trace != nullptr) trace->flaw(plugInPath(), "the plug-in section is no dictionary");
     return false;
   }
   uuid_ = uuid ? *uuid : UUID::random();
@@ -57,6 +61,13 @@ bool ABPlugInCore::setDictionaries(const Value& info) {
   const Value& multiple = topDictionary_[topkey::multiple];
   plugInDictionary_ = multiple.isNone() ? topDictionary_ : multiple[identifier()];
   return plugInDictionary_.isDictionary();
+}
+
+std::vector<String> ABPlugInCore::plugInPath() const {
+  const Value& multiple = topDictionary_[topkey::multiple];
+  if (multiple.isNone()) return {bundlekey::plugIn};
+  if (!multiple.isDictionary()) return {bundlekey::plugIn, topkey::multiple};
+  return {bundlekey::plugIn, topkey::multiple, identifier()};
 }
 
 void ABPlugInCore::setTopDictionary(const Value& dictionary) {

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Ambrel/ABErrors.h"
 #include "Ambrel/ABInfoKeys.h"
@@ -28,6 +29,8 @@
 namespace ambrel {
 
 using namespace platform;
+
+struct ABRecordTrace;
 
 class ABPlugInCore {
  public:
@@ -44,8 +47,10 @@ class ABPlugInCore {
   /// A record rebuilt from a form, or null.
   static std::shared_ptr<ABPlugInCore> initWithForm(const Dictionary& form);
 
+  /// Here and below `trace`, where there is one, is told what was decided and why.
   bool setupWithName(const std::optional<String>& name, const std::optional<URL>& url,
-                     const Value& bundleInfo, const Value& info, const std::optional<UUID>& uuid);
+                     const Value& bundleInfo, const Value& info, const std::optional<UUID>& uuid,
+                     ABRecordTrace* trace = nullptr);
   bool setupWithForm(const Dictionary& form);
   /// Takes over the form's annotations and nothing else.
   void updateFromForm(const Dictionary& form);
@@ -84,6 +89,8 @@ class ABPlugInCore {
   const Value& plugInDictionary() const { return plugInDictionary_; }
   /// Derives the three views from a bundle's Info dictionary; false when they cannot be derived.
   bool setDictionaries(const Value& info);
+  /// Where the plug-in's own dictionary stands in the bundle's.
+  std::vector<String> plugInPath() const;
   /// Replaces a view and puts it in its place in the views above it. A none value removes it there.
   void setTopDictionary(const Value& dictionary);
   void setPlugInDictionary(const Value& dictionary);
@@ -144,22 +151,24 @@ class ABPlugInCore {
   // SDK resolution and diagnosis (ABPlugInSDK.cc).
 
   /// Merges the SDK's dictionary into the record's and canonicalizes it. Once, right after set-up.
-  void resolveSDK();
+  void resolveSDK(ABRecordTrace* trace = nullptr);
+  /// The same with this definition, whichever SDK the record names.
+  void resolveWith(const std::optional<Dictionary>& sdk, ABRecordTrace* trace = nullptr);
   /// The definition of an SDK: from the directory named by ABTEST_SDK, else the registered one; none (logged)
   /// when there is neither.
   static std::optional<Dictionary> readSDKDictionary(std::string_view name, FileIdentity* source = nullptr);
   /// The file that resolveSDK() read the SDK from; zero when there was none.
   const FileIdentity& sdkFile() const { return sdkFile_; }
   /// `info` with what it lacks taken from `sdk`, level by level. Unchanged values are shared.
-  static Dictionary mergeDictionary(const Dictionary& sdk, Dictionary info);
+  static Dictionary mergeDictionary(const Dictionary& sdk, Dictionary info, ABRecordTrace* trace = nullptr);
   static bool sdkOverridesKey(std::string_view key) { return key == plugInkey::cleanTimeout; }
   /// The union of both lists without duplicates (one string is a one-element list); the plug-in's value when
   /// one of them is neither.
   static Value mergeSharedResources(const Value& sdk, const Value& info);
   /// Fills in defaults and records the plug-in's style.
-  void canonicalize();
+  void canonicalize(ABRecordTrace* trace = nullptr);
   /// Why the plug-in is not acceptable, or none.
-  virtual std::optional<Error> diagnose() const;
+  virtual std::optional<Error> diagnose(ABRecordTrace* trace = nullptr) const;
 
   virtual std::string description() const;
 

@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "Ambrel/ABPlugInCore.h"
+#include "Ambrel/ABRecordTrace.h"
 #include "platform/log/Log.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/qmx/SDKRegistry.h"
@@ -48,21 +49,41 @@ bool appendElements(const Value& list, Array& elements, std::unordered_set<std::
   return true;
 }
 
+/// Sets what canonicalization decides.
+void setCanonical(Dictionary& dictionary, const char* key, Value value, ABRecordTrace* trace) {
+  if (trace != nullptr && dictionary[key] != value)
+    trace->change(key, ABRecordTrace::Step::canonical, dictionary[key]);
+  dictionary.set(String::interned(key), std::move(value));
+}
+
 }  // namespace
 
-void ABPlugInCore::resolveSDK() {
+void ABPlugInCore::resolveSDK(ABRecordTrace* trace) {
   const Value& sdk = sdkSpec();
+  std::optional<Dictionary> definition;
   if (!sdk.isNone()) {
     const auto name = sdk.string();
+    const auto tell = [&](const char* reason) {
+      if (trace == nullptr) return;
+      KeyPath path = plugInPath();
+      path.push_back(plugInkey::pointIdentifier);
+      trace->flaw(std::move(path), reason);
+    };
     if (!name) {
       systemLog("invalid SDK key:%@", sdk);
+      tell("the extension point's identifier is no text");
       return;
     }
-    const auto definition = readSDKDictionary(*name, &sdkFile_);
-    if (definition && bundleInfoDictionary_.isDictionary())
-      setDictionaries(mergeDictionary(*definition, bundleInfoDictionary_.takeDictionary()));
+    definition = readSDKDictionary(*name, &sdkFile_);
+    if (!definition) tell("the extension point's SDK is not installed");
   }
-  canonicalize();
+  resolveWith(definition, trace);
+}
+
+void ABPlugInCore::resolveWith(const std::optional<Dictionary>& sdk, ABRecordTrace* trace) {
+  if (sdk && bundleInfoDictionary_.isDictionary())
+    setDictionaries(mergeDictionary(*sdk, bundleInfoDictionary_.takeDictionary(), trace));
+  canonicalize(trace);
 }
 
 std::optional<Dictionary> ABPlugInCore::readSDKDictionary(std::string_view name, FileIdentity* source) {
@@ -72,19 +93,28 @@ std::optional<Dictionary> ABPlugInCore::readSDKDictionary(std::string_view name,
   return std::nullopt;
 }
 
-Dictionary ABPlugInCore::mergeDictionary(const Dictionary& sdk, Dictionary info) {
+Dictionary ABPlugInCore::mergeDictionary(const Dictionary& sdk, Dictionary info, ABRecordTrace* trace) {
+  using Step = ABRecordTrace::Step;
+  const auto tell = [trace](const String& key, Step step, const Value& other) {
+    if (trace != nullptr) trace->change(key, step, other);
+  };
   Dictionary merged = std::move(info);
   for (const auto& [key, value] : sdk) {
     const Value& own = merged[key];
     if (own.isNone() || sdkOverridesKey(key)) {
+      tell(key, own.isNone() ? Step::sdkDefault : Step::sdkDecision, own);
       merged.set(key, value);
     } else if (key.view() == plugInkey::shared) {
+      tell(key, Step::united, own);
       merged.set(key, mergeSharedResources(value, own));
-    } else if (const Dictionary* section = value.dictionary()) {
+    } else if (const Dictionary* section = value.dictionary(); section != nullptr && own.isDictionary()) {
       const Dictionary* ownSection = own.dictionary();
-      if (ownSection == nullptr) continue;
-      Dictionary mergedSection = mergeDictionary(*section, *ownSection);
+      if (trace != nullptr) trace->place.push_back(key);
+      Dictionary mergedSection = mergeDictionary(*section, *ownSection, trace);
+      if (trace != nullptr) trace->place.pop_back();
       if (!mergedSection.isSameObject(*ownSection)) merged.set(key, std::move(mergedSection));
+    } else if (trace != nullptr && own != value) {
+      tell(key, Step::hidesSDK, value);
     }
   }
   return merged;
@@ -98,50 +128,66 @@ Value ABPlugInCore::mergeSharedResources(const Value& sdk, const Value& info) {
 }
 
 // The copies are finished before they are put in place; nobody looks at the views in between.
-void ABPlugInCore::canonicalize() {
+void ABPlugInCore::canonicalize(ABRecordTrace* trace) {
   const Dictionary* own = plugInDictionary_.dictionary();
   if (own == nullptr) return;
   constexpr size_t kMostAdded = 4;
   Dictionary plugIn = *own;
   plugIn.reserve(plugIn.size() + kMostAdded);
+  if (trace != nullptr) trace->place = plugInPath();
 
   if (isAppExtension()) {
     for (const char* key : {plugInkey::protocol, plugInkey::principalClass})
-      if (!plugIn.contains(key)) plugIn.set(String::interned(key), objectClass());
-    plugIn.set(String::interned(plugInkey::shared), bundleItself());
+      if (!plugIn.contains(key)) setCanonical(plugIn, key, objectClass(), trace);
+    setCanonical(plugIn, plugInkey::shared, bundleItself(), trace);
   }
   const Dictionary* given = attributes().dictionary();
   if (given != nullptr || attributes().isNone()) {  // anything else is for the diagnosis to refuse
     Dictionary complete = given != nullptr ? *given : Dictionary();
     complete.reserve(complete.size() + kMostAdded);
-    complete.set(String::interned(attributekey::format),
-                 String::interned(plugIn.contains(plugInkey::embeddedCode) ? "hybrid" : "standard"));
+    if (trace != nullptr) trace->place.push_back(plugInkey::attributes);
+    const char* const style = plugIn.contains(plugInkey::embeddedCode) ? "hybrid" : "standard";
+    setCanonical(complete, attributekey::format, String::interned(style), trace);
     if (!complete.contains(attributekey::version)) {
       const Value& shortVersion = bundleInfoDictionary_[bundlekey::shortVersion];
-      complete.set(String::interned(attributekey::version),
-                   shortVersion.isNone() ? Value("1") : shortVersion);
+      setCanonical(complete, attributekey::version, shortVersion.isNone() ? Value("1") : shortVersion, trace);
     }
     plugIn.set(String::interned(plugInkey::attributes), std::move(complete));
   }
   setPlugInDictionary(std::move(plugIn));
 }
 
-std::optional<Error> ABPlugInCore::diagnose() const {
+std::optional<Error> ABPlugInCore::diagnose(ABRecordTrace* trace) const {
+  const auto refuse = [&](const char* key, Error error) {
+    if (trace != nullptr) {
+      KeyPath path = identifier_ ? plugInPath() : KeyPath();
+      path.push_back(key);
+      trace->flaw(std::move(path), error.localizedDescription());
+    }
+    return error;
+  };
   if (!identifier_)
-    return ABError(kABErrorMisconfigured,
-                   "missing identifier (no ZQExtensionIdentifier, nor even BWBundleIdentifier)");
-  const auto missing = [](const char* key) {
-    return ABErrorWithFormat(kABErrorMisconfigured, "missing \"%@\" key in Info.plist or SDK", key);
+    return refuse(bundlekey::identifier,
+                  ABError(kABErrorMisconfigured,
+                          "missing identifier (no ZQExtensionIdentifier, nor even BWBundleIdentifier)"));
+  const auto missing = [&](const char* key) {
+    return refuse(key,
+                  ABErrorWithFormat(kABErrorMisconfigured, "missing \"%@\" key in Info.plist or SDK", key));
   };
   if (plugInDictionary_[plugInkey::protocol].isNone()) return missing(plugInkey::protocol);
   if (attributes().dictionary() == nullptr) return missing(plugInkey::attributes);
   if (isAppExtension() && plugInDictionary_[plugInkey::principalClass].string() != kObjectClass)
-    return ABErrorWithFormat(kABErrorMisconfigured, "Application Extensions may not use the \"%@\" key",
-                             plugInkey::principalClass);
+    return refuse(
+        plugInkey::principalClass,
+        ABErrorWithFormat(kABErrorMisconfigured, "Application Extensions may not use the \"%@\" key",
+                          plugInkey::principalClass));
   if (!plugInDictionary_[plugInkey::passProxy].isNone())
-    return ABErrorWithFormat(kABErrorMisconfigured, "the \"%@\" key is not supported on this platform",
-                             plugInkey::passProxy);
-  if (isHybrid()) return ABError(kABErrorMisconfigured, "hybrid plug-ins are not supported on this platform");
+    return refuse(plugInkey::passProxy,
+                  ABErrorWithFormat(kABErrorMisconfigured, "the \"%@\" key is not supported on this platform",
+                                    plugInkey::passProxy));
+  if (isHybrid())
+    return refuse(plugInkey::embeddedCode,
+                  ABError(kABErrorMisconfigured, "hybrid plug-ins are not supported on this platform"));
   return std::nullopt;
 }
 

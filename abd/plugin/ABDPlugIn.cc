@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Ambrel/ABProtocol.h"
+#include "Ambrel/ABRecordTrace.h"
 #include "platform/log/Log.h"
 #include "platform/qmx/Bundle.h"
 
@@ -16,7 +17,8 @@ int64_t wholeSeconds(Date date) {
 
 }  // namespace
 
-std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmbrelProxy> proxy) {
+std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmbrelProxy> proxy,
+                                                     ABRecordTrace* trace) {
   const auto url = proxy->bundleURL();
   if (!url) return nullptr;
   // The registry's paths are canonical, so the bundle need not be looked up first.
@@ -26,7 +28,7 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
   const String& identifier = proxy->pluginIdentifier();
   if (!record->setupWithName(identifier.size() != 0 ? std::optional(identifier) : std::nullopt, url,
                              prunedInfoDictionaryFor(info), info ? proxy->ambrelDictionary(*info) : Value(),
-                             proxy->pluginUUID()))
+                             proxy->pluginUUID(), trace))
     return nullptr;
   record->hlproxy_ = std::move(proxy);
   if (info) record->ownNames_ = qmx::BundleNames::of(*info);
@@ -34,18 +36,18 @@ std::shared_ptr<ABDPlugIn> ABDPlugIn::initWithHLData(std::shared_ptr<const HLAmb
   record->setOriginalIdentifier(data.originalIdentifier());
   record->setLastModified(wholeSeconds(data.registrationDate()));
   record->setOnSystemVolume(data.isOnSystemPartition());
-  record->resolveSDK();
+  record->resolveSDK(trace);
 
   const Value& hubVersion = record->topDictionary()[topkey::hubProtocolVersion];
   const bool isOldStyle = !record->bundleInfoDictionary()[bundlekey::oldStyle].isNone();
   record->setHubProtocolVersion(!hubVersion.isNone() ? hubVersion.unsignedValue() : isOldStyle ? 1 : 2);
   if (const auto container = data.containingBundle()) record->setContainingUrl(container->bundleURL());
 
-  if (const auto error = record->diagnose()) {
+  if (const auto error = record->diagnose(trace)) {
     systemLog("ignoring mis-configured plug-in at %@: %@", record->path(), error->localizedDescription());
     return nullptr;
   }
-  record->reportUnlaunchableService();
+  record->reportUnlaunchableService(trace);
   return record;
 }
 
@@ -119,11 +121,12 @@ const String& ABDPlugIn::annotationKey(const String& identifier, const Value& en
   return replaced != nullptr ? *replaced : identifier;
 }
 
-std::optional<Error> ABDPlugIn::diagnose() const {
-  if (auto error = ABPlugInCore::diagnose()) return error;
-  if (!isData() && !hlproxy_->dataContainerURL())
-    return ABError(kABErrorMisconfigured, "this plug-in has no sandbox data container");
-  return std::nullopt;
+std::optional<Error> ABDPlugIn::diagnose(ABRecordTrace* trace) const {
+  if (auto error = ABPlugInCore::diagnose(trace)) return error;
+  if (isData() || hlproxy_->dataContainerURL()) return std::nullopt;
+  auto error = ABError(kABErrorMisconfigured, "this plug-in has no sandbox data container");
+  if (trace != nullptr) trace->flaw({bundlekey::identifier}, *error.text);
+  return error;
 }
 
 std::shared_ptr<const HLApplicationProxy> ABDPlugIn::containingApplication() const {

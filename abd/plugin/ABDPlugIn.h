@@ -36,8 +36,10 @@ class Rules;
 
 class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPlugIn> {
  public:
-  /// A set-up, resolved and acceptable record, or null (the reason is logged, but for a lost bundle).
-  static std::shared_ptr<ABDPlugIn> initWithHLData(std::shared_ptr<const HLAmbrelProxy> proxy);
+  /// A set-up, resolved and acceptable record, or null (the reason is logged, but for a lost bundle). `trace`
+  /// is told all that was decided on the way.
+  static std::shared_ptr<ABDPlugIn> initWithHLData(std::shared_ptr<const HLAmbrelProxy> proxy,
+                                                   ABRecordTrace* trace = nullptr);
 
   /// `info` without the entries of build tools (keys that begin with "DT"); the same dictionary when it has
   /// none of them, an empty one when `info` is absent. Values are shared.
@@ -62,7 +64,7 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   /// The same rule for registry data. Answers one of its arguments' storage.
   static const String& annotationKey(const String& identifier, const Value& entitlements);
 
-  std::optional<Error> diagnose() const override;
+  std::optional<Error> diagnose(ABRecordTrace* trace = nullptr) const override;
 
   /// This record's form for one request, with empty annotations and without "extensions". `error` is
   /// exportForm()'s.
@@ -94,6 +96,9 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   Dictionary issueResourceExtensions(const Value& shared) const;
   /// Adds the tokens of the plug-in's shared resources to its form.
   void augmentForm(PlugInForm& form) const;
+  /// What a launch would start: the bundle's own path when its Info dictionary names no executable in it
+  /// (then `refusal` says why); none when the bundle is gone.
+  std::optional<std::string> executablePath(const char** refusal = nullptr) const;
   /// Lets process `pid` start the plug-in; with `host`, only while that is the process.
   std::optional<Error> enableForPid(pid_t pid, RequestSettings& settings,
                                     const qmx::PeerIdentity* host = nullptr) const;
@@ -114,8 +119,9 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   std::optional<std::string> resourceToken(const String& name, const std::string& target) const;
   const char* sandboxProfile(RequestSettings& settings) const;
   Dictionary launchDescription(Dictionary environment, const char* profile) const;
-  /// Tells the log of a "QMXService" with which no launch can be registered: such a plug-in is offered.
-  void reportUnlaunchableService() const;
+  /// Tells the log, and the trace, of a "QMXService" with which no launch can be registered: such a plug-in
+  /// is offered.
+  void reportUnlaunchableService(ABRecordTrace* trace) const;
 
   // Set before the record is shared.
   std::shared_ptr<const HLAmbrelProxy> hlproxy_;

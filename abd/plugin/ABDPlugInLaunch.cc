@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "Ambrel/ABBundle.h"
+#include "Ambrel/ABRecordTrace.h"
 #include "abd/RequestSettings.h"
 #include "abd/plugin/ABDPlugIn.h"
 #include "platform/launcher/ProcessAssertions.h"
@@ -118,13 +119,21 @@ Dictionary ABDPlugIn::launchDescription(Dictionary environment, const char* prof
   return {{bundlekey::service, std::move(service)}, {bundlekey::packageType, kServicePackageType}};
 }
 
-void ABDPlugIn::reportUnlaunchableService() const {
+void ABDPlugIn::reportUnlaunchableService(ABRecordTrace* trace) const {
   if (!bundleInfoDictionary()[bundlekey::service].isDictionary()) return;
   const Value service = launchDescription({}, "")[bundlekey::service];
   if (canBeWritten(service, kMaximumFileNesting - kContainersAroundService)) return;
+  const std::string part = unwritablePart(service, kMaximumFileNesting - kContainersAroundService);
   systemLog("plug-in %@ at %@ cannot be launched: no registration can hold what its \"%@\" says at \"%@\"",
-            identifier().view(), path(), bundlekey::service,
-            unwritablePart(service, kMaximumFileNesting - kContainersAroundService));
+            identifier().view(), path(), bundlekey::service, part);
+  if (trace != nullptr)
+    trace->flaw({bundlekey::service}, "no launch registration can hold what it says at \"" + part + "\"");
+}
+
+std::optional<std::string> ABDPlugIn::executablePath(const char** refusal) const {
+  // A link that was put in the bundle's place leads to another bundle.
+  const auto bundle = ABBundle::initWithURL(*url());
+  return bundle->path() == path() ? bundle->executablePath(refusal) : std::nullopt;
 }
 
 std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& settings,
@@ -136,9 +145,7 @@ std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& setting
   systemLog("assigning plug-in %@(%@) to %s sandbox", identifier().view(), version(), profile);
   systemLog("enabling pid=%d for plug-in %@(%@) %@ %@", pid, identifier().view(), version(), uuid(), path());
 
-  // A link that was put in the bundle's place leads to another bundle.
-  const auto bundle = ABBundle::initWithURL(*url());
-  const auto executable = bundle->path() == path() ? bundle->executablePath() : std::nullopt;
+  const auto executable = executablePath();
   if (!executable)
     return ABErrorWithFormat(kABErrorRequest, "cannot obtain executable path for plug-in %@(%@)",
                              identifier().view(), uuid());

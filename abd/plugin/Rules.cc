@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <compare>
+#include <cstdlib>
 
 #include "Ambrel/ABCollections.h"
 #include "platform/log/Log.h"
 #include "platform/types/ActivationRules.h"
+#include "platform/value/UUID.h"
 
 namespace abd {
 
@@ -98,6 +100,27 @@ StringPatterns::StringPatterns(const Value& patterns) {
   for (const Pattern& each : patterns_) literals_.insert(canonicalVersionString(each.operand));
 }
 
+std::vector<Flaw> StringPatterns::flaws(const Value& patterns,
+                                        const std::function<bool(std::string_view)>& isPossible) {
+  std::vector<Flaw> flaws;
+  const auto judge = [&](const Value& each, KeyPath path) {
+    const auto text = each.string();
+    if (!text) {
+      flaws.push_back({std::move(path), "the pattern is no text"});
+      return;
+    }
+    const Pattern pattern(*text);
+    if (pattern.op == Operator::unknown)
+      flaws.push_back({std::move(path), "there is no such operator: \"" + std::string(*text) + "\""});
+    else if (pattern.op == Operator::same && !isPossible(pattern.operand))
+      flaws.push_back({std::move(path), "the value is never \"" + std::string(pattern.operand) + "\""});
+  };
+  const Array* list = patterns.array();
+  if (list == nullptr) judge(patterns, {});
+  for (size_t i = 0; list != nullptr && i < list->size(); i++) judge((*list)[i], {std::to_string(i)});
+  return flaws;
+}
+
 bool StringPatterns::hold(std::string_view value, TypeConformances& types) const {
   if (!literals_.empty()) return literals_.contains(canonicalVersionString(value));
   return std::ranges::any_of(patterns_, [&](const Pattern& each) { return each.holds(value, types); });
@@ -131,6 +154,35 @@ bool Rule::holds(const Value& value, TypeConformances& types) const {
            const auto text = each.string();
            return text && patterns_.hold(*text, types);
          });
+}
+
+std::vector<Flaw> Rule::flaws(std::string_view key, const Value& pattern) {
+  const Rule rule(key, pattern);
+  const bool isAlwaysText = rule.source_ != Source::entitlement && rule.source_ != Source::info;
+  if (rule.kind_ == Kind::present) return {};
+  if (rule.kind_ == Kind::absent && isAlwaysText)
+    return {{{}, "every plug-in that is offered has this value"}};
+  if (rule.kind_ == Kind::absent) return {};
+  if (rule.kind_ == Kind::items && isAlwaysText) return {{{}, "this value is never an activation rule"}};
+  if (rule.kind_ == Kind::items) return flawsOfItems(*rule.items_);
+  if (const Array* list = pattern.array(); list != nullptr && list->empty())
+    return {{{}, "the list of patterns is empty"}};
+  return StringPatterns::flaws(pattern, [&rule](std::string_view wanted) {
+    const auto isSame = [wanted](const std::string& value) {
+      return std::is_eq(compareVersionString(value, wanted));
+    };
+    const auto uuid = UUID::fromString(wanted);
+    switch (rule.source_) {
+      case Source::uuid:
+        return uuid && isSame(uuid->string());
+      case Source::election:
+        return isSame(std::to_string(std::atoll(std::string(wanted).c_str())));
+      case Source::containingApp:
+        return wanted.starts_with('/');
+      default:
+        return true;
+    }
+  });
 }
 
 Rules::Rules(Dictionary rules, TypeConformances& types) : dictionary_(std::move(rules)), types_(types) {

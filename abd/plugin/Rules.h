@@ -6,12 +6,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
 
 #include "platform/types/TypeConformance.h"
+#include "platform/value/Flaw.h"
 #include "platform/value/Value.h"
 
 namespace abd {
@@ -27,6 +29,11 @@ class StringPatterns {
   /// Whether one of them holds for the value, tried in order. An operator that is not known is logged each
   /// time it is tried, and does not hold.
   bool hold(std::string_view value, TypeConformances& types) const;
+
+  /// Which of `patterns` never hold for any of the values that `isPossible` is true of (asked with what a
+  /// pattern demands to be the same), with their indexes where there are several.
+  static std::vector<Flaw> flaws(const Value& patterns,
+                                 const std::function<bool(std::string_view)>& isPossible);
 
  private:
   enum class Operator : uint8_t { conforms, is, unknown, different, atMost, atLeast, same, less, greater };
@@ -57,6 +64,9 @@ class Rule {
   std::string_view key() const { return key_; }
   /// Whether the pattern holds for the plug-in's value, which is a none value when the plug-in has none.
   bool holds(const Value& value, TypeConformances& types) const;
+
+  /// What in the pattern never holds, whatever the plug-in; paths begin in the pattern.
+  static std::vector<Flaw> flaws(std::string_view key, const Value& pattern);
 
  private:
   enum class Kind : uint8_t { present, absent, items, strings };

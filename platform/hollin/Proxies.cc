@@ -10,7 +10,6 @@
 #include "platform/hollin/Catalog.h"
 #include "platform/log/Log.h"
 #include "platform/qmx/Bundle.h"
-#include "platform/system/Directories.h"
 
 namespace platform::hollin {
 
@@ -72,6 +71,10 @@ bool ApplicationProxy::isPlaceholder() const {
   });
 }
 
+Surroundings Surroundings::of(const Directories& directories) {
+  return {directories.dataUser.empty() ? String() : String(directories.dataUser + "/Containers")};
+}
+
 PlugInProxy::PlugInProxy(std::shared_ptr<const BundleFacts> facts, size_t index, const Slot& slot,
                          std::shared_ptr<const ApplicationProxy> application, bool isOnSystemVolume,
                          std::shared_ptr<const Surroundings> surroundings, std::shared_ptr<const Vigil> vigil)
@@ -127,6 +130,7 @@ std::optional<URL> PlugInProxy::container(bool isTrusted) const {
   if (isTrusted) return URL::file(path, true);
   const bool wasThere = hasContainer_.load(std::memory_order_acquire);
   if (!wasThere && isDataPlugIn(plugIn(), facts_->isMultiplexed)) return std::nullopt;
+  if (!surroundings_->makesContainers) return URL::file(path, true);
   const int number = makeContainer(containers, path);
   hasContainer_.store(number == 0, std::memory_order_release);
   if (number == 0) return URL::file(path, true);

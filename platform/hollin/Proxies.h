@@ -15,6 +15,7 @@
 #include "platform/hollin/Registration.h"
 #include "platform/hollin/SeenNames.h"
 #include "platform/hollin/Vigil.h"
+#include "platform/system/Directories.h"
 
 namespace platform::hollin {
 
@@ -52,6 +53,10 @@ class ApplicationProxy final : public HLApplicationProxy {
 /// What all plug-in proxies of one registry share.
 struct Surroundings {
   String containers;  // the directory of all data containers
+  /// Whether data containers are made; if not, they are taken to be there.
+  bool makesContainers = true;
+
+  static Surroundings of(const Directories& directories);
 };
 
 class PlugInProxy final : public HLAmbrelProxy {

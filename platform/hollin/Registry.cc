@@ -19,12 +19,8 @@ std::string stateOf(const Directories& directories) {
   return directories.state + "/Hollin";
 }
 
-String containersOf(const Directories& directories) {
-  return directories.dataUser.empty() ? String() : String(directories.dataUser + "/Containers");
-}
-
 std::shared_ptr<Catalog> makeCatalog(Announcer& announcer, const Directories& directories) {
-  auto surroundings = std::make_shared<const Surroundings>(Surroundings{containersOf(directories)});
+  auto surroundings = std::make_shared<const Surroundings>(Surroundings::of(directories));
   return std::make_shared<Catalog>(announcer, std::move(surroundings));
 }
 

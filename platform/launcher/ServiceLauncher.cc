@@ -14,17 +14,12 @@
 
 namespace platform {
 
-namespace {
-
-/// Why execve(2) would refuse the file: an error number, or 0.
 int checkExecutable(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return EACCES;
   return faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0 ? 0 : errno;
 }
-
-}  // namespace
 
 int addExternalService(pid_t host, const std::string& executablePath, const Dictionary& launchDescription,
                        const ExternalService& service) {

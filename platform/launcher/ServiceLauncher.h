@@ -37,6 +37,9 @@ struct ExternalService {
   std::string bundleVersion;
 };
 
+/// Why execve(2) would refuse the file: an error number, or 0.
+int checkExecutable(const std::string& path);
+
 /// Lets process `host` start the executable as described, in place of what it was told about that plug-in
 /// before. 0, or an error number: ESRCH for a host that is gone, ENOENT/EACCES for the executable, EINVAL for
 /// a description that a property list cannot hold, the write's own errors.

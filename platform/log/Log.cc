@@ -24,6 +24,7 @@ constexpr size_t kLargeEntry = 1024;
 constexpr LogRates::Clock::duration kLookInterval = std::chrono::milliseconds(100);
 
 std::atomic<bool> isKeptFromStandardError = false;
+std::atomic<bool> isSilent = false;
 
 struct Rates : LogRates {
   std::function<void()> whenLeavingOut;  // set before the first entry
@@ -75,6 +76,10 @@ void keepLogFromStandardError() {
   isKeptFromStandardError = true;
 }
 
+void silenceLog() {
+  isSilent = true;
+}
+
 void whenLogEntriesAreLeftOut(std::function<void()> handler) {
   rates().whenLeavingOut = std::move(handler);
 }
@@ -104,6 +109,7 @@ bool tellLeftOutEntries() {
 }
 
 void writeLogEntry(std::string_view text) {
+  if (isSilent) return;
   static const bool toStandardError = [] {
     openlog(nullptr, LOG_PID, LOG_DAEMON);
     return copiesToStandardError();

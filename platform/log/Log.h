@@ -26,6 +26,9 @@ namespace platform {
 /// their user what went wrong themselves. Before the first entry.
 void keepLogFromStandardError();
 
+/// Nothing is written from now on: for programs that run the system's code for what it answers.
+void silenceLog();
+
 inline constexpr size_t kLogBurst = 1000;
 inline constexpr size_t kLogRate = 20;
 

@@ -40,10 +40,10 @@ Error readError(int number, const std::string& path) {
 
 }  // namespace
 
-Result<Value> parsePropertyList(std::string_view bytes) {
+Result<Value> parsePropertyList(std::string_view bytes, size_t* where) {
   if (isBinary(bytes)) return parseBinary(bytes);
   std::string copy(bytes);
-  return detail::parseXMLPropertyList(copy);
+  return detail::parseXMLPropertyList(copy, where);
 }
 
 Result<std::string> readFile(const std::string& path, uint64_t limit, FileIdentity* identity) {

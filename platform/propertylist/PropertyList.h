@@ -32,8 +32,9 @@ using Result = std::variant<T, Error>;
 /// Parses an XML or binary property list, whichever `bytes` is. Errors: domain "File", code kFileReadCorrupt.
 /// Strings come back exactly, blank ones included. Of a key that stands twice in one dictionary the last
 /// value counts. UIDs and sets of binary lists are errors, and so is a binary list that names its objects so
-/// often that what it stands for is larger than any file.
-Result<Value> parsePropertyList(std::string_view bytes);
+/// often that what it stands for is larger than any file. `where`: where the offset of what is wrong in an
+/// XML list in UTF-8 goes; left alone when there is none.
+Result<Value> parsePropertyList(std::string_view bytes, size_t* where = nullptr);
 
 /// Reads a whole regular file of at most `limit` bytes, without ever blocking on a FIFO or a device. Errors:
 /// a missing file is domain "File", code kFileReadNoSuchFile; anything else the system's own error in domain

@@ -16,8 +16,8 @@ inline constexpr std::string_view kBinaryMagic = "bplist";
 /// "not a property list" with a reason.
 Error corrupt(std::string_view why);
 
-/// Parses XML in place: `text` is destroyed.
-Result<Value> parseXMLPropertyList(std::string& text);
+/// Parses XML in place: `text` is destroyed. `where`: parsePropertyList()'s.
+Result<Value> parseXMLPropertyList(std::string& text, size_t* where = nullptr);
 
 /// Parses a binary property list of version 00.
 Result<Value> parseBinaryPropertyList(std::span<const uint8_t> bytes);

@@ -163,8 +163,9 @@ class Walk {
   Walk(const Walk&) = delete;
   Walk& operator=(const Walk&) = delete;
 
-  /// Why the walk failed.
+  /// Why the walk failed, and at which offset.
   const char* why() const { return why_; }
+  ptrdiff_t where() const { return where_; }
 
   /// Elements met so far.
   size_t elements() const { return elements_; }
@@ -189,7 +190,7 @@ class Walk {
   bool read(const pugi::xml_node& element, const char* name, Value& value, int nesting) {
     if (!is(name, "string")) return readOther(element, name, value, nesting);
     std::string_view text;
-    if (!contents(element, text)) return false;
+    if (!contents(element, text)) return failedAt(element);
     // Short ones are words that many files have ("en", "1.0").
     constexpr size_t kShort = 32;
     value = Value(text.size() <= kShort ? String::interned(text) : String(text));
@@ -199,11 +200,16 @@ class Walk {
   bool readOther(const pugi::xml_node& element, const char* name, Value& value, int nesting) {
     if (is(name, "dict")) return nesting > 0 ? readDictionary(element, value, nesting - 1) : tooDeep();
     if (is(name, "array")) return nesting > 0 ? readArray(element, value, nesting - 1) : tooDeep();
-    return readScalar(element, name, value);
+    return readScalar(element, name, value) || failedAt(element);
   }
 
   bool fail(const char* why) {
     why_ = why;
+    return false;
+  }
+  /// Notes the innermost place.
+  bool failedAt(const pugi::xml_node& node) {
+    if (where_ < 0) where_ = node.offset_debug();
     return false;
   }
   bool tooDeep() { return fail("containers are nested too deeply"); }
@@ -244,6 +250,7 @@ class Walk {
       if (!node) return name;
       if (node.type() != pugi::node_pcdata || !isBlank(node.value())) {
         fail("text between elements");
+        failedAt(node);
         return nullptr;
       }
       node = node.next_sibling();
@@ -273,14 +280,15 @@ class Walk {
       const char* name = nextElement(child);
       if (name == nullptr) return false;
       if (*name == 0) break;
-      if (!is(name, "key")) return fail("a dictionary entry without a key");
+      if (!is(name, "key")) return fail("a dictionary entry without a key") || failedAt(child);
       std::string_view key;
-      if (!contents(child, key)) return false;
+      if (!contents(child, key)) return failedAt(child);
       Dictionary::Entry entry{String::interned(key), {}};
+      const pugi::xml_node keyElement = child;
       child = child.next_sibling();
       name = nextElement(child);
       if (name == nullptr) return false;
-      if (*name == 0) return fail("a key without a value");
+      if (*name == 0) return fail("a key without a value") || failedAt(keyElement);
       if (!read(child, name, entry.value, nesting)) return false;
       entries_.push_back(std::move(entry));
     }
@@ -316,6 +324,7 @@ class Walk {
   const bool isSimple_;
   size_t elements_ = 0;
   const char* why_ = "";
+  ptrdiff_t where_ = -1;
   std::string joined_;
   // What the containers that are being read hold so far, the inner ones' last.
   std::vector<Value> values_;
@@ -406,7 +415,8 @@ Outline outlineOf(std::string_view text) {
 
 }  // namespace
 
-Result<Value> parseXMLPropertyList(std::string& text) {
+Result<Value> parseXMLPropertyList(std::string& text, size_t* where) {
+  if (text.starts_with("\xFE\xFF") || text.starts_with("\xFF\xFE")) where = nullptr;
   if (!toUTF8(text) || !isValidXMLText(text)) return corrupt("malformed text encoding");
   // The library skips text beside the root element.
   const std::string_view inked = trimmed(withoutByteOrderMark(text));
@@ -418,13 +428,19 @@ Result<Value> parseXMLPropertyList(std::string& text) {
   pugi::xml_document document;
   const pugi::xml_parse_result parsed =
       document.load_buffer_inplace(text.data(), text.size(), options, pugi::encoding_utf8);
-  if (!parsed) return corrupt(parsed.description());
+  if (!parsed) {
+    if (where != nullptr) *where = static_cast<size_t>(parsed.offset);
+    return corrupt(parsed.description());
+  }
 
   const pugi::xml_node root = document.first_child();
   if (!is(root.name(), "plist") || root.next_sibling()) return corrupt("no plist element");
   Walk walk(outline.isSimple);
   Value list;
-  if (!walk.readRoot(root, list)) return corrupt(walk.why());
+  if (!walk.readRoot(root, list)) {
+    if (where != nullptr && walk.where() >= 0) *where = static_cast<size_t>(walk.where());
+    return corrupt(walk.why());
+  }
   // Scalars of simple lists were not asked for children.
   if (outline.isSimple && walk.elements() != outline.elements) return corrupt("an element inside a scalar");
   return list;

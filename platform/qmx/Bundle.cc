@@ -69,15 +69,26 @@ std::shared_ptr<const Bundle> Bundle::mainBundle() {
 std::optional<std::string> Bundle::property(int number) const {
   if (!isRecognised_) return std::nullopt;
   if (number == bundlePath || number == supportPathProperty) return path_;
-  if (number != executablePathProperty) return std::nullopt;
-  const auto info = infoDictionary();
-  if (!info) return std::nullopt;
-  const auto name = (*info)["BWBundleExecutable"].string();
-  if (!name || name->empty() || name->front() == '/' || name->find('\0') != std::string_view::npos)
+  return number == executablePathProperty ? executablePath() : std::nullopt;
+}
+
+std::optional<std::string> Bundle::executablePath(const char** refusal) const {
+  const auto refuse = [refusal](const char* reason) {
+    if (refusal != nullptr) *refusal = reason;
     return std::nullopt;
+  };
+  const auto info = infoDictionary();
+  if (!info) return refuse("the Info dictionary cannot be read");
+  const Value& given = (*info)["BWBundleExecutable"];
+  if (given.isNone()) return refuse("the bundle names no executable");
+  const auto name = given.string();
+  if (!name || name->empty() || name->find('\0') != std::string_view::npos)
+    return refuse("the name of the executable is no path");
+  if (name->front() == '/') return refuse("the executable's path is absolute");
   // An executable that is missing still has a path: who starts it learns that it is missing.
   std::string resolved = canonicalPathOfFutureFile(path_ + "/" + std::string(*name));
-  if (resolved == path_ || !isInside(resolved, path_)) return std::nullopt;
+  if (resolved == path_ || !isInside(resolved, path_))
+    return refuse("the executable lies outside the bundle");
   return resolved;
 }
 

@@ -30,6 +30,8 @@ class Bundle {
   /// The property as a string, or none. The executable is "BWBundleExecutable" in canonical form, whether it
   /// exists or not, and none when it leads out of the bundle.
   std::optional<std::string> property(int number) const;
+  /// Property `executablePathProperty`; when there is none, `refusal` says why.
+  std::optional<std::string> executablePath(const char** refusal = nullptr) const;
   /// The Info dictionary as it is on disk now; none when it cannot be read. Unchanged files are not parsed
   /// again.
   std::optional<Dictionary> infoDictionary() const;

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "platform/propertylist/PropertyList.h"
 #include "platform/system/Directories.h"
 
 namespace platform::qmx {
@@ -73,20 +72,28 @@ LocalizationFiles localizationFiles(const std::string& path) {
   return files;
 }
 
+Result<Dictionary> readLocalization(const std::string& file) {
+  const Result<Value> words = readPropertyListFile(file);
+  if (const Error* error = std::get_if<Error>(&words)) return *error;
+  if (const Dictionary* dictionary = std::get<Value>(words).dictionary()) return *dictionary;
+  return Error{std::string(kFileErrorDomain), kFileReadCorrupt, file + " holds no dictionary"};
+}
+
 BundleNames localizedBundleNames(const std::string& path, const BundleNames& own,
                                  const LocalizationFiles& files) {
   BundleNames names = own;
   for (size_t i = 0; i < files.size(); i++) {
     if (files[i] == FileIdentity()) continue;
     if (!files[i].isSettled()) names.isCertain = false;
-    const Result<Value> words = readPropertyListFile(localizationFile(path, languageNames()[i]));
+    const Result<Dictionary> words = readLocalization(localizationFile(path, languageNames()[i]));
     if (const Error* error = std::get_if<Error>(&words)) {
       if (error->domain == kPOSIXErrorDomain) names.isCertain = false;
-    } else if (const Dictionary* dictionary = std::get<Value>(words).dictionary()) {
-      override(names.display, (*dictionary)[kDisplayName]);
-      override(names.brief, (*dictionary)[kShortName]);
-      break;
+      continue;
     }
+    const Dictionary& dictionary = std::get<Dictionary>(words);
+    override(names.display, dictionary[kDisplayName]);
+    override(names.brief, dictionary[kShortName]);
+    break;
   }
   if (!names.display) names.display = names.brief;
   return names;

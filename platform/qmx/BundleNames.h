@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/propertylist/FileReplacement.h"
+#include "platform/propertylist/PropertyList.h"
 #include "platform/value/Value.h"
 
 namespace platform::qmx {
@@ -31,6 +31,9 @@ bool hasLanguage();
 using LocalizationFiles = std::vector<FileIdentity>;
 /// As they are now; empty when the bundle at `path` has none.
 LocalizationFiles localizationFiles(const std::string& path);
+
+/// The words in one localization file: a dictionary, or the error that keeps it from being one.
+Result<Dictionary> readLocalization(const std::string& file);
 
 /// Display and short name of the bundle at `path` whose Info dictionary says `own`: both keys may be
 /// overridden by the first of its localization files that can be read; without a display name the short one

@@ -25,15 +25,32 @@ std::optional<Dictionary> entryAt(const std::string& path, FileIdentity* source)
   return entry;
 }
 
+std::vector<std::string> registeredFiles(std::string_view name) {
+  static const auto& roots = *new std::vector<std::string>(Directories::shared().dataRoots());
+  std::vector<std::string> files;
+  if (!isSafeFileName(name)) return files;
+  for (const std::string& root : roots) files.push_back(root + "/SDKs/" + std::string(name) + ".plist");
+  return files;
+}
+
+std::optional<std::string> testFile(std::string_view name) {
+  const auto directory = testSDKDirectory();
+  if (!directory || !isSafeFileName(name)) return std::nullopt;
+  return *directory + "/" + std::string(name);
+}
+
 }  // namespace
 
 std::optional<Dictionary> copyExtensionSDKEntry(std::string_view name, FileIdentity* source) {
-  if (!isSafeFileName(name)) return std::nullopt;
-  static const auto& roots = *new std::vector<std::string>(Directories::shared().dataRoots());
-  const std::string file = "/SDKs/" + std::string(name) + ".plist";
-  for (const std::string& root : roots)
-    if (auto entry = entryAt(root + file, source)) return entry;
+  for (const std::string& file : registeredFiles(name))
+    if (auto entry = entryAt(file, source)) return entry;
   return std::nullopt;
+}
+
+std::vector<std::string> sdkFiles(std::string_view name) {
+  std::vector<std::string> files = registeredFiles(name);
+  if (auto test = testFile(name)) files.insert(files.begin(), *std::move(test));
+  return files;
 }
 
 std::optional<std::string> testSDKDirectory() {
@@ -46,9 +63,8 @@ std::optional<std::string> testSDKDirectory() {
 }
 
 std::optional<Dictionary> testSDKEntry(std::string_view name, FileIdentity* source) {
-  const auto directory = testSDKDirectory();
-  if (!directory || !isSafeFileName(name)) return std::nullopt;
-  return entryAt(*directory + "/" + std::string(name), source);
+  const auto file = testFile(name);
+  return file ? entryAt(*file, source) : std::nullopt;
 }
 
 void clearSDKCache() {

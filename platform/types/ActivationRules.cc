@@ -1,5 +1,6 @@
 #include "platform/types/ActivationRules.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -16,16 +17,25 @@ struct Limit {
   int64_t count = 0;
 };
 
-/// The limits of a rule dictionary; none when one of them is no count.
-std::optional<std::vector<Limit>> limitsOf(const Dictionary& rule) {
+/// The limits of a rule dictionary; none when one of them, `flawed`, is no count.
+std::optional<std::vector<Limit>> limitsOf(const Dictionary& rule, String* flawed = nullptr) {
   std::vector<Limit> limits;
   limits.reserve(rule.size());
   for (const auto& [type, largest] : rule) {
-    if (!largest.isNumber()) return std::nullopt;
+    if (!largest.isNumber()) {
+      if (flawed != nullptr) *flawed = type;
+      return std::nullopt;
+    }
     const bool isAny = largest.boolean() == true;
     limits.push_back({type.view(), isAny ? std::numeric_limits<int64_t>::max() : largest.integerValue()});
   }
   return limits;
+}
+
+/// The items to be accepted, or null when there are none.
+const Array* itemsIn(const Dictionary& items) {
+  const Array* list = items["items"].array();
+  return list != nullptr && !list->empty() ? list : nullptr;
 }
 
 bool conformsToOne(const Array& names, std::string_view ancestor, TypeConformances& types) {
@@ -50,8 +60,8 @@ bool countItem(const Array& names, std::vector<Limit>& limits, TypeConformances&
 }  // namespace
 
 bool evaluateActivationRule(const Value& rule, const Dictionary& items, TypeConformances& types) {
-  const Array* list = items["items"].array();
-  if (list == nullptr || list->empty() || rule.isFalse()) return false;
+  const Array* list = itemsIn(items);
+  if (list == nullptr || rule.isFalse()) return false;
   if (rule.isTrue()) return true;
   const Dictionary* dictionary = rule.dictionary();
   if (dictionary == nullptr) return false;
@@ -62,6 +72,31 @@ bool evaluateActivationRule(const Value& rule, const Dictionary& items, TypeConf
     if (names == nullptr || !countItem(*names, *limits, types)) return false;
   }
   return true;
+}
+
+std::vector<Flaw> flawsOfActivationRule(const Value& rule) {
+  if (rule.isTrue()) return {};
+  if (rule.isFalse()) return {{{}, "the activation rule is false: it accepts nothing"}};
+  const Dictionary* dictionary = rule.dictionary();
+  if (dictionary == nullptr) return {{{}, "the activation rule is neither a boolean nor a dictionary"}};
+  String flawed;
+  const auto limits = limitsOf(*dictionary, &flawed);
+  if (!limits) return {{{flawed}, "the largest count of a type in the activation rule is no number"}};
+  const auto acceptsOne = [](const Limit& limit) { return limit.largest >= 1; };
+  if (std::ranges::any_of(*limits, acceptsOne)) return {};
+  return {{{}, "the activation rule allows not one item of any type"}};
+}
+
+std::vector<Flaw> flawsOfItems(const Dictionary& items) {
+  const Array* list = itemsIn(items);
+  if (list == nullptr) return {{{"items"}, "there are no items to be accepted"}};
+  std::vector<Flaw> flaws;
+  for (size_t i = 0; i < list->size(); i++) {
+    const Array* types = (*list)[i]["types"].array();
+    if (types == nullptr || std::ranges::none_of(*types, &Value::isString))
+      flaws.push_back({{"items", std::to_string(i), "types"}, "the item has no list of types"});
+  }
+  return flaws;
 }
 
 }  // namespace platform

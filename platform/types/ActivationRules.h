@@ -4,7 +4,10 @@
 // count accepted (a number, or the boolean true for any). Items: a dictionary with "items", an array of
 // dictionaries with "types" (an array of type identifiers). Any thread.
 
+#include <vector>
+
 #include "platform/types/TypeConformance.h"
+#include "platform/value/Flaw.h"
 #include "platform/value/Value.h"
 
 namespace platform {
@@ -13,5 +16,10 @@ namespace platform {
 /// of its own types conforms to (for every such type, in fact), and no type's count is exceeded. The rule
 /// true accepts any items, false none. A rule or items of another shape are not accepted.
 bool evaluateActivationRule(const Value& rule, const Dictionary& items, TypeConformances& types);
+
+/// Why `rule` accepts no items at all; empty when there are some that it accepts.
+std::vector<Flaw> flawsOfActivationRule(const Value& rule);
+/// Why no rule accepts `items`, but for the rule true where only their types are wrong; empty when one may.
+std::vector<Flaw> flawsOfItems(const Dictionary& items);
 
 }  // namespace platform
