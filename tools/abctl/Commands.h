@@ -33,6 +33,7 @@ void addWatchCommand(CLI::App& app, Context& context);
 void addRegistrationCommands(CLI::App& app, Context& context);  // add, remove, bulk
 void addUseCommands(CLI::App& app, Context& context);           // ready, access
 void addElectionCommands(CLI::App& app, Context& context);      // elect, annotate
-void addHoldCommands(CLI::App& app, Context& context);          // hold, release
+void addCheckCommand(CLI::App& app, Context& context);
+void addHoldCommands(CLI::App& app, Context& context);  // hold, release
 
 }  // namespace abctl

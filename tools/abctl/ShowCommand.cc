@@ -13,7 +13,9 @@
 #include "Ambrel/ABProtocol.h"
 #include "tools/abctl/Commands.h"
 #include "tools/abctl/Json.h"
+#include "tools/abctl/Origins.h"
 #include "tools/abctl/PlugIns.h"
+#include "tools/abctl/Trial.h"
 
 namespace abctl {
 namespace {
@@ -172,22 +174,69 @@ ExitCode show(const Context& context, const std::string& name) {
   return kSuccess;
 }
 
+/// Tells when the daemon's merged dictionary is another one than what the files give here.
+void compareWithDaemon(const Dictionary& form, const Trial::PlugIn& plugIn) {
+  if (form[formkey::bundleInfo] == plugIn.record->bundleInfoDictionary()) return;
+  std::fprintf(
+      stderr,
+      "abctl: the daemon has another dictionary of %s: its data roots, or its ABTEST_SDK, are others, "
+      "or the files have changed this moment\n",
+      safeText(plugIn.identifier).c_str());
+}
+
+/// A path is looked at without a daemon.
+ExitCode showOrigins(const Context& context, const std::string& name) {
+  std::vector<Dictionary> forms;
+  if (isPath(name))
+    forms.push_back({{formkey::path, absolutePath(name)}});
+  else
+    forms = findPlugIns(*std::make_unique<Daemon>(context), name);
+  Array list;
+  bool isFirst = true;
+  for (const Dictionary& form : forms) {
+    const Trial trial(text(form, formkey::path));
+    for (const Trial::PlugIn& plugIn : trial.plugIns) {
+      if (plugIn.record == nullptr) continue;
+      if (!isPath(name) && text(form, formkey::identifier) != plugIn.identifier.view()) continue;
+      if (!isPath(name)) compareWithDaemon(form, plugIn);
+      if (context.json) {
+        list.append(dictionaryOfOrigins(plugIn));
+        continue;
+      }
+      if (!std::exchange(isFirst, false)) std::printf("\n");
+      printOrigins(context.screen, plugIn);
+    }
+  }
+  if (isFirst && list.empty())
+    throw Failure(kNothingFound, "no plug-in is made of " + text(forms.front(), formkey::path),
+                  "`abctl check PATH` says why");
+  if (context.json) std::printf("%s\n", jsonText(list).c_str());
+  return kSuccess;
+}
+
 }  // namespace
 
 void addShowCommand(CLI::App& app, Context& context) {
   const auto name = std::make_shared<std::string>();
+  const auto origin = std::make_shared<bool>(false);
   CLI::App* const command = app.add_subcommand("show", "Show one plug-in in full");
   command->add_option("PLUG-IN", *name, "Identifier, UUID or path")->required()->type_name("");
+  command->add_flag("--origin", *origin,
+                    "Each key of the merged Info dictionary with where it comes from (of a path: without a\n"
+                    "daemon)");
   command->footer(
       "What is shown is what hosts get: the Info dictionary merged with the extension point's defaults. Of\n"
       "several versions the one that hosts are offered is shown; the path of a bundle shows all its "
       "plug-ins.\n"
-      "With --json: an array of whole forms.\n\n"
+      "With --json: an array of whole forms; with --origin, of keys with their origins.\n\n"
       "Examples:\n"
       "  abctl show org.example.postcards.share\n"
       "  abctl show ~/.local/share/veltra/Applications/Courier.app/PlugIns/CourierShare.appex");
-  command->callback(
-      [&context, name] { context.command = [&context, name] { return show(context, *name); }; });
+  command->callback([&context, name, origin] {
+    context.command = [&context, name, origin] {
+      return *origin ? showOrigins(context, *name) : show(context, *name);
+    };
+  });
 }
 
 }  // namespace abctl

@@ -25,12 +25,13 @@ const char* const kFooter =
     "Examples:\n"
     "  abctl match --rule ZQExtensionPointName=com.veltra.share-service\n"
     "  abctl show org.example.postcards.share\n"
+    "  abctl check build/Postcards.app\n"
     "  abctl elect org.example.postcards.share use\n"
     "  abctl hold --application ~/.local/share/veltra/Applications/Courier.app\n"
     "  abctl COMMAND --help\n"
     "\n"
-    "Exit status: 0 done or matched, 1 nothing matched or no such plug-in, 2 wrong usage, 4 the daemon\n"
-    "cannot be reached, 5 the daemon refused or failed.\n"
+    "Exit status: 0 done or matched, 1 nothing matched, no such plug-in, or errors found by check,\n"
+    "2 wrong usage, 4 the daemon cannot be reached, 5 the daemon refused or failed.\n"
     "\n"
     "With --json one document comes out on standard output, errors included. Colours appear only on a\n"
     "terminal, and never when NO_COLOR is set. The daemon is found under $XDG_RUNTIME_DIR/veltra.";
@@ -62,6 +63,7 @@ void declareOptions(CLI::App& app, Context& context) {
       ->type_name("SECONDS");
   addMatchCommand(app, context);
   addShowCommand(app, context);
+  addCheckCommand(app, context);
   addElectionCommands(app, context);
   addUseCommands(app, context);
   addHoldCommands(app, context);

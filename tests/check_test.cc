@@ -1,0 +1,199 @@
+// abctl check and abctl show --origin: what they find, that the daemon does what they say, and that the
+// commands of docs/abctl.md print what stands there.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <regex>
+#include <set>
+
+#include "tests/support/Daemon.h"
+
+namespace {
+
+using namespace testsupport;
+using namespace std::literals;
+
+struct Outcome {
+  std::string output;
+  int status;
+};
+
+/// What the shell command prints on the device, in its directory.
+Outcome shell(const DeviceRoot& root, const std::string& command) {
+  std::string line =
+      "cd " + root.path() + " && PATH=" + fs::path(ABCTL_PROGRAM).parent_path().string() + ":$PATH";
+  for (const std::string& variable : root.environment())
+    if (!variable.starts_with("PATH=")) line += " " + variable;
+  Outcome run;
+  FILE* const pipe = popen((line + " sh -c '" + command + "' 2>&1").c_str(), "r");
+  char buffer[4096];
+  while (const size_t size = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, size);
+  run.status = WEXITSTATUS(pclose(pipe));
+  return run;
+}
+
+void installSDKs(const DeviceRoot& root) {
+  fs::copy(SOURCE_ROOT "/examples/system/SDKs", root.dataSystem() + "/SDKs");
+}
+
+/// A bundle, what is done to it, and what is found then.
+struct Case {
+  PlugInBundle bundle;
+  std::vector<std::string> findings;  // "level: key: what"
+  bool isIgnored = false;
+  std::string command = {};  // in the bundle
+};
+
+const Dictionary kShare{{"ZQExtensionPointIdentifier", "com.veltra.share-service"}};
+
+const std::vector<Case> kCases = {
+    {{.identifier = "good", .plugIn = kShare}, {}},
+    {{.identifier = "class", .plugIn = {{"PrincipalClass", "X"}}},
+     {R"(error: ZQExtension.PrincipalClass: Application Extensions may not use the "PrincipalClass" key)"},
+     true},
+    {{.identifier = "section", .info = {{"ZQExtension", 1}}},
+     {"error: ZQExtension: the plug-in section is no"},
+     true},
+    {{.identifier = "attributes", .plugIn = {{"ZQExtensionAttributes", Array()}}},
+     {R"(error: ZQExtension.ZQExtensionAttributes: missing "ZQExtensionAttributes" key)"},
+     true},
+    {{.identifier = "none"},
+     {R"(warning: ZQExtention: did you mean "ZQExtension"?)", "error: it is not a plug-in"},
+     true,
+     "sed -i \"s/>ZQExtension</>ZQExtention</\" Info.plist"},
+    {{.identifier = "unread"},
+     {"Info.plist:2: error: not a property list"},
+     true,
+     "printf \"<plist>\\n<x/>\" > Info.plist"},
+    {{.identifier = "gone"}, {"error: the file is missing"}, true, "rm Info.plist"},
+    {{.identifier = "point", .plugIn = {{"ZQExtensionPointIdentifier", "com.veltra.share-servce"}}},
+     {R"(SDK is not installed: did you mean "com.veltra.share-service"?)"}},
+    {{.identifier = "keys",
+      .attributes = {{"Dedicated", true}, {"requestsOpenAcces", true}, {"mine", 1}},
+      .plugIn = {{"ZQExtensionHostEntitlement", 4}}},
+     {"Attributes.Dedicated: the key is out of place", R"(did you mean "RequestsOpenAccess"?)",
+      "warning: ZQExtension.ZQExtensionHostEntitlement: the value is not a string"}},
+    {{.identifier = "decided",
+      .attributes = {{"com.veltra.format", "x"}},
+      .plugIn = {{"ZQExtensionPointIdentifier", "com.veltra.share-service"}, {"CleanTimeout", 1}}},
+     {"CleanTimeout: the extension point decides this", "com.veltra.format: the daemon sets this itself"}},
+    {{.identifier = "rule", .attributes = {{"ZQExtensionActivationRule", Dictionary{{"a", 0}}}}},
+     {"ActivationRule: the activation rule allows not one item"}},
+    {{.identifier = "several",
+      .plugIn = {{"Dedicated", true}, {"Multiple", Dictionary{{"one", Dictionary()}}}}},
+     {R"(ZQExtension.Dedicated: stands beside "Multiple")"}},
+    {{.identifier = "missing"}, {"error: BWBundleExecutable: the executable is missing"}, false, "rm run"},
+    {{.identifier = "plain"}, {"error: BWBundleExecutable: cannot be executed"}, false, "chmod 644 run"},
+    {{.identifier = "outside", .info = {{"BWBundleExecutable", "../x"}}},
+     {"the executable lies outside the bundle"}},
+    {{.identifier = "shared", .plugIn = {{"Shared", Array{"run", "../x"}}}},
+     {"hint: ZQExtension.Shared.1: \"../x\" No such file"}},
+    {{.identifier = "granted", .entitlements = {{"com.veltra.developer.replace-plugin", 1}}},
+     {"replace-plugin: the value is not a string"}},
+    {{.identifier = "open", .entitlements = {{"a", 1}}},
+     {"error: is writable by group"},
+     false,
+     "chmod 666 Entitlements.plist"},
+    {{.identifier = "words"},
+     {"Localizations/de.plist:1: error: not a property list"},
+     false,
+     "mkdir Localizations; echo \"<plist><a/></plist>\" > Localizations/de.plist"},
+    {{.identifier = "service", .info = {{"QMXService", Dictionary{{"Timeout", 0.5}}}}},
+     {"error: QMXService: no launch registration can hold what it says at \"Timeout\""},
+     false,
+     "sed -i s/0.5/nan/ Info.plist"},
+};
+
+TEST(Check, FindsWhatTheDaemonIgnoresOrChanges) {
+  DeviceRoot root;
+  installSDKs(root);
+  std::vector<PlugInBundle> bundles;
+  for (const Case& each : kCases) bundles.push_back(each.bundle);
+  const std::string application = root.install("Cases.app", bundles);
+  std::string ignored, offered;
+  for (const Case& each : kCases) {
+    const std::string bundle = DeviceRoot::plugInPath(application, each.bundle.identifier);
+    shell(root, "cd " + bundle + "; " + each.command);
+    const Outcome run = shell(root, "abctl check " + bundle);
+    for (const std::string& finding : each.findings)
+      EXPECT_NE(run.output.find(finding), std::string::npos) << bundle << "\n"
+                                                             << finding << "\n"
+                                                             << run.output;
+    const bool saysIgnored = run.output.find("the daemon ignores the plug-in") != std::string::npos;
+    EXPECT_EQ(saysIgnored, each.isIgnored) << run.output;
+    EXPECT_EQ(run.status, run.output.find(": error: ") != std::string::npos ? 1 : 0);
+    EXPECT_TRUE(!each.findings.empty() || run.output.find(": 0 errors, 0 warn") != std::string::npos)
+        << run.output;
+  }
+  EXPECT_FALSE(fs::exists(root.dataUser() + "/Containers")) << "nothing is left behind";
+  const Daemon daemon(root, {.service = "com.veltra.ambrel.abd"});
+  const std::string all = shell(root, "abctl match --all --json").output;
+  for (const Case& each : kCases) {
+    const std::string path = DeviceRoot::plugInPath(application, each.bundle.identifier);
+    EXPECT_EQ(all.find("\"path\": \"" + path + "\"") == std::string::npos, each.isIgnored) << path;
+  }
+  EXPECT_EQ(shell(root, "abctl show --origin org.nobody").status, 1);
+  const Outcome origins = shell(root, "abctl show --origin decided");
+  EXPECT_TRUE(std::regex_search(origins.output, std::regex("CleanTimeout +30 +SDK.s last word, not 1\n")));
+}
+
+TEST(Check, RulesAndSDKsThatHaveNoEffectAreFound) {
+  const DeviceRoot root;
+  installSDKs(root);
+  const std::string sdk = root.dataUser() + "/SDKs/com.veltra.preview.plist",
+                    rules = root.path() + "/rules.plist";
+  const Dictionary section{{"PassProxy", true}, {"Shared", Array{"x"}}, {"ZQExtensionProtcol", "p"}};
+  writePropertyList(sdk, Dictionary{{"ZQExtension", section}});
+  writePropertyList(rules, Dictionary{{"a", "?X:1"},
+                                      {"b", Array{"ok", 3}},
+                                      {"c", Array()},
+                                      {"com.veltra.uuid", "x"},
+                                      {"ZQUserElection", "01"},
+                                      {"ZQExtensionContainingApp", false},
+                                      {"d", Dictionary{{"items", Array()}}},
+                                      {"ZQExtensionPointNme", true},
+                                      {"ENTITLMENT:x", true},
+                                      {"e", ">1"}});
+  const std::string found =
+      shell(root, "abctl check " + sdk + " rules.plist; abctl check none || echo $?").output;
+  for (const char* finding :
+       {"hint: hides /", R"(error: ZQExtension.PassProxy: the "PassProxy" key is not)",
+        "hint: ZQExtension.Shared:", R"(did you mean "ZQExtensionProtocol"?)",
+        "rules.plist:12: error: a: there is no such operator", "warning: b.1: the pattern is no text",
+        "error: c: the list", R"(error: com.veltra.uuid: the value is never "x")",
+        "error: ZQExtensionContainingApp: every", "error: d.items: there are no items",
+        R"(did you mean "ZQExtensionPointName"?)", R"(did you mean "ENTITLEMENT:"?)",
+        "there is nothing at none", "checked 1 SDK, 1 rule file: 6 errors, 4 warnings, 2 hints\n"})
+    EXPECT_NE(found.find(finding), std::string::npos) << finding << "\n" << found;
+}
+
+/// Blocks of the document: with the name of a file, what it holds; else commands and what they print. With
+/// ABD_WRITE_DOCUMENT set the output is written into the document.
+TEST(Check, TheCommandsOfTheDocumentPrintWhatItShows) {
+  const DeviceRoot root;
+  installSDKs(root);
+  const std::string path = SOURCE_ROOT "/docs/abctl.md", text = readText(path);
+  static const std::regex block("```(xml|json|console) ?([^\n]*)\n([^`]*)```\n");
+  std::string written;
+  auto end = text.begin();
+  for (std::sregex_iterator each(text.begin(), text.end(), block), last; each != last; ++each) {
+    const std::smatch& match = *each;
+    written.append(end, match[3].first);
+    end = match[3].second;
+    if (match[1] != "console") {
+      writeText(root.path() + "/" + match[2].str(), match[3].str());
+      written += match[3].str();
+      continue;
+    }
+    std::istringstream shown(match[3].str());
+    for (std::string line; std::getline(shown, line);)
+      if (line.starts_with("$ ")) written += line + "\n" + shell(root, line.substr(2)).output;
+  }
+  written.append(end, text.end());
+  if (std::getenv("ABD_WRITE_DOCUMENT") != nullptr) writeText(path, written);
+  EXPECT_EQ(written, text);
+}
+
+}  // namespace

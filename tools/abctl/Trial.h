@@ -1,0 +1,33 @@
+#pragma once
+
+// The plug-ins of a bundle as the daemon would make them, made here: by its own code, without a daemon, and
+// without leaving anything behind. Main thread.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Ambrel/ABRecordTrace.h"
+#include "abd/plugin/ABDPlugIn.h"
+#include "platform/hollin/BundleFacts.h"
+
+namespace abctl {
+
+struct Trial {
+  struct PlugIn {
+    platform::String identifier;
+    std::shared_ptr<const abd::ABDPlugIn> record;  // null: refused; the trace has the reason
+    ambrel::ABRecordTrace trace;
+  };
+
+  /// Of the bundle at the canonical `path`. The log is silent from then on.
+  explicit Trial(const std::string& path);
+
+  std::shared_ptr<const platform::hollin::BundleFacts> facts;
+  std::vector<PlugIn> plugIns;  // empty when the bundle is refused: the facts have the reason
+};
+
+/// The file that the SDK called `name` comes from; "" when it is not installed.
+std::string sdkFile(std::string_view name);
+
+}  // namespace abctl
