@@ -11,5 +11,6 @@ void benchMemory();         // (d) memory of a cached record: memory_bench.cc
 void benchEncoding();       // (e) messages to and from bytes against memcpy: encoding_bench.cc
 void benchPropertyLists();  // (f) property lists against the XML library alone: propertylist_bench.cc
 void benchHosts();          // ready, access, annotate, hold and release, many clients: hosts_bench.cc
+void benchNeighbours();     // the smallest request beside the largest: neighbours_bench.cc
 
 }  // namespace bench

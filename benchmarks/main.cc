@@ -21,7 +21,7 @@ constexpr Group kGroups[] = {
     {"requests", bench::benchRequests}, {"match", bench::benchMatch},
     {"start", bench::benchStart},       {"memory", bench::benchMemory},
     {"encoding", bench::benchEncoding}, {"propertylists", bench::benchPropertyLists},
-    {"hosts", bench::benchHosts},
+    {"hosts", bench::benchHosts},       {"neighbours", bench::benchNeighbours},
 };
 
 int usage() {
