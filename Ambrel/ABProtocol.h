@@ -65,8 +65,6 @@ inline constexpr uint64_t ABHoldPlugIns = 2;       // plug-in bundles, busy or n
 
 /// Rule entries, patterns, items and types of items in a "match" request's rules, all together.
 inline constexpr size_t kMaximumPatterns = 16384;
-/// Entries of "uuids" in a "ready" request.
-inline constexpr size_t kMaximumReadyPlugIns = 64;
 /// Holds of one connection at a time.
 inline constexpr size_t kMaximumHolds = 1024;
 /// Plug-ins in all of them; one that is in two counts twice.

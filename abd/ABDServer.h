@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "abd/database/ABDUserPrefs.h"
 #include "abd/database/ABDatabase.h"
@@ -80,6 +81,23 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   };
   /// How much the client holds.
   Held heldBy(const ABDQmxClient& client);
+  /// Plug-ins that a request found free of holds and enables: keeps holds on them from being granted
+  /// meanwhile. Only on the service queue.
+  class Enabling {
+   public:
+    using PlugIns = std::vector<std::shared_ptr<ABDPlugIn>>;
+    /// Both outlive this; the list may grow.
+    Enabling(ABDServer& server, const PlugIns& plugIns);
+    ~Enabling();
+    Enabling(const Enabling&) = delete;
+    Enabling& operator=(const Enabling&) = delete;
+
+   private:
+    ABDServer& server_;
+    const PlugIns& plugIns_;
+  };
+  /// Whether some of the hold's plug-ins are being enabled. Only on the service queue.
+  bool isEnabling(const ABDPlugInHold& hold) const;
   /// Takes up a new hold. One whose client has died meanwhile is released at once.
   void addHold(const std::shared_ptr<ABDPlugInHold>& hold);
   /// Releases the hold with that token; an unknown token is ignored.
@@ -109,6 +127,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   SerialQueue syncQueue_{"serverSync", RunLoop::main()};
   std::unique_ptr<qmx::Listener> service_;
   std::unique_ptr<ABDUserPrefs> userPrefs_;
+
+  std::vector<const Enabling::PlugIns*> enabling_;  // only on the service queue
 
   // Only on "serverSync".
   std::unordered_map<UUID, std::shared_ptr<ABDPlugInHold>> holds_;  // by token

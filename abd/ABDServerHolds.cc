@@ -5,6 +5,7 @@
 // No hold outlives its client, whichever comes first: a client's death marks the client on the same queue on
 // which holds are added, and a hold that comes after the mark is released as soon as it was added.
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -27,6 +28,21 @@ ABDServer::Held ABDServer::heldBy(const ABDQmxClient& client) {
     Held held{client.holds_.size(), 0};
     for (const auto& hold : client.holds_) held.plugIns += hold->blocked().size();
     return held;
+  });
+}
+
+ABDServer::Enabling::Enabling(ABDServer& server, const PlugIns& plugIns)
+    : server_(server), plugIns_(plugIns) {
+  server_.enabling_.push_back(&plugIns_);
+}
+
+ABDServer::Enabling::~Enabling() {
+  std::erase(server_.enabling_, &plugIns_);
+}
+
+bool ABDServer::isEnabling(const ABDPlugInHold& hold) const {
+  return std::ranges::any_of(enabling_, [&hold](const Enabling::PlugIns* plugIns) {
+    return std::ranges::any_of(*plugIns, [&hold](const auto& each) { return hold.blocked().contains(each); });
   });
 }
 

@@ -59,6 +59,7 @@ TEST_F(Neighbours, AreServedWhileALongRequestIsUnfinishedAndItsOwnClientWaitsInO
       message("match", {{"rules", Dictionary{{"k", manyPatterns()}}}}),
       message("annotate", {{"uuids", plugIns}, {"annotations", Dictionary{{"election", 1}}}}),
       message("access", {{"uuids", Array(std::vector<Value>(2000, plugIns[0]))}}),
+      message("ready", {{"uuids", plugIns}}),
       message("add",
               {{"paths", Array(std::vector<Value>(50, DeviceRoot::plugInPath(application, "many.1")))}}),
       message("lock", {{"paths", Array{application}}, {"flags", 1}})};
@@ -81,6 +82,24 @@ TEST_F(Neighbours, AreServedWhileALongRequestIsUnfinishedAndItsOwnClientWaitsInO
     expected += "ba";
   }
   EXPECT_EQ(bulks(), expected);
+}
+
+TEST_F(Neighbours, AHoldIsGrantedWhenWhatIsBeingEnabledIsEnabled) {
+  install(100);
+  std::vector<UUID> plugIns;
+  for (int i = 0; i < 100; ++i) plugIns.push_back(uuid("many." + std::to_string(i)));
+  const Array held = {DeviceRoot::plugInPath(application, "many.99")};
+  WireClient holder = daemon->connect();
+  holder.call(bulk(0));
+  atOnce([&] {
+    client->send(message("ready", {{"uuids", uuidArray(plugIns)}}));
+    holder.send(message("lock", {{"paths", held}, {"flags", 2}}));
+  });
+  holder.receive();
+  const bool isEnabled = std::filesystem::exists(daemon->runtime() + "/Launcher/" + std::to_string(getpid()) +
+                                                 "/" + plugIns.back().string() + ".plist");
+  const std::string error = errorOf(*client->receive().value().body.dictionary());
+  EXPECT_EQ(isEnabled, error.empty()) << error;
 }
 
 TEST_F(Neighbours, ASearchEndsWithItsClient) {
@@ -113,9 +132,6 @@ TEST_F(Neighbours, AreSparedWhatIsBeyondTheLimits) {
   EXPECT_EQ(error("match", {{"rules", rules(kMaximumPatterns)}, {"flags", 0x200}}),
             "11: unauthorized discovery flag (ABDiscoverAll)");
   const UUID one = uuid("many.0"), other = uuid("many.1");
-  EXPECT_EQ(error("ready", {{"uuids", uuidArray(std::vector<UUID>(kMaximumReadyPlugIns, one))}}), "");
-  EXPECT_EQ(error("ready", {{"uuids", uuidArray(std::vector<UUID>(kMaximumReadyPlugIns + 1, one))}}),
-            "4: invalid request (more than 64 plug-ins)");
 
   const auto annotate = [this](const UUID& plugIn, const Dictionary& annotation) {
     return error("annotate", {{"uuids", uuidArray({plugIn})}, {"annotations", annotation}});

@@ -41,6 +41,9 @@ class Course {
     void await_resume() const {}
   };
 
+  /// Goes on after others had a turn, slice or not.
+  using Turn = std::suspend_always;
+
   Course() = default;
   Course(Course&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
   Course& operator=(Course&& other) noexcept {

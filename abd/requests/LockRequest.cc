@@ -96,6 +96,8 @@ Course Transaction::holdPlugIns() {
                    format("invalid request (more than %d plug-ins on hold)", kMaximumHeldPlugIns));
   const auto hold = std::make_shared<ABDPlugInHold>(plugIns, client_);
   server().addHold(hold);
+  // What was found free of holds before is still enabled; nothing is after the reply.
+  while (server().isEnabling(*hold)) co_await Course::Turn();
   setReply(key::uuids, hold->uuid());
   server().debug("hold request granted uuid:%@", hold->uuid());
   done();

@@ -20,35 +20,30 @@ constexpr const char* kOnHoldReason = "the plug-in is on hold";
 
 }  // namespace
 
-/// Nobody else has a turn between the checks and the enabling, since what was not on hold then must not be
-/// when it is enabled; so the list is limited.
 Course Transaction::readyPlugIns() {
   std::vector<std::shared_ptr<ABDPlugIn>> accepted;  // each once
   std::unordered_set<UUID> seen;
+  // What was not on hold when it was checked is not on hold when it is enabled.
+  const ABDServer::Enabling enabling(server(), accepted);
   PlugInWalk plugIns(*this);
-  if (plugIns.size() > kMaximumReadyPlugIns) {
-    fail(kABErrorRequest, format("invalid request (more than %d plug-ins)", kMaximumReadyPlugIns));
-    return {};
-  }
   while (const auto plugIn = plugIns.next()) {
+    co_await giveWay();
     const String identifier = plugIn->identifier();
     trace::pluginReady(plugIn->uuid());
     if (server().holdOnPlugIn(*plugIn)) {
       server().debug("denied access to pid %d for plugin %@(%@): the plug-in is on hold", client_->pid(),
                      identifier, plugIn->uuid());
-      fail(kABErrorAccess, format("access to plugin %@ denied: %@", identifier, kOnHoldReason));
-      return {};
+      co_return fail(kABErrorAccess, format("access to plugin %@ denied: %@", identifier, kOnHoldReason));
     }
     if (plugIn->isData()) continue;
     if (const std::optional<std::string> reason = plugIn->allowForClient(*client_)) {
       server().debug("denied access to pid %d for plugin %@(%@): %@", client_->pid(), identifier,
                      plugIn->uuid(), *reason);
-      fail(kABErrorAccess, format("access to plugin %@ denied: %@", identifier, *reason));
-      return {};
+      co_return fail(kABErrorAccess, format("access to plugin %@ denied: %@", identifier, *reason));
     }
     if (seen.insert(plugIn->uuid()).second) accepted.push_back(plugIn);
   }
-  if (plugIns.hasFailed()) return {};
+  if (plugIns.hasFailed()) co_return;
 
   bool isAnswered = false;
   for (const std::shared_ptr<ABDPlugIn>& plugIn : accepted) {
@@ -58,9 +53,9 @@ Course Transaction::readyPlugIns() {
       fail(error->code, *error);
       isAnswered = true;
     }
+    co_await giveWay();
   }
   if (!isAnswered) done();
-  return {};
 }
 
 Course Transaction::accessPlugIns() {

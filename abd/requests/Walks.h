@@ -11,7 +11,7 @@
 
 namespace abd {
 
-/// marshalPaths: the entries of "paths".
+/// marshalPaths:, and processPaths: of those handlers that need no more than success: the entries of "paths".
 class Transaction::PathWalk {
  public:
   struct Entry {
