@@ -224,7 +224,10 @@ void Monitor::drop(Subject& subject) {
 }
 
 void Monitor::beginVigil(const Subject& subject) {
-  if (subject.isWhole) subject.vigil->begin();
+  if (subject.isWhole)
+    subject.vigil->begin();
+  else
+    subject.vigil->end();
 }
 
 void Monitor::endVigil(const std::string& entry) {
