@@ -1,6 +1,6 @@
 #pragma once
 
-// The tags of the wire's encoding. Internal to Encoding.cc and Decoding.cc.
+// The tags of the wire's encoding. Internal to this folder.
 
 #include <cstdint>
 

@@ -1,6 +1,7 @@
 #include "platform/qmx/Frame.h"
 
 #include "platform/qmx/Encoding.h"
+#include "platform/qmx/EncodingTags.h"
 #include "platform/qmx/Limits.h"
 
 namespace platform::qmx {
@@ -10,7 +11,6 @@ namespace {
 enum MajorType : uint8_t { unsignedInteger = 0, byteString = 2, array = 4, map = 5, tag = 6 };
 
 constexpr uint64_t kEnvelopeElements = 3;
-constexpr uint64_t kEncodedTag = 24;
 
 // An argument stands in the head itself up to this; the four values that follow announce 1, 2, 4 or 8 bytes.
 constexpr uint8_t kLargestInHead = 23;
