@@ -1,13 +1,12 @@
 // abctl as people and programs use it: the real program against the real daemon.
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 
 #include <nlohmann/json.hpp>
 
 #include "tests/support/Child.h"
-#include "tests/support/Daemon.h"
+#include "tests/support/DaemonTest.h"
 
 namespace {
 
@@ -79,28 +78,26 @@ Words lines(const std::string& text) {
 }
 
 /// Two applications: Notes with org.notes.share (two versions elsewhere), Paint with filters.
-class Abctl : public testing::Test {
+class Abctl : public DaemonTest {
  protected:
-  static constexpr const char* kService = "com.veltra.ambrel.abd";
-
-  void SetUp() override {
+  Abctl() {
     notes_ =
-        root_.install("Notes.app", {{.identifier = "org.notes.share", .version = "1.10"},
-                                    {.identifier = "org.notes.private", .plugIn = {{"Dedicated", true}}}});
-    root_.install("OldNotes.app", {{.identifier = "org.notes.share", .version = "1.9"}});
-    paint_ = root_.install(
+        root.install("Notes.app", {{.identifier = "org.notes.share", .version = "1.10"},
+                                   {.identifier = "org.notes.private", .plugIn = {{"Dedicated", true}}}});
+    root.install("OldNotes.app", {{.identifier = "org.notes.share", .version = "1.9"}});
+    paint_ = root.install(
         "Paint.app",
         {{.identifier = "org.paint.blur",
           .point = "com.example.filter",
           .attributes = {{"Rule", Dictionary{{"image/png", 1}}}, {"Fast", true}}},
          {.identifier = "org.paint.sealed", .plugIn = {{"ZQExtensionHostEntitlement", "org.paint.seal"}}}});
-    daemon_.emplace(root_, Daemon::Options{.service = kService});
+    start({.service = "com.veltra.ambrel.abd"});
   }
 
   std::string identifiers(const Words& words, int status = 0) {
     Words all = {"match", "--json"};
     all.insert(all.end(), words.begin(), words.end());
-    Invocation run(root_, all);
+    Invocation run(root, all);
     EXPECT_EQ(run.status(), status) << run.err();
     std::string result;
     for (const Json& form : run.json())
@@ -109,7 +106,7 @@ class Abctl : public testing::Test {
     return result;
   }
   Invocation run(const Words& words, const Invocation::Options& options = {}) const {
-    return Invocation(root_, words, options);
+    return Invocation(root, words, options);
   }
   int status(const Words& words, const Invocation::Options& options = {}) const {
     return run(words, options).status();
@@ -120,18 +117,16 @@ class Abctl : public testing::Test {
   /// Runs it and expects that it ends with this status and says this on standard error.
   void expectFailure(const Words& words, int status, std::string_view text,
                      const Invocation::Options& options = {}) const {
-    Invocation failed(root_, words, options);
+    Invocation failed(root, words, options);
     EXPECT_EQ(failed.status(), status) << testing::PrintToString(words) << failed.err();
     EXPECT_NE(failed.err().find(text), std::string::npos) << failed.err();
   }
 
-  DeviceRoot root_;
   std::string notes_, paint_;
-  std::optional<Daemon> daemon_;
 };
 
 TEST_F(Abctl, PrintsTablesForPeopleAndWholeFormsForPrograms) {
-  Invocation table(root_, {"match"});
+  Invocation table(root, {"match"});
   EXPECT_EQ(table.status(), 0);
   const Words rows = lines(table.out());
   ASSERT_EQ(rows.size(), 3u) << table.out();
@@ -151,7 +146,7 @@ TEST_F(Abctl, PrintsTablesForPeopleAndWholeFormsForPrograms) {
 }
 
 TEST_F(Abctl, RulesSelectAsTheyAreWritten) {
-  const std::string rules = root_.path() + "/rules.plist", blur = "org.paint.blur:1.0";
+  const std::string rules = root.path() + "/rules.plist", blur = "org.paint.blur:1.0";
   writePropertyList(rules, Dictionary{{"Fast", true}, {"ZQExtensionVersion", "7"}});
   EXPECT_EQ(identifiers({"--all-versions", "--rule", "ZQExtensionIdentifier=org.notes.share"}),
             "org.notes.share:1.10 org.notes.share:1.9");
@@ -167,7 +162,7 @@ TEST_F(Abctl, RulesSelectAsTheyAreWritten) {
     EXPECT_EQ(identifiers(each), blur) << each[1];
   EXPECT_EQ(identifiers({"--system-only"}, 1), "");
   EXPECT_EQ(identifiers({"--rules", rules}, 1), "");
-  Invocation fromInput(root_, {"match", "--rules", "-"},
+  Invocation fromInput(root, {"match", "--rules", "-"},
                        {.input = R"( {"ZQExtensionVersion": ["5", ">=1.10"]} )"});
   EXPECT_EQ(lines(fromInput.out()).size(), 2u) << fromInput.out();
 }
@@ -211,13 +206,13 @@ TEST_F(Abctl, WrongUsageIsExplainedWithoutAskingTheDaemon) {
 TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
   const DeviceRoot empty;
   EXPECT_EQ(Invocation(empty, {"match"}).status(), 4);
-  daemon_.reset();
+  daemon.reset();
   // The socket's file without a daemon behind it, and somebody who takes connections and never answers.
-  expectFailure({"match"}, 4, "abctl: no daemon answers at " + root_.runtime());
-  const FileDescriptor deaf = listeningSocket(root_.runtime() + "/deaf");
+  expectFailure({"match"}, 4, "abctl: no daemon answers at " + root.runtime());
+  const FileDescriptor deaf = listeningSocket(root.runtime() + "/deaf");
   expectFailure({"--service", "deaf", "--timeout", "0.2", "match"}, 4, "--timeout");
-  const FileDescriptor mute = listeningSocket(root_.runtime() + "/mute");
-  Invocation hold(root_, {"--service", "mute", "hold", "--application", paint_});
+  const FileDescriptor mute = listeningSocket(root.runtime() + "/mute");
+  Invocation hold(root, {"--service", "mute", "hold", "--application", paint_});
   pollfd asked{mute.get(), POLLIN, 0};
   ASSERT_EQ(poll(&asked, 1, 10'000), 1);
   hold.signal(SIGINT);
@@ -227,7 +222,7 @@ TEST_F(Abctl, AnUnreachableDaemonIsToldApartFromARefusal) {
 TEST_F(Abctl, InItsBundleItMaySeeEverythingAndACopyElsewhereMayNot) {
   EXPECT_EQ(identifiers({"--all"}),
             "org.notes.private:1.0 org.notes.share:1.10 org.paint.blur:1.0 org.paint.sealed:1.0");
-  const std::string copy = root_.path() + "/abctl-copy";
+  const std::string copy = root.path() + "/abctl-copy";
   fs::copy_file(ABCTL_PROGRAM, copy);
   expectFailure({"match", "--all"}, 5, "abctl: unauthorized discovery flag (ABDiscoverAll)\n",
                 {.program = copy});
@@ -240,11 +235,11 @@ TEST_F(Abctl, PlugInsAreNamedByIdentifierUuidAndPath) {
   for (char& digit : lower) digit = static_cast<char>(tolower(digit));
   for (const std::string& name : {known, lower, notes_ + "/../Notes.app/PlugIns/org.notes.share.appex/"})
     EXPECT_EQ(uuid(name), known) << name;
-  Invocation relative(root_, {"show", "--json", "org.notes.share.appex"}, {.directory = notes_ + "/PlugIns"});
+  Invocation relative(root, {"show", "--json", "org.notes.share.appex"}, {.directory = notes_ + "/PlugIns"});
   EXPECT_EQ(relative.json().at(0)["uuid"], known);
 
   const Value one = infoDictionary({"x"})["ZQExtension"];
-  const std::string application = root_.install(
+  const std::string application = root.install(
       "Several.app", {{.identifier = "org.several",
                        .plugIn = {{"Multiple", Dictionary{{"org.one", one}, {"org.two", one}}}}}});
   ASSERT_TRUE(eventually([&] { return status({"show", "org.two"}) == 0; }));
@@ -258,16 +253,16 @@ TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
   EXPECT_EQ(status({"elect", paint_ + "/PlugIns/org.paint.blur.appex", "ignore"}), 0);
   EXPECT_NE(run({"match"}).out().find("ignore"), std::string::npos);
   EXPECT_EQ(status({"annotate", "org.paint.blur", "--extension", R"({"position": 3})"}), 0);
-  EXPECT_EQ(root_.storedAnnotations()["org.paint.blur"],
+  EXPECT_EQ(root.storedAnnotations()["org.paint.blur"],
             Value(Dictionary{{"election", 2}, {"extension", Dictionary{{"position", 3}}}}))
       << "what was not given stays";
   EXPECT_EQ(status({"elect", "org.notes.share", "org.nobody", "ignore"}), 1);
-  EXPECT_EQ(root_.storedAnnotations()["org.notes.share"]["election"], Value(1))
+  EXPECT_EQ(root.storedAnnotations()["org.notes.share"]["election"], Value(1))
       << "nothing is elected when a name is wrong";
 }
 
 TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
-  Invocation ready(root_,
+  Invocation ready(root,
                    {"ready", "org.notes.share", "--run", "ls $XDG_RUNTIME_DIR/veltra/Launcher/$$; exit 7"});
   EXPECT_EQ(ready.status(), 7) << ready.err();
   for (const std::string& part : {notes_ + "/PlugIns/org.notes.share.appex/run", "sandbox     plugin"s,
@@ -279,7 +274,7 @@ TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
 
 TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
   for (const Words& what : {Words{"--application", paint_}, Words{"--plugin", "org.paint.blur"}}) {
-    Invocation hold(root_, {"hold", what[0], what[1]});
+    Invocation hold(root, {"hold", what[0], what[1]});
     ASSERT_TRUE(hold.waitFor("\n"));
     EXPECT_EQ(identifiers({}), "org.notes.share:1.10");
     expectFailure({"ready", "org.paint.blur"}, 5, "the plug-in is on hold");  // found by name
@@ -288,19 +283,19 @@ TEST_F(Abctl, AHoldLastsUntilItsProcessEndsOrItIsReleased) {
     EXPECT_TRUE(eventually([&] { return identifiers({}) == "org.notes.share:1.10 org.paint.blur:1.0"; }));
   }
   const std::string plugIn = paint_ + "/PlugIns/org.paint.blur.appex";
-  Invocation misnamed(root_, {"hold", "--application", plugIn});
+  Invocation misnamed(root, {"hold", "--application", plugIn});
   EXPECT_TRUE(misnamed.waitFor("note: " + plugIn + " has no registered plug-in", true)) << misnamed.err();
   misnamed.signal(SIGTERM);
-  Invocation hold(root_, {"hold", "--json", "--application", paint_});
+  Invocation hold(root, {"hold", "--json", "--application", paint_});
   ASSERT_TRUE(hold.waitFor("\n"));
   EXPECT_EQ(status({"release", Json::parse(hold.firstLine())["token"]}), 0);
   EXPECT_EQ(identifiers({}), "org.notes.share:1.10 org.paint.blur:1.0");
-  daemon_.reset();
+  daemon.reset();
   EXPECT_EQ(hold.status(), 4) << "it notices that the daemon has gone";
 }
 
 TEST_F(Abctl, ARefusedHoldShowsWhatIsInTheWay) {
-  const std::string mark = root_.runtime() + "/Assertions/org.notes.share/1";
+  const std::string mark = root.runtime() + "/Assertions/org.notes.share/1";
   writePropertyList(mark, Dictionary{{"BundleIdentifier", "org.notes.share"}});
   const FileDescriptor busy = lockedFile(mark);
   expectFailure({"hold", "--application", notes_}, 5, "abctl: plug-ins are busy\n");
@@ -310,18 +305,18 @@ TEST_F(Abctl, ARefusedHoldShowsWhatIsInTheWay) {
 }
 
 TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
-  Invocation watch(root_, {"watch", "--count", "2"}), json(root_, {"watch", "--json"});
+  Invocation watch(root, {"watch", "--count", "2"}), json(root, {"watch", "--json"});
   ASSERT_TRUE(watch.waitFor("watching 2 plug-ins", true)) << watch.err();
   ASSERT_TRUE(json.waitFor("\n"));
   EXPECT_EQ(Json::parse(json.firstLine())["matches"].size(), 2u);
   EXPECT_EQ(status({"elect", "org.paint.blur", "use"}), 0);
   EXPECT_TRUE(watch.waitFor("~ org.paint.blur 1.0: election - -> use\n"));
-  Invocation hold(root_, {"hold", "--plugin", "org.notes.share"});
+  Invocation hold(root, {"hold", "--plugin", "org.notes.share"});
   EXPECT_EQ(watch.status(), 0);
   EXPECT_NE(watch.out().find("- org.notes.share 1.10\n"), std::string::npos) << watch.out();
   EXPECT_NE(watch.out().find("+ org.notes.share 1.9\n"), std::string::npos) << "the older one steps in";
   ASSERT_TRUE(json.waitFor("\"1.9\""));
-  root_.install("Sketch.app", {{.identifier = "org.sketch"}});
+  root.install("Sketch.app", {{.identifier = "org.sketch"}});
   EXPECT_TRUE(json.waitFor("\"org.sketch\""));
   json.signal(SIGTERM);
   EXPECT_EQ(json.status(), 0);
@@ -329,9 +324,9 @@ TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
 }
 
 TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
-  const std::string loose = root_.path() + "/loose/Ruler.appex";
-  root_.writeBundle(loose, {.identifier = "org.ruler"});
-  EXPECT_EQ(status({"add", "./Ruler.appex"}, {.directory = root_.path() + "/loose"}), 0);
+  const std::string loose = root.path() + "/loose/Ruler.appex";
+  root.writeBundle(loose, {.identifier = "org.ruler"});
+  EXPECT_EQ(status({"add", "./Ruler.appex"}, {.directory = root.path() + "/loose"}), 0);
   EXPECT_EQ(identifiers({"--rule", "ZQExtensionIdentifier=org.ruler"}, 1), "") << "no application, no offer";
   EXPECT_EQ(identifiers({"--all", "--rule", "ZQExtensionIdentifier=org.ruler"}), "org.ruler:1.0");
   fs::remove_all(loose);
@@ -339,16 +334,16 @@ TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {
   EXPECT_EQ(status({"remove", loose}), 1) << "not there any more";
   EXPECT_EQ(status({"remove", "org.paint.blur"}), 0) << "by identifier";
   EXPECT_EQ(status({"show", "org.paint.blur"}), 1);
-  EXPECT_EQ(status({"add", root_.path()}), 5) << "no plug-in bundle";
+  EXPECT_EQ(status({"add", root.path()}), 5) << "no plug-in bundle";
   EXPECT_EQ(status({"bulk", "--flags", "255"}), 0);
-  EXPECT_TRUE(daemon_->logs("bulk options 0xff not supported"));
+  EXPECT_TRUE(daemon->logs("bulk options 0xff not supported"));
 }
 
 TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   // A control sequence introducer, a direction override, a line break; and characters two columns wide.
-  root_.install("Evil.app",
-                {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}},
-                 {.identifier = "org.wide", .info = {{"BWBundleDisplayName", "写真"}}}});
+  root.install("Evil.app",
+               {{.identifier = "org.evil", .info = {{"BWBundleDisplayName", "a\u009b31m\u202eb\nc"}}},
+                {.identifier = "org.wide", .info = {{"BWBundleDisplayName", "写真"}}}});
   ASSERT_TRUE(eventually([&] { return status({"show", "org.wide"}) == 0; }));
   const std::string table = run({"match"}).out();
   EXPECT_NE(table.find("a\\u{9B}31m\\u{202E}b\\nc"), std::string::npos) << table;
@@ -369,9 +364,9 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
 
 TEST_F(Abctl, TheClientInPythonListsAndFollows) {
   const Invocation::Options python{.program = SOURCE_ROOT "/examples/python/plugins.py"};
-  Invocation list(root_, {"ZQExtensionPointName=com.example.filter"}, python);
+  Invocation list(root, {"ZQExtensionPointName=com.example.filter"}, python);
   EXPECT_EQ(list.out(), "+ org.paint.blur  1.0  org.paint.blur\n") << list.err();
-  Invocation follow(root_, {"--follow"}, python);
+  Invocation follow(root, {"--follow"}, python);
   ASSERT_TRUE(follow.waitFor("+ org.notes.share"));
   EXPECT_EQ(status({"elect", "org.paint.blur", "use"}), 0);
   EXPECT_TRUE(follow.waitFor("~ org.paint.blur"));

@@ -15,12 +15,6 @@ class Annotate : public DaemonTest {
   Dictionary annotate(const std::vector<UUID>& uuids, const Value& annotations) {
     return call("annotate", {{"uuids", uuidArray(uuids)}, {"annotations", annotations}});
   }
-  std::string elect(const UUID& plugIn, const Value& election) {
-    return errorOf(annotate({plugIn}, Dictionary{{"election", election}}));
-  }
-  std::string elect(const char* identifier, const Value& election) {
-    return elect(uuid(identifier), election);
-  }
   Value annotationsInForm(std::string_view identifier) { return form(identifier)["annotations"]; }
   /// With a name to look for, so that the search is narrowed by the elections, too.
   std::string elected(const char* pattern) {
@@ -121,7 +115,7 @@ TEST_F(Annotate, APlugInAndItsReplacementShareTheirElection) {
                         .entitlements = {{"com.veltra.developer.replace-plugin", replaced}}};
   };
   startWith({{.identifier = "old"}, replacing("new", "old"), replacing("several", Array{"old"})});
-  EXPECT_EQ(elect("new", 2), "");
+  EXPECT_EQ(elect(uuid("new"), 2), "");
   EXPECT_EQ(elected("2"), "new old");
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"old", Dictionary{{"election", 2}}}}));
 }
@@ -139,7 +133,7 @@ TEST_F(Annotate, PlugInsThatElectThemselvesAreElectedWithoutAnnouncement) {
   const Value record = Dictionary{{"election", 1}};
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"auto", record}, {"text", record}}));
   EXPECT_EQ(root.changeNotifications(), 0u);
-  EXPECT_EQ(elect("auto", 2) + elect("text", 0), "");
+  EXPECT_EQ(elect(uuid("auto"), 2) + elect(uuid("text"), 0), "");
   start();
   EXPECT_EQ(elected("2"), "auto") << "an election that was made stays";
   EXPECT_EQ(annotationsInForm("text"), record) << "the default is no election";
@@ -154,10 +148,10 @@ TEST_F(Annotate, APlugInWhoseNameNoFileCanHoldSpoilsNobodysElection) {
   const std::string info = "bplist00" + objects + trailer;
   writeText(DeviceRoot::plugInPath(application, "strange") + "/Info.plist", info);
   start();
-  EXPECT_EQ(elect("bell\a", 1), "");
+  EXPECT_EQ(elect(uuid("bell\a"), 1), "");
   EXPECT_TRUE(daemon->logs("unable to save annotations:"));
   EXPECT_EQ(annotationsInForm("bell\a")["election"], Value(1)) << "kept in memory";
-  EXPECT_EQ(elect("good", 2), "");
+  EXPECT_EQ(elect(uuid("good"), 2), "");
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"good", Dictionary{{"election", 2}}}}));
 }
 
@@ -198,7 +192,7 @@ TEST_F(Annotate, WhatWasAnsweredSurvivesAKillAtAnyMoment) {
     ASSERT_LE(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1)
         << "left-over temporary files are swept";
   }
-  EXPECT_GT(answers, static_cast<size_t>(kKills / 4)) << "kills came while requests were being answered";
+  EXPECT_GT(answers, static_cast<size_t>(kKills / 10)) << "kills came while requests were being answered";
 }
 
 }  // namespace

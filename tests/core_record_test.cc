@@ -1,4 +1,4 @@
-// The record that daemon and clients share: set-up, its three views, its form, resolution against SDKs,
+// The record that daemon and clients share: set-up, its form, resolution against SDKs,
 // canonicalization, diagnosis; and the helpers beneath it.
 
 #include <cstdlib>
@@ -65,21 +65,6 @@ TEST_F(CoreRecord, SetUpFailsForEachMissingPartWithItsMessage) {
   for (const Value& multiple :
        {Value(Dictionary{{"b", Dictionary()}}), Value("x"), Value(Dictionary{{"a", 5}})})
     EXPECT_EQ(setUp("a", Dictionary{{"ZQExtension", Dictionary{{"Multiple", multiple}}}}).size(), 1u);
-}
-
-TEST_F(CoreRecord, AChangedViewAppearsInTheViewsAboveIt) {
-  const Dictionary changed = {{"Dedicated", true}}, sibling = {{"Sibling", 1}};
-  const auto multiple = [&](const Dictionary& own) {
-    return Dictionary{{"Multiple", Dictionary{{"org.notes.share", own}, {"sibling", sibling}}}, {"Top", 7}};
-  };
-  auto record = recordOf(multiple(plugInSection()));
-  EXPECT_TRUE(record->isMultiplexed());
-  record->setPlugInDictionary(changed);
-  EXPECT_EQ(record->topDictionary(), Value(multiple(changed)));
-  EXPECT_EQ(record->bundleInfoDictionary(), Value(Dictionary{{"ZQExtension", multiple(changed)}}));
-  ABPlugInCore empty;  // nothing was there, so nothing propagates
-  empty.setTopDictionary(changed);
-  EXPECT_TRUE(empty.bundleInfoDictionary().isNone());
 }
 
 TEST_F(CoreRecord, DerivesItsStyleFromItsDictionaries) {

@@ -1,10 +1,9 @@
-// The database and what it keeps: the narrowed search, records that come and go meanwhile, the annotation
+// The database and what it keeps: records that come and go meanwhile, the annotation
 // store (what it reads, what it refuses and leaves alone), and a hold that is made when its client has died.
 
 #include <sys/stat.h>
 
 #include <future>
-#include <set>
 
 #include "Ambrel/ABCollections.h"
 #include "abd/ABDPlugInHold.h"
@@ -31,32 +30,7 @@ class Database : public testing::Test {
 
   static Record look(const UUID& uuid) { return thisServer().findPlugIn(uuid); }
   static Record findAt(const std::string& path) { return thisServer().findPlugInAtPath(URL::file(path)); }
-  /// Identifiers of the candidates for `rules`.
-  static std::set<std::string> candidates(const std::optional<Dictionary>& rules) {
-    std::set<std::string> found;
-    const auto records = thisServer().findPlugIns(rules).value();
-    for (const auto& record : records) found.emplace(record->identifier().view());
-    return found;
-  }
 };
-
-TEST_F(Database, NarrowsTheSearchByLiteralsOnly) {
-  for (const char* identifier : {"search.a", "search.b"})
-    registeredRecord({.identifier = identifier, .point = "search.point"});
-  registeredRecord({.identifier = "search.c", .point = "search.other"});
-  using Names = std::set<std::string>;
-  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "=search.point"}}),
-            (Names{"search.a", "search.b"}));
-  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionPointName", "search.point"},
-                                  {"ZQExtensionIdentifier", Array{"search.b", "=search.c"}}}),
-            Names{"search.b"});
-  EXPECT_EQ(candidates(Dictionary{{"ZQExtensionIdentifier", Array()}}), Names());
-  const auto all = candidates(std::nullopt);
-  for (const Dictionary& wide : {Dictionary(), Dictionary{{"ZQExtensionPointName", "?TY-IS:a"}},
-                                 Dictionary{{"ZQExtensionIdentifier", Array{"search.a", "<search.b"}}},
-                                 Dictionary{{"ZQUserElection", Array{"1"}}}})
-    EXPECT_EQ(candidates(wide), all);
-}
 
 TEST_F(Database, ARecordOfAnUninstalledPlugInIsAnsweredButNotKept) {
   const std::string path = registerBundle({.identifier = "racing"});

@@ -1,13 +1,11 @@
 // What the system does for an answer, seen from outside: for an "annotate" the calls and their order, and
 // each of them failing once; for a "match" how many there are.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <csignal>
 #include <sstream>
 
-#include "tests/support/Daemon.h"
+#include "tests/support/DaemonTest.h"
 
 namespace testsupport {
 namespace {
@@ -47,24 +45,15 @@ class SystemCalls {
   bool isAttached_ = false;
 };
 
-class Durability : public testing::Test {
+class Durability : public DaemonTest {
  protected:
-  void SetUp() override {
+  Durability() {
     root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
-    daemon.emplace(root, Daemon::Options{.arguments = {}});
-    client.emplace(daemon->connect());
-    a = uuidOf(*client, "a");
-    b = uuidOf(*client, "b");
+    start({.arguments = {}});
+    a = uuid("a");
+    b = uuid("b");
   }
-  std::string elect(const UUID& plugIn, int election) {
-    return errorOf(client->call(message(
-        "annotate", {{"uuids", uuidArray({plugIn})}, {"annotations", Dictionary{{"election", election}}}})));
-  }
-
-  DeviceRoot root;
   const std::string directory = fs::path(root.annotationFile()).parent_path();
-  std::optional<Daemon> daemon;
-  std::optional<WireClient> client;
   UUID a, b;
 };
 
@@ -114,21 +103,21 @@ TEST_F(Durability, EachStepMayFailOnceAndNothingIsLost) {
   }
 }
 
-TEST(Discovery, LooksUpNothingForEachPlugInThatAWarmMatchFinds) {
-  const DeviceRoot root;
+using Discovery = DaemonTest;
+
+TEST_F(Discovery, LooksUpNothingForEachPlugInThatAWarmMatchFinds) {
   for (int i = 0; i < 20; i++) {
     const std::string name = "p" + std::to_string(i);
     writePropertyList(root.dataUser() + "/Applications/" + name + "/ZintraMetadata.plist", Dictionary());
     root.install(name + "/A.app", {{.identifier = name, .point = i == 0 ? "one" : "many"}});
   }
   writePropertyList(root.configUser() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 5}});
-  const Daemon daemon(root, Daemon::Options{.arguments = {}, .environment = {"LC_ALL=de_AT.UTF-8"}});
-  WireClient client = daemon.connect();
+  start({.arguments = {}, .environment = {"LC_ALL=de_AT.UTF-8"}});
   bool isTraceable = true;
   const auto looks = [&](const char* point, size_t found) {
-    SystemCalls calls(root, daemon.pid(), {"-e", "trace=%file"});
+    SystemCalls calls(root, daemon->pid(), {"-e", "trace=%file"});
     isTraceable = isTraceable && calls.isAttached();
-    EXPECT_EQ(match(client, Dictionary{{"ZQExtensionPointName", point}}, 0).size(), found);
+    EXPECT_EQ(match(*client, Dictionary{{"ZQExtensionPointName", point}}).size(), found);
     return calls.lines().size();
   };
   EXPECT_TRUE(eventually([&] { return !isTraceable || looks("many", 19) == looks("one", 1); }));

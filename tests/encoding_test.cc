@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "platform/qmx/Limits.h"
 #include "platform/qmx/Message.h"
 
@@ -125,22 +123,6 @@ TEST(Encoding, WhatStandsInAValueAgainIsWrittenAsOftenAsItStandsThere) {
   const Value restored = decode(span(bytes), kMaximumNesting).value_or(Value());
   EXPECT_EQ(restored, Value(value));
   EXPECT_EQ(encodeToString(restored), bytes) << "nothing in it is the same object any more";
-}
-
-TEST(EncodedListBuilder, JoinsKeptPartsWithoutCopyingThem) {
-  const Data kept = encodeEntries(Dictionary{{"path", std::string(1000, 'p')}});
-  EncodedListBuilder builder;
-  builder.beginArray(2);
-  for (int i = 0; i < 2; ++i) {
-    builder.beginMap(1);
-    builder.kept(kept);
-  }
-  const EncodedPropertyList list = builder.finish();
-  const auto isKept = [&kept](const auto& piece) { return piece.bytes.data() == kept.bytes().data(); };
-  EXPECT_EQ(std::ranges::count_if(list.pieces(), isKept), 2);
-  EXPECT_EQ(list.size(), list.joined().size());
-  builder.beginArray(0);
-  EXPECT_EQ(decodePropertyList(builder.finish()), Value(Array{})) << "a builder starts anew";
 }
 
 TEST(Message, DescriptionWritesEncodedListsOut) {

@@ -137,10 +137,12 @@ TEST_F(Match, ADedicatedPlugInIsSeenOnlyByTheApplicationAroundIt) {
 
 TEST_F(Match, ThePolicyOfHostAndPlugInHidesPlugIns) {
   root.install("rated/Game.app", {{.identifier = "game"}});
-  root.install("A.app", {{.identifier = "open"},
-                         {.identifier = "sealed", .plugIn = {{"ZQExtensionHostEntitlement", "org.key"}}}});
-  writePropertyList(root.dataUser() + "/Applications/rated/ZintraMetadata.plist",
-                    Dictionary{{"rating", Dictionary{{"rank", 300}}}});
+  root.install("odd/A.app",
+               {{.identifier = "open"},
+                {.identifier = "sealed", .plugIn = {{"ZQExtensionHostEntitlement", "org.key"}}}});
+  for (const auto& [name, rank] : {std::pair<std::string, Value>("rated", 300), {"odd", "300"}})
+    writePropertyList(root.dataUser() + "/Applications/" + name + "/ZintraMetadata.plist",
+                      Dictionary{{"rating", Dictionary{{"rank", rank}}}});
   start();
   const auto limit = [this](const std::string& config, const Value& rating) {
     writePropertyList(config + "/Restrictions.plist", Dictionary{{"maximumAppsRating", rating}});

@@ -1,9 +1,8 @@
-// The daemon's record: building from the registry, forms, ratings, and what it shares.
+// The daemon's record: building from the registry, forms, and what it shares.
 
 #include <fcntl.h>
 
 #include "abd/RequestSettings.h"
-#include "platform/qmx/Encoding.h"
 #include "platform/security/Sandbox.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/ThisServer.h"
@@ -24,11 +23,6 @@ class PlugInRecord : public testing::Test {
     thisServer();
   }
 };
-
-/// The record of a bundle at any path.
-Record recordAt(const std::string& path, const PlugInBundle& bundle) {
-  return thisServer().findPlugInAtPath(URL::file(registerBundle(bundle, path)));
-}
 
 TEST_F(PlugInRecord, TakesTheHubVersionFromTheSectionOrTheStyle) {
   const auto version = [](const char* name, const Dictionary& section, const Dictionary& info) {
@@ -56,29 +50,12 @@ TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
                   "the \"PassProxy\" key is not supported on this platform"),
         // An identifier that cannot be a directory's name: only data plug-ins live without a data container.
         {PlugInBundle{.identifier = "no/container"}, "this plug-in has no sandbox data container"}}) {
-    const Log log = logOf([&] { EXPECT_EQ(recordAt(path, bundle), nullptr); });
+    const Log log = logOf([&] { EXPECT_EQ(registeredRecord(bundle, path), nullptr); });
     EXPECT_EQ(entriesWith(log, "ignoring mis-configured plug-in at " + path + ": " + text), 1u);
   }
-  EXPECT_NE(recordAt(path, {.identifier = "data/plugin", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}),
-            nullptr);
-}
-
-TEST_F(PlugInRecord, ItsRequestFormSaysWhatItsWholeFormSays) {
-  const Record record = installedRecord("Formed.app", {.identifier = "formed"});
-  PlugInForm form = record->requestForm();
-  Dictionary expected = record->exportForm();
-  for (const auto& [key, value] : expected) EXPECT_EQ(form[key], value) << key.view();
-  form.set(PlugInForm::annotations, Dictionary{{"election", 1}});
-  form.set(PlugInForm::overrider, "uuid");
-  EXPECT_EQ(form["annotations"]["election"], Value(1));
-  qmx::EncodedListBuilder builder;
-  builder.beginArray(2);
-  record->requestForm().encodeInto(builder);
-  form.encodeInto(builder);
-  const Dictionary plain = expected;
-  expected.set("annotations", Dictionary{{"election", 1}});
-  expected.set("overrider", "uuid");
-  EXPECT_EQ(qmx::decodePropertyList(builder.finish()), Value(Array{plain, expected}));
+  EXPECT_NE(
+      registeredRecord({.identifier = "data/plugin", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}, path),
+      nullptr);
 }
 
 TEST_F(PlugInRecord, NamesAreReadWhenTheyAreAskedFor) {
@@ -94,30 +71,15 @@ TEST_F(PlugInRecord, NamesAreReadWhenTheyAreAskedFor) {
   EXPECT_EQ(form["localizedContainingDisplayName"], Value("First"));
 }
 
-TEST_F(PlugInRecord, ARatingWithoutARankLimitsNothing) {
-  writePropertyList(thisDevice().configUser() + "/Restrictions.plist", Dictionary{{"maximumAppsRating", 0}});
-  for (const auto& [name, rating] : {std::pair<std::string, Value>("adult", Dictionary{{"rank", 300}}),
-                                     {"odd", Array{"rank"}},
-                                     {"text", Dictionary{{"rank", "300"}}}}) {
-    writePropertyList(thisDevice().dataUser() + "/Applications/" + name + "/ZintraMetadata.plist",
-                      Dictionary{{"rating", rating}});
-    RequestSettings settings;
-    const Record record = installedRecord(name + "/Rated.app", {.identifier = "rated." + name});
-    EXPECT_EQ(record->ageRestricted(settings), name == "adult") << name;
-  }
-  RequestSettings settings;
-  EXPECT_FALSE(registeredRecord({.identifier = "rated.lonely"})->ageRestricted(settings));
-  fs::remove(thisDevice().configUser() + "/Restrictions.plist");
-}
-
 TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
   const std::string path = thisDevice().path() + "/bundles/sharing.plugin";
   writeText(path + "/images/a.png", "a");
   writeText(thisDevice().path() + "/bundles/sharing.secret", "s");
   const Record record =
-      recordAt(path, {.identifier = "sharing",
-                      .plugIn = {{"ZQExtensionProtocol", "P"},
-                                 {"Shared", Array{"images/a.png", 5, ".", "../sharing.secret"}}}});
+      registeredRecord({.identifier = "sharing",
+                        .plugIn = {{"ZQExtensionProtocol", "P"},
+                                   {"Shared", Array{"images/a.png", 5, ".", "../sharing.secret"}}}},
+                       path);
   PlugInForm form = record->requestForm();
   const Log log = logOf([&] { record->augmentForm(form); });
   EXPECT_EQ(form["extensions"].dictionary()->size(), 2u);
@@ -143,8 +105,8 @@ TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {
   EXPECT_TRUE(eventually([&] { return !tokenOf("."); }));
   EXPECT_EQ(tokenOf("images/a.png"), std::nullopt);
 
-  const Record closed = recordAt(thisDevice().path() + "/bundles/private.plugin",
-                                 {.identifier = "private", .plugIn = {{"ZQExtensionProtocol", "P"}}});
+  const Record closed = registeredRecord({.identifier = "private", .plugIn = {{"ZQExtensionProtocol", "P"}}},
+                                         thisDevice().path() + "/bundles/private.plugin");
   PlugInForm closedForm = closed->requestForm();
   closed->augmentForm(closedForm);
   EXPECT_TRUE(closedForm["extensions"].isNone());

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/Daemon.h"
 
 namespace testsupport {
@@ -9,24 +11,10 @@ namespace {
 
 constexpr const char* kDebugger = "/usr/bin/gdb";
 
-struct Probe {
-  const char* name;
-  const char* format;     // of printf
-  const char* arguments;  // in gdb's language
-};
-
-constexpr Probe kProbes[] = {
-    {"client__new", "%d", "$_probe_arg0"},
-    {"client__done", "%d", "$_probe_arg0"},
-    {"request__input", "%d %s", "$_probe_arg0, (char*)$_probe_arg1"},
-    {"request", "%d %s", "$_probe_arg0, (char*)$_probe_arg1"},
-    {"request__output", "%d %s", "$_probe_arg0, (char*)$_probe_arg1"},
-    {"plugin__add", "%s", "(char*)$_probe_arg0"},
-    {"plugin__remove", "%s %d", "(char*)$_probe_arg0, $_probe_arg1"},
-    {"plugin__ready", "%s", "(char*)$_probe_arg0"},
-    {"discover__raw", "%d", "$_probe_arg0"},
-    {"db__load", "%s %d", "(char*)$_probe_arg0, $_probe_arg1"},
-};
+/// Names, and of each argument the letter of its format.
+constexpr const char* kProbes[] = {
+    "client__new d", "client__done d",    "request__input ds", "request ds",      "request__output ds",
+    "plugin__add s", "plugin__remove sd", "plugin__ready s",   "discover__raw d", "db__load sd"};
 
 /// Commands for gdb(1): one line to `output` whenever a probe fires; then the program runs.
 std::string debuggerCommands(const std::string& output) {
@@ -34,9 +22,17 @@ std::string debuggerCommands(const std::string& output) {
       "set pagination off\nset confirm off\nset startup-with-shell off\nset disable-randomization off\n"
       "set print elements 0\nset logging redirect on\nset logging file " +
       output + "\n";
-  for (const Probe& probe : kProbes)
-    commands += std::string("break -probe-stap abd:") + probe.name + "\ncommands\nsilent\nprintf \"" +
-                probe.name + ": " + probe.format + "\\n\", " + probe.arguments + "\ncontinue\nend\n";
+  for (const std::string probe : kProbes) {
+    const std::string name = probe.substr(0, probe.find(' '));
+    std::string format = name + ":", arguments;
+    for (const char letter : probe.substr(name.size() + 1)) {
+      arguments += std::string(letter == 's' ? ", (char*)" : ", ") + "$_probe_arg" +
+                   std::to_string(std::ranges::count(format, '%'));
+      format += std::string(" %") + letter;
+    }
+    commands += "break -probe-stap abd:" + name + "\ncommands\nsilent\nprintf \"" + format + "\\n\"" +
+                arguments + "\ncontinue\nend\n";
+  }
   return commands + "set logging enabled on\nrun\n";
 }
 
@@ -56,34 +52,29 @@ TEST(Probes, FireWithTheirArguments) {
   if (!debugger.isRunning())
     GTEST_SKIP() << "programs cannot be debugged here: " << readText(root.path() + "/log");
 
-  const auto fired = [&](const std::string& probe, const std::string& arguments) {
-    const std::string line = probe + ": " + arguments + "\n";
-    return eventually([&] { return ("\n" + readText(output)).find("\n" + line) != std::string::npos; });
-  };
-  const std::string pid = std::to_string(getpid());
+  std::vector<std::string> expected = {"db__load: Ambrel 7"};
   {
     WireClient client = WireClient::connect(socket);
-    EXPECT_TRUE(fired("db__load", "Ambrel 7"));
-    EXPECT_TRUE(fired("client__new", pid));
     const UUID a = uuidOf(client, "a");
-    EXPECT_TRUE(fired("request", pid + " match"));
-    EXPECT_TRUE(fired("discover__raw", "1")) << readText(output);
+    const std::string pid = " " + std::to_string(getpid());
     EXPECT_EQ(errorOf(client.call(message("ready", {{"uuids", uuidArray({a})}}))), "");
-    EXPECT_TRUE(fired("plugin__ready", a.string()));
     EXPECT_EQ(errorOf(client.call(message("add", {{"paths", Array{bundle + "/../a.appex"}}}))), "");
-    EXPECT_TRUE(fired("plugin__add", bundle));
     client.call(message("remove", {{"paths", Array{bundle, "/nowhere"}}}));
-    EXPECT_TRUE(fired("plugin__remove", bundle + " 1"));
-    EXPECT_TRUE(fired("plugin__remove", "/nowhere 0"));
     client.call(Dictionary{{"version", 3}});
-    EXPECT_TRUE(fired("request", pid + " (null)"));
-    client.call(message("bulk", {{"flags", 77}}));
-    const std::string text = readText(output);
-    EXPECT_NE(text.find("request__input: " + pid + " "), std::string::npos);
-    EXPECT_NE(text.find("flags"), std::string::npos);
-    EXPECT_NE(text.find("request__output: " + pid + " "), std::string::npos);
+    expected.insert(
+        expected.end(),
+        {"client__new:" + pid, "client__done:" + pid, "request:" + pid + " match",
+         "request:" + pid + " (null)", "discover__raw: 1", "plugin__ready: " + a.string(),
+         "plugin__add: " + bundle, "plugin__remove: " + bundle + " 1", "plugin__remove: /nowhere 0",
+         "request__input:" + pid + " {request = \"ready\"; uuids = (" + a.string() + "); version = 3}",
+         "request__output:" + pid + " {}"});
   }
-  EXPECT_TRUE(fired("client__done", pid));
+  for (const std::string& line : expected)
+    EXPECT_TRUE(eventually([&] {
+      return ("\n" + readText(output)).find("\n" + line + "\n") != std::string::npos;
+    })) << line
+        << " in\n"
+        << readText(output);
 }
 
 }  // namespace

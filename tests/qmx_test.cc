@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <future>
 #include <latch>
 
 #include "platform/qmx/Encoding.h"
@@ -57,24 +58,18 @@ TEST(FramesTest, areReadHoweverTheirBytesArriveUpToTheLimits) {
   EXPECT_EQ(client.receive().value().id, 42u);
   client.sendBytes(requestOfSize(kMaximumRequestFrame));
   EXPECT_TRUE(client.receive());
-
-  const auto nested = [](int arrays) {
-    return framed("\x83\x01\x07\xa1\x61x" + std::string(static_cast<size_t>(arrays - 1), '\x81') + "\x80");
-  };
-  client.sendBytes(nested(kMaximumNesting - 2));  // the frame's array and the body's map count
-  EXPECT_TRUE(client.receive());
-  client.sendBytes(nested(kMaximumNesting - 1));
-  EXPECT_TRUE(client.isClosedByPeer());
 }
 
 TEST(FramesTest, thatAreOversizedOrMalformedAreLoggedOnceAndCloseTheirConnectionAlone) {
   const std::string empty = frameBytes(FrameKind::request, 1, Dictionary());
   std::vector<std::string> bad = {requestOfSize(kMaximumRequestFrame + 1)};
-  // Nothing, no item, arrays of two and of four, other kinds, other ids, other bodies.
+  // Nothing, no item, arrays of two and of four, other kinds, other ids, other bodies; too many arrays inside
+  // each other (the frame's own and the body's map count).
   for (const std::string& contents :
        {""s, "garbage"s, "\x82\x01\xa0"s, "\x84\x01\x01\xa0\xa0"s, "\x83\x03\x01\xa0"s, "\x83\x02\x01\xa0"s,
         "\x83\xf5\x01\xa0"s, "\x83\x01\x20\xa0"s, "\x83\x01\x61\x31\xa0"s, "\x83\x01\x01\xf6"s,
-        "\x83\x01\x01\xbf\xff"s, "\x83\x01\x1b\0\0\0\0\0\0\0\1"s})
+        "\x83\x01\x01\xbf\xff"s, "\x83\x01\x1b\0\0\0\0\0\0\0\1"s,
+        "\x83\x01\x07\xa1\x61x" + std::string(kMaximumNesting - 2, '\x81') + "\x80"})
     bad.push_back(framed(contents));
   EchoService service("malformed");
   WireClient other = service.connect();

@@ -128,7 +128,7 @@ TEST_F(Ready, ChoosesTheSandboxByExtensionPointAndConsent) {
   EXPECT_TRUE(daemon->logs("QSVAccessCopyInformationForBundle failed for "));
 }
 
-TEST_F(Ready, ARefusalEnablesNothingOfTheListAndDataPlugInsNeedNoEnabling) {
+TEST_F(Ready, ARefusalEnablesNothingOfTheListDataPlugInsNeedNoEnablingAndAccessAsksNothing) {
   Dictionary sealedData = sealed;
   sealedData.set("ZQExtensionProtocol", "#Data");
   root.install("A.app", {{.identifier = "free"},
@@ -154,6 +154,15 @@ TEST_F(Ready, ARefusalEnablesNothingOfTheListAndDataPlugInsNeedNoEnabling) {
   EXPECT_EQ(errorOf(other.call(message("ready", {{"uuids", Array{s}}}))), "");
   EXPECT_TRUE(fs::exists(root.runtime() + "/Launcher/" + std::to_string(holder->pid()) + "/" + s.string() +
                          ".plist"));
+
+  const Dictionary reply = call("access", {{"uuids", Array{free, held, s, free}}});
+  EXPECT_EQ(errorOf(reply), "") << "nothing is asked";
+  const Array* tokens = reply["extensions"].array();
+  ASSERT_TRUE(tokens != nullptr && tokens->size() == 4);
+  for (const Value& token : *tokens) EXPECT_TRUE(token.isString());
+  EXPECT_NE((*tokens)[0], (*tokens)[3]) << "each token is fresh";
+  EXPECT_EQ(call("access", {{"uuids", Array()}, {"version", 2}})["extensions"], Value(Array()));
+  EXPECT_FALSE(call("access", {{"uuids", Array{free, UUID::random()}}}).contains("extensions"));
 }
 
 TEST_F(Ready, AFailureIsAnsweredOnceAndTheOthersAreStillEnabled) {
@@ -246,21 +255,6 @@ TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {
   fs::create_directories(registrationPath(UUID()));  // no file: it cannot be unlinked
   fs::remove_all(application);
   EXPECT_TRUE(daemon->waitForLog("PLUGIN REMOVAL:a RESULT:21"));
-}
-
-TEST_F(Ready, AccessGivesOneTokenForEachInOrderAndAsksNothing) {
-  root.install("A.app",
-               {{.identifier = "open"}, {.identifier = "held"}, {.identifier = "s", .plugIn = sealed}});
-  const UUID s = uuidOf(startWithHolder(), "s"), open = uuid("open"), held = uuid("held");
-  hold("held");
-  const Dictionary reply = call("access", {{"uuids", Array{open, held, s, open}}});
-  EXPECT_EQ(errorOf(reply), "");
-  const Array* tokens = reply["extensions"].array();
-  ASSERT_TRUE(tokens != nullptr && tokens->size() == 4);
-  for (const Value& token : *tokens) EXPECT_TRUE(token.isString());
-  EXPECT_NE((*tokens)[0], (*tokens)[3]) << "each token is fresh";
-  EXPECT_EQ(call("access", {{"uuids", Array()}, {"version", 2}})["extensions"], Value(Array()));
-  EXPECT_FALSE(call("access", {{"uuids", Array{open, UUID::random()}}}).contains("extensions"));
 }
 
 }  // namespace

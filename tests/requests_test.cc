@@ -19,41 +19,39 @@ std::string outputOfFailedStart(const DeviceRoot& root, std::vector<std::string>
   return readText(errors);
 }
 
-TEST(CommandLine, PrintsTheUsageLineAndEndsWith2ForWhatItDoesNotUnderstand) {
-  const DeviceRoot root;
+using StartUp = DaemonTest;
+
+TEST_F(StartUp, PrintsTheUsageLineAndEndsWith2ForWhatItDoesNotUnderstand) {
   for (const auto& arguments :
        {std::vector<std::string>{"-x"}, {"-S"}, {"-c"}, {"-v", "extra"}, {"-S", "a", "--", "extra"}})
     EXPECT_EQ(outputOfFailedStart(root, arguments, 2), "Usage: abd [-S servicename] [-v]\n");
   EXPECT_FALSE(fs::exists(root.state() + "/Hollin")) << "something was built first";
 }
 
-TEST(StartUp, WithoutOptionsItServesTheDefaultNameAndKeeps150Records) {
-  const DeviceRoot root;
+TEST_F(StartUp, WithoutOptionsItServesTheDefaultNameAndKeeps150Records) {
   std::vector<PlugInBundle> plugIns;
   for (int i = 0; i < 151; ++i) plugIns.push_back({.identifier = "p" + std::to_string(i)});
   root.install("A.app", plugIns);
   const std::string log = root.path() + "/bare.log";
   std::vector<std::string> environment = root.environment();
   environment.insert(environment.begin(), "ABD_LOG=stderr");
-  Process daemon({ABD_PROGRAM}, environment, log);
+  const Process process({ABD_PROGRAM}, environment, log);
   const std::string socket = root.runtime() + "/com.veltra.ambrel.abd";
   ASSERT_TRUE(eventually([&] { return WireClient::connect(socket).fd() >= 0; }));
-  WireClient client = WireClient::connect(socket);
-  EXPECT_EQ(match(client).size(), 151u);
+  client.emplace(WireClient::connect(socket));
+  EXPECT_EQ(match(*client).size(), 151u);
   EXPECT_EQ(readText(log), "") << "the limit is not exceeded before the last was kept";
-  EXPECT_EQ(match(client, Dictionary{{"ZQExtensionIdentifier", "p0"}}).size(), 1u);
+  EXPECT_EQ(found(Dictionary{{"ZQExtensionIdentifier", "p0"}}), "p0");
   root.install("B.app", {{.identifier = "another"}});
-  EXPECT_TRUE(eventually([&] { return match(client).size() == 152; }));
+  EXPECT_TRUE(eventually([&] { return match(*client).size() == 152; }));
   EXPECT_NE(readText(log).find("purging cache for 151 > 150"), std::string::npos);
 
-  Daemon small(root, {.arguments = {"-c", "x"}, .environment = {"XDG_STATE_HOME=" + root.path() + "/other"}});
-  WireClient other = small.connect();
-  EXPECT_EQ(match(other).size(), 152u);
-  EXPECT_EQ(small.logCount("purging cache for 1 > 0"), 151u) << "no number reads as 0";
+  start({.arguments = {"-c", "x"}, .environment = {"XDG_STATE_HOME=" + root.path() + "/other"}});
+  EXPECT_EQ(match(*client).size(), 152u);
+  EXPECT_EQ(daemon->logCount("purging cache for 1 > 0"), 151u) << "no number reads as 0";
 }
 
-TEST(StartUp, FailsWithAReasonForServiceNamesThatCannotBeListenedOn) {
-  const DeviceRoot root;
+TEST_F(StartUp, FailsWithAReasonForServiceNamesThatCannotBeListenedOn) {
   for (const std::string& name : {std::string(), std::string("a/b"), std::string(150, 'n')}) {
     const std::string output = outputOfFailedStart(root, {"-S", name}, 1);
     EXPECT_NE(output.find("unable to listen for service \"" + name + "\""), std::string::npos) << output;
@@ -61,22 +59,21 @@ TEST(StartUp, FailsWithAReasonForServiceNamesThatCannotBeListenedOn) {
   }
 }
 
-TEST(StartUp, LeavesALivingDaemonAloneAndTakesOverTheSocketOfADeadOne) {
-  const DeviceRoot root, other;  // its own state, the same runtime directory
-  Daemon daemon(root);
+TEST_F(StartUp, LeavesALivingDaemonAloneAndTakesOverTheSocketOfADeadOne) {
+  const DeviceRoot other;  // its own state, the same runtime directory
+  start();
   for (const std::string& output :
        {outputOfFailedStart(other, {"-S", "abd.test"}, 1, {"XDG_RUNTIME_DIR=" + root.path() + "/run"}),
         outputOfFailedStart(root, {"-S", "another"}, 1)})
     EXPECT_NE(output.find("unable to construct server"), std::string::npos) << output;
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(errorOf(daemon.connect().call(message("bulk"))), "");
-    daemon.kill();
-    daemon.start();
+    EXPECT_EQ(errorOf(daemon->connect().call(message("bulk"))), "");
+    daemon->kill();
+    daemon->start();
   }
 }
 
-TEST(StartUp, EndsWithoutADirectoryForTheAnnotations) {
-  const DeviceRoot root;
+TEST_F(StartUp, EndsWithoutADirectoryForTheAnnotations) {
   const std::string directory = root.state() + "/com.veltra.ambrel";
   writeText(directory, "a file where the directory should be");
   for (const auto& [output, text] :
@@ -193,18 +190,17 @@ TEST_F(Requests, APeerThatExitsBeforeItIsLookedAtHasNoKnownExecutable) {
   EXPECT_EQ(error("match", {{"flags", 0x200}}), "11: unauthorized discovery flag (ABDiscoverAll)");
 }
 
-TEST(Verbosity, DecidesWhatIsLogged) {
-  const DeviceRoot root;
+using Verbosity = DaemonTest;
+
+TEST_F(Verbosity, DecidesWhatIsLogged) {
   root.install("A.app", {{.identifier = "percent.%d%s%@"}});
   for (const size_t verbosity : {0u, 1u, 2u}) {
-    Daemon daemon(root, {.arguments = std::vector<std::string>(verbosity, "-v")});
-    WireClient client = daemon.connect();
-    const Array uuids = {uuidOf(client, "percent.%d%s%@")};
-    client.call(message("annotate", {{"uuids", uuids}, {"annotations", Dictionary{{"election", 7}}}}));
-    EXPECT_TRUE(daemon.logs(" plug-in percent.%d%s%@ election := 7")) << "always, and written as it is";
-    EXPECT_EQ(daemon.logs("request annotate"), verbosity >= 1);
-    EXPECT_EQ(daemon.logs("annotations = {election = 7}"), verbosity >= 2);
-    EXPECT_EQ(daemon.logs("Replying {}"), verbosity >= 2);
+    start({.arguments = std::vector<std::string>(verbosity, "-v")});
+    EXPECT_EQ(elect(uuid("percent.%d%s%@"), 7), "");
+    EXPECT_TRUE(daemon->logs(" plug-in percent.%d%s%@ election := 7")) << "always, and written as it is";
+    EXPECT_EQ(daemon->logs("request annotate"), verbosity >= 1);
+    EXPECT_EQ(daemon->logs("annotations = {election = 7}"), verbosity >= 2);
+    EXPECT_EQ(daemon->logs("Replying {}"), verbosity >= 2);
   }
 }
 

@@ -22,27 +22,18 @@ Dictionary anyRequest(std::mt19937& random, const std::vector<Dictionary>& seen,
   if (seen.empty()) return message("match");
   const UUID uuid = UUID::fromString(any()["uuid"].string().value_or("")).value_or(UUID());
   const Value path = any()["path"], application = any()["containingPath"];
-  switch (random() % 10) {
-    case 0:
-      return message("add", {{"paths", Array{path}}});
-    case 1:
-      return message("remove", {{"paths", Array{path}}});
-    case 2:
-      return message("ready", {{"uuids", Array{uuid}}});
-    case 3:
-      return message("access", {{"uuids", Array{uuid}}});
-    case 4:
-      return message("annotate", {{"uuids", Array{uuid}},
-                                  {"annotations", Dictionary{{"election", static_cast<int>(random() % 3)}}}});
-    case 5:
-      return message("lock", {{"paths", Array{path}}, {"flags", 2}});
-    case 6:
-      return message("lock", {{"paths", Array{application}}, {"flags", 1}});
-    case 7:
-      return message("lock", {{"uuids", uuidArray(tokens)}});
-    default:
-      return message("match", {{"flags", random() % 2 == 0 ? 0 : 5}});
-  }
+  const Dictionary elected = {{"election", static_cast<int>(random() % 3)}};
+  const Dictionary requests[] = {message("add", {{"paths", Array{path}}}),
+                                 message("remove", {{"paths", Array{path}}}),
+                                 message("ready", {{"uuids", Array{uuid}}}),
+                                 message("access", {{"uuids", Array{uuid}}}),
+                                 message("annotate", {{"uuids", Array{uuid}}, {"annotations", elected}}),
+                                 message("lock", {{"paths", Array{path}}, {"flags", 2}}),
+                                 message("lock", {{"paths", Array{application}}, {"flags", 1}}),
+                                 message("lock", {{"uuids", uuidArray(tokens)}}),
+                                 message("match"),
+                                 message("match", {{"flags", 5}})};
+  return requests[random() % std::size(requests)];
 }
 
 /// A client's life: requests until the deadline, sometimes a death in the middle of things and a new birth.

@@ -23,6 +23,10 @@ class DaemonTest : public testing::Test {
   std::string error(std::string_view request, const Dictionary& more = {}) {
     return errorOf(call(request, more));
   }
+  /// The error of electing the plug-in.
+  std::string elect(const UUID& plugIn, const Value& election) {
+    return error("annotate", {{"uuids", Array{plugIn}}, {"annotations", Dictionary{{"election", election}}}});
+  }
   /// The identifiers that a "match" finds.
   std::string found(const Value& rules = {}, uint64_t flags = 0) {
     return identifiers(match(*client, rules, flags));

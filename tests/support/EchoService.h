@@ -5,10 +5,9 @@
 // is answered. A request says in its body what it wants: "sleep" (milliseconds that serving it takes), "size"
 // (bytes of an encoded property list in the reply), "cancel"; the reply echoes the rest.
 
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <future>
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,36 +15,105 @@
 #include <vector>
 
 #include "platform/qmx/Listener.h"
-#include "tests/support/WireClient.h"
+#include "tests/support/Daemon.h"
 
 namespace testsupport {
+
+/// An encoded property list (whose contents nobody reads) of exactly `size` bytes, joined from two kept
+/// pieces.
+inline EncodedPropertyList encodedOfSize(size_t size) {
+  const Data front(std::string(size / 2, 'a')), rest(std::string(size - size / 2, 'b'));
+  return EncodedPropertyList({{front, front.bytes()}, {rest, rest.bytes()}});
+}
 
 class EchoService {
  public:
   /// Listens at once.
-  explicit EchoService(std::string name);
-  ~EchoService();
+  explicit EchoService(std::string name) : name_(std::move(name)) {
+    auto listener = qmx::Listener::create(name_, listenerQueue_, loop);
+    if (const auto* error = std::get_if<Error>(&listener)) {
+      ADD_FAILURE() << error->description();
+      return;
+    }
+    listener_ = std::move(std::get<std::unique_ptr<qmx::Listener>>(listener));
+    listener_->setConnectionHandler(
+        [this](const std::shared_ptr<qmx::Connection>& connection) { welcome(connection); });
+    EXPECT_FALSE(listener_->resume());
+    thread_ = std::thread([this] { loop.run(); });
+  }
+  ~EchoService() {
+    loop.stop();
+    if (thread_.joinable()) thread_.join();
+  }
   EchoService(const EchoService&) = delete;
   EchoService& operator=(const EchoService&) = delete;
 
-  const std::string& name() const { return name_; }
   WireClient connect() const { return WireClient::connect(qmx::servicePath(name_)); }
 
   /// What happened so far, one word each: "+" a connection, "m" a message, "!" imminent termination, "?" an
   /// unexpected object, "-" a death; and a request's "tag" when it is served.
-  std::string history() const;
+  std::string history() const {
+    const std::lock_guard lock(mutex_);
+    std::string all;
+    for (const std::string& word : history_) all += word;
+    return all;
+  }
   /// Waits until history() has `count` times `word`; false when that takes too long.
-  bool waitFor(std::string_view word, size_t count = 1) const;
+  bool waitFor(std::string_view word, size_t count = 1) const {
+    return eventually([&] {
+      const std::lock_guard lock(mutex_);
+      return static_cast<size_t>(std::ranges::count(history_, word)) >= count;
+    });
+  }
   /// How many connections the loop and others still refer to.
-  size_t livingConnections() const;
+  size_t livingConnections() const {
+    const std::lock_guard lock(mutex_);
+    return static_cast<size_t>(
+        std::ranges::count_if(connections_, [](const auto& each) { return !each.expired(); }));
+  }
 
   RunLoop loop;
 
  private:
-  void add(std::string_view word);
-  void welcome(const std::shared_ptr<qmx::Connection>& connection);
-  void handle(const std::weak_ptr<qmx::Connection>& weak, qmx::Event&& event);
-  void serve(qmx::Connection& connection, const qmx::Message& request);
+  void add(std::string_view word) {
+    const std::lock_guard lock(mutex_);
+    history_.emplace_back(word);
+  }
+
+  void welcome(const std::shared_ptr<qmx::Connection>& connection) {
+    {
+      const std::lock_guard lock(mutex_);
+      history_.emplace_back("+");
+      connections_.push_back(connection);
+    }
+    connection->setEventHandler(
+        [this, weak = std::weak_ptr(connection)](qmx::Event&& event) { handle(weak, std::move(event)); });
+    connection->resume();
+  }
+
+  void handle(const std::weak_ptr<qmx::Connection>& weak, qmx::Event&& event) {
+    if (auto* message = std::get_if<qmx::Message>(&event)) {
+      add("m");
+      serviceQueue_.async([this, weak, request = std::move(*message)] {
+        if (const auto connection = weak.lock()) serve(*connection, request);
+      });
+    } else if (const auto* error = std::get_if<qmx::ConnectionError>(&event)) {
+      add(*error == qmx::ConnectionError::terminationImminent ? "!" : "-");
+    } else {
+      add("?");
+    }
+  }
+
+  void serve(qmx::Connection& connection, const qmx::Message& request) {
+    if (const String* tag = request.string("tag")) add(*tag);
+    if (request.body.contains("cancel")) return connection.cancel();
+    std::this_thread::sleep_for(std::chrono::milliseconds(request.unsignedValue("sleep")));
+    if (!request.wantsReply()) return;
+    qmx::Message reply = request.createReply();
+    reply.body = request.body;
+    if (const uint64_t size = request.unsignedValue("size")) reply.body.set("list", encodedOfSize(size));
+    connection.send(std::move(reply));
+  }
 
   const std::string name_;
   SerialQueue listenerQueue_{"qmx", loop}, serviceQueue_{"service", loop};
@@ -58,8 +126,5 @@ class EchoService {
 
   std::thread thread_;
 };
-
-/// An encoded property list (a data value) of exactly `size` bytes, joined from two kept pieces.
-EncodedPropertyList encodedOfSize(size_t size);
 
 }  // namespace testsupport

@@ -17,28 +17,26 @@ ABDServer& thisServer() {
   return *server;
 }
 
-std::string registerBundle(const PlugInBundle& bundle, const std::string& path) {
-  thisDevice().writeBundle(path, bundle);
+static std::string registered(std::string path) {
   if (const auto error = thisServer().addPlugIn(URL::file(path)))
     throw std::runtime_error(error->description());
   return path;
 }
 
-std::string registerBundle(const PlugInBundle& bundle) {
-  return registerBundle(bundle, thisDevice().path() + "/bundles/" + bundle.identifier + ".appex");
+std::string registerBundle(const PlugInBundle& bundle, std::string path) {
+  if (path.empty()) path = thisDevice().path() + "/bundles/" + bundle.identifier + ".appex";
+  thisDevice().writeBundle(path, bundle);
+  return registered(path);
 }
 
-std::shared_ptr<ABDPlugIn> registeredRecord(const PlugInBundle& bundle) {
-  return thisServer().findPlugInAtPath(URL::file(registerBundle(bundle)));
+std::shared_ptr<ABDPlugIn> registeredRecord(const PlugInBundle& bundle, std::string path) {
+  return thisServer().findPlugInAtPath(URL::file(registerBundle(bundle, std::move(path))));
 }
 
 std::shared_ptr<ABDPlugIn> installedRecord(const std::string& place, const PlugInBundle& bundle) {
-  thisServer();
-  const std::string path =
-      DeviceRoot::plugInPath(thisDevice().install(place, std::vector{bundle}), bundle.identifier);
-  if (const auto error = thisServer().addPlugIn(URL::file(path)))
-    throw std::runtime_error(error->description());
-  return thisServer().findPlugInAtPath(URL::file(path));
+  const std::string application = thisDevice().install(place, std::vector{bundle});
+  return thisServer().findPlugInAtPath(
+      URL::file(registered(DeviceRoot::plugInPath(application, bundle.identifier))));
 }
 
 }  // namespace testsupport
