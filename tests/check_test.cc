@@ -100,6 +100,11 @@ const std::vector<Case> kCases = {
      {"Localizations/de.plist:1: error: not a property list"},
      false,
      "mkdir Localizations; echo \"<plist><a/></plist>\" > Localizations/de.plist"},
+    {{.identifier = "variables",
+      .info = {{"QMXService", Dictionary{{"EnvironmentVariables", Dictionary{{"A", 1}}}}}}},
+     {"QMXService.EnvironmentVariables.A: the value is not a string"}},
+    {{.identifier = "json"}, {"error: not a property list"}, true, "echo {} > Info.plist"},
+    {{.identifier = "twin", .info = {{"BWBundleIdentifier", "good"}}}, {"0 errors"}},
     {{.identifier = "service", .info = {{"QMXService", Dictionary{{"Timeout", 0.5}}}}},
      {"error: QMXService: no launch registration can hold what it says at \"Timeout\""},
      false,
@@ -127,9 +132,12 @@ TEST(Check, FindsWhatTheDaemonIgnoresOrChanges) {
     EXPECT_TRUE(!each.findings.empty() || run.output.find(": 0 errors, 0 warn") != std::string::npos)
         << run.output;
   }
+  EXPECT_NE(
+      shell(root, "abctl check data/veltra/Applications").output.find("warning: has the identifier of "),
+      std::string::npos);
   EXPECT_FALSE(fs::exists(root.dataUser() + "/Containers")) << "nothing is left behind";
   const Daemon daemon(root, {.service = "com.veltra.ambrel.abd"});
-  const std::string all = shell(root, "abctl match --all --json").output;
+  const std::string all = shell(root, "abctl match --all --all-versions --duplicates --json").output;
   for (const Case& each : kCases) {
     const std::string path = DeviceRoot::plugInPath(application, each.bundle.identifier);
     EXPECT_EQ(all.find("\"path\": \"" + path + "\"") == std::string::npos, each.isIgnored) << path;

@@ -1,11 +1,14 @@
 // Applications on disk, by the scan that the daemon makes, and the definitions of extension points.
 
 #include <filesystem>
+#include <map>
 #include <string>
+#include <utility>
 
 #include "Ambrel/ABInfoKeys.h"
 #include "Ambrel/ABPlugInCore.h"
 #include "Ambrel/ABRecordTrace.h"
+#include "platform/hollin/BundleFacts.h"
 #include "platform/hollin/Locations.h"
 #include "platform/hollin/Scanner.h"
 #include "platform/propertylist/PropertyList.h"
@@ -62,6 +65,25 @@ void checkApplication(const std::string& path, Findings& findings) {
   checkLocalizations(path, findings);
 }
 
+/// Plug-ins of one application that stand in each other's way.
+void checkIdentifiers(const hollin::Scan& scan, Findings& findings) {
+  std::map<std::pair<std::string_view, std::string>, std::string> known;
+  for (const hollin::FoundBundle& found : scan.bundles) {
+    const auto facts = hollin::readBundleFacts(found.path, found.info, found.entitlementsFile);
+    for (const hollin::PlugInFacts& plugIn : facts->plugIns) {
+      const std::string identifier(plugIn.identifier.view());
+      const auto [first, isNew] =
+          known.emplace(std::pair(hollin::Locations::applicationOf(found.path), identifier), found.path);
+      if (!isNew)
+        findings.add({Level::warning,
+                      "has the identifier of " + std::string(hollin::lastComponentOf(first->second)) + ": " +
+                          identifier,
+                      "hosts are offered one of them, the newest version",
+                      "give each an identifier of its own", found.path});
+    }
+  }
+}
+
 bool isUnderTest(const fs::path& path) {
   const auto directory = platform::qmx::testSDKDirectory();
   return directory && path.parent_path() == fs::path(platform::canonicalPath(*directory));
@@ -113,6 +135,7 @@ void checkApplications(const std::string& path, Findings& findings) {
     scanner.scanEntry(path);
   const hollin::Scan scan = scanner.take();
   for (const hollin::FoundBundle& found : scan.bundles) checkBundle(found.path, findings);
+  checkIdentifiers(scan, findings);
   if (scan.bundles.empty())
     findings.add(
         {Level::warning, "there is no plug-in in here", "", "plug-ins are PlugIns/*.appex of an .app", path});

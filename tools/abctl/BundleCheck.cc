@@ -12,6 +12,7 @@
 #include "Ambrel/ABProtocol.h"
 #include "platform/hollin/Locations.h"
 #include "platform/launcher/ServiceLauncher.h"
+#include "platform/propertylist/PropertyList.h"
 #include "platform/qmx/BundleNames.h"
 #include "platform/qmx/SDKRegistry.h"
 #include "platform/security/CodeSigning.h"
@@ -70,6 +71,7 @@ class BundleCheck {
   void run() {
     checkKeys(file_, {}, Place::info);
     checkKeys(file_, {bundlekey::service}, Place::service);
+    checkEnvironment();
     checkBuildToolKeys();
     if (trial_.plugIns.empty()) {
       // What cannot be read, the file has told already.
@@ -106,7 +108,7 @@ class BundleCheck {
       tellChange(change, valueAt(plugIn.record->bundleInfoDictionary(), change.path));
     checkPoint(*plugIn.record, section);
     checkShared(*plugIn.record, section);
-    if (!plugIn.record->isData()) checkExecutableOf(*plugIn.record);
+    if (!plugIn.record->isData()) checkLaunch(*plugIn.record);
   }
 
   static Dictionary dictionaryOr(const Value& value) {
@@ -175,6 +177,14 @@ class BundleCheck {
                      "the value is passed over", "remove the key");
   }
 
+  void checkEnvironment() {
+    const KeyPath key{bundlekey::service, "EnvironmentVariables"};
+    for (const auto& [name, value] : dictionaryOr(file_.at(key)))
+      if (!value.isString())
+        file_.find(Level::warning, key / name, "the value is not a string",
+                   "hosts pass it over when they start the plug-in", "write a string");
+  }
+
   void checkBuildToolKeys() {
     if (file_.dictionary() == nullptr) return;
     for (const auto& [key, value] : *file_.dictionary())
@@ -208,7 +218,12 @@ class BundleCheck {
       for (size_t i = 0; i < list->size(); ++i) judge((*list)[i], key / std::to_string(i));
   }
 
-  void checkExecutableOf(const ABDPlugIn& record) {
+  /// What goes into a launch registration besides the service.
+  void checkLaunch(const ABDPlugIn& record) {
+    for (const char* const key : {bundlekey::identifier, bundlekey::version, kExecutable})
+      if (const Value own = file_.at({key}); own.isString() && !platform::canBeWritten(own))
+        file_.find(Level::error, {key}, "no launch registration can hold the value", kNotLaunched,
+                   "write text without control characters");
     const char* refusal = nullptr;
     const auto executable = record.executablePath(&refusal);
     const int number = executable ? platform::checkExecutable(*executable) : ENOENT;
@@ -246,7 +261,7 @@ void checkEntitlements(const std::string& path, Findings& findings) {
   const Error* const error = std::get_if<Error>(&verdict);
   const char* const effect = "the bundle has no entitlements";
   if (error == nullptr) {
-    const CheckedFile file(name, findings, effect, false);
+    const CheckedFile file(name, findings, effect, CheckedFile::Kind::propertyListIfThere);
     checkKeys(file, {}, Place::entitlements);
     checkRules(file, {entitlement::allowedPlugIns});
   } else if (error->domain == platform::kPOSIXErrorDomain) {

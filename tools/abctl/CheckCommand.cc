@@ -68,7 +68,7 @@ ExitCode check(const Context& context, const std::vector<std::string>& names, co
     std::printf("%s\n", jsonText(findings.dictionary()).c_str());
   else
     findings.print(context.screen);
-  return findings.hasErrors() ? kNothingFound : kSuccess;
+  return findings.hasErrors() ? kFoundErrors : kSuccess;
 }
 
 }  // namespace

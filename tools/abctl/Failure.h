@@ -16,6 +16,7 @@ namespace abctl {
 enum ExitCode : int {
   kSuccess = 0,
   kNothingFound = 1,
+  kFoundErrors = 1,
   kUsage = 2,
   kUnreachable = 4,
   kRefused = 5,

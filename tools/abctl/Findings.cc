@@ -10,6 +10,7 @@
 #include "platform/propertylist/PropertyList.h"
 #include "platform/system/Directories.h"
 #include "tools/abctl/Failure.h"
+#include "tools/abctl/Input.h"
 #include "tools/abctl/Json.h"
 
 namespace abctl {
@@ -30,11 +31,6 @@ const char* nameOf(Level level) {
 
 std::string counted(size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
-bool looksLikeJson(std::string_view text) {
-  const size_t first = text.find_first_not_of(" \t\r\n");
-  return first != std::string_view::npos && (text[first] == '{' || text[first] == '[');
 }
 
 }  // namespace
@@ -129,7 +125,7 @@ Dictionary Findings::dictionary() const {
 
 // --- CheckedFile ---
 
-CheckedFile::CheckedFile(std::string path, Findings& findings, const std::string& effect, bool isRequired)
+CheckedFile::CheckedFile(std::string path, Findings& findings, const std::string& effect, Kind kind)
     : path_(std::move(path)), findings_(findings) {
   const auto fail = [&](const std::string& what, std::optional<size_t> line, const char* mend) {
     findings_.add({Level::error, what, effect, mend, path_, line});
@@ -137,12 +133,12 @@ CheckedFile::CheckedFile(std::string path, Findings& findings, const std::string
   const auto contents = platform::readFile(path_);
   if (const Error* const error = std::get_if<Error>(&contents)) {
     const bool isMissing = error->code == platform::kFileReadNoSuchFile;
-    if (isMissing && isRequired) fail("the file is missing", {}, "add it");
+    if (isMissing && kind != Kind::propertyListIfThere) fail("the file is missing", {}, "add it");
     if (!isMissing) fail("cannot be read: " + error->localizedDescription(), {}, "");
     return;
   }
   const std::string& text = std::get<std::string>(contents);
-  if (looksLikeJson(text)) {
+  if (kind == Kind::propertyListOrJson && looksLikeJson(text)) {
     try {
       const Value value = valueOfJson(text, path_);
       if (value.isDictionary()) dictionary_ = *value.dictionary();

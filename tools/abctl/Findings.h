@@ -56,12 +56,13 @@ class Findings {
 /// What stands at a path in `value`, or none.
 platform::Value valueAt(platform::Value value, const platform::KeyPath& path);
 
-/// A property-list file (or JSON) whose contents are being checked.
+/// A file whose contents are being checked: a property list, or rules.
 class CheckedFile {
  public:
-  /// Reads it; adds an error with `effect` when it is there and holds no dictionary, or when it is not there
-  /// although it `isRequired`.
-  CheckedFile(std::string path, Findings& findings, const std::string& effect, bool isRequired = true);
+  enum class Kind { propertyList, propertyListIfThere, propertyListOrJson };
+  /// Reads it; adds an error with `effect` when it holds no dictionary.
+  CheckedFile(std::string path, Findings& findings, const std::string& effect,
+              Kind kind = Kind::propertyList);
 
   /// What the file says, or null.
   const platform::Dictionary* dictionary() const { return dictionary_ ? &*dictionary_ : nullptr; }

@@ -31,13 +31,12 @@ std::string contents(const std::string& file) {
   return std::get<std::string>(std::move(read));
 }
 
-/// A property list begins with "<" or with its binary mark, JSON with neither.
+}  // namespace
+
 bool looksLikeJson(const std::string& text) {
   const size_t first = text.find_first_not_of(" \t\r\n");
   return first != std::string::npos && (text[first] == '{' || text[first] == '[');
 }
-
-}  // namespace
 
 Dictionary dictionaryOfFile(const std::string& file, const std::string& what) {
   const std::string text = contents(file);

@@ -12,4 +12,7 @@ namespace abctl {
 /// errors, in the plural. Throws Failure (usage).
 platform::Dictionary dictionaryOfFile(const std::string& file, const std::string& what);
 
+/// A property list begins with "<" or with its binary mark, JSON with neither.
+bool looksLikeJson(const std::string& text);
+
 }  // namespace abctl

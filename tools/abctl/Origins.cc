@@ -65,14 +65,11 @@ std::string sourceOf(const Origin& origin) {
   }
 }
 
-/// The files that a key's value was read from; "" for one that was set.
-std::vector<std::string> filesOf(const Origin& origin, const Trial::PlugIn& plugIn) {
-  const std::string own = plugIn.record->path() + "/Info.plist";
+/// Which files a key's value was read from; none for one that was set.
+Array filesOf(const Origin& origin, const std::string& own, const std::string& sdk) {
   if (origin.change == nullptr) return {own};
   if (origin.change->step == Step::canonical) return {};
-  const std::string sdk = sdkFile(plugIn.record->sdkSpec().string().value_or(""));
-  if (origin.change->step == Step::united) return {own, sdk};
-  return {sdk};
+  return origin.change->step == Step::united ? Array{own, sdk} : Array{sdk};
 }
 
 std::string shortText(const Value& value) {
@@ -86,7 +83,7 @@ std::string shortText(const Value& value) {
 void printOrigins(const Screen& screen, const Trial::PlugIn& plugIn) {
   std::printf("%s\n", screen.styled(Style::heading, safeText(plugIn.identifier)).c_str());
   std::printf("plug-in: %s\n", safeText(plugIn.record->path() + "/Info.plist").c_str());
-  if (const auto sdk = sdkFile(plugIn.record->sdkSpec().string().value_or("")); !sdk.empty())
+  if (const std::string sdk = sdkFile(*plugIn.record); !sdk.empty())
     std::printf("SDK:     %s\n", safeText(sdk).c_str());
   Table table({"KEY", "VALUE", "FROM"});
   for (const Origin& origin : originsOf(plugIn)) {
@@ -98,12 +95,15 @@ void printOrigins(const Screen& screen, const Trial::PlugIn& plugIn) {
 }
 
 Dictionary dictionaryOfOrigins(const Trial::PlugIn& plugIn) {
+  const std::string own = plugIn.record->path() + "/Info.plist", sdk = sdkFile(*plugIn.record);
   Array keys;
   for (const Origin& origin : originsOf(plugIn)) {
-    Array path, files;
+    Array path;
     for (const platform::String& key : origin.key) path.append(key);
-    for (const std::string& file : filesOf(origin, plugIn)) files.append(file);
-    Dictionary entry{{"key", path}, {"value", origin.value}, {"from", sourceOf(origin)}, {"files", files}};
+    Dictionary entry{{"key", path},
+                     {"value", origin.value},
+                     {"from", sourceOf(origin)},
+                     {"files", filesOf(origin, own, sdk)}};
     if (origin.change != nullptr && !origin.change->other.isNone())
       entry.set("instead", origin.change->other);
     keys.append(std::move(entry));

@@ -59,7 +59,7 @@ void checkRules(const CheckedFile& file, const KeyPath& path) {
 
 void checkRuleFile(const std::string& path, Findings& findings) {
   findings.checked(path, "rule file");
-  const CheckedFile file(path, findings, "it cannot be used as rules");
+  const CheckedFile file(path, findings, "it cannot be used as rules", CheckedFile::Kind::propertyListOrJson);
   checkRules(file, {});
 }
 

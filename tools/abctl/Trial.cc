@@ -5,7 +5,7 @@
 #include "platform/hollin/Locations.h"
 #include "platform/hollin/Proxies.h"
 #include "platform/log/Log.h"
-#include "platform/propertylist/PropertyList.h"
+#include "platform/propertylist/FileReplacement.h"
 #include "platform/qmx/SDKRegistry.h"
 #include "platform/system/Directories.h"
 
@@ -33,9 +33,9 @@ Trial::Trial(const std::string& path) {
   }
 }
 
-std::string sdkFile(std::string_view name) {
-  for (const std::string& file : platform::qmx::sdkFiles(name))
-    if (platform::readDictionaryFile(file)) return file;
+std::string sdkFile(const abd::ABDPlugIn& record) {
+  for (const std::string& file : platform::qmx::sdkFiles(record.sdkSpec().string().value_or("")))
+    if (platform::FileIdentity::ofFile(file) == record.sdkFile()) return file;
   return {};
 }
 

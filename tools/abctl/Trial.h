@@ -27,7 +27,7 @@ struct Trial {
   std::vector<PlugIn> plugIns;  // empty when the bundle is refused: the facts have the reason
 };
 
-/// The file that the SDK called `name` comes from; "" when it is not installed.
-std::string sdkFile(std::string_view name);
+/// The file that the record's SDK was read from; "" when there was none.
+std::string sdkFile(const abd::ABDPlugIn& record);
 
 }  // namespace abctl
