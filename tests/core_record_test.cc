@@ -5,7 +5,6 @@
 
 #include "Ambrel/ABCollections.h"
 #include "Ambrel/ABPlugInCore.h"
-#include "platform/log/Failure.h"
 #include "tests/support/ThisProcess.h"
 
 namespace {
@@ -65,17 +64,6 @@ TEST_F(CoreRecord, SetUpFailsForEachMissingPartWithItsMessage) {
   for (const Value& multiple :
        {Value(Dictionary{{"b", Dictionary()}}), Value("x"), Value(Dictionary{{"a", 5}})})
     EXPECT_EQ(setUp("a", Dictionary{{"ZQExtension", Dictionary{{"Multiple", multiple}}}}).size(), 1u);
-}
-
-TEST_F(CoreRecord, DerivesItsStyleFromItsDictionaries) {
-  const auto record = recordOf({{"ZQExtensionProtocol", "#Data"}, {"Dedicated", 1}, {"EmbeddedCode", false}});
-  EXPECT_TRUE(record->isData() && record->isDedicated() && record->isHybrid() && record->isAppExtension());
-  EXPECT_FALSE(record->isMultiplexed() || record->oldStyle());
-  EXPECT_FALSE(recordOf({{"ZQExtensionProtocol", Array{"#Data"}}})->isData());
-  ABPlugInCore old;
-  EXPECT_FALSE(old.setDictionaries(Dictionary{{"Ambrel", "anything"}}));
-  EXPECT_TRUE(old.oldStyle());
-  EXPECT_THROW((void)ABPlugInCore().oldStyle(), InternalInconsistency);
 }
 
 TEST_F(CoreRecord, AFormRestoresTheRecord) {

@@ -390,12 +390,8 @@ TEST_F(HollinTest, aChangedSDKUpdatesAllWhoNameItAtOnce) {
   EXPECT_EQ(events, (Strings{"+both", "+sdk", "-both", "-sdk"}));
   EXPECT_EQ(recorder->calls, 2u) << "all in one announcement";
   EXPECT_EQ(withName("sdk.one"), Strings());
-  const Date time = only("sdk")->registrationDate();
-  EXPECT_GT(time, before->registrationDate());
-  EXPECT_TRUE(eventually([&] { return fs::exists(device.dataUser() + "/Containers/sdk/tmp"); }));
+  EXPECT_GT(only("sdk")->registrationDate(), before->registrationDate());
   recorder.reset();
-  open();
-  EXPECT_EQ(only("sdk")->registrationDate(), time);
   registry.reset();
   for (const std::string& path : {application, sdk}) fs::remove_all(path);
 }
