@@ -125,7 +125,8 @@ std::optional<Error> ABDPlugIn::diagnose(ABRecordTrace* trace) const {
   if (auto error = ABPlugInCore::diagnose(trace)) return error;
   if (isData() || hlproxy_->dataContainerURL()) return std::nullopt;
   auto error = ABError(kABErrorMisconfigured, "this plug-in has no sandbox data container");
-  if (trace != nullptr) trace->flaw({bundlekey::identifier}, *error.text);
+  if (trace != nullptr)
+    trace->flaw(isMultiplexed() ? plugInPath() : KeyPath{bundlekey::identifier}, *error.text);
   return error;
 }
 

@@ -96,9 +96,6 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   Dictionary issueResourceExtensions(const Value& shared) const;
   /// Adds the tokens of the plug-in's shared resources to its form.
   void augmentForm(PlugInForm& form) const;
-  /// What a launch would start: the bundle's own path when its Info dictionary names no executable in it
-  /// (then `refusal` says why); none when the bundle is gone.
-  std::optional<std::string> executablePath(const char** refusal = nullptr) const;
   /// Lets process `pid` start the plug-in; with `host`, only while that is the process.
   std::optional<Error> enableForPid(pid_t pid, RequestSettings& settings,
                                     const qmx::PeerIdentity* host = nullptr) const;

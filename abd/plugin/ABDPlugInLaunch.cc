@@ -130,12 +130,6 @@ void ABDPlugIn::reportUnlaunchableService(ABRecordTrace* trace) const {
     trace->flaw({bundlekey::service}, "no launch registration can hold what it says at \"" + part + "\"");
 }
 
-std::optional<std::string> ABDPlugIn::executablePath(const char** refusal) const {
-  // A link that was put in the bundle's place leads to another bundle.
-  const auto bundle = ABBundle::initWithURL(*url());
-  return bundle->path() == path() ? bundle->executablePath(refusal) : std::nullopt;
-}
-
 std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& settings,
                                              const qmx::PeerIdentity* host) const {
   Dictionary variables = environment();
@@ -145,7 +139,9 @@ std::optional<Error> ABDPlugIn::enableForPid(pid_t pid, RequestSettings& setting
   systemLog("assigning plug-in %@(%@) to %s sandbox", identifier().view(), version(), profile);
   systemLog("enabling pid=%d for plug-in %@(%@) %@ %@", pid, identifier().view(), version(), uuid(), path());
 
-  const auto executable = executablePath();
+  // A link that was put in the bundle's place leads to another bundle.
+  const auto bundle = ABBundle::initWithURL(*url());
+  const auto executable = bundle->path() == path() ? bundle->executablePath() : std::nullopt;
   if (!executable)
     return ABErrorWithFormat(kABErrorRequest, "cannot obtain executable path for plug-in %@(%@)",
                              identifier().view(), uuid());

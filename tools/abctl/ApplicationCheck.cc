@@ -53,10 +53,12 @@ void checkOverlooked(const fs::path& application, Findings& findings) {
 
 void checkApplication(const std::string& path, Findings& findings) {
   findings.checked(path, "application");
-  const CheckedFile info(path + "/Info.plist", findings,
-                         "the application has no name, and no consent counts");
+  const char* const effect = "the application has no name, and no consent counts";
+  const CheckedFile info(path + "/Info.plist", findings, effect, CheckedFile::Kind::propertyListIfThere);
   checkKeys(info, {}, Place::info);
   std::error_code ignored;
+  if (!fs::exists(info.path(), ignored))
+    findings.add({Level::warning, "the file is missing", effect, "add it", info.path()});
   if (fs::exists(fs::symlink_status(path + "/Placeholder", ignored)))
     findings.add({Level::error, "the application is a placeholder", "its plug-ins are not offered",
                   "remove the file when all is in place", path + "/Placeholder"});

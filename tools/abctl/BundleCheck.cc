@@ -7,6 +7,7 @@
 #include <utility>
 #include <variant>
 
+#include "Ambrel/ABBundle.h"
 #include "Ambrel/ABInfoKeys.h"
 #include "Ambrel/ABPlugInCore.h"
 #include "Ambrel/ABProtocol.h"
@@ -38,11 +39,12 @@ namespace fs = std::filesystem;
 constexpr const char* kExecutable = "BWBundleExecutable";
 constexpr const char* kIdentifier = "ZQExtensionIdentifier";
 constexpr const char* kNobody = "the daemon ignores the plug-in";
-constexpr const char* kNotLaunched = "the plug-in is offered, but no host can launch it";
+constexpr const char* kNotLaunched = "no host can launch the plug-in";
 
 /// What to do about a key that the daemon finds wrong.
 std::string mendFor(std::string_view key) {
-  if (key == bundlekey::identifier) return "name the bundle in reverse domain order, like org.example.thing";
+  if (key == bundlekey::identifier)
+    return "write one like org.example.thing, fit to be the name of a directory";
   if (key == plugInkey::protocol) return "say which interface the plug-in offers";
   if (key == plugInkey::pointIdentifier) return "write the extension point's identifier";
   if (key == bundlekey::service) return "write what an XML property list can hold";
@@ -103,12 +105,14 @@ class BundleCheck {
     checkKeys(file_, section / plugInkey::attributes, Place::attributes, inAttributes);
     checkActivationRule(file_, section / plugInkey::attributes);
     for (const Flaw& flaw : plugIn.trace.flaws) tellFlaw(flaw, plugIn.record == nullptr);
+    checkShared(section);
+    const bool isData = plugIn.record != nullptr ? plugIn.record->isData()
+                                                 : file_.at(section / plugInkey::protocol) == Value("#Data");
+    if (!isData) checkLaunch();
     if (plugIn.record == nullptr) return;
     for (const ABRecordTrace::Change& change : plugIn.trace.changes)
       tellChange(change, valueAt(plugIn.record->bundleInfoDictionary(), change.path));
     checkPoint(*plugIn.record, section);
-    checkShared(*plugIn.record, section);
-    if (!plugIn.record->isData()) checkLaunch(*plugIn.record);
   }
 
   static Dictionary dictionaryOr(const Value& value) {
@@ -200,14 +204,16 @@ class BundleCheck {
                  "hosts that search for one do not find it", "write ZQExtensionPointIdentifier");
   }
 
-  void checkShared(const ABDPlugIn& record, const KeyPath& section) {
+  void checkShared(const KeyPath& section) {
+    const std::string path(trial_.facts->path.view());
+    const bool isAppExtension = platform::hollin::hasSuffix(path, platform::hollin::kPlugInSuffix);
     const auto judge = [&](const Value& value, const KeyPath& key) {
       const auto name = value.string();
       if (!name || name == ".") return;
-      if (platform::findReadableInside(record.path(), record.url()->appending(*name).path())) return;
+      if (platform::findReadableInside(path, platform::URL::file(path, true).appending(*name).path())) return;
       const bool isOutside = errno == EACCES;
-      file_.find(record.isAppExtension() ? Level::hint : Level::error, key,
-                 "\"" + std::string(*name) + "\" " +
+      file_.find(isAppExtension ? Level::hint : Level::error, key,
+                 "\"" + std::string(*name) + "\": " +
                      (isOutside ? "leads out of the bundle, or cannot be read" : std::strerror(errno)),
                  "no host gets to read it", "name something that lies in the bundle");
     };
@@ -219,13 +225,14 @@ class BundleCheck {
   }
 
   /// What goes into a launch registration besides the service.
-  void checkLaunch(const ABDPlugIn& record) {
+  void checkLaunch() {
     for (const char* const key : {bundlekey::identifier, bundlekey::version, kExecutable})
       if (const Value own = file_.at({key}); own.isString() && !platform::canBeWritten(own))
         file_.find(Level::error, {key}, "no launch registration can hold the value", kNotLaunched,
                    "write text without control characters");
     const char* refusal = nullptr;
-    const auto executable = record.executablePath(&refusal);
+    const auto executable =
+        ABBundle::initWithPath(std::string(trial_.facts->path.view()))->executablePath(&refusal);
     const int number = executable ? platform::checkExecutable(*executable) : ENOENT;
     if (refusal != nullptr) {
       file_.find(Level::error, {kExecutable}, refusal, kNotLaunched,

@@ -72,10 +72,8 @@ std::string Findings::shown(const std::string& path) const {
 void Findings::add(Finding finding) {
   if (finding.what.starts_with(finding.file + " ")) finding.what.erase(0, finding.file.size() + 1);
   finding.file = shown(finding.file);
-  const auto isSame = [&finding](const Finding& other) {
-    return other.file == finding.file && other.key == finding.key && other.what == finding.what;
-  };
-  if (std::ranges::none_of(findings_, isSame)) findings_.push_back(std::move(finding));
+  const std::string about = finding.file + '\0' + keyText(finding.key) + '\0' + finding.what;
+  if (known_.insert(about).second) findings_.push_back(std::move(finding));
 }
 
 void Findings::checked(const std::string& path, const char* kind) {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,7 @@ class Findings {
   std::string path_, name_;
   std::vector<Checked> checked_;
   std::vector<Finding> findings_;
+  std::set<std::string> known_;  // what each is about: several plug-ins of a bundle may find the same
 };
 
 /// What stands at a path in `value`, or none.

@@ -18,8 +18,7 @@ namespace abctl {
 enum class Place { info, section, attributes, service, entitlements, rules };
 
 /// Judges the keys, and the kinds of values, of the dictionary at `path` in `file`, which is a `place`.
-/// `custom`: keys that others define there. `isWhole`: the place has no keys but those of the daemon and the
-/// custom ones, so that one that belongs elsewhere is out of place.
+/// `custom`: keys that others define there.
 void checkKeys(const CheckedFile& file, const platform::KeyPath& path, Place place,
                const std::set<std::string>& custom = {});
 
