@@ -95,8 +95,9 @@ class BundleCheck {
   void checkPlugIn(const Trial::PlugIn& plugIn) {
     const KeyPath section = sectionOf(plugIn);
     std::set<std::string> inSection, inAttributes;
-    if (const auto name = file_.at(section / plugInkey::pointIdentifier).string())
-      if (const auto sdk = ABPlugInCore::readSDKDictionary(*name)) {
+    const Value point = file_.at(section / plugInkey::pointIdentifier);
+    if (point.isString())
+      if (const auto sdk = ABPlugInCore::readSDKDictionary(*point.string())) {
         for (const auto& entry : dictionaryOr((*sdk)[bundlekey::plugIn])) inSection.emplace(entry.key.view());
         for (const auto& entry : dictionaryOr((*sdk)[bundlekey::plugIn][plugInkey::attributes]))
           inAttributes.emplace(entry.key.view());
@@ -130,7 +131,8 @@ class BundleCheck {
   }
 
   void tellUnknownPoint(const Flaw& flaw, bool isRefused) {
-    const auto name = file_.at(flaw.path).string();
+    const Value value = file_.at(flaw.path);
+    const auto name = value.string();
     const std::vector<std::string> files = name ? platform::qmx::sdkFiles(*name) : std::vector<std::string>();
     for (const std::string& file : files)
       if (fs::exists(file)) CheckedFile(file, findings_, "the SDK counts as not installed");

@@ -64,6 +64,7 @@ ExitCode check(const Context& context, const std::vector<std::string>& names, co
     findings.show(given, name);
     (kind.empty() ? checkFor(path) : kKinds.at(kind))(path, findings);
   }
+  findings.sort();
   if (context.json)
     std::printf("%s\n", jsonText(findings.dictionary()).c_str());
   else

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <map>
+#include <tuple>
 #include <utility>
 #include <variant>
 
@@ -78,6 +79,10 @@ void Findings::add(Finding finding) {
 
 void Findings::checked(const std::string& path, const char* kind) {
   checked_.push_back({shown(path), kind});
+}
+
+void Findings::sort() {
+  std::ranges::stable_sort(findings_, {}, [](const Finding& each) { return std::tie(each.file, each.line); });
 }
 
 size_t Findings::count(Level level) const {

@@ -37,6 +37,8 @@ class Findings {
   /// Takes note that something was checked: a plug-in, an application, an SDK, rules.
   void checked(const std::string& path, const char* kind);
 
+  /// Puts them in the order of files and lines.
+  void sort();
   bool hasErrors() const { return count(Level::error) > 0; }
   /// One paragraph for each finding, then a summary.
   void print(const Screen& screen) const;
