@@ -1,6 +1,6 @@
 // Any rule dictionary against a record of a real bundle: nothing fails, and where a rule holds whose patterns
-// are literals, one of them is the plug-in's value. An input is an encoded dictionary, or lines of text with
-// a key, a tab and a pattern (several patterns: more tabs).
+// are literals, one of them is the plug-in's value; no rule that is said never to hold does. An input is an
+// encoded dictionary, or lines of text with a key, a tab and a pattern (several patterns: more tabs).
 
 #include <stdlib.h>
 
@@ -15,6 +15,7 @@
 #include "Ambrel/ABCollections.h"
 #include "abd/database/ABDatabase.h"
 #include "abd/database/SearchLiterals.h"
+#include "abd/plugin/Rules.h"
 #include "platform/propertylist/PropertyList.h"
 #include "platform/qmx/Encoding.h"
 #include "platform/qmx/Limits.h"
@@ -111,6 +112,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(matches == std::all_of(rules.begin(), rules.end(), [](const Dictionary::Entry& rule) {
             return matchesPatternByPattern(*record, rule.key.view(), rule.value);
           }));
+  for (const auto& [key, pattern] : rules)
+    require(!record->matchKey(key.view(), pattern) ||
+            !Rule::isRuledOut(pattern, Rule::flaws(key.view(), pattern)));
   if (matches) {
     checkLiterals(rules, "ZQExtensionIdentifier", kIdentifier);
     checkLiterals(rules, "ZQExtensionPointName", kPoint);

@@ -185,6 +185,13 @@ std::vector<Flaw> Rule::flaws(std::string_view key, const Value& pattern) {
   });
 }
 
+bool Rule::isRuledOut(const Value& pattern, const std::vector<Flaw>& flaws) {
+  if (flaws.empty()) return false;
+  const Array* alternatives = pattern.array();
+  if (alternatives != nullptr) return flaws.size() >= alternatives->size();
+  return !pattern.isDictionary() || flaws.front().path.size() <= 1;
+}
+
 Rules::Rules(Dictionary rules, TypeConformances& types) : dictionary_(std::move(rules)), types_(types) {
   rules_.reserve(dictionary_.size());
   for (const auto& [key, pattern] : dictionary_) rules_.emplace_back(key.view(), pattern);

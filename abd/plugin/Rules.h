@@ -67,6 +67,9 @@ class Rule {
 
   /// What in the pattern never holds, whatever the plug-in; paths begin in the pattern.
   static std::vector<Flaw> flaws(std::string_view key, const Value& pattern);
+  /// Whether these flaws leave nothing of the pattern that could hold: a list has other alternatives, and
+  /// items without types are taken by plug-ins that take anything.
+  static bool isRuledOut(const Value& pattern, const std::vector<Flaw>& flaws);
 
  private:
   enum class Kind : uint8_t { present, absent, items, strings };

@@ -18,19 +18,16 @@ using platform::Value;
 
 constexpr std::string_view kEntitlementPrefix = "ENTITLEMENT:";
 
-/// A rule of which only some alternatives never hold is of some use.
 void checkRule(const CheckedFile& file, const KeyPath& path, const Value& pattern) {
   const std::vector<Flaw> flaws = abd::Rule::flaws(path.back().view(), pattern);
-  const platform::Array* const alternatives = pattern.array();
-  const bool isOfUse = alternatives != nullptr && flaws.size() < alternatives->size();
+  const bool isRuledOut = abd::Rule::isRuledOut(pattern, flaws);
   for (const Flaw& flaw : flaws) {
     KeyPath place = path;
     place.insert(place.end(), flaw.path.begin(), flaw.path.end());
-    const bool isAboutAnItem = pattern.isDictionary() && flaw.path.size() > 1;
-    file.find(isOfUse || isAboutAnItem ? Level::warning : Level::error, place, flaw.reason,
-              isOfUse         ? "this alternative never holds"
-              : isAboutAnItem ? "only a plug-in that takes anything takes it"
-                              : "the rule never holds, so no plug-in matches",
+    file.find(isRuledOut ? Level::error : Level::warning, place, flaw.reason,
+              isRuledOut               ? "the rule never holds, so no plug-in matches"
+              : pattern.isDictionary() ? "only a plug-in that takes anything takes it"
+                                       : "this alternative never holds",
               "see PATTERN in: abctl match --help");
   }
 }
