@@ -172,9 +172,12 @@ TEST_F(HollinTest, anEditInPlaceIsAnUninstallAndAnInstallOfTheSamePlugIn) {
   EXPECT_TRUE(before->isUninstalled() && !after->isUninstalled());
   EXPECT_EQ(before->pluginUUID(), after->pluginUUID());
   EXPECT_GT(after->registrationDate(), before->registrationDate());
+  writePropertyList(path + "/Entitlements.plist", Dictionary{{"special", true}});
+  EXPECT_EQ(recorder.waitFor(4).size(), 4u);
+  EXPECT_TRUE(only("a")->entitlements()["special"].isTrue());
   // An identifier that changes is another plug-in that is still known by its first name.
   writePropertyList(path + "/Info.plist", infoDictionary({.identifier = "renamed"}));
-  EXPECT_EQ(recorder.waitFor(4).back(), "+renamed");
+  EXPECT_EQ(recorder.waitFor(6).back(), "+renamed");
   after = only("renamed");
   EXPECT_EQ(after->originalIdentifier(), "a");
   EXPECT_NE(after->pluginUUID(), before->pluginUUID());
