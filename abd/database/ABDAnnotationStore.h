@@ -51,7 +51,7 @@ class ABDAnnotationStore {
   /// Whether a record of that many bytes, written, may be kept of the plug-in. Every save writes the whole
   /// file, and nobody else has a turn meanwhile: once that has kMaximumBytes, records may only shrink.
   bool hasRoomFor(size_t bytes, const ABDPlugIn& plugIn) const;
-  static constexpr size_t kMaximumBytes = 4u << 20;
+  static constexpr size_t kMaximumBytes = 2u << 20;
   /// Merges `annotation` into the plug-in's record (none removes the record), then saves. A failed save is
   /// logged; the change is kept in memory and written with the next one.
   void setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn);

@@ -12,7 +12,7 @@
 namespace abd {
 
 /// How long one client's request runs while others may wait.
-inline constexpr std::chrono::microseconds kSlice{1000};
+inline constexpr std::chrono::microseconds kSlice{250};
 
 class Slice {
  public:

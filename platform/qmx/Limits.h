@@ -10,6 +10,8 @@ namespace platform::qmx {
 
 /// Bytes of a request frame, its length field not counted.
 inline constexpr uint32_t kMaximumRequestFrame = 4u << 20;
+/// A larger one lets requests of others go first.
+inline constexpr size_t kSmallRequest = 16u << 10;
 /// Containers inside containers in a message; a frame's own array counts.
 inline constexpr int kMaximumNesting = 512;
 /// Requests of one connection that were read and not yet dispatched; then its reading pauses.

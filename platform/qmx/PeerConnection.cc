@@ -166,6 +166,13 @@ bool PeerConnection::supply() {
   return isEnlisted_;
 }
 
+/// Who asked for much is likely to do so again: small requests of others go first. Once is an accident: the
+/// loop itself may have had to wait.
+bool PeerConnection::standsBack() const {
+  return rest_ || (hasTakenLong_ && hadTakenLong_) ||
+         (reader_.count() > 0 && reader_.front().size() > kSmallRequest);
+}
+
 /// One piece of work; false when there is none for now.
 bool PeerConnection::takeTurn() {
   if (state_ != State::live) return false;
@@ -211,6 +218,8 @@ bool PeerConnection::deliverFront() {
   reader_.pop();
   // A reply was never asked for here.
   if (!frame || frame->kind == FrameKind::reply) return false;
+  hadTakenLong_ = hasTakenLong_;
+  hasTakenLong_ = false;
   isReplyWanted_ = frame->kind == FrameKind::request;
   if (!handler_) return true;
   if (const Dictionary* body = frame->body.dictionary())

@@ -53,7 +53,8 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   enum class Ending : uint8_t { deliverAndFlush, flush, drop };
 
   bool supply() override;
-  bool goesOn() const override { return static_cast<bool>(rest_); }
+  bool standsBack() const override;
+  void tookLong() override { hasTakenLong_ = true; }
   bool takeTurn();
   void finishTurn() override;
   bool isOrphaned() const override { return isEnding_; }
@@ -92,6 +93,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   // Of the message that was handed over last.
   Work rest_;
   bool isReplyWanted_ = false;
+  bool hasTakenLong_ = false, hadTakenLong_ = false;  // it, and the one before it
   OutputQueue output_;
   RunLoop::Events interest_ = EPOLLIN | EPOLLRDHUP;
   bool isEnding_ = false;       // the stream has ended, and what had arrived still gets its turn

@@ -40,7 +40,7 @@ RunLoop::Implementation::~Implementation() {
   // What handlers and work captured may still call the loop when it goes.
   const auto goneRegistrations = std::exchange(registrations, {});
   const auto goneSources = std::exchange(sources, {});
-  const auto goneGoingOn = std::exchange(goingOn, {});
+  const auto goneStandingBack = std::exchange(standingBack, {});
   const auto goneFinishing = std::exchange(finishing, {});
   const auto goneReady = std::exchange(ready, {});
   const auto goneIncoming = std::exchange(incoming, {});
@@ -151,20 +151,20 @@ void RunLoop::Implementation::takeIncoming() {
 }
 
 void RunLoop::Implementation::list(std::shared_ptr<Source> source) {
-  Fifo<std::shared_ptr<Source>>& where = source->goesOn() ? goingOn : sources;
+  Fifo<std::shared_ptr<Source>>& where = source->standsBack() ? standingBack : sources;
   where.push(std::move(source));
 }
 
 /// Null: there is none.
 std::shared_ptr<RunLoop::Source> RunLoop::Implementation::nextSource(Clock::time_point now) {
-  while (!sources.empty() && (goingOn.empty() || now - wentOn < kLongestDelay)) {
+  while (!sources.empty() && (standingBack.empty() || now - lastOfThose < kLongestDelay)) {
     std::shared_ptr<Source> source = sources.pop();
     if (source == nullptr) continue;
-    if (!source->goesOn()) return source;
-    goingOn.push(std::move(source));
+    if (!source->standsBack()) return source;
+    standingBack.push(std::move(source));
   }
-  while (!goingOn.empty()) {
-    if (std::shared_ptr<Source> source = goingOn.pop()) return source;
+  while (!standingBack.empty()) {
+    if (std::shared_ptr<Source> source = standingBack.pop()) return source;
   }
   return nullptr;
 }
@@ -172,11 +172,11 @@ std::shared_ptr<RunLoop::Source> RunLoop::Implementation::nextSource(Clock::time
 /// One piece of work; false when there is none. What a source submits belongs to its piece.
 bool RunLoop::Implementation::runNext(Clock::time_point now) {
   if (ready.empty()) {
-    if (std::exchange(wasGoingOn, false)) wentOn = now;
-    std::shared_ptr<Source> source = nextSource(now);
-    if (source == nullptr) return false;
-    wasGoingOn = source->goesOn();
-    if (source->supply()) list(std::move(source));
+    if (std::exchange(hadStoodBack, false)) lastOfThose = now;
+    served = nextSource(now);
+    if (served == nullptr) return false;
+    hadStoodBack = served->standsBack();
+    if (served->supply()) list(served);
     if (ready.empty()) return true;
   }
   Item item = ready.pop();
@@ -193,7 +193,9 @@ void RunLoop::Implementation::drain() {
   drainBegan = began;
   Clock::time_point now = began;
   while (runNext(now)) {
-    now = Clock::now();
+    const Clock::time_point before = std::exchange(now, Clock::now());
+    if (const std::shared_ptr<Source> source = std::exchange(served, nullptr); now - before > kLongPiece)
+      if (source != nullptr) source->tookLong();
     if (now - began > kTurnBudget) break;
   }
   busy += now - began;
@@ -303,7 +305,7 @@ void RunLoop::enlist(std::shared_ptr<Source> source) {
 }
 
 void RunLoop::withdraw(const Source& source) {
-  for (auto* list : {&implementation_->sources, &implementation_->goingOn})
+  for (auto* list : {&implementation_->sources, &implementation_->standingBack})
     for (std::shared_ptr<Source>& each : *list)
       if (each.get() == &source) each = nullptr;
 }
@@ -313,7 +315,7 @@ bool RunLoop::hasOthers(const Source& source) const {
     return each != nullptr && each.get() != &source && !each->isOrphaned();
   };
   return std::ranges::any_of(implementation_->sources, isOther) ||
-         std::ranges::any_of(implementation_->goingOn, isOther);
+         std::ranges::any_of(implementation_->standingBack, isOther);
 }
 
 void RunLoop::tellEndOfTurn(std::shared_ptr<Source> source) {

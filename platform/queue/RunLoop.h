@@ -33,8 +33,10 @@ class RunLoop {
   /// descriptors are looked at before the next piece runs: a reply does not wait behind somebody else's long
   /// request.
   static constexpr std::chrono::microseconds kTurnBudget{50};
-  /// Sources that go on with what they began stand back behind those that begin, but not for longer.
+  /// Sources that stand back let those go first that do not, but not for longer than this at a time.
   static constexpr std::chrono::milliseconds kLongestDelay{1};
+  /// A piece of work that takes longer is remembered of its source.
+  static constexpr std::chrono::microseconds kLongPiece{500};
 
   /// What has pieces of work waiting, or something to do when a turn ends, and takes part in turns without a
   /// closure for each.
@@ -42,10 +44,12 @@ class RunLoop {
    public:
     /// Hands over one piece of work, by running it or by submitting it to a queue, which then runs it in the
     /// same turn. Called when the queues of the loop have run empty; the sources take turns, those first that
-    /// do not go on with anything. False: nothing is left, and the source is dropped from the list.
+    /// do not stand back. False: nothing is left, and the source is dropped from the list.
     virtual bool supply() = 0;
-    /// Whether the next piece goes on with what an earlier one began.
-    virtual bool goesOn() const { return false; }
+    /// Whether the next piece is, or may be, one of many or a long one.
+    virtual bool standsBack() const { return false; }
+    /// The piece that was supplied took longer than kLongPiece.
+    virtual void tookLong() {}
     /// The turn ends.
     virtual void finishTurn() = 0;
     /// Whether whoever brought the work is gone already: it has its turns, but stands in nobody's way.

@@ -51,7 +51,7 @@ struct RunLoop::Implementation {
   void dispatchEvents(size_t count);
   void takeIncoming();
   void drain();
-  bool hasWork() const { return !ready.empty() || !sources.empty() || !goingOn.empty(); }
+  bool hasWork() const { return !ready.empty() || !sources.empty() || !standingBack.empty(); }
   void list(std::shared_ptr<Source> source);
   std::shared_ptr<Source> nextSource(Clock::time_point now);
   bool runNext(Clock::time_point now);
@@ -71,10 +71,11 @@ struct RunLoop::Implementation {
   std::vector<epoll_event> events;
   Fifo<Item> ready;
   // Null: withdrawn.
-  Fifo<std::shared_ptr<Source>> sources, goingOn;
-  /// The last piece was of one that goes on; when such a piece ended.
-  bool wasGoingOn = false;
-  Clock::time_point wentOn;
+  Fifo<std::shared_ptr<Source>> sources, standingBack;
+  /// Whose the last piece was, while it is measured, and whether it stood back; when such a piece ended.
+  std::shared_ptr<Source> served;
+  bool hadStoodBack = false;
+  Clock::time_point lastOfThose;
   std::vector<std::shared_ptr<Source>> finishing, finishingNow;
   std::vector<Work> endOfTurn, endOfTurnNow;
   /// All the time that was spent in drain(), and since when the current one runs.
