@@ -161,6 +161,7 @@ Dictionary Comparison::answers(Party& party) {
        kAllVersions},
       {{{"ZQExtensionPointName", "edit"}, {"ENTITLEMENT:special", true}}, kOneOfEach},
       {{{"ZQUserElection", "<>0"}}, kOneOfEach},
+      {{{"ENTITLEMENT:special", true}}, kAllVersions},
   };
   Dictionary all;
   all.set("all", canonical(match(party.manager.client(), {}, kAll | kAllVersions)));
