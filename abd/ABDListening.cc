@@ -2,6 +2,8 @@
 // a message becomes a transaction on the connection's queue, and the transaction runs on the service queue.
 // This file stands above server, client and transaction, which know each other by name only.
 
+#include <algorithm>
+
 #include "abd/ABDQmxClient.h"
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
@@ -21,15 +23,27 @@ struct Unexpected {
 
 }  // namespace
 
-void ABDServer::installConnectionHandler() {
-  service_->setConnectionHandler([server = server()](std::shared_ptr<qmx::Connection> connection) {
-    ABDQmxClient::initWithConnection(connection, *server);
-  });
+void ABDServer::installConnectionHandlers() {
+  using Service = ABDQmxClient::Service;
+  const auto handler = [server = server()](Service service) {
+    return [server, service](std::shared_ptr<qmx::Connection> connection) {
+      ABDQmxClient::initWithConnection(connection, *server, service);
+    };
+  };
+  service_->setConnectionHandler(handler(Service::main));
+  if (diagnostics_ != nullptr) diagnostics_->setConnectionHandler(handler(Service::diagnostics));
+}
+
+std::shared_ptr<ABDQmxClient> ABDServer::clientOf(pid_t pid) const {
+  const auto found =
+      std::ranges::find(clients_, pid, [](const ABDQmxClient* client) { return client->pid(); });
+  return found == clients_.end() ? nullptr : (*found)->shared_from_this();
 }
 
 std::shared_ptr<ABDQmxClient> ABDQmxClient::initWithConnection(
-    const std::shared_ptr<qmx::Connection>& connection, ABDServer& server) {
-  const std::shared_ptr<ABDQmxClient> client(new ABDQmxClient(connection, server));
+    const std::shared_ptr<qmx::Connection>& connection, ABDServer& server, Service service) {
+  const std::shared_ptr<ABDQmxClient> client(new ABDQmxClient(connection, server, service));
+  if (service == Service::main) server.clients_.insert(client.get());
   client->identify();
   connection->setContext(client);
   connection->setEventHandler([client](qmx::Event&& event) { client->handleEvent(std::move(event)); });
@@ -67,9 +81,7 @@ void ABDQmxClient::handleMessage(qmx::Message&& message) {
 void ABDQmxClient::serve(Transaction& transaction) {
   if (++requestCount_ % kRequestsPerCountLine == 0)
     server_.debug("client %d used %u requests so far", pid(), requestCount_);
-  entitlements_.clear();
-  restriction_ = nullptr;
-  settings_ = RequestSettings();
+  beginRequest();
   transaction.dispatch();
 }
 

@@ -1,7 +1,5 @@
 #include "abd/ABDQmxClient.h"
 
-#include <algorithm>
-
 #include "Ambrel/ABProtocol.h"
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
@@ -9,16 +7,18 @@
 
 namespace abd {
 
-ABDQmxClient::ABDQmxClient(const std::shared_ptr<qmx::Connection>& connection, ABDServer& server)
-    : connection_(connection), server_(server), peer_(connection->peer()) {}
+ABDQmxClient::ABDQmxClient(const std::shared_ptr<qmx::Connection>& connection, ABDServer& server,
+                           Service service)
+    : RequestHost(connection->peer()),
+      connection_(connection),
+      server_(server),
+      service_(service),
+      peer_(connection->peer()) {}
 
 void ABDQmxClient::identify() {
   const std::optional<std::string>& executable = peer_->executablePath();
-  if (executable) bundle_ = ABBundle::initWithExecutableURL(URL::file(*executable));
   server_.debug("client %d %s", pid(), executable ? *executable : std::string("(unknown)"));
   trace::clientNew(pid());
-  task_ = CodeSigningTask::create(peer_);
-  if (task_ != nullptr) lastRestriction_ = task_->valueForEntitlement(entitlement::allowedPlugIns).value;
 }
 
 void ABDQmxClient::dying() {
@@ -30,37 +30,16 @@ void ABDQmxClient::dead() {
   server_.debug("client %d is dead", pid());
   acceptWork_.store(false, std::memory_order_release);
   trace::clientDone(pid());
-}
-
-Value ABDQmxClient::entitlementValueForKey(std::string_view key) {
-  if (task_ == nullptr) return {};
-  const auto known = std::ranges::find(entitlements_, key, [](const auto& each) { return each.first; });
-  if (known != entitlements_.end()) return known->second;
-  CodeSigningTask::Answer answer = task_->valueForEntitlement(key);
-  if (answer.error) server_.log("error retrieving entitlements for pid %d", pid());
-  if (key == entitlement::allowedPlugIns) {
-    // What is lost with one's identity is what it allowed, not what it forbade.
-    if (answer.error)
-      answer.value = lastRestriction_;
-    else
-      lastRestriction_ = answer.value;
-  }
-  return entitlements_.emplace_back(key, std::move(answer.value)).second;
-}
-
-bool ABDQmxClient::hasEntitlement(std::string_view key) {
-  const Value value = entitlementValueForKey(key);
-  return !value.isNone() && !value.isFalse();
-}
-
-const Rules& ABDQmxClient::restriction(const Dictionary& rules) {
-  if (restriction_ == nullptr) restriction_ = std::make_unique<const Rules>(rules, settings_.types());
-  return *restriction_;
+  server_.clients_.erase(this);
 }
 
 bool ABDQmxClient::isUnsandboxed() const {
   // The pid still names this peer when its process is alive after the question was answered.
   return !isSandboxed(pid()) && peer_->isAlive();
+}
+
+bool ABDQmxClient::isManager() {
+  return hasEntitlement(entitlement::manager) && isUnsandboxed();
 }
 
 std::string ABDQmxClient::description() const {

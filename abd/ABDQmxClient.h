@@ -11,16 +11,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
-#include "Ambrel/ABBundle.h"
-#include "abd/RequestSettings.h"
-#include "abd/plugin/Rules.h"
+#include "abd/RequestHost.h"
 #include "platform/qmx/Connection.h"
-#include "platform/security/CodeSigning.h"
-#include "platform/value/Value.h"
 
 namespace abd {
 
@@ -31,11 +25,14 @@ class ABDPlugInHold;
 class ABDServer;
 class Transaction;
 
-class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
+class ABDQmxClient : public RequestHost, public std::enable_shared_from_this<ABDQmxClient> {
  public:
+  /// What a peer is connected to.
+  enum class Service : uint8_t { main, diagnostics };
+
   /// initWithConnection:server:. The connection is configured and resumed.
   static std::shared_ptr<ABDQmxClient> initWithConnection(const std::shared_ptr<qmx::Connection>& connection,
-                                                          ABDServer& server);
+                                                          ABDServer& server, Service service = Service::main);
   ABDQmxClient(const ABDQmxClient&) = delete;
   ABDQmxClient& operator=(const ABDQmxClient&) = delete;
 
@@ -47,32 +44,21 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
   /// Null once the connection is gone.
   std::shared_ptr<qmx::Connection> connection() const { return connection_.lock(); }
   ABDServer& server() const { return server_; }
-  pid_t pid() const { return peer_->pid(); }
+  Service service() const { return service_; }
   const qmx::PeerIdentity& peer() const { return *peer_; }
-  /// Null when the peer's executable is unknown.
-  const std::shared_ptr<ABBundle>& bundle() const { return bundle_; }
   /// Whether requests of this peer are still served.
   bool acceptWork() const { return acceptWork_.load(std::memory_order_acquire); }
 
-  /// The value of one entitlement of the peer's process, or a none value. Asked once for each request that
-  /// wants to know. When the question fails (the process is gone or runs another image, the entitlements
-  /// cannot be read) the peer has none, but the restriction of the plug-ins that it may use stays what it was
-  /// when it was known last, the first time when the peer connected. On the service queue.
-  Value entitlementValueForKey(std::string_view key);
-  /// Whether the peer has the entitlement with a value that is not equal to false. On the service queue.
-  bool hasEntitlement(std::string_view key);
   /// Whether the peer's process runs unconfined (and still runs at all). On the service queue.
   bool isUnsandboxed() const;
-  /// The settings as the peer's current request sees them. On the service queue.
-  RequestSettings& settings() { return settings_; }
-  /// The peer's own restriction, `rules`, taken apart once for each request. On the service queue.
-  const Rules& restriction(const Dictionary& rules);
+  /// Whether the peer may see what hosts are not offered. On the service queue.
+  bool isManager();
 
   std::string description() const;
 
  private:
   friend class ABDServer;
-  ABDQmxClient(const std::shared_ptr<qmx::Connection>& connection, ABDServer& server);
+  ABDQmxClient(const std::shared_ptr<qmx::Connection>& connection, ABDServer& server, Service service);
   void identify();
   void handleEvent(qmx::Event&& event);
   void handleMessage(qmx::Message&& message);
@@ -81,19 +67,13 @@ class ABDQmxClient : public std::enable_shared_from_this<ABDQmxClient> {
   // Set before the first event.
   const std::weak_ptr<qmx::Connection> connection_;
   ABDServer& server_;
+  const Service service_;
   const std::shared_ptr<const qmx::PeerIdentity> peer_;
-  std::shared_ptr<ABBundle> bundle_;
-  std::shared_ptr<const CodeSigningTask> task_;
 
   std::atomic<bool> acceptWork_{true};
 
   // Only on the service queue.
   uint32_t requestCount_ = 0;
-  Value lastRestriction_;  // entitlement::allowedPlugIns, as it was known last
-  // What this request has asked for.
-  std::vector<std::pair<std::string, Value>> entitlements_;
-  RequestSettings settings_;
-  std::unique_ptr<const Rules> restriction_;
 
   // Only on the server's "serverSync" queue.
   std::vector<std::shared_ptr<ABDPlugInHold>> holds_;  // the peer's, in creation order

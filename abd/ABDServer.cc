@@ -1,5 +1,6 @@
 #include "abd/ABDServer.h"
 
+#include "Ambrel/ABDiagnostics.h"
 #include "abd/ABDPlugInHold.h"
 #include "platform/launcher/ServiceLauncher.h"
 #include "platform/log/Failure.h"
@@ -43,9 +44,18 @@ std::shared_ptr<ABDServer> ABDServer::initForService(const std::string& service,
   }
   server->service_ = std::move(std::get<0>(listener));
   singleton() = server;
-  server->installConnectionHandler();
+  server->openDiagnostics(service + kDiagnosticsSuffix);
+  server->installConnectionHandlers();
   server->userPrefs_ = std::make_unique<ABDUserPrefs>();
   return server;
+}
+
+void ABDServer::openDiagnostics(const std::string& service) {
+  auto listener = qmx::Listener::create(service, qmxQueue_, RunLoop::main());
+  if (const Error* error = std::get_if<Error>(&listener))
+    systemLog("there will be no diagnostics: unable to listen for service \"%@\": %@", service, *error);
+  else
+    diagnostics_ = std::move(std::get<0>(listener));
 }
 
 const std::shared_ptr<ABDServer>& ABDServer::server() {
@@ -58,6 +68,8 @@ void ABDServer::releaseServer() {
 
 void ABDServer::run() {
   if (const auto error = service_->resume()) raiseInternalInconsistency("cannot listen: %@", *error);
+  if (diagnostics_ != nullptr)
+    if (const auto error = diagnostics_->resume()) systemLog("there are no diagnostics: %@", *error);
   workspace().startPosting();
   RunLoop::main().run();
 }

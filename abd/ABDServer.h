@@ -4,6 +4,8 @@
 // hold list and the two logging operations. Made by the process's entry before any queue has work; lives as
 // long as the process.
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "abd/database/ABDUserPrefs.h"
@@ -30,7 +33,8 @@ class ABDQmxClient;
 class ABDServer : public ABDatabase, public ABDatabaseDelegate {
  public:
   /// initForService:database:. Null, with the reason logged, when the registry or the service's socket cannot
-  /// be had. `database` is the annotation file's path; none: the default location.
+  /// be had; without the diagnostics service it goes on. `database` is the annotation file's path; none: the
+  /// default location.
   static std::shared_ptr<ABDServer> initForService(const std::string& service,
                                                    const std::optional<std::string>& database);
   /// The singleton; null before the first initialisation.
@@ -76,6 +80,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
 
   /// Whether a live hold blocks the plug-in.
   bool holdOnPlugIn(const ABDPlugIn& plugIn);
+  /// The holds that do. Looks at all.
+  std::vector<std::shared_ptr<ABDPlugInHold>> holdsOnPlugIn(const ABDPlugIn& plugIn);
   struct Held {
     size_t holds, plugIns;  // one that is in two holds counts twice
   };
@@ -105,12 +111,17 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   /// Releases every hold of the client, and every one that is still to come.
   void unholdClient(ABDQmxClient& client);
 
+  /// A connected client of that process, or null. On the service queue.
+  std::shared_ptr<ABDQmxClient> clientOf(pid_t pid) const;
+
   /// Has the service launcher forget uninstalled plug-ins. Any thread.
   void removedPlugIns(const HLProxyList& proxies) override;
 
  private:
+  friend class ABDQmxClient;  // lists itself
   ABDServer() = default;
-  void installConnectionHandler();
+  void openDiagnostics(const std::string& service);
+  void installConnectionHandlers();
   template <typename... Args>
   void logArguments(int32_t level, std::string_view text, const Args&... args) {
     const FormatArgument arguments[] = {FormatArgument(args)..., FormatArgument(0)};
@@ -126,9 +137,13 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   SerialQueue mainQueue_{"service", RunLoop::main(), QualityOfService::userInitiated};
   SerialQueue syncQueue_{"serverSync", RunLoop::main()};
   std::unique_ptr<qmx::Listener> service_;
+  std::unique_ptr<qmx::Listener> diagnostics_;  // null where its socket cannot be had
   std::unique_ptr<ABDUserPrefs> userPrefs_;
 
   std::vector<const Enabling::PlugIns*> enabling_;  // only on the service queue
+
+  // Only on the main run loop.
+  std::unordered_set<ABDQmxClient*> clients_;  // that are connected to the main service
 
   // Only on "serverSync".
   std::unordered_map<UUID, std::shared_ptr<ABDPlugInHold>> holds_;  // by token

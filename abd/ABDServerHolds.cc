@@ -23,6 +23,16 @@ bool ABDServer::holdOnPlugIn(const ABDPlugIn& plugIn) {
   return syncQueue_.sync([&] { return blockedPlugIns_.contains(plugIn.uuid()); });
 }
 
+std::vector<std::shared_ptr<ABDPlugInHold>> ABDServer::holdsOnPlugIn(const ABDPlugIn& plugIn) {
+  return syncQueue_.sync([&] {
+    std::vector<std::shared_ptr<ABDPlugInHold>> all;
+    for (const auto& [token, hold] : holds_)
+      if (std::ranges::any_of(hold->blocked(), [&](const auto& each) { return each->isEqual(&plugIn); }))
+        all.push_back(hold);
+    return all;
+  });
+}
+
 ABDServer::Held ABDServer::heldBy(const ABDQmxClient& client) {
   return syncQueue_.sync([&] {
     Held held{client.holds_.size(), 0};

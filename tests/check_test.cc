@@ -34,6 +34,13 @@ Outcome shell(const DeviceRoot& root, const std::string& command) {
   return run;
 }
 
+/// Paths as seen from the device's directory, and all times the same.
+std::string withoutWhereAndWhen(const DeviceRoot& root, const std::string& output) {
+  static const std::regex time(R"(since \d+-\d+-\d+ [\d:]+ \w+)");
+  const std::string text = std::regex_replace(output, std::regex(root.path() + "/"), "");
+  return std::regex_replace(text, time, "since 2026-11-23 19:00:00 UTC");
+}
+
 void installSDKs(const DeviceRoot& root) {
   fs::copy(SOURCE_ROOT "/examples/system/SDKs", root.dataSystem() + "/SDKs");
 }
@@ -182,6 +189,7 @@ TEST(Check, RulesAndSDKsThatHaveNoEffectAreFound) {
 TEST(Check, TheCommandsOfTheDocumentPrintWhatItShows) {
   const DeviceRoot root;
   installSDKs(root);
+  const Daemon daemon(root, {.arguments = {}, .service = "com.veltra.ambrel.abd"});
   const std::string path = SOURCE_ROOT "/docs/abctl.md", text = readText(path);
   static const std::regex block("```(xml|json|console) ?([^\n]*)\n([^`]*)```\n");
   std::string written;
@@ -198,7 +206,8 @@ TEST(Check, TheCommandsOfTheDocumentPrintWhatItShows) {
     std::istringstream shown(match[3].str());
     std::string session;
     for (std::string line; std::getline(shown, line);)
-      if (line.starts_with("$ ")) session += line + "\n" + shell(root, line.substr(2)).output;
+      if (line.starts_with("$ "))
+        session += line + "\n" + withoutWhereAndWhen(root, shell(root, line.substr(2)).output);
     EXPECT_EQ(session, match[3].str());
     written += session;
   }

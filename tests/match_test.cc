@@ -260,7 +260,7 @@ std::vector<size_t> resolve(const std::vector<Candidate>& candidates, uint64_t f
   std::vector<std::optional<size_t>> accepted;
   for (size_t i = 0; i < candidates.size(); ++i) {
     const DuplicateResolver::Verdict verdict = resolver.admit(candidates[i]);
-    if (verdict.accepted && verdict.displaced) accepted[*verdict.displaced].reset();
+    if (verdict.accepted && verdict.rival) accepted[*verdict.rival].reset();
     if (verdict.accepted) accepted.emplace_back(i);
   }
   std::vector<size_t> remaining;

@@ -7,7 +7,9 @@
 
 #include "Ambrel/ABCollections.h"
 #include "Ambrel/ABProtocol.h"
+#include "Ambrel/ABRecordTrace.h"
 #include "abd/database/SearchLiterals.h"
+#include "abd/plugin/Rules.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
 #include "platform/system/Notifications.h"
@@ -50,10 +52,11 @@ bool ABDatabase::initWithDatabase(const std::optional<std::string>& path) {
 
 // --- Records ---
 
-std::shared_ptr<ABDPlugIn> ABDatabase::plugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy) {
-  return sync_.sync([this, &proxy]() -> std::shared_ptr<ABDPlugIn> {
+std::shared_ptr<ABDPlugIn> ABDatabase::plugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy,
+                                                      ABRecordTrace* trace) {
+  return sync_.sync([this, &proxy, trace]() -> std::shared_ptr<ABDPlugIn> {
     auto cached = cachedPlugIn(proxy->pluginUUID());
-    return cached != nullptr ? cached : createPlugInForProxy(proxy);
+    return cached != nullptr ? cached : createPlugInForProxy(proxy, trace);
   });
 }
 
@@ -64,11 +67,11 @@ std::shared_ptr<ABDPlugIn> ABDatabase::cachedPlugIn(const UUID& uuid) const {
   return found == cache_.end() || found->second->hlproxy()->isUninstalled() ? nullptr : found->second;
 }
 
-std::shared_ptr<ABDPlugIn> ABDatabase::createPlugInForProxy(
-    const std::shared_ptr<const HLAmbrelProxy>& proxy) {
+std::shared_ptr<ABDPlugIn> ABDatabase::createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy,
+                                                            ABRecordTrace* trace) {
   if (!sync_.isCurrent())
     assertionFailure("on the database queue", "-[ABDatabase createPlugInForProxy:]", kSource, __LINE__);
-  auto record = ABDPlugIn::initWithHLData(proxy);
+  auto record = ABDPlugIn::initWithHLData(proxy, trace);
   if (record == nullptr) return nullptr;
   if (record->hasEntitlement(entitlement::autoElectPlugIn)) autoElect(*record);
   purgeCachesToLimit(cacheLimit());
@@ -123,7 +126,7 @@ ABDPlugInSet recordsOf(ABDPlugInSearch& search) {
 
 }  // namespace
 
-std::shared_ptr<ABDPlugIn> ABDPlugInSearch::next() {
+std::shared_ptr<ABDPlugIn> ABDPlugInSearch::next(ABRecordTrace* trace) {
   const std::shared_ptr<const HLAmbrelProxy>& proxy = (*proxies_)[next_++];
   if (scope_ == Scope::withoutPlaceholders) {
     auto containing = proxy->containingBundle();
@@ -131,19 +134,31 @@ std::shared_ptr<ABDPlugIn> ABDPlugInSearch::next() {
       container_ = std::move(containing);
       isInPlaceholder_ = container_ != nullptr && applicationOf(*container_).isPlaceholder();
     }
-    if (isInPlaceholder_) return nullptr;
+    if (isInPlaceholder_) {
+      if (trace != nullptr)
+        trace->flaw({}, "its application is still being installed (there is a file Placeholder)");
+      return nullptr;
+    }
   }
   // A plug-in without a bundle URL gets no record.
-  return database_.plugInForProxy(proxy);
+  return database_.plugInForProxy(proxy, trace);
 }
 
-ABDPlugInSearch ABDatabase::search(const std::optional<Dictionary>& rules) {
-  constexpr auto kScope = ABDPlugInSearch::Scope::withoutPlaceholders;
-  const Value given = rules;
-  const auto elections = literalList(given["ZQUserElection"]);
-  const auto identifiers = literalList(given["ZQExtensionIdentifier"]);
-  const auto points = literalList(given[attributekey::pointName]);
+bool ABDPlugInSearch::contains(const UUID& uuid) const {
+  return proxies_ != nullptr &&
+         std::ranges::any_of(*proxies_, [&uuid](const auto& proxy) { return proxy->pluginUUID() == uuid; });
+}
 
+Narrowing::Narrowing(const std::optional<Dictionary>& rules) {
+  const Value given = rules;
+  elections = literalList(given[rulekey::election]);
+  identifiers = literalList(given[rulekey::identifier]);
+  points = literalList(given[attributekey::pointName]);
+}
+
+ABDPlugInSearch ABDatabase::search(const Narrowing& narrowing) {
+  constexpr auto kScope = ABDPlugInSearch::Scope::withoutPlaceholders;
+  const auto& [identifiers, points, elections] = narrowing;
   if (identifiers || points) {
     HLApplicationWorkspace::Filter filter;
     const auto wanted = elections ? std::unordered_set<std::string>(elections->begin(), elections->end())
@@ -160,7 +175,7 @@ ABDPlugInSearch ABDatabase::search(const std::optional<Dictionary>& rules) {
 }
 
 std::optional<ABDPlugInSet> ABDatabase::findPlugIns(const std::optional<Dictionary>& rules) {
-  ABDPlugInSearch found = search(rules);
+  ABDPlugInSearch found = search(Narrowing(rules));
   if (!found.hasAnswer()) return std::nullopt;
   return recordsOf(found);
 }

@@ -49,8 +49,13 @@ class ABDPlugInSearch {
   bool hasAnswer() const { return proxies_ != nullptr; }
   size_t size() const { return proxies_ != nullptr ? proxies_->size() : 0; }
   bool isOver() const { return next_ == size(); }
-  /// The record of the next proxy; null for one that is passed over. REQUIRES: not over.
-  std::shared_ptr<ABDPlugIn> next();
+  /// What next() looks at. REQUIRES: not over.
+  const HLAmbrelProxy& upcoming() const { return *(*proxies_)[next_]; }
+  /// The record of the next proxy; null for one that is passed over, the last flaw that `trace` is told is
+  /// why. REQUIRES: not over.
+  std::shared_ptr<ABDPlugIn> next(ABRecordTrace* trace = nullptr);
+  /// Whether the plug-in is among them all.
+  bool contains(const UUID& uuid) const;
 
  private:
   ABDatabase& database_;
@@ -60,6 +65,14 @@ class ABDPlugInSearch {
   // Plug-ins of one application stand together and are judged together.
   std::shared_ptr<const HLBundleProxy> container_;
   bool isInPlaceholder_ = false;
+};
+
+/// What of a search's rules the registry can look up: the literals by which its candidates are narrowed.
+struct Narrowing {
+  using Literals = std::optional<std::vector<std::string>>;
+  explicit Narrowing(const std::optional<Dictionary>& rules = std::nullopt);
+
+  Literals identifiers, points, elections;
 };
 
 class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
@@ -83,12 +96,14 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   ABDAnnotationStore& annotations() const { return *annotations_; }
 
   // Look-ups. Each answers null (or nothing) for plug-ins whose record cannot be built.
-  std::shared_ptr<ABDPlugIn> plugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
+  /// Why it cannot is the last flaw that `trace` is told, if one is given.
+  std::shared_ptr<ABDPlugIn> plugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy,
+                                            ABRecordTrace* trace = nullptr);
   /// Candidates for `rules`, narrowed by what the registry can look up; the caller still matches each. None
   /// when the registry cannot answer.
   std::optional<ABDPlugInSet> findPlugIns(const std::optional<Dictionary>& rules);
   /// The same candidates one by one.
-  ABDPlugInSearch search(const std::optional<Dictionary>& rules);
+  ABDPlugInSearch search(const Narrowing& narrowing);
   std::shared_ptr<ABDPlugIn> findPlugIn(const UUID& uuid);
   std::shared_ptr<ABDPlugIn> findPlugInAtPath(const URL& url);
   /// In the registry's order; none when there is no such application or it has no plug-ins.
@@ -115,7 +130,8 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
  private:
   std::shared_ptr<ABDPlugIn> cachedPlugIn(const UUID& uuid) const;
   bool isVouchedFor(const ABDPlugIn& record) const;
-  std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy);
+  std::shared_ptr<ABDPlugIn> createPlugInForProxy(const std::shared_ptr<const HLAmbrelProxy>& proxy,
+                                                  ABRecordTrace* trace = nullptr);
   void purgeCachesToLimit(int64_t limit);
   void autoElect(const ABDPlugIn& plugIn);
   bool electionPreFilter(const std::unordered_set<std::string>& elections, const String& identifier,

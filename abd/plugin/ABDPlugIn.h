@@ -29,7 +29,8 @@ namespace abd {
 using namespace platform;
 using namespace ambrel;
 
-class ABDQmxClient;
+class Explanation;
+class RequestHost;
 class RequestSettings;
 class Rule;
 class Rules;
@@ -74,7 +75,14 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
 
   /// Whether every entry of `rules` holds.
   bool match(const Dictionary& rules) const;
-  bool matchRules(const Rules& rules) const;
+  /// One entry of a rule dictionary, and what came of it.
+  struct TriedRule {
+    String key;
+    Value pattern, value;  // the value is none when the plug-in has none
+    bool holds;
+  };
+  /// The same. With `tried` every entry is tried, and told.
+  bool matchRules(const Rules& rules, std::vector<TriedRule>* tried = nullptr) const;
   bool matchKey(std::string_view key, const Value& pattern) const;
   static bool matchValue(const Value& value, const Value& patterns);
   static bool matchString(std::string_view value, std::string_view pattern);
@@ -82,8 +90,8 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
 
   // Access policy (ABDPlugInAccess.cc).
 
-  /// None when the host may use the plug-in, else the reason.
-  std::optional<std::string> allowForClient(ABDQmxClient& client) const;
+  /// None when the host may use the plug-in, else the first reason.
+  std::optional<std::string> allowForClient(RequestHost& host, Explanation* why = nullptr) const;
   /// The consent services that the user has granted to the containing application.
   std::set<std::string> allowedQSVServices(RequestSettings& settings) const;
   bool ageRestricted(RequestSettings& settings) const;
@@ -110,7 +118,8 @@ class ABDPlugIn : public ABPlugInCore, public std::enable_shared_from_this<ABDPl
   std::shared_ptr<const HLApplicationProxy> containingApplication() const;
   std::shared_ptr<const PlugInForm::KeptPart> keptPart(std::optional<Error>* error) const;
   Value valueForRule(const Rule& rule) const;
-  bool matchRule(const Rule& rule, TypeConformances& types) const;
+  /// `found`, if given, gets the value that the rule looked at.
+  bool matchRule(const Rule& rule, TypeConformances& types, Value* found = nullptr) const;
   Dictionary environment() const;
   /// For a resource called `name` in "Shared", at `target`; none with errno set.
   std::optional<std::string> resourceToken(const String& name, const std::string& target) const;

@@ -2,9 +2,9 @@
 // application. Only the application's rank is kept; everything else is asked anew for each request.
 
 #include "Ambrel/ABProtocol.h"
-#include "abd/ABDQmxClient.h"
-#include "abd/RequestSettings.h"
+#include "abd/RequestHost.h"
 #include "abd/plugin/ABDPlugIn.h"
+#include "abd/plugin/Explanation.h"
 #include "platform/log/Log.h"
 #include "platform/propertylist/PropertyList.h"
 
@@ -18,22 +18,21 @@ constexpr int64_t kUnknownRank = -1;
 using Reason = std::optional<std::string>;
 
 /// By the host's entitlement that limits which plug-ins it may use.
-Reason hostRestriction(ABDQmxClient& client, const ABDPlugIn& plugIn) {
-  const Value restriction = client.entitlementValueForKey(entitlement::allowedPlugIns);
+Reason hostRestriction(const Value& restriction, RequestHost& host, const ABDPlugIn& plugIn) {
   if (restriction.isNone()) return std::nullopt;
   const Dictionary* rules = restriction.dictionary();
   if (rules == nullptr) return "invalid host restriction entitlement";
-  if (!plugIn.matchRules(client.restriction(*rules)))
+  if (!plugIn.matchRules(host.restriction(*rules)))
     return "the host's plug-in entitlement does not allow this plug-in";
   return std::nullopt;
 }
 
 /// `required` is what the plug-in names as the entitlement of its hosts. A name that is no string is an
 /// entitlement that no host has.
-Reason requiredEntitlement(const Value& required, ABDQmxClient& client) {
+Reason requiredEntitlement(const Value& required, RequestHost& host) {
   if (required.isNone()) return std::nullopt;
   const auto name = required.string();
-  if (name && client.hasEntitlement(*name)) return std::nullopt;
+  if (name && host.hasEntitlement(*name)) return std::nullopt;
   return format("the host does not have the \"%@\" entitlement", required);
 }
 
@@ -42,13 +41,52 @@ Reason ageRating(bool isRestricted) {
   return std::nullopt;
 }
 
+void note(Explanation& why, const Reason& reason, const char* passed, std::string change,
+          Dictionary details) {
+  if (reason)
+    why.fail(stage::access, *reason, std::move(change), std::move(details));
+  else
+    why.pass(stage::access, passed, std::move(details));
+}
+
 }  // namespace
 
-std::optional<std::string> ABDPlugIn::allowForClient(ABDQmxClient& client) const {
-  if (auto reason = hostRestriction(client, *this)) return reason;
-  if (auto reason = requiredEntitlement(plugInDictionary()[plugInkey::hostEntitlement], client))
-    return reason;
-  return ageRating(ageRestricted(client.settings()));
+std::optional<std::string> ABDPlugIn::allowForClient(RequestHost& host, Explanation* why) const {
+  Reason first;
+  const auto goesOn = [&first, why](Reason& reason) {
+    if (reason && !first) first = reason;
+    return !first || why != nullptr;
+  };
+  const Value restriction = host.entitlementValueForKey(entitlement::allowedPlugIns);
+  Reason reason = hostRestriction(restriction, host, *this);
+  if (why != nullptr)
+    note(*why, reason,
+         restriction.isNone() ? "the host may use any plug-in" : "the host's restriction allows it",
+         format("let the host's entitlement %s allow it", entitlement::allowedPlugIns),
+         {{findingkey::key, entitlement::allowedPlugIns}, {findingkey::value, restriction}});
+  if (!goesOn(reason)) return first;
+
+  const Value& required = plugInDictionary()[plugInkey::hostEntitlement];
+  reason = requiredEntitlement(required, host);
+  if (why != nullptr) {
+    const auto name = required.string();
+    note(*why, reason, name ? "the host has the entitlement that it requires" : "it requires no entitlement",
+         name ? format("give the host the entitlement %s", *name) : "",
+         {{findingkey::key, required},
+          {findingkey::value, name ? host.entitlementValueForKey(*name) : Value()}});
+  }
+  if (!goesOn(reason)) return first;
+
+  reason = ageRating(ageRestricted(host.settings()));
+  if (why != nullptr) {
+    const std::optional<int64_t>& maximum = host.settings().maximumAppsRating();
+    const int64_t rank = containerAgeRestriction();
+    note(*why, reason, maximum ? "its application is within the device's age limit" : "there is no age limit",
+         format("raise maximumAppsRating to %d", rank),
+         {{findingkey::value, rank}, {findingkey::pattern, maximum ? Value(*maximum) : Value()}});
+  }
+  goesOn(reason);
+  return first;
 }
 
 std::set<std::string> ABDPlugIn::allowedQSVServices(RequestSettings& settings) const {

@@ -25,8 +25,16 @@ std::string electionText(const ABDPlugIn& plugIn) {
 
 }  // namespace
 
-bool ABDPlugIn::matchRules(const Rules& rules) const {
-  return std::ranges::all_of(rules.all(), [&](const Rule& rule) { return matchRule(rule, rules.types()); });
+bool ABDPlugIn::matchRules(const Rules& rules, std::vector<TriedRule>* tried) const {
+  if (tried == nullptr)
+    return std::ranges::all_of(rules.all(), [&](const Rule& rule) { return matchRule(rule, rules.types()); });
+  auto entry = rules.dictionary().begin();
+  for (const Rule& rule : rules.all()) {
+    TriedRule& each = tried->emplace_back(TriedRule{entry->key, entry->value, {}, false});
+    each.holds = matchRule(rule, rules.types(), &each.value);
+    ++entry;
+  }
+  return std::ranges::all_of(*tried, &TriedRule::holds);
 }
 
 bool ABDPlugIn::match(const Dictionary& rules) const {
@@ -34,7 +42,6 @@ bool ABDPlugIn::match(const Dictionary& rules) const {
   return matchRules(Rules(rules, types));
 }
 
-/// Of a key that is not "ZQExtensionContainingApp".
 Value ABDPlugIn::valueForRule(const Rule& rule) const {
   switch (rule.source()) {
     case Rule::Source::entitlement:
@@ -45,6 +52,8 @@ Value ABDPlugIn::valueForRule(const Rule& rule) const {
       return uuid().string();
     case Rule::Source::election:
       return electionText(*this);
+    case Rule::Source::containingApp:
+      return containingUrl() ? Value(containingUrl()->path()) : Value();
     default: {
       const Value& attribute = attributes()[rule.key()];
       return attribute.isNone() ? bundleInfoDictionary()[rule.key()] : attribute;
@@ -52,10 +61,12 @@ Value ABDPlugIn::valueForRule(const Rule& rule) const {
   }
 }
 
-bool ABDPlugIn::matchRule(const Rule& rule, TypeConformances& types) const {
-  if (rule.source() != Rule::Source::containingApp) return rule.holds(valueForRule(rule), types);
-  const auto& application = containingUrl();
-  return application && rule.holds(application->path(), types);
+bool ABDPlugIn::matchRule(const Rule& rule, TypeConformances& types, Value* found) const {
+  // In no application it fails whatever the pattern is.
+  if (rule.source() == Rule::Source::containingApp && !containingUrl()) return false;
+  const Value value = valueForRule(rule);
+  if (found != nullptr) *found = value;
+  return rule.holds(value, types);
 }
 
 bool ABDPlugIn::matchKey(std::string_view key, const Value& pattern) const {

@@ -16,9 +16,7 @@ using namespace ambrel;
 namespace {
 
 constexpr std::string_view kEntitlementPrefix = "ENTITLEMENT:";
-constexpr std::string_view kIdentifierKey = "ZQExtensionIdentifier";
 constexpr std::string_view kUUIDKey = "com.veltra.uuid";
-constexpr std::string_view kUserElectionKey = "ZQUserElection";
 constexpr std::string_view kContainingAppKey = "ZQExtensionContainingApp";
 
 /// From here on a set is quicker than looking through the list.
@@ -130,9 +128,9 @@ bool StringPatterns::hold(std::string_view value, TypeConformances& types) const
 
 Rule::Rule(std::string_view key, const Value& pattern)
     : source_(key.starts_with(kEntitlementPrefix) ? Source::entitlement
-              : key == kIdentifierKey             ? Source::identifier
+              : key == rulekey::identifier        ? Source::identifier
               : key == kUUIDKey                   ? Source::uuid
-              : key == kUserElectionKey           ? Source::election
+              : key == rulekey::election          ? Source::election
               : key == kContainingAppKey          ? Source::containingApp
                                                   : Source::info),
       key_(source_ == Source::entitlement ? key.substr(kEntitlementPrefix.size()) : key),

@@ -20,6 +20,12 @@ namespace abd {
 
 using namespace platform;
 
+/// Keys by which a search is narrowed, beside the name of the extension point.
+namespace rulekey {
+inline constexpr const char* identifier = "ZQExtensionIdentifier";
+inline constexpr const char* election = "ZQUserElection";
+}  // namespace rulekey
+
 /// A string pattern, or an array of them.
 class StringPatterns {
  public:
@@ -92,6 +98,8 @@ class Rules {
   static size_t sizeOf(const Dictionary& rules);
 
   const std::vector<Rule>& all() const { return rules_; }
+  /// What they were made from, in the same order.
+  const Dictionary& dictionary() const { return dictionary_; }
   TypeConformances& types() const { return types_; }
 
  private:

@@ -17,10 +17,18 @@ std::weak_ordering compareVersions(const Candidate& candidate, const Candidate& 
   return ambrel::compareVersionString(*candidate.version, *rival.version);
 }
 
-/// Between two of the same version.
-bool isPreferred(const Candidate& candidate, const Candidate& rival) {
-  if (candidate.onSystemVolume && !rival.onSystemVolume) return true;
-  return candidate.lastModified > rival.lastModified;
+using Preference = DuplicateResolver::Preference;
+
+struct Order {
+  bool isPreferred;
+  Preference by;
+};
+
+Order weigh(const Candidate& candidate, const Candidate& rival) {
+  const std::weak_ordering versions = compareVersions(candidate, rival);
+  if (versions != 0) return {versions > 0, Preference::version};
+  if (candidate.onSystemVolume && !rival.onSystemVolume) return {true, Preference::systemVolume};
+  return {candidate.lastModified > rival.lastModified, Preference::registration};
 }
 
 }  // namespace
@@ -39,15 +47,17 @@ DuplicateResolver::DuplicateResolver(uint64_t flags, size_t expected)
 }
 
 DuplicateResolver::Verdict DuplicateResolver::admit(Candidate candidate) {
-  if (keepsEverything_) return {.accepted = true, .displaced = {}};
+  if (keepsEverything_) return {.accepted = true, .rival = {}};
   Group& group = groups_[candidate.identifier];
   if (keepsAllVersions_ && group.versions == nullptr) group.versions = std::make_unique<Versions>();
   const std::optional<size_t> rival =
       keepsAllVersions_ ? firstRival(*group.versions, candidate) : std::optional<size_t>(group.only);
+  Preference by{};
   if (rival) {
     const Candidate& other = accepted_[*rival];
-    const std::weak_ordering order = compareVersions(candidate, other);
-    if (order < 0 || (order == 0 && !isPreferred(candidate, other))) return {};
+    const Order order = weigh(candidate, other);
+    by = order.by;
+    if (!order.isPreferred) return {.accepted = false, .rival = rival, .by = by};
     isDisplaced_[*rival] = true;
     if (keepsAllVersions_) std::erase(sameVersion(*group.versions, other), *rival);
   }
@@ -60,7 +70,7 @@ DuplicateResolver::Verdict DuplicateResolver::admit(Candidate candidate) {
   }
   accepted_.push_back(std::move(candidate));
   isDisplaced_.push_back(false);
-  return {.accepted = true, .displaced = rival};
+  return {.accepted = true, .rival = rival, .by = by};
 }
 
 /// The first of the accepted ones at which the scan would end.

@@ -25,10 +25,14 @@ class DuplicateResolver {
     bool onSystemVolume = false;
     int64_t lastModified = 0;
   };
+  /// What makes the difference between two of one identifier.
+  enum class Preference : uint8_t { version, systemVolume, registration };
   struct Verdict {
     bool accepted = false;
-    /// The accepted candidate that this one displaces, by its number in order of acceptance.
-    std::optional<size_t> displaced;
+    /// The accepted candidate that this one displaces, or else loses to, by its number in order of
+    /// acceptance.
+    std::optional<size_t> rival;
+    Preference by{};  // where there is a rival
   };
 
   /// `flags` are the discovery flags of the request; about `expected` candidates will be accepted.

@@ -1,5 +1,9 @@
 #include "abd/requests/Transaction.h"
 
+#include <algorithm>
+#include <span>
+
+#include "Ambrel/ABDiagnostics.h"
 #include "Ambrel/ABErrors.h"
 #include "Ambrel/ABProtocol.h"
 #include "abd/ABDQmxClient.h"
@@ -36,6 +40,23 @@ ABDServer& Transaction::server() const {
   return client_->server();
 }
 
+const Transaction::Request Transaction::kDiagnostics[] = {
+    {diagnostics::explain, &Transaction::explainPlugIns},
+};
+
+/// Null when there is no such request.
+const Transaction::Request* Transaction::find(std::string_view name) const {
+  const bool isMain = client_->service() == ABDQmxClient::Service::main;
+  const auto requests = isMain ? std::span<const Request>(kRequests) : std::span<const Request>(kDiagnostics);
+  const auto found = std::ranges::find(requests, name, &Request::name);
+  return found == requests.end() ? nullptr : &*found;
+}
+
+/// A diagnosis has none: it gives way wherever it can.
+void Transaction::beginSlice() {
+  if (client_->service() == ABDQmxClient::Service::main) slice_.begin();
+}
+
 void Transaction::dispatch() {
   const String* name = request_.string(key::request);
   version_ = request_.unsignedValue(key::version);
@@ -48,21 +69,20 @@ void Transaction::dispatch() {
   if (trace::requestIsEnabled())
     trace::request(client_->pid(), name != nullptr ? std::optional(std::string(name->view())) : std::nullopt);
   if (name == nullptr) return fail(kABErrorRequest, "invalid request format (missing type)");
-  for (const Request& request : kRequests) {
-    if (name->view() != request.name) continue;
-    slice_.begin();
-    course_ = (this->*request.handler)();
-    if (!course_.isOver()) goOnLater();
-    return;
-  }
-  fail(kABErrorRequest, "unrecognized request");
+  if (client_->service() == ABDQmxClient::Service::diagnostics && !client_->isManager())
+    return fail(kABErrorAccess, "unauthorized request");
+  const Request* const request = find(name->view());
+  if (request == nullptr) return fail(kABErrorRequest, "unrecognized request");
+  beginSlice();
+  course_ = (this->*request->handler)();
+  if (!course_.isOver()) goOnLater();
 }
 
 void Transaction::goOnLater() {
   if (connection_ == nullptr) return;
   connection_->goOnLater([transaction = shared_from_this()] {
     transaction->server().submitWork([transaction] {
-      transaction->slice_.begin();
+      transaction->beginSlice();
       transaction->course_.goOn();
       if (!transaction->course_.isOver()) transaction->goOnLater();
     });

@@ -25,6 +25,8 @@ class ABDPlugIn;
 class ABDQmxClient;
 class ABDServer;
 class PlugInForm;
+class RequestHost;
+struct SearchTerms;
 
 class Transaction : public std::enable_shared_from_this<Transaction> {
  public:
@@ -47,12 +49,14 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
 
  private:
   struct Request;
-  static const Request kRequests[];
+  static const Request kRequests[], kDiagnostics[];
+  const Request* find(std::string_view name) const;
 
   /// Goes on with a course that has given way, at this request's next turn.
   void goOnLater();
   /// Where a handler lets others in: `co_await giveWay()`.
   Course::Pause giveWay() const { return {slice_}; }
+  void beginSlice();
 
   // The handlers; each finishes the request itself.
   Course addPlugIns();
@@ -63,10 +67,16 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
   Course accessPlugIns();
   Course annotatePlugIns();
   Course lockDownPlugIns();
+  Course explainPlugIns();
 
   /// The entries of "paths" and of "uuids" (Walks.h).
   class PathWalk;
   class PlugInWalk;
+
+  /// What a search asks for; none when that is malformed, which was replied.
+  std::optional<SearchTerms> searchTerms();
+  /// For whom an explained search is; none when nobody can be told, which was replied.
+  std::optional<RequestHost> explainedHost();
 
   /// Sends the reply.
   void done();

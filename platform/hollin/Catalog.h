@@ -53,6 +53,8 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   std::shared_ptr<const HLAmbrelProxy> withUUID(const UUID& uuid) const;
   /// The plug-in with the lowest identifier of the bundle at a canonical path, or null.
   std::shared_ptr<const HLAmbrelProxy> lowestAt(std::string_view path) const;
+  /// The plug-ins of the bundle at a canonical path, in order of identifier, and whether it was unregistered.
+  HLProxyList at(std::string_view path, bool& isUnregistered) const;
   /// Plug-ins within an application, in order of path, then identifier.
   HLProxyList within(std::string_view application) const;
   /// The proxy of an application that contains registered plug-ins, or null.

@@ -107,6 +107,14 @@ std::shared_ptr<const HLAmbrelProxy> Catalog::lowestAt(std::string_view path) co
   return found->second.proxies.front();
 }
 
+HLProxyList Catalog::at(std::string_view path, bool& isUnregistered) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = states_.find(path);
+  if (found == states_.end()) return {};
+  isUnregistered = found->second.isUnregistered;
+  return {found->second.proxies.begin(), found->second.proxies.end()};
+}
+
 HLProxyList Catalog::within(std::string_view application) const {
   const std::lock_guard lock(mutex_);
   const auto found = applications_.find(application);

@@ -5,6 +5,7 @@
 // queries from indexes in memory and announces installs and uninstalls on its own thread. All operations: any
 // thread; no registry lock is held while an observer or a filter runs, nor over file or database I/O.
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -20,6 +21,22 @@
 namespace platform {
 
 using HLProxyList = std::vector<std::shared_ptr<const HLAmbrelProxy>>;
+
+/// How the registry stands to the bundle at a path.
+struct HLBundleStanding {
+  enum class State : uint8_t {
+    registered,
+    refused,       // it is no plug-in bundle
+    unregistered,  // on demand, and has not changed since
+    unseen,        // where scans look, but not seen yet: new, or still being written
+    unwatched,     // no scan looks there, and nobody registered it
+    absent,        // there is no such directory
+  };
+  State state = State::absent;
+  std::string path;     // canonical, as far as it exists
+  HLProxyList plugIns;  // in order of identifier; empty unless it is registered
+  std::string refusal;  // why it would be refused; empty when it is accepted
+};
 
 class HLApplicationWorkspaceObserverProtocol {
  public:
@@ -68,6 +85,9 @@ class HLApplicationWorkspace {
   virtual bool registerPlugin(const URL& url) = 0;
   /// Unregisters; works for bundles that are gone. System plug-ins cannot be unregistered.
   virtual bool unregisterPlugin(const URL& url) = 0;
+
+  /// How the registry stands to the bundle at `path`. Reads its files when it is not registered.
+  virtual HLBundleStanding standingOf(const std::string& path) const = 0;
 
   /// Whether plug-ins that name this SDK will be announced as updated when it is not as it was read from
   /// `file` (zero: not there). Otherwise the registry has not seen that state yet, or may not tell it from

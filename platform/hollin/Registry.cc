@@ -120,6 +120,29 @@ bool Registry::unregisterPlugin(const URL& url) {
   return true;
 }
 
+HLBundleStanding Registry::standingOf(const std::string& path) const {
+  using State = HLBundleStanding::State;
+  HLBundleStanding standing;
+  standing.path = canonicalPathOfFutureFile(path);
+  if (standing.path.empty()) standing.path = path;
+  bool isUnregistered = false;
+  standing.plugIns = catalog_->at(standing.path, isUnregistered);
+  if (!standing.plugIns.empty()) {
+    standing.state = State::registered;
+    return standing;
+  }
+  struct stat status {};
+  if (stat(standing.path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return standing;
+  FileIdentity info, entitlements;
+  identifyFiles(standing.path, info, entitlements);
+  standing.refusal = readBundleFacts(standing.path, info, entitlements)->refusal;
+  standing.state = !standing.refusal.empty()                                ? State::refused
+                   : isUnregistered                                         ? State::unregistered
+                   : !catalog_->locations()->entryOf(standing.path).empty() ? State::unseen
+                                                                            : State::unwatched;
+  return standing;
+}
+
 bool Registry::vouchesForSDK(std::string_view name, const FileIdentity& file) const {
   return file.isSettled() && catalog_->knowsSDK(name, file);
 }

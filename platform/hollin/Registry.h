@@ -32,6 +32,7 @@ class Registry final : public HLApplicationWorkspace {
                                                     const Filter& filter) const override;
   bool registerPlugin(const URL& url) override;
   bool unregisterPlugin(const URL& url) override;
+  HLBundleStanding standingOf(const std::string& path) const override;
   bool vouchesForSDK(std::string_view name, const FileIdentity& file) const override;
   void HLClearSchemaCaches() override;
 

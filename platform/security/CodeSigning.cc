@@ -129,6 +129,12 @@ std::shared_ptr<const CodeSigningTask> CodeSigningTask::create(
   return task;
 }
 
+std::shared_ptr<const CodeSigningTask> CodeSigningTask::ofBundle(const std::string& path) {
+  const std::shared_ptr<CodeSigningTask> task(new CodeSigningTask);
+  task->bundlePath_ = path;
+  return task;
+}
+
 CodeSigningTask::Answer CodeSigningTask::valueForEntitlement(std::string_view name) const {
   Answer answer;
   if (bundlePath_) {
@@ -140,7 +146,7 @@ CodeSigningTask::Answer CodeSigningTask::valueForEntitlement(std::string_view na
     }
   }
   // Asked last: the answer was true of a process that was still the same when it was found.
-  if (!peer_->runsSameImage()) return {Value(), Error::posix(ESRCH)};
+  if (peer_ != nullptr && !peer_->runsSameImage()) return {Value(), Error::posix(ESRCH)};
   return answer;
 }
 

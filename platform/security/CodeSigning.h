@@ -27,6 +27,8 @@ class CodeSigningTask {
  public:
   /// Null when the process is not known for certain.
   static std::shared_ptr<const CodeSigningTask> create(std::shared_ptr<const qmx::PeerIdentity> peer);
+  /// What a process of the bundle at `path` would be: it is never gone.
+  static std::shared_ptr<const CodeSigningTask> ofBundle(const std::string& path);
 
   struct Answer {
     Value value;                 // none when the entitlement is absent
@@ -38,7 +40,7 @@ class CodeSigningTask {
 
  private:
   CodeSigningTask() = default;
-  std::shared_ptr<const qmx::PeerIdentity> peer_;
+  std::shared_ptr<const qmx::PeerIdentity> peer_;  // null when there is no process
   std::optional<std::string> bundlePath_;
 };
 

@@ -134,7 +134,8 @@ bool Daemon::waitForLog(std::string_view text, size_t count, std::chrono::millis
   return eventually([&] { return logCount(text) >= count; }, timeout);
 }
 
-Host::Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, bool isConfined) {
+Host::Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, bool isConfined,
+           const std::string& suffix) {
   const std::string program = bundle + "/main";
   fs::create_directories(bundle);
   if (!fs::exists(program)) fs::copy_file(TEST_HOST_PROGRAM, program);
@@ -146,7 +147,7 @@ Host::Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bund
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) throw std::runtime_error("socketpair");
   client_.emplace(FileDescriptor(pair[0]));
   const FileDescriptor childEnd(pair[1]);
-  std::vector<std::string> arguments = {program, daemon.socketPath()};
+  std::vector<std::string> arguments = {program, daemon.socketPath() + suffix};
   if (isConfined) arguments.emplace_back("--confined");
   process_ =
       std::make_unique<Process>(arguments, root.environment(), root.path() + "/host.log", childEnd.get());

@@ -97,8 +97,9 @@ class Daemon {
 class Host {
  public:
   /// Copies the host program into the bundle at `bundle` (as "main") and starts it from there, if wanted
-  /// under a sandbox's filter.
-  Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, bool isConfined = false);
+  /// under a sandbox's filter. It connects to the service that has `suffix` behind the daemon's name.
+  Host(const DeviceRoot& root, const Daemon& daemon, const std::string& bundle, bool isConfined = false,
+       const std::string& suffix = {});
 
   WireClient& client() { return *client_; }
   pid_t pid() const { return process_->pid(); }

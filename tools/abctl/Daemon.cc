@@ -14,6 +14,7 @@
 #include <variant>
 
 #include "Ambrel/ABCollections.h"
+#include "Ambrel/ABDiagnostics.h"
 #include "Ambrel/ABInfoKeys.h"
 #include "platform/system/Directories.h"
 
@@ -82,8 +83,10 @@ bool orderedBefore(const Dictionary& a, const Dictionary& b) {
 
 }  // namespace
 
-Daemon::Daemon(const Context& context, int stopDescriptor)
-    : service_(context.service), timeoutSeconds_(context.timeoutSeconds), stopDescriptor_(stopDescriptor) {
+Daemon::Daemon(const Context& context, const char* suffix, int stopDescriptor)
+    : service_(context.service + suffix),
+      timeoutSeconds_(context.timeoutSeconds),
+      stopDescriptor_(stopDescriptor) {
   requireSocket(service_);
   client_ = std::make_unique<ambrel::ABDaemonClient>(service_.c_str());
 }
@@ -135,14 +138,31 @@ Dictionary Daemon::ask(Send&& send, const char* pathHint) {
   }
 }
 
+/// What is in a property-list message value of a reply.
+std::vector<Dictionary> Daemon::dictionariesOf(const Value& list) const {
+  const Value all = client_->convertFromQMX(list);
+  if (all.array() == nullptr)
+    throw Failure(kRefused, "the daemon's answer holds no list", hintFor(ambrel::kABErrorVersion));
+  std::vector<Dictionary> dictionaries;
+  for (const Value& each : *all.array())
+    if (each.isDictionary()) dictionaries.push_back(*each.dictionary());
+  return dictionaries;
+}
+
+std::vector<Dictionary> Daemon::explain(const Dictionary& request) {
+  const Dictionary reply = ask(
+      [&](auto done) {
+        Dictionary message = client_->request(ambrel::diagnostics::explain);
+        for (const Dictionary::Entry& entry : request) message.set(entry.key, entry.value);
+        client_->send(std::move(message), std::move(done));
+      },
+      "--as takes a process that is connected, or the directory of a bundle");
+  return dictionariesOf(reply[ambrel::explainkey::explanations]);
+}
+
 std::vector<Dictionary> Daemon::match(const Dictionary& rules, uint64_t flags) {
   const Dictionary reply = ask([&](auto done) { client_->matchPlugIns(rules, flags, std::move(done)); });
-  const Value matches = client_->convertFromQMX(reply[key::matches]);
-  if (matches.array() == nullptr)
-    throw Failure(kRefused, "the daemon's answer holds no matches", hintFor(ambrel::kABErrorVersion));
-  std::vector<Dictionary> forms;
-  for (const Value& form : *matches.array())
-    if (form.isDictionary()) forms.push_back(*form.dictionary());
+  std::vector<Dictionary> forms = dictionariesOf(reply[key::matches]);
   std::stable_sort(forms.begin(), forms.end(), orderedBefore);
   return forms;
 }

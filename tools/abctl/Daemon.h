@@ -23,13 +23,17 @@ class Daemon {
  public:
   /// Throws when no daemon can be reached under the service's name.
   /// A question to it is given up when `stopDescriptor` becomes readable.
-  explicit Daemon(const Context& context, int stopDescriptor = -1);
+  explicit Daemon(const Context& context, int stopDescriptor = -1) : Daemon(context, "", stopDescriptor) {}
+  /// The service of the daemon that has this behind its name.
+  Daemon(const Context& context, const char* suffix, int stopDescriptor = -1);
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
   /// The forms of the plug-ins found, sorted by identifier, then newest version first.
   std::vector<platform::Dictionary> match(const platform::Dictionary& rules, uint64_t flags);
+  /// Of the diagnostics service: an explanation for each plug-in that the request names.
+  std::vector<platform::Dictionary> explain(const platform::Dictionary& request);
   void add(const std::vector<std::string>& paths);
   void remove(const std::vector<std::string>& paths);
   void bulk(uint64_t flags);
@@ -51,6 +55,7 @@ class Daemon {
     std::optional<Reply> reply;
   };
   /// `pathHint` is what to do when the daemon finds a path wrong.
+  std::vector<platform::Dictionary> dictionariesOf(const platform::Value& list) const;
   template <typename Send>
   platform::Dictionary ask(Send&& send, const char* pathHint = "");
   platform::Dictionary wait(Slot& slot);

@@ -1,6 +1,7 @@
 #include "tools/abctl/PlugIns.h"
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 
@@ -129,6 +130,15 @@ std::string extensionPointOf(const Dictionary& form) {
 
 int64_t electionOf(const Dictionary& form) {
   return form[formkey::annotations][ambrel::annotation::election].integerValue();
+}
+
+std::string timeText(int64_t secondsSince1970) {
+  const std::time_t time = static_cast<std::time_t>(secondsSince1970);
+  std::tm parts{};
+  if (::localtime_r(&time, &parts) == nullptr) return std::to_string(secondsSince1970);
+  char buffer[64];
+  std::strftime(buffer, sizeof buffer, "%F %T %Z", &parts);
+  return buffer;
 }
 
 std::string electionText(int64_t election) {

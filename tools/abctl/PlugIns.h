@@ -37,6 +37,8 @@ std::string nameOf(const platform::Dictionary& form);
 std::string applicationOf(const platform::Dictionary& form);
 std::string extensionPointOf(const platform::Dictionary& form);
 int64_t electionOf(const platform::Dictionary& form);
+/// A time for people, in their time zone.
+std::string timeText(int64_t secondsSince1970);
 /// "use", "ignore", "-" or the number.
 std::string electionText(int64_t election);
 Style electionStyle(int64_t election);

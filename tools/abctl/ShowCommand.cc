@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <utility>
@@ -75,15 +74,6 @@ std::string styleOf(const ABPlugInCore& plugIn) {
   if (plugIn.isData()) style += ", data only";
   if (plugIn.isDedicated()) style += ", dedicated to its application";
   return style;
-}
-
-std::string timeText(int64_t seconds) {
-  const std::time_t time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  if (::localtime_r(&time, &parts) == nullptr) return std::to_string(seconds);
-  char buffer[64];
-  std::strftime(buffer, sizeof buffer, "%F %T %Z", &parts);
-  return buffer;
 }
 
 /// The record's dictionary without the attributes, which have a section of their own.

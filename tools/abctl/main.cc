@@ -26,6 +26,7 @@ const char* const kFooter =
     "  abctl match --rule ZQExtensionPointName=com.veltra.share-service\n"
     "  abctl show org.example.postcards.share\n"
     "  abctl check build/Postcards.app\n"
+    "  abctl explain org.example.postcards.share\n"
     "  abctl elect org.example.postcards.share use\n"
     "  abctl hold --application ~/.local/share/veltra/Applications/Courier.app\n"
     "  abctl COMMAND --help\n"
@@ -64,6 +65,7 @@ void declareOptions(CLI::App& app, Context& context) {
   addMatchCommand(app, context);
   addShowCommand(app, context);
   addCheckCommand(app, context);
+  addExplainCommand(app, context);
   addElectionCommands(app, context);
   addUseCommands(app, context);
   addHoldCommands(app, context);
