@@ -45,17 +45,14 @@ Course Transaction::readyPlugIns() {
   }
   if (plugIns.hasFailed()) co_return;
 
-  bool isAnswered = false;
+  std::optional<Error> first;
   for (const std::shared_ptr<ABDPlugIn>& plugIn : accepted) {
-    const std::optional<Error> error =
-        plugIn->enableForPid(client_->pid(), client_->settings(), &client_->peer());
-    if (error && !isAnswered) {
-      fail(error->code, *error);
-      isAnswered = true;
-    }
+    auto error = plugIn->enableForPid(client_->pid(), client_->settings(), &client_->peer());
+    if (!first) first = std::move(error);
     co_await giveWay();
   }
-  if (!isAnswered) done();
+  if (first) co_return fail(first->code, *first);
+  done();
 }
 
 Course Transaction::accessPlugIns() {

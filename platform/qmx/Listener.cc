@@ -21,8 +21,6 @@ namespace platform::qmx {
 
 namespace {
 
-/// New peers taken per turn, so that the others are not kept waiting.
-constexpr int kPeersPerTurn = 64;
 /// Descriptors may also be freed by others: then accepting goes on after this.
 constexpr std::chrono::seconds kRetryInterval{1};
 
@@ -50,6 +48,7 @@ class ServiceListener final : public Listener {
     admissions_->close();
     if (retry_ != 0) loop_.cancel(retry_);
     if (isResumed_) loop_.remove(socket_.fd());
+    loop_.withdraw(*door_);
   }
 
   void setConnectionHandler(ConnectionHandler handler) override {
@@ -58,7 +57,21 @@ class ServiceListener final : public Listener {
   std::optional<Error> resume() override;
 
  private:
-  void acceptPeers();
+  /// Where peers come in, one at a time: those who are in already have turns between.
+  class Door final : public RunLoop::Source {
+   public:
+    explicit Door(ServiceListener& listener) : listener_(listener) {}
+    bool supply() override { return listener_.isOpen_ = listener_.acceptPeer(); }
+    void finishTurn() override {}
+    /// Whoever is not in yet stands in nobody's way.
+    bool isOrphaned() const override { return true; }
+
+   private:
+    ServiceListener& listener_;
+  };
+
+  void open();
+  bool acceptPeer();
   void serve(FileDescriptor peer);
   void refuse(const PeerIdentity& peer);
   void pause(const char* reason);
@@ -73,6 +86,8 @@ class ServiceListener final : public Listener {
   const int firstReserved_;
   std::shared_ptr<const ConnectionHandler> handler_;
   std::shared_ptr<Admissions> admissions_;
+  const std::shared_ptr<Door> door_ = std::make_shared<Door>(*this);
+  bool isOpen_ = false;  // the door is among the loop's sources
   bool isResumed_ = false;
   bool isPaused_ = false;
   /// Whether a pause was logged since nobody waited to be accepted.
@@ -87,27 +102,32 @@ class ServiceListener final : public Listener {
 std::optional<Error> ServiceListener::resume() {
   if (isResumed_) return std::nullopt;
   if (listen(socket_.fd(), SOMAXCONN) != 0 ||
-      !loop_.add(socket_.fd(), EPOLLIN, [this](RunLoop::Events) { acceptPeers(); }))
+      !loop_.add(socket_.fd(), EPOLLIN, [this](RunLoop::Events) { open(); }))
     return Error::posix(errno);
   isResumed_ = true;
   return std::nullopt;
 }
 
-void ServiceListener::acceptPeers() {
-  for (int i = 0; i < kPeersPerTurn && !isPaused_; ++i) {
-    FileDescriptor peer(accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (peer && peer.get() < firstReserved_) {
-      serve(std::move(peer));
-    } else if (peer) {
-      parked_ = std::move(peer);
-      pause("no descriptors are left for more connections");
-    } else if (errno == EAGAIN) {
-      isShort_ = false;
-      return;
-    } else if (errno != ECONNABORTED && errno != EINTR) {
-      pause(std::strerror(errno));
-    }
+void ServiceListener::open() {
+  if (!std::exchange(isOpen_, true)) loop_.enlist(door_);
+}
+
+/// False when nobody waits, or nobody can be let in.
+bool ServiceListener::acceptPeer() {
+  if (isPaused_) return false;
+  FileDescriptor peer(accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (peer && peer.get() < firstReserved_) {
+    serve(std::move(peer));
+  } else if (peer) {
+    parked_ = std::move(peer);
+    pause("no descriptors are left for more connections");
+  } else if (errno == EAGAIN) {
+    isShort_ = false;
+    return false;
+  } else if (errno != ECONNABORTED && errno != EINTR) {
+    pause(std::strerror(errno));
   }
+  return !isPaused_;
 }
 
 void ServiceListener::serve(FileDescriptor peer) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "platform/log/Failure.h"
@@ -203,8 +204,11 @@ bool PeerConnection::mayFinish() const {
   return !isReplyWanted_ || poll(&stream, 1, 0) == 0;
 }
 
+/// While that is quick: the requests come too late to be served, and others wait.
 void PeerConnection::deliverTheRest() {
+  const auto end = std::chrono::steady_clock::now() + RunLoop::kLongPiece;
   while (reader_.count() > 0) {
+    if (reader_.front().size() > kSmallRequest || std::chrono::steady_clock::now() > end) return;
     if (deliverFront()) continue;
     systemLog("closing %@: %s", *this, kMalformedFrame);
     return;

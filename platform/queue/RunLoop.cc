@@ -150,11 +150,6 @@ void RunLoop::Implementation::takeIncoming() {
   for (Item& item : taken) ready.push(std::move(item));
 }
 
-void RunLoop::Implementation::list(std::shared_ptr<Source> source) {
-  Fifo<std::shared_ptr<Source>>& where = source->standsBack() ? standingBack : sources;
-  where.push(std::move(source));
-}
-
 /// Null: there is none.
 std::shared_ptr<RunLoop::Source> RunLoop::Implementation::nextSource(Clock::time_point now) {
   while (!sources.empty() && (standingBack.empty() || now - lastOfThose < kLongestDelay)) {
@@ -164,19 +159,28 @@ std::shared_ptr<RunLoop::Source> RunLoop::Implementation::nextSource(Clock::time
     standingBack.push(std::move(source));
   }
   while (!standingBack.empty()) {
-    if (std::shared_ptr<Source> source = standingBack.pop()) return source;
+    std::shared_ptr<Source> source = standingBack.pop();
+    if (source == nullptr) continue;
+    hadStoodBack = true;
+    return source;
   }
   return nullptr;
+}
+
+/// The source whose piece it was is told how long it took.
+void RunLoop::Implementation::endPiece(Clock::time_point now) {
+  if (std::exchange(hadStoodBack, false)) lastOfThose = now;
+  const std::shared_ptr<Source> source = std::exchange(served, nullptr);
+  if (std::exchange(servedFor, {}) > kLongPiece && source != nullptr) source->tookLong();
 }
 
 /// One piece of work; false when there is none. What a source submits belongs to its piece.
 bool RunLoop::Implementation::runNext(Clock::time_point now) {
   if (ready.empty()) {
-    if (std::exchange(hadStoodBack, false)) lastOfThose = now;
+    endPiece(now);
     served = nextSource(now);
     if (served == nullptr) return false;
-    hadStoodBack = served->standsBack();
-    if (served->supply()) list(served);
+    if (served->supply()) sources.push(served);
     if (ready.empty()) return true;
   }
   Item item = ready.pop();
@@ -194,10 +198,10 @@ void RunLoop::Implementation::drain() {
   Clock::time_point now = began;
   while (runNext(now)) {
     const Clock::time_point before = std::exchange(now, Clock::now());
-    if (const std::shared_ptr<Source> source = std::exchange(served, nullptr); now - before > kLongPiece)
-      if (source != nullptr) source->tookLong();
+    servedFor += now - before;
     if (now - began > kTurnBudget) break;
   }
+  if (ready.empty()) endPiece(now);
   busy += now - began;
   drainBegan.reset();
 }
@@ -301,7 +305,7 @@ void RunLoop::atEndOfTurn(Work work) {
 }
 
 void RunLoop::enlist(std::shared_ptr<Source> source) {
-  implementation_->list(std::move(source));
+  implementation_->sources.push(std::move(source));
 }
 
 void RunLoop::withdraw(const Source& source) {

@@ -36,7 +36,7 @@ class RunLoop {
   /// Sources that stand back let those go first that do not, but not for longer than this at a time.
   static constexpr std::chrono::milliseconds kLongestDelay{1};
   /// A piece of work that takes longer is remembered of its source.
-  static constexpr std::chrono::microseconds kLongPiece{500};
+  static constexpr std::chrono::microseconds kLongPiece{250};
 
   /// What has pieces of work waiting, or something to do when a turn ends, and takes part in turns without a
   /// closure for each.

@@ -52,8 +52,8 @@ struct RunLoop::Implementation {
   void takeIncoming();
   void drain();
   bool hasWork() const { return !ready.empty() || !sources.empty() || !standingBack.empty(); }
-  void list(std::shared_ptr<Source> source);
   std::shared_ptr<Source> nextSource(Clock::time_point now);
+  void endPiece(Clock::time_point now);
   bool runNext(Clock::time_point now);
   void endTurn();
   void runTimers();
@@ -70,10 +70,12 @@ struct RunLoop::Implementation {
   bool isDispatching = false;
   std::vector<epoll_event> events;
   Fifo<Item> ready;
-  // Null: withdrawn.
+  // In the order of their turns; null: withdrawn. Who stands back is put aside when its turn comes.
   Fifo<std::shared_ptr<Source>> sources, standingBack;
-  /// Whose the last piece was, while it is measured, and whether it stood back; when such a piece ended.
+  /// Whose piece is under way, for how long it has run, and whether its source stood back; when the last
+  /// such piece ended.
   std::shared_ptr<Source> served;
+  Clock::duration servedFor{0};
   bool hadStoodBack = false;
   Clock::time_point lastOfThose;
   std::vector<std::shared_ptr<Source>> finishing, finishingNow;
