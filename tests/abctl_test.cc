@@ -261,6 +261,48 @@ TEST_F(Abctl, ElectionsAndAnnotationsAreStoredAndShown) {
       << "nothing is elected when a name is wrong";
 }
 
+TEST_F(Abctl, ElectionsGoToAFileAndComeBackExactly) {
+  const std::string file = root.path() + "/saved.plist", values = root.path() + "/values.plist";
+  root.install("Better.app", {{.identifier = "org.better",
+                               .entitlements = {{"com.veltra.developer.replace-plugin", "org.paint.blur"}}},
+                              {.identifier = "org.odd.<&", .plugIn = {{"Dedicated", true}}}});
+  writePropertyList(values, Dictionary{{"real", 1.0},
+                                       {"yes", true},
+                                       {"large", UINT64_MAX},
+                                       {"date", Date{1e9}},
+                                       {"data", Data(std::string_view("\0\xff", 2))},
+                                       {"text", " \r\n"}});
+  ASSERT_TRUE(eventually([&] { return status({"elect", "org.better", "org.notes.private", "use"}) == 0; }));
+  EXPECT_EQ(status({"annotate", "org.odd.<&", "--extension-file", values}), 0);
+  EXPECT_EQ(status({"elections", "export", file}), 0);
+  const std::string exported = run({"elections", "export"}).out(), kept = readText(root.annotationFile());
+  EXPECT_EQ(exported, readText(file));
+  EXPECT_NE(exported.find("org.paint.blur"), std::string::npos) << "both share one choice";
+  EXPECT_EQ(status({"annotate", "org.odd.<&", "--extension", R"({"real": 1})"}), 0);
+  EXPECT_EQ(status({"elect", "org.paint.blur", "ignore"}), 0);
+  const std::string imported = run({"elections", "import", file}).out();
+  EXPECT_NE(imported.find("election ignore -> use"), std::string::npos) << imported;
+  EXPECT_NE(imported.find("2 changed, 1 the same, 0 not"), std::string::npos) << imported;
+  EXPECT_EQ(readText(root.annotationFile()), kept);
+  const size_t posts = root.changeNotifications();
+  fs::remove_all(notes_);
+  ASSERT_TRUE(eventually([&] { return status({"show", "org.notes.private"}) == 1; }));
+  const Json again = run({"elections", "import", "--json"}, {.input = exported}).json();
+  EXPECT_EQ(again["same"].size(), 2u);
+  EXPECT_EQ(again["notInstalled"][0]["plugin"], "org.notes.private");
+  EXPECT_EQ(root.changeNotifications(), posts) << "who hears of no change need not look";
+
+  const std::string large(300'000, 'x'), good = R"("org.paint.blur": {"election": 2}, )";
+  for (const std::string& records :
+       {R"("b": 1)"s, R"("b": {})"s, R"("b": {"election": "use"})"s, R"("b": {"extension": [1]})"s,
+        R"("b": {"elction": 1})"s, R"("b": {"extension": {"x": ")" + large + "\"}}"})
+    expectFailure({"elections", "import"}, 2, "standard input: b ",
+                  {.input = R"({"version": 1, "elections": {)" + good + records + "}}"});
+  for (const char* document : {"{}", R"({"version": 2, "elections": {}})", R"({"version": 1})", "<plist>"})
+    expectFailure({"elections", "import"}, 2, "standard input", {.input = document});
+  EXPECT_EQ(readText(root.annotationFile()), kept);
+}
+
 TEST_F(Abctl, ReadyShowsTheLaunchAndHandsItToTheProgramThatFollows) {
   Invocation ready(root,
                    {"ready", "org.notes.share", "--run", "ls $XDG_RUNTIME_DIR/veltra/Launcher/$$; exit 7"});

@@ -52,6 +52,8 @@ class ABDAnnotationStore {
   /// file, and nobody else has a turn meanwhile: once that has kMaximumBytes, records may only shrink.
   bool hasRoomFor(size_t bytes, const ABDPlugIn& plugIn) const;
   static constexpr size_t kMaximumBytes = 2u << 20;
+  /// Bytes of one record in the form of a file: nobody's record fills the file for the others.
+  static constexpr size_t kMaximumRecord = 256u << 10;
   /// Merges `annotation` into the plug-in's record (none removes the record), then saves. A failed save is
   /// logged; the change is kept in memory and written with the next one.
   void setAnnotation(const std::optional<Dictionary>& annotation, const ABDPlugIn& plugIn);

@@ -18,9 +18,6 @@ namespace {
 /// record.
 constexpr int kContainersAroundValue = 3;
 
-/// Bytes of one record in the form of a file: nobody's record fills the file for the others.
-constexpr size_t kMaximumRecord = 256u << 10;
-
 constexpr const char* kBadExtension = "invalid request format (annotation extension)";
 
 bool canBeStored(const Value& value) {
@@ -44,7 +41,7 @@ Course Transaction::annotatePlugIns() {
     const Value extension = withWholeSeconds(given);
     annotation.set(annotation::extension, extension);
     size = ABDAnnotationStore::writtenSize(annotation);
-    if (!extension.isDictionary() || !canBeStored(extension) || size > kMaximumRecord)
+    if (!extension.isDictionary() || !canBeStored(extension) || size > ABDAnnotationStore::kMaximumRecord)
       co_return fail(kABErrorRequest, kBadExtension);
   }
   if (annotation.empty()) co_return done();

@@ -34,6 +34,7 @@ void addWatchCommand(CLI::App& app, Context& context);
 void addRegistrationCommands(CLI::App& app, Context& context);  // add, remove, bulk
 void addUseCommands(CLI::App& app, Context& context);           // ready, access
 void addElectionCommands(CLI::App& app, Context& context);      // elect, annotate
+void addElectionsCommand(CLI::App& app, Context& context);      // elections export, import
 void addCheckCommand(CLI::App& app, Context& context);
 void addHoldCommands(CLI::App& app, Context& context);  // hold, release
 

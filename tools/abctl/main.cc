@@ -28,6 +28,7 @@ const char* const kFooter =
     "  abctl check build/Postcards.app\n"
     "  abctl explain org.example.postcards.share\n"
     "  abctl elect org.example.postcards.share use\n"
+    "  abctl elections export elections.plist\n"
     "  abctl hold --application ~/.local/share/veltra/Applications/Courier.app\n"
     "  abctl COMMAND --help\n"
     "\n"
@@ -67,6 +68,7 @@ void declareOptions(CLI::App& app, Context& context) {
   addCheckCommand(app, context);
   addExplainCommand(app, context);
   addElectionCommands(app, context);
+  addElectionsCommand(app, context);
   addUseCommands(app, context);
   addHoldCommands(app, context);
   addWatchCommand(app, context);
