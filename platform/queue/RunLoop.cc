@@ -41,6 +41,7 @@ RunLoop::Implementation::~Implementation() {
   const auto goneRegistrations = std::exchange(registrations, {});
   const auto goneSources = std::exchange(sources, {});
   const auto goneStandingBack = std::exchange(standingBack, {});
+  const auto goneServed = std::exchange(served, nullptr);
   const auto goneFinishing = std::exchange(finishing, {});
   const auto goneReady = std::exchange(ready, {});
   const auto goneIncoming = std::exchange(incoming, {});
