@@ -1,4 +1,4 @@
-// abctl check and abctl show --origin: what they find, that the daemon does what they say, and that the
+// abctl check, doctor and show --origin: what they find, that the daemon does what they say, and that the
 // commands of docs/abctl.md print what stands there.
 
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 #include <regex>
 #include <set>
 
+#include "platform/system/Preferences.h"
 #include "tests/support/Daemon.h"
 
 namespace {
@@ -182,6 +183,74 @@ TEST(Check, RulesAndSDKsThatHaveNoEffectAreFound) {
         R"(did you mean "ZQExtensionPointName"?)", R"(did you mean "ENTITLEMENT:"?)",
         "there is nothing at none", "checked 1 SDK, 1 rule file: 6 errors, 4 warnings, 2 hints\n"})
     EXPECT_NE(found.find(finding), std::string::npos) << finding << "\n" << found;
+}
+
+struct Ailment {
+  const char* cause;  // a shell command on the device
+  const char* finding;
+  const char* cure = "true";
+};
+
+const std::vector<Ailment> kWhileItRuns = {
+    {"chmod 777 data/veltra", "data/veltra: warning: everybody may write to it", "chmod 755 data/veltra"},
+    {"chmod 755 run/veltra", "run/veltra: warning: others may enter it", "chmod 700 run/veltra"},
+    {"echo x > $A/Annotations", "Annotations: error: cannot be loaded: not a property list",
+     "rm $A/Annotations"},
+    {"echo x > $A/Annotations.damaged-1", "damaged-1: warning: was set aside as damaged", "rm $A/A*"},
+    {"touch state/veltra/Sandbox.key; chmod 604 state/veltra/Sandbox.key",
+     "error: is not a file of this user"},
+    {"chmod 600 state/veltra/Sandbox.key", "Sandbox.key: error: is not 32 bytes",
+     "rm state/veltra/Sandbox.key"},
+    {"echo x > config/veltra/Consent.plist", "Consent.plist: error: not a property list",
+     "echo \"<plist><dict><key>a</key><true/></dict></plist>\" > config/veltra/Consent.plist"},
+    {"true", "Consent.plist:1: warning: a: is no dictionary", "rm config/veltra/Consent.plist"},
+    {"echo \"<plist><dict><key>maximumAppsRating</key><true/></dict></plist>\" > $R",
+     "error: maximumAppsRating: is no number", "rm $R"},
+    {"echo \"<plist><dict><key>exclusions</key><true/></dict></plist>\" > $P",
+     "error: exclusions: is no array",
+     "echo \"<plist><dict><key>exclusions</key><array><dict><key>a</key><real>2</real></dict></array></dict>"
+     "</plist>\" > $P"},
+    {"true", "error: exclusions.0.a: ", "mv $P config/veltra/Preferences/com.veltra.ambrel.userprefs.plist"},
+    {"true", "userprefs.plist: warning: is not read", "rm config/veltra/Preferences/*.plist"},
+    {"echo x > share/veltra/SDKs/x.plist", "SDKs/x.plist: error: not a", "rm share/veltra/SDKs/x.plist"},
+    {"mv $S.diagnostics d", "diagnostics: error: there is no socket", "mv d $S.diagnostics"},
+    {"mv $S s", "hint: a daemon runs, but not under this name: process ", "mv s $S"},
+};
+const std::vector<Ailment> kWhenItHasEnded = {
+    {"true", "abd: error: is stale: the daemon that made it has ended", "rm $S; touch $S"},
+    {"true", "abd: error: is not a socket", "rm $S"},
+    {"true", "abd: error: there is no socket", "head -c 9999 /dev/zero | tr \"\\0\" x > $H"},
+    {"true", "Registry.sqlite: error: is damaged", "rm $H; rm -r run/veltra; touch run/veltra"},
+    {"true", "run/veltra: error: is no directory"},
+};
+
+TEST(Doctor, SaysWhatIsWrongAndHarmsNothing) {
+  const DeviceRoot root;
+  installSDKs(root);
+  std::optional<Daemon> daemon(std::in_place, root, Daemon::Options{.service = "com.veltra.ambrel.abd"});
+  fs::create_directories(root.configUser() + "/Preferences/ByHost");
+  const std::string names =
+      "A=state/veltra/com.veltra.ambrel; R=config/veltra/Restrictions.plist; "
+      "P=config/veltra/Preferences/ByHost/com.veltra.ambrel.userprefs." +
+      hostIdentifier() +
+      ".plist; S=run/veltra/com.veltra.ambrel.abd; H=state/veltra/Hollin/Registry.sqlite; ";
+  const auto suffer = [&](const Ailment& each) {
+    const Outcome run = shell(root, names + each.cause + "; abctl doctor");
+    EXPECT_NE(run.output.find(each.finding), std::string::npos) << each.finding << "\n" << run.output;
+    EXPECT_EQ(run.status, run.output.find(": error: ") != std::string::npos ? 1 : 0) << run.output;
+    shell(root, names + each.cure);
+  };
+  const auto isWell = [&] {
+    const Outcome run = shell(root, "abctl doctor");
+    EXPECT_NE(run.output.find("daemon: answers (process " + std::to_string(daemon->pid())),
+              std::string::npos);
+    return run.output.find(": 0 errors, 0 warnings, 0 hints") != std::string::npos ? "" : run.output;
+  };
+  EXPECT_EQ(isWell(), "");
+  for (const Ailment& each : kWhileItRuns) suffer(each);
+  EXPECT_EQ(isWell(), "");
+  daemon.reset();
+  for (const Ailment& each : kWhenItHasEnded) suffer(each);
 }
 
 /// Blocks of the document: with the name of a file, what it holds; else commands and what they print. With

@@ -59,12 +59,6 @@ Result<Dictionary> tableOfFile(const Value& file) {
   return *table;
 }
 
-Result<Dictionary> readTable(const std::string& path) {
-  auto file = readPropertyListFile(path, kMaximumAnnotationFile);
-  if (auto* error = std::get_if<Error>(&file)) return std::move(*error);
-  return tableOfFile(std::get<Value>(file));
-}
-
 Result<std::string> serializedTable(const Dictionary& table) {
   return serializePropertyList(
       Dictionary{{kVersionKey, ABDAnnotationStore::kFileVersion}, {kDataKey, table}});
@@ -92,14 +86,25 @@ ABDAnnotationStore::ABDAnnotationStore(const std::optional<std::string>& path)
   annotations_ = Dictionary();
 }
 
-URL ABDAnnotationStore::defaultDatabaseURL() {
+std::string ABDAnnotationStore::defaultPath() {
   const std::string& state = Directories::shared().state;
-  if (state.empty()) raiseInternalInconsistency("unable to locate user directory: errno %d", ENOENT);
-  const URL directory = URL::file(state, true).appending("com.veltra.ambrel", true);
+  return state.empty() ? std::string() : state + "/com.veltra.ambrel/Annotations";
+}
+
+URL ABDAnnotationStore::defaultDatabaseURL() {
+  const std::string path = defaultPath();
+  if (path.empty()) raiseInternalInconsistency("unable to locate user directory: errno %d", ENOENT);
+  const URL directory = URL::file(path.substr(0, path.rfind('/')), true);
   if (const int number = makeDirectories(directory.path(), 0700); number != 0)
     raiseInternalInconsistency("unable to create plugin annotations directory:%@ error:%@", directory,
                                Error::posix(number));
-  return directory.appending("Annotations");
+  return URL::file(path);
+}
+
+Result<Dictionary> ABDAnnotationStore::readTable(const std::string& path) {
+  auto file = readPropertyListFile(path, kMaximumAnnotationFile);
+  if (auto* error = std::get_if<Error>(&file)) return std::move(*error);
+  return tableOfFile(std::get<Value>(file));
 }
 
 std::optional<Error> ABDAnnotationStore::loadDb() {

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <variant>
 
 #include "platform/value/Error.h"
 #include "platform/value/URL.h"
@@ -31,6 +32,10 @@ class ABDAnnotationStore {
   /// The default file, "com.veltra.ambrel/Annotations" in the per-user directory; makes its directory. Raises
   /// InternalInconsistency when there is no place for it.
   static URL defaultDatabaseURL();
+  /// Its path; "" when there is no place for it. Makes nothing.
+  static std::string defaultPath();
+  /// The table in the file at `path`, or why loadDb() would not take it.
+  static std::variant<Dictionary, Error> readTable(const std::string& path);
 
   const URL& annotationsURL() const { return annotationsURL_; }
   /// Annotation key to annotation record.

@@ -5,7 +5,7 @@
 namespace abd {
 
 Value ABDUserPrefs::exclusions() const {
-  return hostPreference("com.veltra.ambrel.userprefs", "exclusions");
+  return hostPreference(kDomain, kExclusions);
 }
 
 }  // namespace abd

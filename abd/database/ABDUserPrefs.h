@@ -10,6 +10,9 @@ using namespace platform;
 
 class ABDUserPrefs {
  public:
+  static constexpr const char* kDomain = "com.veltra.ambrel.userprefs";
+  static constexpr const char* kExclusions = "exclusions";
+
   /// The rule dictionaries (an array) of plug-ins that the user has excluded, as they are now in the
   /// host-specific scope; none when there are none. Not checked for its shape.
   Value exclusions() const;

@@ -8,11 +8,15 @@
 
 namespace platform {
 
+std::string consentFile() {
+  const std::string& directory = Directories::shared().configUser;
+  return directory.empty() ? std::string() : directory + "/Consent.plist";
+}
+
 ConsentDecisions readConsentDecisions() {
   static PropertyListCache cache(1);
-  const std::string& directory = Directories::shared().configUser;
-  if (directory.empty()) return Dictionary();
-  const std::string path = directory + "/Consent.plist";
+  const std::string path = consentFile();
+  if (path.empty()) return Dictionary();
   if (auto dictionary = cache.dictionary(path)) return dictionary;
   // The cache does not tell a missing file from a bad one.
   const Result<Value> contents = readPropertyListFile(path);

@@ -21,6 +21,9 @@ struct ConsentEntry {
 /// All decisions of the user; none when the file cannot be read.
 using ConsentDecisions = std::optional<Dictionary>;
 
+/// Where the user's decisions are; "" without a place for them.
+std::string consentFile();
+
 /// The decisions as the file says now. No file: no decisions.
 ConsentDecisions readConsentDecisions();
 

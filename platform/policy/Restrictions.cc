@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <map>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "platform/log/Log.h"
 #include "platform/propertylist/FileReplacement.h"
@@ -14,14 +12,6 @@
 namespace platform {
 
 namespace {
-
-std::vector<std::string> restrictionFiles() {
-  const Directories& directories = Directories::shared();
-  std::vector<std::string> files = directories.configDevice;
-  if (!directories.configUser.empty()) files.push_back(directories.configUser);
-  for (std::string& file : files) file += "/Restrictions.plist";
-  return files;
-}
 
 /// Tells the log, once for each state of the file, that it restricts nothing.
 void reportUnreadable(const std::string& file, const FileIdentity& identity) {
@@ -37,6 +27,14 @@ void reportUnreadable(const std::string& file, const FileIdentity& identity) {
 }
 
 }  // namespace
+
+std::vector<std::string> restrictionFiles() {
+  const Directories& directories = Directories::shared();
+  std::vector<std::string> files = directories.configDevice;
+  if (!directories.configUser.empty()) files.push_back(directories.configUser);
+  for (std::string& file : files) file += "/Restrictions.plist";
+  return files;
+}
 
 std::optional<int64_t> maximumAppsRating() {
   static const std::vector<std::string> files = restrictionFiles();

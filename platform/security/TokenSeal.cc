@@ -89,8 +89,6 @@ int makeKey(const std::string& directory, const std::string& path) {
   return number;
 }
 
-constexpr const char* kKeyFile = "Sandbox.key";
-
 struct Secret {
   Key key{};
   std::array<char, kRandomPart> random{};
@@ -105,19 +103,18 @@ const Secret* secret() {
   if (const Secret* known = shared.load(std::memory_order_acquire)) return known;
   const std::lock_guard lock(loading);
   if (const Secret* known = shared.load(std::memory_order_acquire)) return known;
-  const std::string& state = Directories::shared().state;
-  int number = state.empty() ? ENOENT : sodium_init() < 0 ? EIO : 0;
+  const std::string path = TokenSeal::keyFile();
+  int number = path.empty() ? ENOENT : sodium_init() < 0 ? EIO : 0;
   if (number == 0) {
-    const std::string path = state + "/" + kKeyFile;
     number = readKey(path, storage.key);
     if (number == ENOENT) {
-      number = makeKey(state, path);
+      number = makeKey(Directories::shared().state, path);
       if (number == 0) number = readKey(path, storage.key);
     }
   }
   static int told = 0;  // one line for each reason: every token would say it again
   if (std::exchange(told, number) != number && number != 0)
-    systemLog("the key of read tokens %s/%s cannot be used: %s", state, kKeyFile, std::strerror(number));
+    systemLog("the key of read tokens %s cannot be used: %s", path, std::strerror(number));
   if (number != 0) {
     errno = number;
     return nullptr;
@@ -128,6 +125,18 @@ const Secret* secret() {
 }
 
 }  // namespace
+
+std::string TokenSeal::keyFile() {
+  const std::string& state = Directories::shared().state;
+  return state.empty() ? std::string() : state + "/Sandbox.key";
+}
+
+int TokenSeal::checkKey() {
+  Key key;
+  const int number = readKey(keyFile(), key);
+  sodium_memzero(key.data(), key.size());
+  return number;
+}
 
 std::optional<std::string> TokenSeal::seal(const Contents& contents) {
   static std::atomic<uint64_t> count{0};

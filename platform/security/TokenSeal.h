@@ -21,6 +21,12 @@ class TokenSeal {
   static std::optional<std::string> seal(const Contents& contents);
   /// What an authentic token says; none, with errno set (EBADMSG when it is not authentic).
   static std::optional<Contents> open(std::string_view token);
+
+  /// Where the key lies; "" without a state directory.
+  static std::string keyFile();
+  /// Whether the key in that file can be used: 0, or an error number (EPERM when it is not a regular file of
+  /// this user alone, EINVAL when it is no key). Makes nothing.
+  static int checkKey();
 };
 
 }  // namespace platform

@@ -36,6 +36,7 @@ void addUseCommands(CLI::App& app, Context& context);           // ready, access
 void addElectionCommands(CLI::App& app, Context& context);      // elect, annotate
 void addElectionsCommand(CLI::App& app, Context& context);      // elections export, import
 void addCheckCommand(CLI::App& app, Context& context);
+void addDoctorCommand(CLI::App& app, Context& context);
 void addHoldCommands(CLI::App& app, Context& context);  // hold, release
 
 }  // namespace abctl

@@ -31,7 +31,9 @@ const char* nameOf(Level level) {
 }
 
 std::string counted(size_t count, const std::string& what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+  const std::string number = std::to_string(count) + " ";
+  if (count != 1 && what.ends_with('y')) return number + what.substr(0, what.size() - 1) + "ies";
+  return number + what + (count == 1 ? "" : "s");
 }
 
 }  // namespace

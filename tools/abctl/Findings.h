@@ -1,6 +1,6 @@
 #pragma once
 
-// What `abctl check` found, for people and for programs. Main thread.
+// What `abctl check` and `abctl doctor` found, for people and for programs. Main thread.
 
 #include <cstddef>
 #include <optional>
@@ -16,7 +16,7 @@
 namespace abctl {
 
 /// What is found: hint, what is likely not meant; warning, what is passed over or changed; error, what keeps
-/// a bundle, a file or a rule from being of any use.
+/// a bundle, a file, a rule or the daemon from being of any use.
 enum class Level { hint, warning, error };
 
 struct Finding {

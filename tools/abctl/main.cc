@@ -32,8 +32,8 @@ const char* const kFooter =
     "  abctl hold --application ~/.local/share/veltra/Applications/Courier.app\n"
     "  abctl COMMAND --help\n"
     "\n"
-    "Exit status: 0 done or matched, 1 nothing matched, no such plug-in, or errors found by check,\n"
-    "2 wrong usage, 4 the daemon cannot be reached, 5 the daemon refused or failed.\n"
+    "Exit status: 0 done or matched, 1 nothing matched, no such plug-in, or errors found by check or\n"
+    "doctor, 2 wrong usage, 4 the daemon cannot be reached, 5 the daemon refused or failed.\n"
     "\n"
     "With --json one document comes out on standard output, errors included. Colours appear only on a\n"
     "terminal, and never when NO_COLOR is set. The daemon is found under $XDG_RUNTIME_DIR/veltra.";
@@ -73,6 +73,7 @@ void declareOptions(CLI::App& app, Context& context) {
   addHoldCommands(app, context);
   addWatchCommand(app, context);
   addRegistrationCommands(app, context);
+  addDoctorCommand(app, context);
   for (CLI::App* const command : app.get_subcommands(nullptr))
     command->footer(command->get_footer() +
                     "\n\nOptions of every command: --json, --service NAME, --timeout SECONDS (abctl --help)");
