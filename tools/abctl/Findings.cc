@@ -109,7 +109,7 @@ void Findings::print(const Screen& screen) const {
   const std::string summary = counted(count(Level::error), "error") + ", " +
                               counted(count(Level::warning), "warning") + ", " +
                               counted(count(Level::hint), "hint");
-  std::printf("checked %s: %s\n", things.c_str(), summary.c_str());
+  std::printf("checked %s: %s\n", things.empty() ? "nothing" : things.c_str(), summary.c_str());
 }
 
 Dictionary Findings::dictionary() const {
