@@ -40,6 +40,13 @@ std::shared_ptr<ABDQmxClient> ABDServer::clientOf(pid_t pid) const {
   return found == clients_.end() ? nullptr : (*found)->shared_from_this();
 }
 
+std::vector<std::shared_ptr<ABDQmxClient>> ABDServer::clients() const {
+  std::vector<std::shared_ptr<ABDQmxClient>> all;
+  all.reserve(clients_.size());
+  for (ABDQmxClient* client : clients_) all.push_back(client->shared_from_this());
+  return all;
+}
+
 std::shared_ptr<ABDQmxClient> ABDQmxClient::initWithConnection(
     const std::shared_ptr<qmx::Connection>& connection, ABDServer& server, Service service) {
   const std::shared_ptr<ABDQmxClient> client(new ABDQmxClient(connection, server, service));

@@ -46,6 +46,8 @@ class ABDQmxClient : public RequestHost, public std::enable_shared_from_this<ABD
   ABDServer& server() const { return server_; }
   Service service() const { return service_; }
   const qmx::PeerIdentity& peer() const { return *peer_; }
+  /// Requests that it has sent and that had their turn. On the service queue.
+  uint32_t requestCount() const { return requestCount_; }
   /// Whether requests of this peer are still served.
   bool acceptWork() const { return acceptWork_.load(std::memory_order_acquire); }
 

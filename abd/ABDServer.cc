@@ -42,6 +42,7 @@ std::shared_ptr<ABDServer> ABDServer::initForService(const std::string& service,
     [[maybe_unused]] static const auto& unfinished = *new std::shared_ptr<ABDServer>(server);
     return nullptr;
   }
+  server->serviceName_ = service;
   server->service_ = std::move(std::get<0>(listener));
   singleton() = server;
   server->openDiagnostics(service + kDiagnosticsSuffix);

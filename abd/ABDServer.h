@@ -17,6 +17,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "abd/Statistics.h"
 #include "abd/database/ABDUserPrefs.h"
 #include "abd/database/ABDatabase.h"
 #include "platform/log/Format.h"
@@ -53,7 +54,10 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   SerialQueue& mainQueue() { return mainQueue_; }
   SerialQueue& syncQueue() { return syncQueue_; }
   qmx::Listener& service() { return *service_; }
+  const std::string& serviceName() const { return serviceName_; }
   ABDUserPrefs& userPrefs() { return *userPrefs_; }
+  /// Only on the service queue.
+  Statistics& statistics() { return statistics_; }
 
   /// From this verbosity on every message and every reply is written out in full.
   static constexpr uint32_t kVerboseMessages = 2;
@@ -78,6 +82,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
 
   // The hold list. From any queue but "serverSync", which each of these enters.
 
+  /// All, in no order.
+  std::vector<std::shared_ptr<ABDPlugInHold>> holds();
   /// Whether a live hold blocks the plug-in.
   bool holdOnPlugIn(const ABDPlugIn& plugIn);
   /// The holds that do. Looks at all.
@@ -113,6 +119,8 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
 
   /// A connected client of that process, or null. On the service queue.
   std::shared_ptr<ABDQmxClient> clientOf(pid_t pid) const;
+  /// Those that are connected to the main service, in no order. On the service queue.
+  std::vector<std::shared_ptr<ABDQmxClient>> clients() const;
 
   /// Has the service launcher forget uninstalled plug-ins. Any thread.
   void removedPlugIns(const HLProxyList& proxies) override;
@@ -136,11 +144,14 @@ class ABDServer : public ABDatabase, public ABDatabaseDelegate {
   SerialQueue qmxQueue_{"qmx", RunLoop::main()};
   SerialQueue mainQueue_{"service", RunLoop::main(), QualityOfService::userInitiated};
   SerialQueue syncQueue_{"serverSync", RunLoop::main()};
+  std::string serviceName_;
   std::unique_ptr<qmx::Listener> service_;
   std::unique_ptr<qmx::Listener> diagnostics_;  // null where its socket cannot be had
   std::unique_ptr<ABDUserPrefs> userPrefs_;
 
-  std::vector<const Enabling::PlugIns*> enabling_;  // only on the service queue
+  // Only on the service queue.
+  Statistics statistics_;
+  std::vector<const Enabling::PlugIns*> enabling_;
 
   // Only on the main run loop.
   std::unordered_set<ABDQmxClient*> clients_;  // that are connected to the main service

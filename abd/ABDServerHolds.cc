@@ -19,6 +19,15 @@
 
 namespace abd {
 
+std::vector<std::shared_ptr<ABDPlugInHold>> ABDServer::holds() {
+  return syncQueue_.sync([this] {
+    std::vector<std::shared_ptr<ABDPlugInHold>> all;
+    all.reserve(holds_.size());
+    for (const auto& [token, hold] : holds_) all.push_back(hold);
+    return all;
+  });
+}
+
 bool ABDServer::holdOnPlugIn(const ABDPlugIn& plugIn) {
   return syncQueue_.sync([&] { return blockedPlugIns_.contains(plugIn.uuid()); });
 }

@@ -3,7 +3,10 @@
 #include <poll.h>
 #include <pty.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
 
 #include "tests/support/Child.h"
 #include "tests/support/DaemonTest.h"
@@ -226,6 +229,7 @@ TEST_F(Abctl, InItsBundleItMaySeeEverythingAndACopyElsewhereMayNot) {
   fs::copy_file(ABCTL_PROGRAM, copy);
   expectFailure({"match", "--all"}, 5, "abctl: unauthorized discovery flag (ABDiscoverAll)\n",
                 {.program = copy});
+  expectFailure({"status"}, 5, "abctl: unauthorized request\n", {.program = copy});
   EXPECT_EQ(status({"show", "org.notes.private"}, {.program = copy}), 1);
 }
 
@@ -363,6 +367,89 @@ TEST_F(Abctl, WatchSaysThatAndWhatChanged) {
   json.signal(SIGTERM);
   EXPECT_EQ(json.status(), 0);
   EXPECT_EQ(Json::parse(lines(json.out()).back())["added"][0]["identifier"], "org.sketch");
+}
+
+TEST_F(Abctl, StatusCountsWhatHappened) {
+  const auto told = [this] { return run({"status", "--json"}).json(); };
+  const auto requests = [](const Json& all, std::string_view name) {
+    for (const Json& row : all["requests"])
+      if (row["name"] == name) return row;
+    return Json();
+  };
+  ASSERT_TRUE(eventually([&] { return told()["registry"].contains("scanned"); }));
+  const Json before = told()["registry"];
+  EXPECT_EQ(before["bundles"], 5);
+  EXPECT_GT(before["watches"], 0);
+
+  EXPECT_EQ(error("lock", {{"paths", Array{notes_}}, {"flags", 1}}), "");
+  EXPECT_EQ(elect(DaemonTest::uuid("org.paint.blur"), 1), "");
+  for (int i = 0; i < 40; ++i) call("match");
+  EXPECT_EQ(error("match", {{"rules", 3}}).substr(0, 2), "4:");
+  EXPECT_EQ(error("no such thing").substr(0, 2), "4:");
+  root.install("Late.app", {{.identifier = "late"}, {.identifier = "later"}});
+  ASSERT_TRUE(eventually([&] { return told()["registry"]["announcements"] != before["announcements"]; }));
+
+  const Json after = told();
+  EXPECT_EQ(after["registry"]["bundles"], 7);
+  EXPECT_EQ(after["registry"]["plugins"], 7);
+  EXPECT_EQ(after["registry"]["announcements"], before["announcements"].get<int>() + 1);
+  EXPECT_GT(after["registry"]["watches"], before["watches"]);
+  const Json match = requests(after, "match"), failed = requests(after, "other");
+  EXPECT_EQ(match["count"], 42) << "one of them told the UUID";
+  EXPECT_EQ(match["failed"], 1);
+  EXPECT_LE(0, match["p50"]);
+  EXPECT_LE(match["p50"], match["p99"]);
+  EXPECT_LE(match["seconds"], 42 * match["p99"].get<double>() + 1);
+  EXPECT_EQ(failed["count"], 1);
+  EXPECT_EQ(failed["failed"], 1);
+  EXPECT_FALSE(requests(after, "bulk").contains("p50"));
+  ASSERT_EQ(after["clients"].size(), 1u);
+  EXPECT_EQ(after["clients"][0]["pid"], getpid());
+  EXPECT_EQ(after["clients"][0]["requests"], 45);
+  ASSERT_EQ(after["holds"].size(), 1u);
+  EXPECT_EQ(after["holds"][0]["pid"], getpid());
+  EXPECT_EQ(after["holds"][0]["plugins"], 2);
+  EXPECT_EQ(after["annotations"]["records"], 1);
+  EXPECT_EQ(after["annotations"]["bytes"], fs::file_size(root.annotationFile()));
+  EXPECT_TRUE(after["annotations"].contains("saved"));
+  EXPECT_FALSE(after["annotations"].contains("error"));
+  EXPECT_EQ(after["records"]["limit"], 150);
+  EXPECT_GT(after["records"]["kept"], 0);
+}
+
+/// Each metric is told in one piece, its samples have names and labels of their own, and numbers.
+TEST_F(Abctl, StatusForCollectorsIsWellFormed) {
+  const WireClient other = daemon->connect();
+  EXPECT_EQ(error("lock", {{"paths", Array{notes_}}, {"flags", 1}}), "");
+  const std::string text = run({"status", "--openmetrics"}).out();
+  EXPECT_TRUE(text.ends_with("\n# EOF\n")) << text;
+  const std::regex head("# (TYPE|UNIT|HELP) ([a-z_]+) (.+)"),
+      sample(R"(([a-z_]+)((?:\{(?:[a-z]+="(?:[^"\\]|\\[\\"n])*",?)+\})?) (-?[0-9.]+(?:e[-+][0-9]+)?))");
+  const std::map<std::string, std::set<std::string>> suffixes = {
+      {"gauge", {""}}, {"counter", {"_total"}}, {"info", {"_info"}}, {"summary", {"", "_sum", "_count"}}};
+  std::set<std::string> metrics, samples;
+  std::string metric, type;
+  Words all = lines(text);
+  all.pop_back();
+  for (const std::string& line : all) {
+    std::smatch found;
+    if (std::regex_match(line, found, head)) {
+      if (found[1] == "TYPE") {
+        metric = found[2];
+        type = found[3];
+        EXPECT_TRUE(metrics.insert(metric).second) << line;
+      }
+      EXPECT_EQ(found[2], metric) << line;
+      EXPECT_TRUE(found[1] != "UNIT" || metric.ends_with("_" + found[3].str())) << line;
+      continue;
+    }
+    ASSERT_TRUE(std::regex_match(line, found, sample)) << line;
+    ASSERT_TRUE(found[1].str().starts_with(metric)) << line;
+    EXPECT_TRUE(suffixes.at(type).contains(found[1].str().substr(metric.size()))) << line;
+    EXPECT_TRUE(samples.insert(found[1].str() + found[2].str()).second) << line;
+  }
+  EXPECT_TRUE(samples.contains(R"(abd_request_duration_seconds{request="lock",quantile="0.99"})")) << text;
+  EXPECT_NE(text.find("\nabd_clients 1\n"), std::string::npos) << "one process";
 }
 
 TEST_F(Abctl, BundlesAreRegisteredByPathAndRemovedEvenWhenGone) {

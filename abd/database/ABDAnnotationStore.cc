@@ -81,9 +81,10 @@ ABDAnnotationStore::ABDAnnotationStore(const std::optional<std::string>& path)
   sweepTemporaryFiles(annotationsURL_.path());
   const auto error = loadDb();
   if (!error) return;
-  if (error->code != kFileReadNoSuchFile)
-    systemLog("unable to load annotation database:%@ error:%@ (resetting)", annotationsURL_, *error);
   annotations_ = Dictionary();
+  if (error->code == kFileReadNoSuchFile) return;
+  systemLog("unable to load annotation database:%@ error:%@ (resetting)", annotationsURL_, *error);
+  error_ = error;
 }
 
 std::string ABDAnnotationStore::defaultPath() {
@@ -176,8 +177,11 @@ void ABDAnnotationStore::setAnnotation(const std::optional<Dictionary>& annotati
   } else {
     annotations_.remove(key);
   }
-  if (const auto error = saveDb())
-    systemLog("unable to save annotations:%@ error:%@", annotationsURL_, *error);
+  error_ = saveDb();
+  if (error_)
+    systemLog("unable to save annotations:%@ error:%@", annotationsURL_, *error_);
+  else
+    saved_ = Date::now();
 }
 
 }  // namespace abd

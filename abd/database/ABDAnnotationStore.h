@@ -5,10 +5,12 @@
 // file after every change. Made once with the database, which is its only caller; it has no lock: the
 // database orders the calls. The file is read once, when the store is made.
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <variant>
 
+#include "platform/value/Date.h"
 #include "platform/value/Error.h"
 #include "platform/value/URL.h"
 #include "platform/value/Value.h"
@@ -41,6 +43,13 @@ class ABDAnnotationStore {
   /// Annotation key to annotation record.
   const Dictionary& annotations() const { return annotations_; }
 
+  struct Condition {
+    size_t records = 0, bytes = 0;    // of the table, and of it as a file
+    std::optional<Date> saved = {};   // when the file was written last, by this process
+    std::optional<Error> error = {};  // why the last attempt to load or to save it failed
+  };
+  Condition condition() const { return {annotations_.size(), size_, saved_, error_}; }
+
   /// Replaces the table by the file's; the error when that fails.
   std::optional<Error> loadDb();
   /// Replaces the file by the table, durably; the error when that fails. Records that no property-list file
@@ -66,7 +75,9 @@ class ABDAnnotationStore {
  private:
   URL annotationsURL_;
   Dictionary annotations_;
-  size_t size_ = 0;              // of the table as a file
+  size_t size_ = 0;            // of the table as a file
+  std::optional<Date> saved_;  // as in Condition
+  std::optional<Error> error_;
   bool isFileRejected_ = false;  // what is at annotationsURL_ is not what was loaded
 };
 

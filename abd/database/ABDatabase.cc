@@ -91,7 +91,12 @@ void ABDatabase::purgeCachesToLimit(int64_t limit) {
   if (std::cmp_less_equal(cache_.size(), limit)) return;
   systemLog("purging cache for %d > %d", cache_.size(), limit);
   cache_.clear();
+  ++purges_;
   workspace_->HLClearSchemaCaches();
+}
+
+ABDatabase::CacheCounts ABDatabase::cacheCounts() {
+  return sync_.sync([this] { return CacheCounts{cache_.size(), purges_}; });
 }
 
 void ABDatabase::autoElect(const ABDPlugIn& plugIn) {
@@ -238,6 +243,10 @@ std::optional<Error> ABDatabase::removePlugIn(const URL& url) {
 
 Value ABDatabase::annotationForPlugIn(const ABDPlugIn& plugIn) {
   return sync_.sync([this, &plugIn] { return annotations_->annotationForPlugIn(plugIn); });
+}
+
+ABDAnnotationStore::Condition ABDatabase::annotationCondition() {
+  return sync_.sync([this] { return annotations_->condition(); });
 }
 
 bool ABDatabase::hasRoomForAnnotation(size_t bytes, const ABDPlugIn& plugIn) {

@@ -92,6 +92,12 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   /// Records above which the cache is emptied.
   uint32_t cacheLimit() const { return cacheLimit_.load(std::memory_order_relaxed); }
   void setCacheLimit(uint32_t limit) { cacheLimit_.store(limit, std::memory_order_relaxed); }
+  /// How many records are kept, and how often all were dropped.
+  struct CacheCounts {
+    size_t records = 0;
+    uint64_t purges = 0;
+  };
+  CacheCounts cacheCounts();
   HLApplicationWorkspace& workspace() const { return *workspace_; }
   ABDAnnotationStore& annotations() const { return *annotations_; }
 
@@ -118,6 +124,8 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
   // Annotations.
   /// The plug-in's annotation record (a dictionary), or a none value.
   Value annotationForPlugIn(const ABDPlugIn& plugIn);
+  /// How the annotation file fares.
+  ABDAnnotationStore::Condition annotationCondition();
   /// Whether an annotation of that many bytes, written, may be kept of the plug-in.
   bool hasRoomForAnnotation(size_t bytes, const ABDPlugIn& plugIn);
   /// Merges into the plug-in's record (none removes it), saves, and posts the change. Always none.
@@ -148,6 +156,7 @@ class ABDatabase : public HLApplicationWorkspaceObserverProtocol {
 
   // Only on "ABDatabase".
   std::unordered_map<UUID, std::shared_ptr<ABDPlugIn>> cache_;
+  uint64_t purges_ = 0;
 };
 
 }  // namespace abd

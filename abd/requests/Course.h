@@ -16,11 +16,11 @@ inline constexpr std::chrono::microseconds kSlice{250};
 
 class Slice {
  public:
-  void begin() { end_ = Clock::now() + kSlice; }
+  using Clock = std::chrono::steady_clock;
+  void begin(Clock::time_point now) { end_ = now + kSlice; }
   bool isOver() const { return Clock::now() >= end_; }
 
  private:
-  using Clock = std::chrono::steady_clock;
   Clock::time_point end_;
 };
 

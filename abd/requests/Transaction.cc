@@ -1,7 +1,7 @@
 #include "abd/requests/Transaction.h"
 
 #include <algorithm>
-#include <span>
+#include <iterator>
 
 #include "Ambrel/ABDiagnostics.h"
 #include "Ambrel/ABErrors.h"
@@ -17,19 +17,30 @@ namespace {
 /// Versions 2 and 3 are served; they differ in the lowest bit.
 constexpr uint64_t kOldestProtocolVersion = 2;
 
+/// What is no request, or none of the service that it was sent to.
+constexpr std::string_view kOtherRequests = "other";
+
 }  // namespace
 
 struct Transaction::Request {
   std::string_view name;
   Course (Transaction::*handler)();
+  ABDQmxClient::Service service = ABDQmxClient::Service::main;
 };
 
 const Transaction::Request Transaction::kRequests[] = {
-    {request::add, &Transaction::addPlugIns},           {request::remove, &Transaction::removePlugIns},
-    {request::bulk, &Transaction::bulkPlugIns},         {request::match, &Transaction::matchPlugIns},
-    {request::ready, &Transaction::readyPlugIns},       {request::access, &Transaction::accessPlugIns},
-    {request::annotate, &Transaction::annotatePlugIns}, {request::lock, &Transaction::lockDownPlugIns},
+    {request::add, &Transaction::addPlugIns},
+    {request::remove, &Transaction::removePlugIns},
+    {request::bulk, &Transaction::bulkPlugIns},
+    {request::match, &Transaction::matchPlugIns},
+    {request::ready, &Transaction::readyPlugIns},
+    {request::access, &Transaction::accessPlugIns},
+    {request::annotate, &Transaction::annotatePlugIns},
+    {request::lock, &Transaction::lockDownPlugIns},
+    {diagnostics::explain, &Transaction::explainPlugIns, ABDQmxClient::Service::diagnostics},
+    {diagnostics::status, &Transaction::reportStatus, ABDQmxClient::Service::diagnostics},
 };
+const size_t Transaction::kRequestCount = std::size(kRequests);
 
 Transaction::Transaction(qmx::Message request, std::shared_ptr<ABDQmxClient> client)
     : client_(std::move(client)), connection_(client_->connection()), request_(std::move(request)) {
@@ -40,24 +51,25 @@ ABDServer& Transaction::server() const {
   return client_->server();
 }
 
-const Transaction::Request Transaction::kDiagnostics[] = {
-    {diagnostics::explain, &Transaction::explainPlugIns},
-};
-
-/// Null when there is no such request.
-const Transaction::Request* Transaction::find(std::string_view name) const {
-  const bool isMain = client_->service() == ABDQmxClient::Service::main;
-  const auto requests = isMain ? std::span<const Request>(kRequests) : std::span<const Request>(kDiagnostics);
-  const auto found = std::ranges::find(requests, name, &Request::name);
-  return found == requests.end() ? nullptr : &*found;
+size_t Transaction::find(std::string_view name) const {
+  const auto found = std::ranges::find_if(kRequests, [this, name](const Request& each) {
+    return each.name == name && each.service == client_->service();
+  });
+  return static_cast<size_t>(found - std::begin(kRequests));
 }
 
 /// A diagnosis has none: it gives way wherever it can.
-void Transaction::beginSlice() {
-  if (client_->service() == ABDQmxClient::Service::main) slice_.begin();
+void Transaction::beginSlice(Slice::Clock::time_point now) {
+  if (client_->service() == ABDQmxClient::Service::main) slice_.begin(now);
 }
 
 void Transaction::dispatch() {
+  began_ = Slice::Clock::now();
+  begin();
+  goOnOrEnd();
+}
+
+void Transaction::begin() {
   const String* name = request_.string(key::request);
   version_ = request_.unsignedValue(key::version);
   if ((version_ & ~uint64_t{1}) != kOldestProtocolVersion) {
@@ -71,20 +83,48 @@ void Transaction::dispatch() {
   if (name == nullptr) return fail(kABErrorRequest, "invalid request format (missing type)");
   if (client_->service() == ABDQmxClient::Service::diagnostics && !client_->isManager())
     return fail(kABErrorAccess, "unauthorized request");
-  const Request* const request = find(name->view());
-  if (request == nullptr) return fail(kABErrorRequest, "unrecognized request");
-  beginSlice();
-  course_ = (this->*request->handler)();
-  if (!course_.isOver()) goOnLater();
+  kind_ = find(name->view());
+  if (kind_ == kRequestCount) return fail(kABErrorRequest, "unrecognized request");
+  beginSlice(began_);
+  course_ = (this->*kRequests[kind_].handler)();
+}
+
+void Transaction::goOnOrEnd() {
+  if (!course_.isOver()) return goOnLater();
+  // What is no request of the table is counted behind it.
+  static_assert(std::size(kRequests) < Statistics::kMostNames);
+  Statistics::Requests& requests = server().statistics().requests[kind_];
+  requests.latencies.add(Slice::Clock::now() - began_);
+  if (hasFailed_) ++requests.failed;
+}
+
+Array Transaction::requestFigures() const {
+  const auto seconds = [](std::chrono::nanoseconds time) {
+    return std::chrono::duration<double>(time).count();
+  };
+  Array all;
+  for (size_t kind = 0; kind <= kRequestCount; ++kind) {
+    const auto& [latencies, failed] = server().statistics().requests[kind];
+    Dictionary row = {{statuskey::name, kind < kRequestCount ? kRequests[kind].name : kOtherRequests},
+                      {statuskey::count, latencies.count()},
+                      {statuskey::failed, failed},
+                      {statuskey::seconds, seconds(latencies.total())}};
+    if (latencies.count() > 0) {
+      row.set(statuskey::p50, seconds(latencies.quantile(0.5)));
+      row.set(statuskey::p99, seconds(latencies.quantile(0.99)));
+    }
+    all.append(std::move(row));
+  }
+  return all;
 }
 
 void Transaction::goOnLater() {
   if (connection_ == nullptr) return;
   connection_->goOnLater([transaction = shared_from_this()] {
     transaction->server().submitWork([transaction] {
-      transaction->beginSlice();
+      transaction->beginSlice(Slice::Clock::now());
       transaction->course_.goOn();
-      if (!transaction->course_.isOver()) transaction->goOnLater();
+      transaction->goOnOrEnd();
     });
   });
 }
@@ -97,6 +137,7 @@ void Transaction::done() {
 }
 
 void Transaction::fail(int64_t code, std::string_view message) {
+  hasFailed_ = true;
   setReply(key::errorCode, static_cast<uint64_t>(code));
   setReply(key::error, message);
   done();

@@ -4,6 +4,7 @@
 // only on the service queue, in slices of time when it takes long (Course.h); nothing keeps it once its
 // handler has come to its end. A message that wants no reply is served like any other and nothing is sent.
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -49,14 +50,19 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
 
  private:
   struct Request;
-  static const Request kRequests[], kDiagnostics[];
-  const Request* find(std::string_view name) const;
+  static const Request kRequests[];
+  static const size_t kRequestCount;
+  /// The request's place in the table; kRequestCount when there is no such request.
+  size_t find(std::string_view name) const;
 
-  /// Goes on with a course that has given way, at this request's next turn.
+  /// Checks the request, and runs its handler until that ends or gives way.
+  void begin();
+  /// Goes on with a course that has given way, at this request's next turn; counts one that is over.
+  void goOnOrEnd();
   void goOnLater();
   /// Where a handler lets others in: `co_await giveWay()`.
   Course::Pause giveWay() const { return {slice_}; }
-  void beginSlice();
+  void beginSlice(Slice::Clock::time_point now);
 
   // The handlers; each finishes the request itself.
   Course addPlugIns();
@@ -68,6 +74,7 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
   Course annotatePlugIns();
   Course lockDownPlugIns();
   Course explainPlugIns();
+  Course reportStatus();
 
   /// The entries of "paths" and of "uuids" (Walks.h).
   class PathWalk;
@@ -75,6 +82,8 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
 
   /// What a search asks for; none when that is malformed, which was replied.
   std::optional<SearchTerms> searchTerms();
+  /// What "status" tells of the requests of each name.
+  Array requestFigures() const;
   /// For whom an explained search is; none when nobody can be told, which was replied.
   std::optional<RequestHost> explainedHost();
 
@@ -94,6 +103,9 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
   const qmx::Message request_;
   std::optional<qmx::Message> reply_;  // none when the message wants no reply
   uint64_t version_ = 0;
+  size_t kind_ = kRequestCount;  // as find() answers
+  bool hasFailed_ = false;
+  Slice::Clock::time_point began_;
   Slice slice_;
   Course course_;
 };

@@ -62,6 +62,7 @@ void Announcer::run() {
     for (const Announcement& announcement : std::exchange(pending_, {})) {
       if (isStopping_) return;
       deliver(announcement, lock);
+      delivered_.fetch_add(1, std::memory_order_relaxed);
     }
     if (!isPosting_) continue;
     lock.unlock();

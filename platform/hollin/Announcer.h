@@ -5,6 +5,7 @@
 // waiting is delivered, other processes are told, too (kPlugInsChangeNotification), once that was asked for.
 // Lives as long as its registry; any thread.
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -35,6 +36,8 @@ class Announcer {
   void enqueue(HLProxyList uninstalled, HLProxyList installed);
   /// Drops what was not delivered yet.
   void forget();
+  /// How many were delivered.
+  uint64_t delivered() const { return delivered_.load(std::memory_order_relaxed); }
 
  private:
   struct Announcement {
@@ -59,6 +62,7 @@ class Announcer {
   bool hadObserver_ = false;
   bool isPosting_ = false;
   bool isStopping_ = false;
+  std::atomic<uint64_t> delivered_{0};
   std::thread thread_;  // started with the first observer
 };
 

@@ -269,6 +269,7 @@ void Catalog::wake(State& state, Change& change) {
                                                           isOnSystemVolume, surroundings_, vigil));
     enter(state.proxies.back(), change);
   }
+  if (!state.proxies.empty()) ++bundles_;
 }
 
 /// Registers one of the bundle's registered plug-ins anew: what it is made of is not what it was.
@@ -288,6 +289,7 @@ void Catalog::retire(State& state, Change& change) {
   if (state.proxies.empty()) return;
   for (const auto& proxy : state.proxies) withdraw(proxy, change);
   state.proxies.clear();
+  --bundles_;
   const auto found = applications_.find(Locations::applicationOf(state.path));
   if (found == applications_.end()) return;
   std::erase(found->second.bundles, &state);

@@ -48,6 +48,8 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
 
   // Queries.
   std::shared_ptr<const HLProxyList> all() const;
+  /// Fills in what is registered.
+  void count(HLRegistryStatistics& statistics) const;
   HLProxyList find(const std::vector<std::string>* identifiers, const std::vector<std::string>* protocols,
                    const std::string* version) const;
   std::shared_ptr<const HLAmbrelProxy> withUUID(const UUID& uuid) const;
@@ -187,6 +189,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   StringMap<SDK> sdks_;
   StringMap<std::vector<String>> sdksByName_;
   Postings plugIns_;                                // all
+  size_t bundles_ = 0;                              // that they are in
   mutable std::shared_ptr<const HLProxyList> all_;  // made when asked for
   uint64_t clock_ = 0, scans_ = 0, sdkGeneration_ = 0;
   int64_t lastRow_ = 0;

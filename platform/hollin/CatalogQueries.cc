@@ -40,6 +40,12 @@ std::shared_ptr<const HLProxyList> Catalog::all() const {
   return all_;
 }
 
+void Catalog::count(HLRegistryStatistics& statistics) const {
+  const std::lock_guard lock(mutex_);
+  statistics.bundles = bundles_;
+  statistics.plugIns = plugIns_.size();
+}
+
 bool Catalog::hasName(const PlugInProxy& proxy, std::string_view name) const {
   const PlugInFacts& plugIn = proxy.plugIn();
   if (contains(plugIn.names, name)) return true;

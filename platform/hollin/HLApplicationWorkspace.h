@@ -16,6 +16,7 @@
 
 #include "platform/hollin/HLProxies.h"
 #include "platform/propertylist/FileReplacement.h"
+#include "platform/value/Date.h"
 #include "platform/value/Error.h"
 
 namespace platform {
@@ -36,6 +37,15 @@ struct HLBundleStanding {
   std::string path;     // canonical, as far as it exists
   HLProxyList plugIns;  // in order of identifier; empty unless it is registered
   std::string refusal;  // why it would be refused; empty when it is accepted
+};
+
+/// The registry in numbers.
+struct HLRegistryStatistics {
+  size_t bundles = 0, plugIns = 0;    // that are registered
+  uint64_t announcements = 0;         // that observers were told of; what happened together is one
+  std::optional<Date> lastScan = {};  // when something was looked at because it may have changed
+  size_t watches = 0;                 // of the user's inotify(7) watches
+  bool isPolling = false;             // they ran out, and everything is looked at every kRescanInterval
 };
 
 class HLApplicationWorkspaceObserverProtocol {
@@ -93,6 +103,9 @@ class HLApplicationWorkspace {
   /// `file` (zero: not there). Otherwise the registry has not seen that state yet, or may not tell it from
   /// the next.
   virtual bool vouchesForSDK(std::string_view name, const FileIdentity& file) const = 0;
+
+  /// Takes no time that depends on how many plug-ins there are.
+  virtual HLRegistryStatistics statistics() const = 0;
 
   /// Drops every parsed Info and SDK dictionary held by the layer (index rows stay).
   virtual void HLClearSchemaCaches() = 0;

@@ -376,7 +376,14 @@ void Monitor::lookAtRegistered(const std::vector<std::string>& paths) {
       beginVigil(*subject->second);
 }
 
+void Monitor::count(HLRegistryStatistics& statistics) const {
+  statistics.watches = watches_.count();
+  statistics.isPolling = isPeriodic_;
+  if (const Date last = lastScan_; last != Date()) statistics.lastScan = last;
+}
+
 void Monitor::takeReport(Registrar::Report report) {
+  lastScan_ = Date::now();
   for (const auto* paths : {&report.postponed, &report.again})
     for (const std::string& path : *paths) {
       PendingPaths& pending = registered_.contains(path) ? pendingRegistered_ : pendingEntries_;

@@ -44,6 +44,8 @@ class Monitor {
   void start(std::vector<std::shared_ptr<const PlugInProxy>> registered);
   /// What is registered by path changed. Any thread.
   void registrationsChanged();
+  /// Fills in what is watched. Any thread.
+  void count(HLRegistryStatistics& statistics) const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -92,6 +94,8 @@ class Monitor {
   FileDescriptor wake_;    // eventfd
   FileDescriptor mounts_;  // proc(5): what is mounted over a directory is no event of the file system
   std::atomic<bool> isStopping_{false}, haveRegistrationsChanged_{false};
+  std::atomic<bool> isPeriodic_{false};  // watches ran out
+  std::atomic<Date> lastScan_{Date()};
   std::thread thread_;
 
   // Only on the thread.
@@ -102,7 +106,6 @@ class Monitor {
   std::unordered_map<std::string, Clock::time_point> busySince_;
   std::optional<Clock::time_point> everythingDue_;
   std::optional<Pending> pendingSDKs_;
-  bool isPeriodic_ = false;  // watches ran out
 };
 
 }  // namespace platform::hollin

@@ -147,6 +147,14 @@ bool Registry::vouchesForSDK(std::string_view name, const FileIdentity& file) co
   return file.isSettled() && catalog_->knowsSDK(name, file);
 }
 
+HLRegistryStatistics Registry::statistics() const {
+  HLRegistryStatistics statistics;
+  catalog_->count(statistics);
+  statistics.announcements = announcer_.delivered();
+  monitor_.count(statistics);
+  return statistics;
+}
+
 void Registry::HLClearSchemaCaches() {
   qmx::Bundle::clearCaches();
   qmx::clearSDKCache();

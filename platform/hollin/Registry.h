@@ -34,6 +34,7 @@ class Registry final : public HLApplicationWorkspace {
   bool unregisterPlugin(const URL& url) override;
   HLBundleStanding standingOf(const std::string& path) const override;
   bool vouchesForSDK(std::string_view name, const FileIdentity& file) const override;
+  HLRegistryStatistics statistics() const override;
   void HLClearSchemaCaches() override;
 
   std::shared_ptr<const HLAmbrelProxy> proxyForUUID(const UUID& uuid) const;

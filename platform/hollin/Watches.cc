@@ -55,6 +55,7 @@ bool Watches::watch(Subject& subject, const std::string& directory, uint32_t mas
   }
   subject.watches.push_back(watch);
   const auto [begin, end] = owners_.equal_range(watch);
+  if (begin == end) ++count_;
   const bool isKnown = std::any_of(begin, end, [&subject, awaited](const auto& entry) {
     return entry.second.subject == &subject && entry.second.awaited == awaited;
   });
@@ -128,7 +129,9 @@ void Watches::release(Subject& subject, int watch) {
       ++entry;
     }
   }
-  if (!isShared) inotify_rm_watch(inotify_.get(), watch);
+  if (isShared) return;
+  inotify_rm_watch(inotify_.get(), watch);
+  --count_;
 }
 
 void Watches::handle(int watch, uint32_t mask, std::string_view name, const Report& report) {
@@ -143,7 +146,9 @@ void Watches::handle(int watch, uint32_t mask, std::string_view name, const Repo
       report(*owner.subject, name, true);
     }
   }
-  if ((mask & IN_IGNORED) != 0) owners_.erase(begin, end);
+  if ((mask & IN_IGNORED) == 0 || begin == end) return;
+  owners_.erase(begin, end);
+  --count_;
 }
 
 bool Watches::read(const Report& report) {

@@ -4,6 +4,8 @@
 // between begin() and end() its directories are named again, and those that were not are dropped. One
 // directory may be watched for several subjects. Used by the monitor's thread.
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -43,6 +45,8 @@ class Watches {
   /// The error number that says why.
   int exhaustion() const { return exhaustion_; }
   void resetExhaustion();
+  /// How many watches it has. Any thread.
+  size_t count() const { return count_.load(std::memory_order_relaxed); }
 
   void begin(Subject& subject);
   /// Watches a directory and what happens in it. False when it cannot be watched.
@@ -75,6 +79,7 @@ class Watches {
   FileDescriptor inotify_;
   int exhaustion_ = 0;
   std::unordered_multimap<int, Owner> owners_;
+  std::atomic<size_t> count_{0};  // of different ones among them
 };
 
 }  // namespace platform::hollin

@@ -21,6 +21,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -83,6 +84,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
   virtual void sendWithReply(Dictionary body, ReplyHandler handler) = 0;
   /// Drops the connection as if the peer had gone, but for what is unsent or not handed over. Any thread.
   virtual void cancel() = 0;
+
+  /// What waits inside the connection: messages that have arrived whole, the unfinished one included, and
+  /// bytes that the peer has not taken. Peer connections (nothing elsewhere); on the loop's thread.
+  struct Load {
+    size_t messages = 0, unsentBytes = 0;
+  };
+  virtual Load load() const { return {}; }
 
   /// The peer's identity; null on client connections.
   virtual const std::shared_ptr<const PeerIdentity>& peer() const = 0;

@@ -44,6 +44,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   void goOnLater(Work rest) override;
   void sendWithReply(Dictionary body, ReplyHandler handler) override;
   void cancel() override;
+  Load load() const override { return {reader_.count() + (rest_ ? 1 : 0), output_.size()}; }
   const std::shared_ptr<const PeerIdentity>& peer() const override { return peer_; }
   std::string description() const override;
 

@@ -30,6 +30,7 @@ struct Context {
 void addMatchCommand(CLI::App& app, Context& context);
 void addShowCommand(CLI::App& app, Context& context);
 void addExplainCommand(CLI::App& app, Context& context);
+void addStatusCommand(CLI::App& app, Context& context);
 void addWatchCommand(CLI::App& app, Context& context);
 void addRegistrationCommands(CLI::App& app, Context& context);  // add, remove, bulk
 void addUseCommands(CLI::App& app, Context& context);           // ready, access

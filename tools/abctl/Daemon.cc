@@ -160,6 +160,15 @@ std::vector<Dictionary> Daemon::explain(const Dictionary& request) {
   return dictionariesOf(reply[ambrel::explainkey::explanations]);
 }
 
+Dictionary Daemon::status() {
+  const Dictionary reply =
+      ask([&](auto done) { client_->send(client_->request(ambrel::diagnostics::status), std::move(done)); });
+  const Dictionary* const status = reply[ambrel::statuskey::status].dictionary();
+  if (status == nullptr)
+    throw Failure(kRefused, "the daemon's answer tells nothing", hintFor(ambrel::kABErrorVersion));
+  return *status;
+}
+
 std::vector<Dictionary> Daemon::match(const Dictionary& rules, uint64_t flags) {
   const Dictionary reply = ask([&](auto done) { client_->matchPlugIns(rules, flags, std::move(done)); });
   std::vector<Dictionary> forms = dictionariesOf(reply[key::matches]);

@@ -34,6 +34,8 @@ class Daemon {
   std::vector<platform::Dictionary> match(const platform::Dictionary& rules, uint64_t flags);
   /// Of the diagnostics service: an explanation for each plug-in that the request names.
   std::vector<platform::Dictionary> explain(const platform::Dictionary& request);
+  /// Of the diagnostics service: what the daemon does and has done.
+  platform::Dictionary status();
   void add(const std::vector<std::string>& paths);
   void remove(const std::vector<std::string>& paths);
   void bulk(uint64_t flags);

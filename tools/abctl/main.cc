@@ -29,6 +29,7 @@ const char* const kFooter =
     "  abctl explain org.example.postcards.share\n"
     "  abctl elect org.example.postcards.share use\n"
     "  abctl elections export elections.plist\n"
+    "  abctl status\n"
     "  abctl hold --application ~/.local/share/veltra/Applications/Courier.app\n"
     "  abctl COMMAND --help\n"
     "\n"
@@ -72,6 +73,7 @@ void declareOptions(CLI::App& app, Context& context) {
   addUseCommands(app, context);
   addHoldCommands(app, context);
   addWatchCommand(app, context);
+  addStatusCommand(app, context);
   addRegistrationCommands(app, context);
   addDoctorCommand(app, context);
   for (CLI::App* const command : app.get_subcommands(nullptr))
