@@ -208,7 +208,7 @@ class Walk {
     return false;
   }
   /// Notes the innermost place.
-  bool failedAt(const pugi::xml_node& node) {
+  [[gnu::cold]] bool failedAt(const pugi::xml_node& node) {
     if (where_ < 0) where_ = node.offset_debug();
     return false;
   }
