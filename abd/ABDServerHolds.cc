@@ -1,6 +1,8 @@
-// The holds. A hold lives in `holds_`, and in its client's list, from its grant until its token is released
-// or its client dies; `blockedPlugIns_` counts, for every plug-in, the holds that block it, so that asking
-// costs the same however many there are. All three change together and only on "serverSync".
+// The holds. A hold lives in `holds_`, and in its client's list, until its token is released or its client
+// dies. It blocks its plug-ins from the moment it is added; it is granted, with a reply, when those that were
+// found free of holds before are enabled. `blockedPlugIns_` counts, for every plug-in, the holds that block
+// it, so that asking costs the same however many there are. All three change together and only on
+// "serverSync".
 //
 // No hold outlives its client, whichever comes first: a client's death marks the client on the same queue on
 // which holds are added, and a hold that comes after the mark is released as soon as it was added.

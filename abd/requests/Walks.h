@@ -40,8 +40,6 @@ class Transaction::PlugInWalk {
   /// Null at the end, and when the walk has failed.
   std::shared_ptr<ABDPlugIn> next();
   bool hasFailed() const { return hasFailed_; }
-  /// How many entries there are.
-  size_t size() const { return uuids_ ? uuids_->size() : 0; }
 
  private:
   std::shared_ptr<ABDPlugIn> fail(std::string_view message);
