@@ -1,5 +1,7 @@
 // The smallest request that does its whole way through the daemon and logs nothing, against a bare echo of
-// frames of the same sizes.
+// frames of the same sizes, and beside an administrator who looks on.
+
+#include <unistd.h>
 
 #include "benchmarks/Benches.h"
 #include "benchmarks/Client.h"
@@ -74,6 +76,32 @@ void benchLoad(const Sides& sides, const BareServer& bare, const std::string& na
   reportRate(name + ": requests", rate, static_cast<double>(slice), rateAim, requestsPerSecond);
 }
 
+/// The same with `abctl status` once a second and without.
+void benchStatus(const Daemon& daemon, const std::vector<Step>& request) {
+  constexpr size_t kSlice = 100'000;  // a second and more
+  const auto asking = [&daemon] {
+    return Process::fork([&daemon] {
+      for (;; sleep(1))
+        Process::spawn(ABCTL_PROGRAM, {"status"}, {{"XDG_RUNTIME_DIR", daemon.place() + "/run"}}).wait();
+    });
+  };
+  Pairs p50, p99, rate;
+  for (size_t pair = 0; pair < kPairs; pair++) {
+    LoadResult results[2];
+    for (const size_t side : {pair % 2, 1 - pair % 2}) {
+      const Process administrator = side == 0 ? Process() : asking();
+      results[side] = runLoad(daemon.socketPath(), request, 1, 1, kSlice);
+    }
+    p50.add(percentile(results[0].latencies, 0.5), percentile(results[1].latencies, 0.5));
+    p99.add(percentile(results[0].latencies, 0.99), percentile(results[1].latencies, 0.99));
+    rate.add(results[0].seconds, results[1].seconds);
+  }
+  report("(a) 1 client beside status once a second, against none: p50", p50, 1.05);
+  report("(a) 1 client beside status once a second, against none: p99", p99, std::nullopt);
+  reportRate("(a) 1 client beside status once a second, against none: requests", rate, kSlice, 1.05,
+             requestsPerSecond);
+}
+
 }  // namespace
 
 void benchRequests() {
@@ -104,6 +132,7 @@ void benchRequests() {
     benchLoad(sides, bare, "(a) 16 in flight, " + where, 1, 16, 24000, std::nullopt, aim(1.0));
     benchLoad(sides, joining, "(a) 16 in flight, echo joins replies, " + where, 1, 16, 24000, std::nullopt,
               std::nullopt);
+    if (toOneCore) benchStatus(daemon, request);
   }
 }
 
