@@ -5,6 +5,7 @@
 #include "platform/launcher/ServiceLauncher.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
+#include "platform/system/ServiceManager.h"
 
 namespace abd {
 
@@ -72,6 +73,7 @@ void ABDServer::run() {
   if (diagnostics_ != nullptr)
     if (const auto error = diagnostics_->resume()) systemLog("there are no diagnostics: %@", *error);
   workspace().startPosting();
+  RunLoop::main().async([] { announceService(RunLoop::main()); });
   RunLoop::main().run();
 }
 

@@ -13,6 +13,7 @@
 #include "abd/ABDServer.h"
 #include "platform/log/Failure.h"
 #include "platform/log/Log.h"
+#include "platform/system/ServiceManager.h"
 
 namespace {
 
@@ -70,6 +71,8 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stderr);
     return kUsageStatus;
   }
+  platform::meetServiceManager();
+  platform::tellServiceManager("STATUS=looking for plug-ins");
   const auto server = abd::ABDServer::initForService(options->service, options->database);
   if (server == nullptr) {
     platform::systemLog("unable to construct server");

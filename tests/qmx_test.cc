@@ -12,6 +12,7 @@
 #include "platform/qmx/Encoding.h"
 #include "platform/qmx/Limits.h"
 #include "platform/system/Directories.h"
+#include "platform/system/ServiceManager.h"
 #include "tests/support/Child.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/EchoService.h"
@@ -391,19 +392,67 @@ TEST(ListenerTest, makesASocketForThisUserAloneWhereNothingElseIs) {
   EXPECT_EQ(readText(servicePath("file")), "not a socket");
 }
 
-TEST(ListenerTest, servesTheSocketThatTheServiceManagerHandsOver) {
-  const std::string path = device.path() + "/handed-over";
-  const FileDescriptor socket = listeningSocket(path);
-  const Child daemon([&] {
-    dup2(socket.get(), 3);
-    setenv("LISTEN_FDS", "1", 1);
-    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    static EchoService service("activated");
-    return true;
-  });
-  WireClient client = WireClient::connect(path);
-  EXPECT_EQ(client.call({{"a", 1}})["a"], Value(1));
-  EXPECT_FALSE(fs::exists(servicePath("activated")));
+// --- The service manager ---
+
+TEST(ServiceManagerTest, handsOverSocketsThatAreFoundByTheirNames) {
+  for (const std::vector<std::string>& names :
+       {std::vector{"activated.second"s, "activated"s}, {"elsewhere"s}}) {
+    std::vector<FileDescriptor> sockets;
+    for (const auto& name : names) sockets.push_back(listeningSocket(device.path() + "/" + name));
+    const Child daemon([&] {
+      for (size_t i = 0; i < names.size(); ++i) dup2(sockets[i].get(), 10 + static_cast<int>(i));
+      for (size_t i = 0; i < names.size(); ++i) dup2(10 + static_cast<int>(i), 3 + static_cast<int>(i));
+      setenv("LISTEN_FDS", std::to_string(names.size()).c_str(), 1);
+      setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+      platform::meetServiceManager();
+      static EchoService service("activated"), second("activated.second"), own("own");
+      return getenv("LISTEN_FDS") == nullptr && (fcntl(3, F_GETFD) & FD_CLOEXEC) != 0;
+    });
+    EXPECT_TRUE(daemon.isReady());
+    for (const auto& name : names) {
+      WireClient client = WireClient::connect(device.path() + "/" + name);
+      EXPECT_EQ(client.call({{"a", 1}})["a"], Value(1));
+    }
+    EXPECT_FALSE(fs::exists(servicePath("activated")));
+    EXPECT_EQ(fs::exists(servicePath("activated.second")), names.size() == 1);
+    EXPECT_TRUE(fs::exists(servicePath("own")));
+  }
+}
+
+TEST(ServiceManagerTest, hearsThatTheDaemonServesThatItsLoopTurnsAndThatItEnds) {
+  const std::string path = device.path() + "/manager";
+  const FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = socketAddress(path);
+  ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const timeval patience{.tv_sec = 20, .tv_usec = 0};
+  setsockopt(manager.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  const auto next = [&manager] {
+    char text[256];
+    const ssize_t size = recv(manager.get(), text, sizeof text, 0);
+    return std::string(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+  };
+  for (const bool isWatched : {true, false}) {
+    std::vector<std::string> environment = device.environment();
+    environment.insert(environment.end(),
+                       {"ABD_LOG=stderr", "NOTIFY_SOCKET=" + path, "WATCHDOG_USEC=200000"});
+    if (!isWatched) environment.push_back("WATCHDOG_PID=1");
+    Process daemon({ABD_PROGRAM, "-S", "managed"}, environment, device.path() + "/managed.log");
+    for (const char* text : {"STATUS=looking for plug-ins", "STATUS=idle", "READY=1"})
+      ASSERT_EQ(next(), text);
+    const auto ready = std::chrono::steady_clock::now();
+    WireClient client = WireClient::connect(servicePath("managed"));
+    EXPECT_TRUE(client.call({{"request", "bulk"}, {"version", 3}, {"flags", 0}}).empty());
+    for (int sign = 0; isWatched && sign < 4; ++sign) ASSERT_EQ(next(), "WATCHDOG=1");
+    const auto lived = std::chrono::steady_clock::now() - ready;
+    EXPECT_TRUE(!isWatched || lived > 250ms)
+        << "three signs of life at half of the time allowed between them";
+    if (!isWatched) std::this_thread::sleep_for(300ms);
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.waitForExit(), 128 + SIGTERM);
+    std::string last = next();
+    while (isWatched && last == "WATCHDOG=1") last = next();
+    EXPECT_EQ(last, "STOPPING=1");
+  }
 }
 
 // --- Clients ---

@@ -1,7 +1,7 @@
 #pragma once
 
-// The listening end of a named service: $XDG_RUNTIME_DIR/veltra/<name>, mode 0600, or the socket handed over
-// by the service manager (LISTEN_FDS, sd_listen_fds(3)). Only this user and root may connect.
+// The listening end of a named service: $XDG_RUNTIME_DIR/veltra/<name>, mode 0600, or a socket that the
+// service manager handed over (platform/system/ServiceManager.h). Only this user and root may connect.
 
 #include <functional>
 #include <memory>

@@ -8,47 +8,20 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <optional>
 #include <utility>
 
 #include "platform/log/Log.h"
 #include "platform/qmx/Listener.h"
 #include "platform/qmx/ServiceAddress.h"
 #include "platform/system/Directories.h"
+#include "platform/system/ServiceManager.h"
 
 namespace platform::qmx {
 
 namespace {
 
-constexpr int kFirstHandedOver = 3;
 constexpr mode_t kSocketMode = 0600;
 constexpr mode_t kOthersBits = 0077;
-
-/// The socket that the service manager opened for this process, once.
-std::optional<std::variant<FileDescriptor, Error>> takeHandedOver() {
-  const char* process = std::getenv("LISTEN_PID");
-  const char* count = std::getenv("LISTEN_FDS");
-  if (process == nullptr || count == nullptr || std::atol(process) != getpid() || std::atoi(count) < 1)
-    return std::nullopt;
-  const bool isOne = std::atoi(count) == 1;
-  // Neither for a second listener nor for a child.
-  for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) unsetenv(name);
-  if (!isOne) return Error::posix(EINVAL, "more than one socket was handed over");
-  int domain = 0, type = 0;
-  socklen_t size = sizeof domain;
-  if (getsockopt(kFirstHandedOver, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
-      getsockopt(kFirstHandedOver, SOL_SOCKET, SO_TYPE, &type, &size) != 0)
-    return Error::posix(errno, "the socket that was handed over");
-  FileDescriptor socket(kFirstHandedOver);
-  if (domain != AF_UNIX || type != SOCK_STREAM)
-    return Error::posix(EINVAL, "no local stream socket was handed over");
-  fcntl(socket.get(), F_SETFD, FD_CLOEXEC);
-  const int flags = fcntl(socket.get(), F_GETFL);
-  if (flags < 0 || fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0)
-    return Error::posix(errno, "the socket that was handed over");
-  return socket;
-}
 
 /// Makes the directory of sockets, which only this user may enter. 0, or errno.
 int prepareDirectory(const std::string& directory) {
@@ -85,7 +58,7 @@ std::variant<ServiceSocket, Error> ServiceSocket::create(const std::string& serv
   if (const auto* number = std::get_if<int>(&address))
     return Error::posix(*number, "service name \"" + serviceName + "\"");
   ServiceSocket out;
-  if (auto handedOver = takeHandedOver()) {
+  if (auto handedOver = takeServiceManagerSocket(serviceName)) {
     if (auto* error = std::get_if<Error>(&*handedOver)) return std::move(*error);
     out.socket_ = std::move(std::get<FileDescriptor>(*handedOver));
     return out;
