@@ -62,3 +62,11 @@ install(CODE "
   configure_file(\"${CMAKE_SOURCE_DIR}/packaging/abd.service.in\" \"${CMAKE_BINARY_DIR}/abd.service\" @ONLY)")
 install(FILES ${CMAKE_BINARY_DIR}/abd.service packaging/abd.socket DESTINATION lib/systemd/user)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
+
+# Completions, where the shells look: zsh in its own directory beside the system's packages, elsewhere in the site's.
+install(FILES packaging/completions/abctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+set(ZSH_COMPLETIONS site-functions)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(ZSH_COMPLETIONS vendor-completions)
+endif()
+install(FILES packaging/completions/_abctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${ZSH_COMPLETIONS})

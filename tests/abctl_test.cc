@@ -492,6 +492,42 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
   for (const std::string& row : lines(plain)) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
 }
 
+/// What bash is told may stand at the end of a line.
+TEST_F(Abctl, ShellsCompleteCommandsOptionsAndWhatTheDaemonKnows) {
+  const UUID token = *call("lock", {{"paths", Array{notes_}}, {"flags", 1}})["uuids"].uuid();
+  const std::string script = "source " SOURCE_ROOT
+                             "/packaging/completions/abctl; COMP_LINE=$0; "
+                             "COMP_POINT=${#0}; _abctl; echo ${COMPREPLY[@]}";
+  const auto completed = [&](const std::string& line) {
+    Invocation bash(root, {"-c", script, ABCTL_PROGRAM " " + line}, {.program = "/bin/bash"});
+    return bash.out() + bash.err();
+  };
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"el", "elect elections"},
+      {"elections ", "export import"},
+      {"match --d", "--duplicates"},
+      {"--json match --ser", "--service"},
+      {"check --as p", "plug-in"},
+      {"show org.p", "org.paint.blur org.paint.sealed"},
+      {"show org.paint.blur org.p", ""},
+      {"elect u", ""},
+      {"elect org.paint.blur u", "use"},
+      {"annotate --election=u", "use"},
+      {"match --rule ZQUs", "ZQUserElection="},
+      {"match --rule 'Fa", "Fast="},
+      {"match --rule Fast=", "true"},
+      {"match --rule ZQExtensionPointName=com.example.f", "com.example.filter"},
+      {"match --rule=ZQExtensionContainingApp=" + paint_.substr(0, paint_.size() - 5), paint_},
+      {"release ", token.string()},
+      {"explain org.paint.blur --as ", std::to_string(getpid())},
+      {"--service nobody show org.p", ""},
+      {"check -- ", ""}};
+  for (const auto& [line, expected] : cases) EXPECT_EQ(completed(line), expected + "\n") << line;
+  EXPECT_EQ(run({"complete", "check", ""}).out(), "/\n") << "a path is for the shell";
+  daemon.reset();
+  EXPECT_EQ(completed("show org.p"), "\n");
+}
+
 TEST_F(Abctl, TheClientInPythonListsAndFollows) {
   const Invocation::Options python{.program = SOURCE_ROOT "/examples/python/plugins.py"};
   Invocation list(root, {"ZQExtensionPointName=com.example.filter"}, python);

@@ -40,4 +40,8 @@ void addCheckCommand(CLI::App& app, Context& context);
 void addDoctorCommand(CLI::App& app, Context& context);
 void addHoldCommands(CLI::App& app, Context& context);  // hold, release
 
+/// Prints what the last of the words may become, one to a line; nothing where that is not known. `app` has
+/// all commands.
+ExitCode complete(const CLI::App& app, Context& context, const std::vector<std::string>& words);
+
 }  // namespace abctl

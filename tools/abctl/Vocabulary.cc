@@ -145,8 +145,7 @@ void checkUnknownKey(const CheckedFile& file, const platform::KeyPath& path, Pla
                      const std::set<std::string>& custom) {
   const std::string_view key = path.back().view();
   std::vector<std::string> names(custom.begin(), custom.end());
-  for (const KnownKey& each : kKnownKeys)
-    if (each.place == place) names.emplace_back(each.key);
+  for (const std::string_view each : knownKeys(place)) names.emplace_back(each);
   if (const std::string meant = likelyMeant(key, names); !meant.empty()) {
     file.find(Level::warning, path, "did you mean \"" + meant + "\"?",
               "nothing reads the key as it is written", "rename it to \"" + meant + "\"");
@@ -167,6 +166,13 @@ void checkUnknownKey(const CheckedFile& file, const platform::KeyPath& path, Pla
 }
 
 }  // namespace
+
+std::vector<std::string_view> knownKeys(Place place) {
+  std::vector<std::string_view> keys;
+  for (const KnownKey& each : kKnownKeys)
+    if (each.place == place) keys.push_back(each.key);
+  return keys;
+}
 
 std::string likelyMeant(std::string_view name, const std::vector<std::string>& names) {
   constexpr size_t kShort = 8;  // shorter names are too near to one another

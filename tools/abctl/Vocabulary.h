@@ -22,6 +22,9 @@ enum class Place { info, section, attributes, service, entitlements, rules };
 void checkKeys(const CheckedFile& file, const platform::KeyPath& path, Place place,
                const std::set<std::string>& custom = {});
 
+/// The keys that the daemon reads in such a place.
+std::vector<std::string_view> knownKeys(Place place);
+
 /// The one of `names` that `name` is likely meant to be, or "". Case, and one or two letters, may differ.
 std::string likelyMeant(std::string_view name, const std::vector<std::string>& names);
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "Ambrel/ABProtocol.h"
 #include "platform/log/Log.h"
@@ -84,6 +85,9 @@ void declareOptions(CLI::App& app, Context& context) {
 ExitCode run(int argc, char** argv, Context& context) {
   CLI::App app("Asks and instructs abd, the plug-in registry daemon.", "abctl");
   declareOptions(app, context);
+  // Shells ask so, for people who press Tab (packaging/completions).
+  if (argc > 1 && argv[1] == std::string("complete"))
+    return abctl::complete(app, context, std::vector<std::string>(argv + 2, argv + argc));
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& help) {
