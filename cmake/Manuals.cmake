@@ -24,7 +24,12 @@ foreach(manual "abd.8 operating" "abctl.1 abctl" "libambrel.3 client" "abd-proto
     DEPENDS packaging/manuals/make.py ${files} ${program} VERBATIM)
   list(APPEND pages ${CMAKE_BINARY_DIR}/manuals/${page})
   string(REGEX REPLACE ".*\\." "" section ${page})
-  install(FILES ${CMAKE_BINARY_DIR}/manuals/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+  set(component Unspecified)
+  if(section EQUAL 3)
+    set(component Development)  # with the headers that it is about
+  endif()
+  install(FILES ${CMAKE_BINARY_DIR}/manuals/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+    COMPONENT ${component})
 endforeach()
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/manuals)
 add_custom_target(manuals ALL DEPENDS ${pages})
