@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <latch>
@@ -175,6 +176,33 @@ TEST(RunLoopTest, runsWorkOfItsOwnThreadWithinTheTurnAndInOrder) {
     thread.run([] {});
   }
   EXPECT_EQ(all, "abcdefgt");
+}
+
+TEST(RunLoopTest, runsWhatASourceSubmitsBeforeTheNextPieceWhoeverElseSubmits) {
+  struct Pieces : RunLoop::Source {
+    explicit Pieces(RunLoop& loop) : queue("pieces", loop) {}
+    bool supply() override {
+      inOrder = inOrder && done == asked;
+      ++asked;
+      while (answered < asked) std::this_thread::yield();  // another thread submits first
+      queue.async([this] { ++done; });
+      return asked < 500;
+    }
+    void finishTurn() override {}
+    SerialQueue queue;
+    std::atomic<int> asked{0}, answered{0}, done{0};
+    bool inOrder = true;
+  };
+  LoopThread thread;
+  const auto pieces = std::make_shared<Pieces>(thread.loop);
+  thread.run([&] { thread.loop.enlist(pieces); });
+  while (pieces->answered < 500) {
+    if (pieces->asked == pieces->answered) continue;
+    pieces->queue.async([] {});
+    ++pieces->answered;
+  }
+  thread.join();
+  EXPECT_TRUE(pieces->inOrder);
 }
 
 TEST(RunLoopTest, callsNoHandlerAfterItsDescriptorWasRemoved) {

@@ -182,6 +182,8 @@ bool RunLoop::Implementation::runNext(Clock::time_point now) {
     served = nextSource(now);
     if (served == nullptr) return false;
     if (served->supply()) sources.push(served);
+    // What it submitted may stand in a queue that another thread has enlisted meanwhile.
+    if (ready.empty()) takeIncoming();
     if (ready.empty()) return true;
   }
   Item item = ready.pop();
