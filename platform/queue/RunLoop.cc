@@ -120,8 +120,12 @@ void RunLoop::Implementation::wait() {
   const size_t room = std::max(registered + 1, kSmallestBatch);
   if (events.size() < room) events.resize(room * 2);
   isSleeping.store(true, std::memory_order_seq_cst);
-  const int timeout = timeToWait();
-  const int count = epoll_wait(epoll, events.data(), static_cast<int>(events.size()), timeout);
+  // Interrupted, when the process was stopped for a while, it tells nothing of the descriptors; timers that
+  // are due by now wait until what came meanwhile was looked at.
+  int count = 0;
+  do {
+    count = epoll_wait(epoll, events.data(), static_cast<int>(events.size()), timeToWait());
+  } while (count < 0 && errno == EINTR);
   isSleeping.store(false, std::memory_order_seq_cst);
   if (count > 0) dispatchEvents(static_cast<size_t>(count));
 }
