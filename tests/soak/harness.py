@@ -126,6 +126,7 @@ class Device:
     def install(self, name, infos):
         """Installs the application `name`.app with a plug-in for each Info dictionary, by one rename."""
         fresh = self.path / f"{name}.fresh"
+        shutil.rmtree(fresh, ignore_errors=True)  # of an installation that was cut short
         info = {"BWBundleIdentifier": f"org.example.{name}", "BWBundleName": name, "BWBundleExecutable": "run"}
         write_bundle(fresh, info)
         for each in infos:

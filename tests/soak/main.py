@@ -15,6 +15,8 @@ import harness
 
 # Each registers its scenarios; the table has their order.
 import neighbours  # noqa: F401
+import hostile  # noqa: F401
+import changes  # noqa: F401
 
 
 def run(name, is_long):
