@@ -490,6 +490,11 @@ TEST_F(Abctl, TablesFitTheTerminalAndNothingInThemCommandsIt) {
       run({"match"}, {.environment = {"TERM=xterm", "NO_COLOR=1"}, .columns = 60}).out();
   EXPECT_EQ(plain.find('\x1b'), std::string::npos) << plain;
   for (const std::string& row : lines(plain)) EXPECT_LE(row.find('\r'), 60u + 20u) << row;
+  EXPECT_NE(plain.find("cells cut; --json"), std::string::npos) << plain;
+  EXPECT_NE(plain.find("…s.share"), std::string::npos) << "identifiers differ at their ends: " << plain;
+  const std::string tiny = run({"match"}, {.environment = {"TERM=dumb"}, .columns = 30}).out();
+  for (const std::string& row : Words{lines(tiny)[0], lines(tiny)[1]}) EXPECT_LE(row.find('\r'), 30u + 4u);
+  EXPECT_NE(tiny.find("and 3 columns cut"), std::string::npos) << tiny;
 }
 
 /// What bash is told may stand at the end of a line.

@@ -213,6 +213,8 @@ const std::vector<Ailment> kWhileItRuns = {
     {"true", "error: exclusions.0.a: ", "mv $P config/veltra/Preferences/com.veltra.ambrel.userprefs.plist"},
     {"true", "userprefs.plist: warning: is not read", "rm config/veltra/Preferences/*.plist"},
     {"echo x > share/veltra/SDKs/x.plist", "SDKs/x.plist: error: not a", "rm share/veltra/SDKs/x.plist"},
+    {"mkdir other; echo x > other/A; X=--annotations=other/A", "other/A: error: cannot be loaded"},
+    {"X=--annotations=other/A", "other/A: warning: is not the daemon's annotation file", "rm -r other"},
     {"mv $S.diagnostics d", "diagnostics: error: there is no socket", "mv d $S.diagnostics"},
     {"mv $S s", "hint: a daemon runs, but not under this name: process ", "mv s $S"},
 };
@@ -235,7 +237,7 @@ TEST(Doctor, SaysWhatIsWrongAndHarmsNothing) {
       hostIdentifier() +
       ".plist; S=run/veltra/com.veltra.ambrel.abd; H=state/veltra/Hollin/Registry.sqlite; ";
   const auto suffer = [&](const Ailment& each) {
-    const Outcome run = shell(root, names + each.cause + "; abctl doctor");
+    const Outcome run = shell(root, names + each.cause + "; abctl doctor $X");
     EXPECT_NE(run.output.find(each.finding), std::string::npos) << each.finding << "\n" << run.output;
     EXPECT_EQ(run.status, run.output.find(": error: ") != std::string::npos ? 1 : 0) << run.output;
     shell(root, names + each.cure);

@@ -24,7 +24,9 @@ struct DirectoryFacts {
   std::string what, path;
   std::string owner, mode;  // empty while it is missing
 };
-std::vector<DirectoryFacts> checkDirectories(Findings& findings);
+/// `annotations`: the annotation file, in whose directory elections are kept; "" when there is no place for
+/// it.
+std::vector<DirectoryFacts> checkDirectories(const std::string& annotations, Findings& findings);
 
 /// What the user's processes use, as far as /proc shows it.
 struct ProcessFacts {
@@ -34,14 +36,19 @@ struct ProcessFacts {
 };
 ProcessFacts checkProcesses(Findings& findings);
 
-/// Elections, registrations (unless `isInUse` by a daemon, which has judged them), the key of read tokens,
-/// and what was set aside.
-void checkState(Findings& findings, bool isInUse);
+/// Elections in `annotations`, registrations (unless `isInUse` by a daemon, which has judged them), the key
+/// of read tokens, and what was set aside.
+void checkState(const std::string& annotations, bool isInUse, Findings& findings);
 
 /// Consent, restrictions, preferences, SDKs and types.
 void checkSettings(Findings& findings);
 
-/// The sockets of the service and whether a daemon answers.
-bool checkService(const Context& context, const ProcessFacts& processes, Findings& findings);
+/// The daemon behind the service, as far as it tells.
+struct DaemonFacts {
+  bool answers = false;
+  std::string version, annotations;  // empty while that is not known; the latter is a path
+};
+/// The sockets of the service and what answers there.
+DaemonFacts checkService(const Context& context, const ProcessFacts& processes, Findings& findings);
 
 }  // namespace abctl

@@ -50,15 +50,12 @@ struct Place {
   Use use;
 };
 
-std::vector<Place> places() {
+std::vector<Place> places(const std::string& annotations) {
   const Directories& directories = Directories::shared();
   std::vector<Place> all = {{"sockets", directories.runtime, Use::sockets},
                             {"state", directories.state, Use::kept}};
-  const std::string elections = ABDAnnotationStore::defaultPath();
-  if (!elections.empty()) {
-    all.push_back({"elections", fs::path(elections).parent_path(), Use::kept});
-    all.push_back({"registrations", directories.state + "/Hollin", Use::kept});
-  }
+  if (!annotations.empty()) all.push_back({"elections", fs::path(annotations).parent_path(), Use::kept});
+  if (!directories.state.empty()) all.push_back({"registrations", directories.state + "/Hollin", Use::kept});
   all.push_back({"user's settings", directories.configUser, Use::believed});
   for (const std::string& path : directories.configDevice)
     all.push_back({"device's settings", path, Use::believed});
@@ -95,7 +92,8 @@ void judge(const Place& place, const struct stat& status, Findings& findings) {
   if (place.use == Use::believed && !isMine && status.st_uid != 0)
     find(Level::warning, "belongs to " + userName(status.st_uid),
          "who owns it decides what hosts are offered", "give it to root, or to the user");
-  if (place.use != Use::sockets && (status.st_mode & S_IWOTH) != 0)
+  const bool isSticky = place.use == Use::kept && (status.st_mode & S_ISVTX) != 0;
+  if (place.use != Use::sockets && (status.st_mode & S_IWOTH) != 0 && !isSticky)
     find(Level::warning, "everybody may write to it", "everybody decides what the daemon answers",
          change + "o-w" + path);
 }
@@ -125,8 +123,7 @@ void checkSetAside(const std::string& path, const std::string& loss, Findings& f
   }
 }
 
-void checkElections(Findings& findings) {
-  const std::string path = ABDAnnotationStore::defaultPath();
+void checkElections(const std::string& path, Findings& findings) {
   checkSetAside(path, "its elections do not count", findings);
   if (!isThere(path, findings)) return;
   const auto read = ABDAnnotationStore::readTable(path);
@@ -263,9 +260,9 @@ std::string userName(uid_t user) {
   return entry != nullptr ? entry->pw_name : std::to_string(user);
 }
 
-std::vector<DirectoryFacts> checkDirectories(Findings& findings) {
+std::vector<DirectoryFacts> checkDirectories(const std::string& annotations, Findings& findings) {
   std::vector<DirectoryFacts> all;
-  for (const Place& place : places()) {
+  for (const Place& place : places(annotations)) {
     DirectoryFacts facts{place.what, place.path, {}, {}};
     struct stat status {};
     if (place.path.empty()) {
@@ -291,9 +288,9 @@ std::vector<DirectoryFacts> checkDirectories(Findings& findings) {
   return all;
 }
 
-void checkState(Findings& findings, bool isInUse) {
+void checkState(const std::string& annotations, bool isInUse, Findings& findings) {
+  if (!annotations.empty()) checkElections(annotations, findings);
   if (Directories::shared().state.empty()) return;
-  checkElections(findings);
   checkRegistrations(findings, isInUse);
   checkKey(findings);
 }

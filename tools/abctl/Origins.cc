@@ -72,10 +72,8 @@ Array filesOf(const Origin& origin, const std::string& own, const std::string& s
   return origin.change->step == Step::united ? Array{own, sdk} : Array{sdk};
 }
 
-std::string shortText(const Value& value) {
-  constexpr size_t kLongest = 40;
-  return cutToWidth(safeText(value.isString() ? std::string(*value.string()) : jsonText(value, false)),
-                    kLongest);
+std::string textOf(const Value& value) {
+  return value.isString() ? std::string(*value.string()) : jsonText(value, false);
 }
 
 }  // namespace
@@ -88,8 +86,8 @@ void printOrigins(const Screen& screen, const Trial::PlugIn& plugIn) {
   Table table({"KEY", "VALUE", "FROM"});
   for (const Origin& origin : originsOf(plugIn)) {
     const bool isInstead = origin.change != nullptr && !origin.change->other.isNone();
-    table.add({keyText(origin.key), shortText(origin.value),
-               sourceOf(origin) + (isInstead ? ", not " + shortText(origin.change->other) : "")});
+    table.add({keyText(origin.key), textOf(origin.value),
+               sourceOf(origin) + (isInstead ? ", not " + textOf(origin.change->other) : "")});
   }
   std::printf("%s", table.lines(screen).c_str());
 }

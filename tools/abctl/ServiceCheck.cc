@@ -12,6 +12,7 @@
 #include <variant>
 
 #include "Ambrel/ABDiagnostics.h"
+#include "Ambrel/ABProtocol.h"
 #include "platform/qmx/Listener.h"
 #include "platform/qmx/ServiceAddress.h"
 #include "platform/system/Directories.h"
@@ -128,6 +129,31 @@ bool answers(const Context& context, Findings& findings) {
   }
 }
 
+/// What the daemon tells of itself.
+void askDaemon(const Context& context, DaemonFacts& facts, Findings& findings) {
+  const std::string service = context.service + ambrel::kDiagnosticsSuffix,
+                    path = platform::qmx::servicePath(service);
+  const char* const effect = "there is no `abctl explain` and no `abctl status`; its version is not known";
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) {
+    findings.add({Level::error, "there is no socket: this daemon has no diagnostics service", effect,
+                  "restart the daemon, its log says why; if there is none then, it is older than abctl",
+                  path});
+    return;
+  }
+  if (!checkSocket(service, effect, findings)) return;
+  try {
+    const Dictionary told = Daemon(context, ambrel::kDiagnosticsSuffix).status();
+    facts.version = told[ambrel::statuskey::version].string().value_or("");
+    facts.annotations = told[ambrel::statuskey::annotations][ambrel::statuskey::path].string().value_or("");
+  } catch (const Failure& failure) {
+    const bool isDenied = failure.daemonCode == ambrel::kABErrorAccess;
+    findings.add(
+        {Level::warning, failure.what(), effect,
+         isDenied ? "run the installed abctl: a copy elsewhere is not entitled to ask" : failure.hint, path});
+  }
+}
+
 }  // namespace
 
 ProcessFacts checkProcesses(Findings& findings) {
@@ -148,18 +174,19 @@ ProcessFacts checkProcesses(Findings& findings) {
   return facts;
 }
 
-bool checkService(const Context& context, const ProcessFacts& processes, Findings& findings) {
-  if (platform::Directories::shared().runtime.empty()) return false;
-  const bool isThere = checkSocket(context.service, kNobody, findings) && answers(context, findings);
-  if (isThere) {
-    checkSocket(context.service + ambrel::kDiagnosticsSuffix, "there is no `abctl explain`", findings);
+DaemonFacts checkService(const Context& context, const ProcessFacts& processes, Findings& findings) {
+  DaemonFacts facts;
+  if (platform::Directories::shared().runtime.empty()) return facts;
+  facts.answers = checkSocket(context.service, kNobody, findings) && answers(context, findings);
+  if (facts.answers) {
+    askDaemon(context, facts, findings);
   } else if (processes.daemon) {
     findings.add(
         {Level::hint, "a daemon runs, but not under this name: process " + std::to_string(*processes.daemon),
          "whoever looks here does not find it", "look at its option -S, at --service and XDG_RUNTIME_DIR",
          platform::qmx::servicePath(context.service)});
   }
-  return isThere;
+  return facts;
 }
 
 }  // namespace abctl

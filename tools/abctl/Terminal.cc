@@ -107,19 +107,41 @@ size_t displayWidth(std::string_view text) {
   return width;
 }
 
-std::string cutToWidth(std::string_view text, size_t columns) {
-  if (displayWidth(text) <= columns) return std::string(text);
-  if (columns == 0) return {};
+namespace {
+
+/// The bytes of `text` that its first characters take, at most `columns` columns of them.
+size_t bytesWithin(std::string_view text, size_t columns) {
   size_t width = 0, end = 0;
   while (end < text.size()) {
     const std::optional<Character> character = decode(text.substr(end));
-    const size_t next = character ? characterWidth(character->code) : 1;
-    if (width + next > columns - 1) break;
-    width += next;
+    width += character ? characterWidth(character->code) : 1;
+    if (width > columns) break;
     end += character ? character->length : 1;
   }
-  return std::string(text.substr(0, end)) + "…";
+  return end;
 }
+
+/// `text` cut to at most `columns` columns, with an ellipsis in place of what was cut: the end, or, of a
+/// single word (identifiers and paths differ in their last parts), what is in the middle.
+std::string cutToWidth(std::string_view text, size_t columns, bool isHeading) {
+  size_t width = displayWidth(text);
+  if (width <= columns) return std::string(text);
+  const bool isWord = !isHeading && text.find(' ') == text.npos;
+  const size_t kept = columns - 1, head = bytesWithin(text, isWord ? kept / 3 : kept);
+  std::string_view tail = text.substr(head);
+  const size_t left = isWord ? kept - displayWidth(text.substr(0, head)) : 0;
+  for (width = displayWidth(tail); width > left;) {
+    const Character next = decode(tail).value_or(Character{' ', 1});
+    width -= characterWidth(next.code);
+    tail.remove_prefix(next.length);
+  }
+  while (!tail.empty() && decode(tail) &&
+         characterWidth(decode(tail)->code) == 0)  // it belongs to what is gone
+    tail.remove_prefix(decode(tail)->length);
+  return std::string(text.substr(0, head)) + "…" + std::string(tail);
+}
+
+}  // namespace
 
 Screen::Screen() {
   if (::isatty(STDOUT_FILENO) == 0) return;
@@ -156,29 +178,50 @@ std::vector<size_t> Table::columnWidths(size_t columns) const {
   constexpr size_t kGap = 2, kNarrowest = 8;
   size_t total = kGap * (widths.size() - 1);
   for (const size_t width : widths) total += width;
+  // The first column names the row and keeps twice as much as the others.
+  const auto weighed = [&widths](size_t index) { return index == 0 ? widths[0] / 2 : widths[index]; };
   while (columns != 0 && total > columns) {
-    const auto widest = std::max_element(widths.begin(), widths.end());
-    if (*widest <= kNarrowest) break;
-    --*widest;
-    --total;
+    size_t widest = 0;
+    for (size_t index = 1; index < widths.size(); ++index)
+      if (weighed(index) >= weighed(widest) && widths[index] > kNarrowest) widest = index;
+    if (widths[widest] > kNarrowest || (widths.size() == 1 && widths[0] > 1)) {
+      --widths[widest];
+      --total;
+    } else if (widths.size() > 1) {
+      total -= kGap + widths.back();
+      widths.pop_back();
+    } else {
+      break;
+    }
   }
   return widths;
 }
 
 std::string Table::lines(const Screen& screen) const {
   const std::vector<size_t> widths = columnWidths(screen.columns());
+  const size_t lost = rows_.front().size() - widths.size();
+  size_t cut = 0;
   std::string result;
   for (const std::vector<Cell>& row : rows_) {
+    const bool isHeading = &row == &rows_.front();
     std::string line;
-    for (size_t index = 0; index < row.size(); ++index) {
-      const std::string text = cutToWidth(row[index].text, widths[index]);
+    for (size_t index = 0; index < widths.size(); ++index) {
+      const std::string text = cutToWidth(row[index].text, widths[index], isHeading);
+      if (!isHeading && text != row[index].text) ++cut;
       line += screen.styled(row[index].style, text);
-      if (index + 1 < row.size()) line.append(widths[index] - displayWidth(text) + 2, ' ');
+      if (index + 1 < widths.size()) line.append(widths[index] - displayWidth(text) + 2, ' ');
     }
     while (!line.empty() && line.back() == ' ') line.pop_back();
     result += line + '\n';
   }
-  return result;
+  if (cut + lost == 0) return result;
+  const auto counted = [](size_t count, const char* what) {
+    return count == 0 ? "" : std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+  };
+  const std::string both = cut != 0 && lost != 0 ? " and " : "";
+  const std::string note =
+      "(" + counted(cut, "cell") + both + counted(lost, "column") + " cut; --json shows all)";
+  return result + screen.styled(Style::faint, note) + '\n';
 }
 
 }  // namespace abctl

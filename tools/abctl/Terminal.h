@@ -21,9 +21,6 @@ std::string safeText(std::string_view text);
 /// Columns that `text` takes. REQUIRES: a result of safeText().
 size_t displayWidth(std::string_view text);
 
-/// `text` cut to at most `columns` columns, the last one an ellipsis when something was cut.
-std::string cutToWidth(std::string_view text, size_t columns);
-
 enum class Style { plain, heading, good, bad, faint };
 
 /// Standard output as the tables see it.
@@ -54,10 +51,12 @@ class Table {
   };
   /// REQUIRES: as many cells as the heading has.
   void add(std::vector<Cell> row);
-  /// The lines, each ended; the widest columns are cut until a row fits the screen.
+  /// The lines, each ended. The widest columns are cut, and then the last ones left out, until a row fits the
+  /// screen; then one more line says what is missing.
   std::string lines(const Screen& screen) const;
 
  private:
+  /// Of those columns that fit.
   std::vector<size_t> columnWidths(size_t columns) const;
   std::vector<std::vector<Cell>> rows_;  // the heading is the first
 };
