@@ -1,8 +1,6 @@
-// "annotate": what is stored, where it shows, and that what was answered survives kills.
+// "annotate": what is stored and where it shows.
 
 #include <cmath>
-#include <map>
-#include <random>
 
 #include "platform/propertylist/PropertyList.h"
 #include "tests/support/DaemonTest.h"
@@ -69,10 +67,8 @@ TEST_F(Annotate, AnAnnotationIsJudgedWholeBeforeAnythingIsStored) {
   const auto filledWith = [](size_t size) { return Value(Dictionary{{"fill", std::string(size, 'x')}}); };
   const Value around = Dictionary{{"election", 1}, {"extension", filledWith(1)}};
   const size_t largest = (256u << 10) - std::get<std::string>(serializePropertyList(around)).size() + 1;
-  for (const Value& wrong : {Value(), Value("text"), Value(Array{1}), Value(5)})
-    EXPECT_EQ(errorOf(annotate({a}, wrong)), "4: invalid request format (bad annotations dictionary)");
-  for (const Value& election :
-       {Value("1"), Value(Dictionary()), Value(UUID::random()), Value(std::nan("")), Value(HUGE_VAL)})
+  EXPECT_EQ(errorOf(annotate({a}, Array{1})), "4: invalid request format (bad annotations dictionary)");
+  for (const Value& election : {Value("1"), Value(UUID::random()), Value(std::nan("")), Value(HUGE_VAL)})
     EXPECT_EQ(errorOf(annotate({a}, Dictionary{{"election", election}, {"extension", nested(1)}})),
               "4: invalid request format (annotation election)");
   for (const Value& extension :
@@ -153,46 +149,6 @@ TEST_F(Annotate, APlugInWhoseNameNoFileCanHoldSpoilsNobodysElection) {
   EXPECT_EQ(annotationsInForm("bell\a")["election"], Value(1)) << "kept in memory";
   EXPECT_EQ(elect(uuid("good"), 2), "");
   EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"good", Dictionary{{"election", 2}}}}));
-}
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int kKills = 30;
-#else
-constexpr int kKills = 200;
-#endif
-
-TEST_F(Annotate, WhatWasAnsweredSurvivesAKillAtAnyMoment) {
-  root.install("A.app", {{.identifier = "0"}, {.identifier = "1"}, {.identifier = "2"}});
-  start({.arguments = {}});
-  const UUID uuids[] = {uuid("0"), uuid("1"), uuid("2")};
-  const fs::path directory = fs::path(root.annotationFile()).parent_path();
-  std::mt19937 random(42);
-  std::map<std::string, int64_t> answered;
-  int64_t serial = 0;
-  size_t answers = 0;
-  for (int kill = 0; kill < kKills; ++kill) {
-    std::map<uint64_t, int64_t> sent;  // by request
-    for (int i = 0; i < 100; ++i, ++serial) {
-      const Dictionary annotations = {{"election", serial}, {"extension", Dictionary{{"Serial", serial}}}};
-      sent[client->send(
-          message("annotate", {{"uuids", Array{uuids[serial % 3]}}, {"annotations", annotations}}))] = serial;
-    }
-    usleep(static_cast<useconds_t>(random() % 20'000));
-    daemon->kill();
-    for (; const auto reply = client->receive(std::chrono::milliseconds(0)); ++answers)
-      answered[std::to_string(sent.at(reply->id) % 3)] = sent.at(reply->id);
-    const Dictionary stored = root.storedAnnotations();
-    for (const auto& [name, number] : answered) {
-      ASSERT_GE(stored[name]["election"].integerValue(), number) << name << " after kill " << kill;
-      ASSERT_EQ(stored[name]["extension"]["Serial"], stored[name]["election"]) << "a torn record";
-    }
-    daemon->start();
-    client.emplace(daemon->connect());
-    ASSERT_FALSE(daemon->logs("unable to load annotation database")) << "after kill " << kill;
-    ASSERT_LE(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1)
-        << "left-over temporary files are swept";
-  }
-  EXPECT_GT(answers, 0u) << "kills came while requests were being answered";
 }
 
 }  // namespace

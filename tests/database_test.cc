@@ -1,8 +1,6 @@
 // The database and what it keeps: records that come and go meanwhile, the annotation
 // store (what it reads, what it refuses and leaves alone), and a hold that is made when its client has died.
 
-#include <sys/stat.h>
-
 #include <future>
 
 #include "Ambrel/ABCollections.h"
@@ -95,8 +93,9 @@ class AnnotationStore : public testing::Test {
 };
 
 TEST_F(AnnotationStore, StartsSilentlyWithoutAFileAndKeepsWhatItDoesNotKnow) {
+  writeText(directory() + "/.Annotations.tmp-0123ABCD", "left over");
   EXPECT_EQ(logOf([] { ABDAnnotationStore first(file()); }), Log{});
-  EXPECT_FALSE(fs::exists(file()));
+  EXPECT_TRUE(fs::is_empty(directory()));
   const Dictionary table = {{"other", Dictionary{{"more", Array{1, 2.5}}, {"election", "text"}}}, {"odd", 5}};
   const auto fileOf = [](const Dictionary& contents) {
     return Dictionary{{"version", 16}, {"data", contents}};
@@ -117,7 +116,6 @@ TEST_F(AnnotationStore, AFileThatCannotBeReadIsReportedAndKept) {
   const Record plugIn = registeredRecord({.identifier = "annotated"});
   for (const auto& [version, read] : {std::pair<Value, const char*>("15b", "15"),
                                       {"v16", "0"},
-                                      {Array{16}, "0"},
                                       {17, "17"},
                                       {"99999999999999999999", "2147483647"}}) {
     const Dictionary outdated = {{"data", Dictionary()}, {"version", version}};
@@ -135,16 +133,8 @@ TEST_F(AnnotationStore, AFileThatCannotBeReadIsReportedAndKept) {
         << log[0];
     EXPECT_EQ(readDictionaryFile(log[0].substr(log[0].find(file()))), outdated);
   }
-  const auto expectRefusal = [](const char* text) { EXPECT_NE(refusal().find(text), std::string::npos); };
   writePropertyList(file(), Dictionary{{"version", "16 or so"}, {"data", Array()}});
-  expectRefusal("\"data\" is not a dictionary");
-  writePropertyList(file(), Array{16});
-  expectRefusal("does not hold a dictionary");
-  writeText(file(), "<plist><dict><key>version");
-  expectRefusal("File 259");
-  fs::remove(file());
-  ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
-  expectRefusal("POSIX");  // and nobody waits for a writer
+  EXPECT_NE(refusal().find("\"data\" is not a dictionary"), std::string::npos);
 }
 
 // --- Holds ---

@@ -1,5 +1,5 @@
-// What the system does for an answer, seen from outside: for an "annotate" the calls and their order, and
-// each of them failing once; for a "match" how many there are.
+// What the system does for an answer, seen from outside: for an "annotate" the calls and their order, for a
+// "match" how many there are.
 
 #include <algorithm>
 #include <csignal>
@@ -45,19 +45,13 @@ class SystemCalls {
   bool isAttached_ = false;
 };
 
-class Durability : public DaemonTest {
- protected:
-  Durability() {
-    root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
-    start({.arguments = {}});
-    a = uuid("a");
-    b = uuid("b");
-  }
-  const std::string directory = fs::path(root.annotationFile()).parent_path();
-  UUID a, b;
-};
+using Durability = DaemonTest;
 
 TEST_F(Durability, TheFileAndItsNameAreOnDiskBeforeTheReply) {
+  root.install("A.app", {{.identifier = "a"}});
+  start({.arguments = {}});
+  const UUID a = uuid("a");
+  const std::string directory = fs::path(root.annotationFile()).parent_path();
   SystemCalls calls(root, daemon->pid(), {"-e", "trace=write,fsync,rename,sendto"});
   if (!calls.isAttached()) GTEST_SKIP() << "processes cannot be traced here";
   EXPECT_EQ(elect(a, 1), "");
@@ -73,34 +67,6 @@ TEST_F(Durability, TheFileAndItsNameAreOnDiskBeforeTheReply) {
   }
   EXPECT_EQ(order, (std::vector<std::string>{"write file", "fsync file", "rename file", "fsync directory",
                                              "write notification", "reply"}));
-}
-
-TEST_F(Durability, EachStepMayFailOnceAndNothingIsLost) {
-  int election = 1;
-  ASSERT_EQ(elect(a, election), "");
-  // The first write is the log's entry about the election.
-  for (const char* failure :
-       {"write:error=ENOSPC:when=2", "fsync:error=EIO:when=1", "rename:error=EACCES:when=1",
-        "fsync:error=EIO:when=2", "openat:error=EMFILE:when=1"}) {
-    const std::string before = readText(root.annotationFile());
-    const size_t reports =
-        daemon->logCount("unable to save annotations:file://" + root.annotationFile() + " error:");
-    ++election;
-    {
-      SystemCalls calls(root, daemon->pid(), {"-e", std::string("inject=") + failure});
-      if (!calls.isAttached()) GTEST_SKIP() << "processes cannot be traced here";
-      EXPECT_EQ(elect(a, election), "") << "a failed save does not change the reply";
-    }
-    EXPECT_EQ(daemon->logCount("unable to save annotations:"), reports + 1) << failure;
-    const bool isRenamed = std::string_view(failure) == "fsync:error=EIO:when=2";
-    EXPECT_EQ(readText(root.annotationFile()) == before, !isRenamed) << failure;
-    EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1)
-        << "no temporary file is left by " << failure;
-    EXPECT_EQ(elect(b, election), "");
-    EXPECT_EQ(Value(root.storedAnnotations()), Value(Dictionary{{"a", Dictionary{{"election", election}}},
-                                                                {"b", Dictionary{{"election", election}}}}))
-        << failure;
-  }
 }
 
 using Discovery = DaemonTest;
