@@ -140,22 +140,6 @@ TEST_F(Holds, EndWithTheirClientAndNoOther) {
   EXPECT_EQ(found(), "one three two");
 }
 
-TEST_F(Holds, NoHoldOutlivesAClientThatDiesWhileItAsks) {
-  // The stream ends right behind the request, before it is served, and while requests are being served.
-  for (int round = 0; round < 60; ++round) {
-    WireClient dying = daemon->connect();
-    const int requests = 1 + round % 5;
-    for (int i = 0; i < requests; ++i)
-      dying.send(message("lock", {{"paths", Array{application}}, {"flags", kApplications}}));
-    if (round % 3 == 0) usleep(static_cast<useconds_t>(round * 20));
-    if (round % 2 == 0) dying.shutdownSending();
-    dying.close();
-  }
-  EXPECT_TRUE(daemon->waitForLog(" is dead", 60));
-  EXPECT_EQ(found(), "one three two");
-  EXPECT_EQ(daemon->logCount("hold request granted"), daemon->logCount("releasing plug-in hold"));
-}
-
 TEST_F(Holds, MarkTheDaemonBusyForAServiceManagerThatNeverBlocksIt) {
   // The manager's socket under an abstract name.
   const FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));

@@ -2,7 +2,6 @@
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <fstream>
@@ -87,15 +86,6 @@ TEST(FramesTest, thatAreOversizedOrMalformedAreLoggedOnceAndCloseTheirConnection
   EXPECT_EQ(entriesWith(log, "a malformed frame"), bad.size() - 1);
   EXPECT_EQ(entriesWith(log, "an oversized frame"), 1u);
   EXPECT_EQ(log.size(), bad.size());
-  // Also when the end of the stream comes along.
-  const auto late = logOf([&] {
-    for (const std::string& each : {bad.front(), bad.back()}) {
-      WireClient client = service.connect();
-      client.sendBytes(each);
-    }
-    EXPECT_TRUE(service.waitFor("-", bad.size() + 2));
-  });
-  EXPECT_EQ(late.size(), 2u);
   EXPECT_EQ(other.call({{"still", "here"}})["still"], Value("here"));
 }
 
@@ -110,21 +100,6 @@ TEST(FramesTest, thatCarryLargeRepliesArriveWhole) {
 }
 
 // --- Deaths ---
-
-TEST(DeathTest, ofAPeerIsItsLastEventAndFreesTheConnection) {
-  EchoService service("death");
-  service.connect().call({});
-  EXPECT_TRUE(service.waitFor("-"));
-  service.connect().sendBytes(std::string("\0\0\1\0abc", 7));
-  EXPECT_TRUE(service.waitFor("-", 2));
-  WireClient cancelled = service.connect();
-  cancelled.sendFrame(FrameKind::message, 0, Dictionary{{"cancel", true}});
-  EXPECT_TRUE(cancelled.isClosedByPeer());
-  EXPECT_TRUE(service.waitFor("-", 3));
-  EXPECT_EQ(service.history(), "+m-+-+m-");
-  service.connect().call({});
-  EXPECT_LE(service.livingConnections(), 1u);
-}
 
 TEST(DeathTest, isNoticedBeforeTheNextOfTheWaitingRequests) {
   EchoService service("waiting");
@@ -192,29 +167,6 @@ TEST(DeathTest, waitsForAllThatAnIdleServiceHadWaitingHoweverMuchItIs) {
 
 // --- Limits ---
 
-TEST(LimitsTest, holdBackThePeerThatDoesNotTakeItsReplies) {
-  EchoService service("unsent");
-  WireClient client = service.connect();
-  constexpr int kRequests = 100;
-  constexpr size_t kSize = 1u << 20;
-  for (int i = 0; i < kRequests; ++i) client.send({{"size", kSize}});
-  ASSERT_TRUE(service.waitFor("m", kMaximumUnsentBytes / kSize));
-  std::this_thread::sleep_for(100ms);
-  // The one that made it too much was served, and the socket holds a little.
-  const auto served = static_cast<size_t>(std::ranges::count(service.history(), 'm'));
-  EXPECT_LE(served, kMaximumUnsentBytes / kSize + 2);
-  // Others are served meanwhile.
-  service.connect().call({});
-  for (uint64_t id = 1; id <= kRequests; ++id) ASSERT_EQ(client.receive().value().id, id);
-
-  // The end of the stream is noticed although nothing is read.
-  for (int i = 0; i < kRequests; ++i) client.send({{"size", kSize}});
-  ASSERT_TRUE(service.waitFor("m", served + kRequests));
-  std::this_thread::sleep_for(50ms);
-  client.shutdownSending();
-  EXPECT_TRUE(service.waitFor("-", 2));  // one was that of the other
-}
-
 TEST(LimitsTest, leaveRequestsThatAreTooManyInTheSocket) {
   EchoService service("pending");
   WireClient client = service.connect();
@@ -249,25 +201,6 @@ TEST(LimitsTest, onConnectionsOfOneProcessRefuseTheNextOne) {
   service.connect().call({});
   // Another process has a share of its own.
   EXPECT_TRUE(holdsInProcess([&] { return !service.connect().call({}).contains("error"); }));
-}
-
-TEST(LimitsTest, onDescriptorsMakeThePeersWaitThatComeTooLate) {
-  const std::string path = servicePath("scarce");
-  const Child daemon([] {
-    const rlimit few{.rlim_cur = 100, .rlim_max = 120};
-    if (setrlimit(RLIMIT_NOFILE, &few) != 0) return false;
-    static EchoService service("scarce");
-    return true;
-  });
-  WireClient first = WireClient::connect(path);
-  first.call({});
-  std::vector<WireClient> clients;
-  for (int i = 0; i < 80; ++i) clients.push_back(WireClient::connect(path));
-  clients.back().send({{"waited", true}});
-  EXPECT_TRUE(clients.back().isSilent());
-  first.call({});
-  clients.erase(clients.begin(), clients.end() - 1);
-  EXPECT_TRUE(clients.back().receive().value().body["waited"].isTrue());
 }
 
 TEST(LimitsTest, onTimeCloseHalfFramesAndPeersThatTakeNothing) {

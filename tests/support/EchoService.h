@@ -3,7 +3,7 @@
 // A service on a run loop of its own thread, for tests of what stands below the daemon: connections, frames
 // and limits. It handles messages as the daemon does: the handler submits each to a service queue, where it
 // is answered. A request says in its body what it wants: "sleep" (milliseconds that serving it takes), "size"
-// (bytes of an encoded property list in the reply), "cancel"; the reply echoes the rest.
+// (bytes of an encoded property list in the reply); the reply echoes the rest.
 
 #include <gtest/gtest.h>
 
@@ -65,13 +65,6 @@ class EchoService {
       return static_cast<size_t>(std::ranges::count(history_, word)) >= count;
     });
   }
-  /// How many connections the loop and others still refer to.
-  size_t livingConnections() const {
-    const std::lock_guard lock(mutex_);
-    return static_cast<size_t>(
-        std::ranges::count_if(connections_, [](const auto& each) { return !each.expired(); }));
-  }
-
   RunLoop loop;
 
  private:
@@ -81,11 +74,7 @@ class EchoService {
   }
 
   void welcome(const std::shared_ptr<qmx::Connection>& connection) {
-    {
-      const std::lock_guard lock(mutex_);
-      history_.emplace_back("+");
-      connections_.push_back(connection);
-    }
+    add("+");
     connection->setEventHandler(
         [this, weak = std::weak_ptr(connection)](qmx::Event&& event) { handle(weak, std::move(event)); });
     connection->resume();
@@ -106,7 +95,6 @@ class EchoService {
 
   void serve(qmx::Connection& connection, const qmx::Message& request) {
     if (const String* tag = request.string("tag")) add(*tag);
-    if (request.body.contains("cancel")) return connection.cancel();
     std::this_thread::sleep_for(std::chrono::milliseconds(request.unsignedValue("sleep")));
     if (!request.wantsReply()) return;
     qmx::Message reply = request.createReply();
@@ -120,9 +108,7 @@ class EchoService {
   std::unique_ptr<qmx::Listener> listener_;
 
   mutable std::mutex mutex_;
-  // Guarded by mutex_.
-  std::vector<std::string> history_;
-  std::vector<std::weak_ptr<qmx::Connection>> connections_;
+  std::vector<std::string> history_;  // guarded by mutex_
 
   std::thread thread_;
 };
