@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/qmx/Limits.h"
-#include "platform/qmx/Message.h"
 
 namespace platform::qmx {
 namespace {
@@ -94,27 +93,6 @@ TEST(Encoding, RefusesEverythingElse) {
   for (const std::string_view text : malformed) EXPECT_FALSE(decodeHex(text)) << text;
 }
 
-TEST(Encoding, NeverBelievesCountsBeyondTheBytes) {
-  for (const char* count : {"9b ffffffffffffffff", "bb 7fffffffffffffff", "5b ffffffffffffffff 00"})
-    EXPECT_FALSE(decodeHex(count));
-  // Each count would fit the bytes that follow it, all together do not.
-  std::string nested;
-  for (int i = 0; i < kMaximumNesting; ++i) nested += hex("9a 003fffff");
-  nested.resize(4 << 20, '\x01');
-  EXPECT_FALSE(decode(span(nested), kMaximumNesting));
-}
-
-TEST(Encoding, NestingIsAcceptedUpToTheLimit) {
-  // Of arrays and of maps.
-  for (const std::string& level : {hex("81"), hex("a1 6161")}) {
-    std::string deepest = "\x01";
-    for (int i = 0; i < kMaximumNesting; ++i) deepest = level + deepest;
-    EXPECT_TRUE(decode(span(deepest), kMaximumNesting));
-    EXPECT_FALSE(decode(span(level + deepest), kMaximumNesting));
-  }
-  EXPECT_FALSE(decode(span(std::string(4 << 20, '\x81')), kMaximumNesting));
-}
-
 TEST(Encoding, WhatStandsInAValueAgainIsWrittenAsOftenAsItStandsThere) {
   Dictionary value{{"a", 1}, {"b", "text"}, {"c", true}, {"d", Array{}}};
   for (int i = 0; i < 10; ++i)
@@ -123,14 +101,6 @@ TEST(Encoding, WhatStandsInAValueAgainIsWrittenAsOftenAsItStandsThere) {
   const Value restored = decode(span(bytes), kMaximumNesting).value_or(Value());
   EXPECT_EQ(restored, Value(value));
   EXPECT_EQ(encodeToString(restored), bytes) << "nothing in it is the same object any more";
-}
-
-TEST(Message, DescriptionWritesEncodedListsOut) {
-  const auto description = [](const char* list) {
-    return Message{.body = {{"matches", *decodeHex(list)}}}.description();
-  };
-  EXPECT_EQ(description("d818 47 81 a1 6161 6162 f5"), "{matches = <property list, 7 bytes>}");
-  EXPECT_EQ(description("d818 46 81 a1 6161 6162"), "{matches = ({a = \"b\"})}");
 }
 
 }  // namespace

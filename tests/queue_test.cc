@@ -48,28 +48,6 @@ class LoopThread {
   std::thread thread_;
 };
 
-/// What happened, in order; any thread.
-class Record {
- public:
-  void add(const std::string& what) {
-    const std::lock_guard lock(mutex_);
-    all_ += what;
-  }
-  std::string all() const {
-    const std::lock_guard lock(mutex_);
-    return all_;
-  }
-  /// Waits until there are as many characters.
-  std::string waitFor(size_t size) const {
-    while (all().size() < size) std::this_thread::sleep_for(1ms);
-    return all();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::string all_;
-};
-
 TEST(SerialQueueTest, runsOnePieceAtATimeInEachThreadsOwnOrder) {
   LoopThread thread;
   SerialQueue queue("busy", thread.loop);
@@ -153,31 +131,6 @@ TEST(SerialQueueTest, dropsWaitingWorkAndWaitsForRunningWorkWhenDestroyed) {
   EXPECT_TRUE(queue == nullptr && !*captured);
 }
 
-TEST(RunLoopTest, runsWorkOfItsOwnThreadWithinTheTurnAndInOrder) {
-  LoopThread thread;
-  SerialQueue queue("service", thread.loop);
-  std::string all;
-  // A turn is cut short when the machine is busy, so this may be tried again.
-  for (int i = 0; i < 100 && all != "abcdefgt"; ++i) {
-    Record record;
-    thread.loop.async([&] {
-      thread.loop.atEndOfTurn([&] { record.add("g"); });
-      queue.async([&] { record.add("a"); });
-      queue.sync([&] { record.add("b"); });  // lets the loop's own thread enter, and runs what stands before
-      queue.async([&] {
-        record.add("d");
-        thread.loop.async([&] { record.add("f"); });
-      });
-      thread.loop.async([&] { record.add("e"); });
-      thread.loop.after(0ns, [&] { record.add("t"); });
-      record.add("c");
-    });
-    all = record.waitFor(8);
-    thread.run([] {});
-  }
-  EXPECT_EQ(all, "abcdefgt");
-}
-
 TEST(RunLoopTest, runsWhatASourceSubmitsBeforeTheNextPieceWhoeverElseSubmits) {
   struct Pieces : RunLoop::Source {
     explicit Pieces(RunLoop& loop) : queue("pieces", loop) {}
@@ -221,17 +174,6 @@ TEST(RunLoopTest, callsNoHandlerAfterItsDescriptorWasRemoved) {
   thread.run([] {});
   EXPECT_EQ(calls, 1);
   for (const int fd : ends) close(fd);
-}
-
-TEST(RunLoopTest, runsTimersInOrderAndNotThoseThatWereCancelled) {
-  LoopThread thread;
-  Record record;
-  thread.loop.after(40ms, [&] { record.add("c"); });
-  thread.loop.after(20ms, [&] { record.add("b"); });
-  const auto cancelled = thread.loop.after(10ms, [&] { record.add("x"); });
-  thread.loop.after(1ms, [&] { record.add("a"); });
-  thread.loop.cancel(cancelled);
-  EXPECT_EQ(record.waitFor(3), "abc");
 }
 
 }  // namespace

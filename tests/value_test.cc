@@ -1,4 +1,4 @@
-// Values: sharing, equality, typed reading, dictionaries; UUIDs, dates, URLs and text checks beside them.
+// Values: sharing, equality, typed reading, dictionaries; UUIDs, dates and text checks beside them.
 
 #include "platform/value/Value.h"
 
@@ -7,7 +7,6 @@
 #include <cmath>
 #include <map>
 #include <random>
-#include "platform/value/URL.h"
 #include "platform/value/UTF8.h"
 
 namespace platform {
@@ -114,15 +113,6 @@ TEST(String, EqualKeysShareStorageOnceInternedHoweverManyComeBetween) {
   EXPECT_EQ(String::interned("ZQExtensionAttributes").view().data(), key.view().data());
   for (int i = 0; i < 100000; ++i) EXPECT_EQ(String::interned(std::to_string(i)).view(), std::to_string(i));
   EXPECT_EQ(String::interned("ZQExtensionAttributes"), key);
-}
-
-TEST(Description, IsOneLineForPeople) {
-  const Value value = Dictionary{{"a", Array{1, true, "q\"\\"}}, {"b", 0.1}, {"c", Data("\x01\xFF")}};
-  EXPECT_EQ(value.description(), "{a = (1, true, \"q\\\"\\\\\"); b = 0.1; c = <01ff>}");
-  EXPECT_EQ(Value("plain").description(), "plain");
-  EXPECT_EQ(Value(Date{1795381200}).description(), "2026-11-22 21:00:00 +0000");
-  EXPECT_EQ(Value(Date{1e300}).description().find("nan"), std::string::npos);
-  EXPECT_EQ(URL::file("/a b/%\xC3\xA9/").description(), "file:///a%20b/%25%C3%A9/");
 }
 
 TEST(UUID, ReadsOnlyTheCanonicalFormInEitherCase) {
