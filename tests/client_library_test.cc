@@ -75,16 +75,6 @@ TEST_F(ClientLibrary, NoClosureRunsAfterTheClientIsGone) {
   });
 }
 
-TEST(ErrorInReply, FollowsTheCodeAndTheText) {
-  const auto error = [](const Dictionary& body) {
-    return ABDaemonClient::errorInReply(qmx::Message{.body = body});
-  };
-  EXPECT_EQ(error({{"errorcode", 0}}), std::nullopt);
-  EXPECT_EQ(error({{"errorcode", 11}, {"error", "no"}}), ABError(11, "no"));
-  EXPECT_EQ(error({{"errorcode", 11}}), ABError(11, "unknown error returned by Ambrel subsystem"));
-  EXPECT_THROW(error({{"errorcode", 0}, {"error", "text"}}), InternalInconsistency);
-}
-
 class StandingSearch : public ClientLibrary {
  protected:
   /// A search that writes down what it is told: added, removed and changed plug-ins, how many there are.

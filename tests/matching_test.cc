@@ -122,22 +122,6 @@ TEST_F(Rules, EveryKindOfPatternMeetsEveryKindOfValue) {
   EXPECT_FALSE(holds("list", "=5"));
 }
 
-TEST_F(Rules, ElectionsReadAsNumbersWithoutTheirMarks) {
-  const auto elected = registeredRecord({.identifier = "rules.elected"});
-  EXPECT_TRUE(elected->matchKey("ZQUserElection", "0"));
-  for (const auto& [election, text] : {std::pair<Value, const char*>(1, "1"),
-                                       {257, "1"},
-                                       {65537, "65537"},
-                                       {true, "1"},
-                                       {-1, "-65281"},
-                                       {2, ">=2"}}) {
-    thisServer().setAnnotation(Dictionary{{"election", election}}, *elected);
-    EXPECT_TRUE(elected->matchKey("ZQUserElection", text)) << text;
-  }
-  for (const Value& pattern : {Value(false), Value(true), Value("")})
-    EXPECT_FALSE(elected->matchKey("ZQExtensionContainingApp", pattern)) << "it is in no application";
-}
-
 // --- Narrowing ---
 
 class Narrowing : public testing::Test {

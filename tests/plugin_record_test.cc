@@ -19,7 +19,6 @@ class PlugInRecord : public testing::Test {
  protected:
   PlugInRecord() {
     thisDevice();
-    [[maybe_unused]] static const int language = setenv("LC_ALL", "de_AT.UTF-8", 1);
     thisServer();
   }
 };
@@ -56,19 +55,6 @@ TEST_F(PlugInRecord, AMisconfiguredPlugInIsReportedAndHasNoRecord) {
   EXPECT_NE(
       registeredRecord({.identifier = "data/plugin", .plugIn = {{"ZQExtensionProtocol", "#Data"}}}, path),
       nullptr);
-}
-
-TEST_F(PlugInRecord, NamesAreReadWhenTheyAreAskedFor) {
-  const Record record =
-      installedRecord("Late.app", {.identifier = "late", .info = {{"BWBundleName", "Late"}}});
-  // After the record was made, before it was asked.
-  writePropertyList(record->path() + "/Localizations/de.plist",
-                    Dictionary{{"BWBundleDisplayName", "Verspaetet"}});
-  writePropertyList(*record->containingPath() + "/Info.plist", Dictionary{{"BWBundleName", "First"}});
-  const PlugInForm form = record->requestForm();
-  EXPECT_EQ(form["localizedDisplayName"], Value("Verspaetet"));
-  EXPECT_EQ(form["localizedShortName"], Value("Late"));
-  EXPECT_EQ(form["localizedContainingDisplayName"], Value("First"));
 }
 
 TEST_F(PlugInRecord, SharesWhatItSaysWithTokens) {

@@ -241,21 +241,5 @@ TEST_F(Ready, ABundleThatIsGoneHasNoExecutableAndNoToken) {
   EXPECT_EQ(error("access", {{"uuids", Array{lost}}}), "4: cannot create extension to " + bundle + ": 40");
 }
 
-TEST_F(Ready, RegistrationsGoWithTheirPlugIn) {
-  const std::string application = root.install("A.app", {{.identifier = "a"}});
-  start();
-  const UUID a = uuid("a");
-  ASSERT_EQ(errorOf(ready({a})), "");
-  fs::rename(application, root.path() + "/away");
-  EXPECT_TRUE(eventually([&] { return !isRegistered(a); }));
-  EXPECT_TRUE(daemon->waitForLog("UNINSTALLED:a a(100) "));
-  EXPECT_FALSE(daemon->logs("PLUGIN REMOVAL:"));
-  fs::rename(root.path() + "/away", application);
-  EXPECT_TRUE(eventually([&] { return found() == "a"; }));
-  fs::create_directories(registrationPath(UUID()));  // no file: it cannot be unlinked
-  fs::remove_all(application);
-  EXPECT_TRUE(daemon->waitForLog("PLUGIN REMOVAL:a RESULT:21"));
-}
-
 }  // namespace
 }  // namespace testsupport

@@ -89,7 +89,7 @@ void Daemon::start() {
     environment.insert(environment.begin(), {"XDG_STATE_HOME=" + options_.home + "/state",
                                              "XDG_RUNTIME_DIR=" + options_.home + "/run"});
   environment.insert(environment.begin(), options_.environment.begin(), options_.environment.end());
-  process_ = std::make_unique<Process>(arguments, environment, logFile_, -1, options_.directory);
+  process_ = std::make_unique<Process>(arguments, environment, logFile_);
   const bool isServing = eventually([&] { return connect().fd() >= 0 || !process_->isRunning(); });
   if (!isServing || !process_->isRunning())
     ADD_FAILURE() << "the daemon did not start:\n" << readText(logFile_);

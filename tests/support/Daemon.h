@@ -52,7 +52,6 @@ class Daemon {
     std::vector<std::string> arguments = {"-v"};
     std::vector<std::string> environment = {};
     std::string service = "abd.test";
-    std::string directory = {};
     std::string home = {};  // for state and runtime files, when they shall not be the device's own
   };
   explicit Daemon(const DeviceRoot& root) : Daemon(root, Options()) {}
@@ -67,7 +66,6 @@ class Daemon {
   void pause();
   void goOn() { process_->signal(SIGCONT); }
   pid_t pid() const { return process_->pid(); }
-  bool isRunning() { return process_ != nullptr && process_->isRunning(); }
   std::string runtime() const {
     return options_.home.empty() ? root_.runtime() : options_.home + "/run/veltra";
   }
