@@ -121,9 +121,11 @@ const std::vector<Case> kCases = {
      false,
      "chmod 666 Entitlements.plist"},
     {{.identifier = "words"},
-     {"Localizations/de.plist:1: error: not a property list"},
+     {"Localizations/de.plist:1: error: not a property list",
+      "Localizations/fr.plist:1: warning: BWBundleNam: did you mean \"BWBundleName\"?"},
      false,
-     "mkdir Localizations; echo \"<plist><a/></plist>\" > Localizations/de.plist"},
+     "mkdir Localizations; cd Localizations; echo \"<plist><a/></plist>\" > de.plist;"
+     "echo \"<plist><dict><key>BWBundleNam</key><string>x</string></dict></plist>\" > fr.plist"},
     {{.identifier = "variables",
       .info = {{"QMXService", Dictionary{{"EnvironmentVariables", Dictionary{{"A", 1}}}}}}},
      {"QMXService.EnvironmentVariables.A: the value is not a string"}},

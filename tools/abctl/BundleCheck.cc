@@ -126,7 +126,12 @@ class BundleCheck {
     if (key == plugInkey::pointIdentifier) {
       tellUnknownPoint(flaw, isRefused);
     } else {
-      file_.find(Level::error, flaw.path, flaw.reason, isRefused ? kNobody : kNotLaunched, mendFor(key));
+      file_.find(Level::error, flaw.path, flaw.reason, isRefused ? kNobody : kNotLaunched,
+                 // The name of one of several plug-ins.
+                 flaw.path.size() > 1 && flaw.path.end()[-2].view() == topkey::multiple &&
+                         file_.at(flaw.path).isDictionary()
+                     ? mendFor(bundlekey::identifier)
+                     : mendFor(key));
     }
   }
 
@@ -292,10 +297,7 @@ void checkLocalizations(const std::string& path, Findings& findings) {
                std::holds_alternative<Error>(words)) {
       const CheckedFile file(name, findings, "the bundle has no names in that language");
     } else {
-      const CheckedFile file(name, findings, "");
-      for (const char* const key : {"BWBundleDisplayName", "BWBundleName"})
-        if (const Value word = file.at({key}); !word.isNone() && !word.isString())
-          file.find(Level::warning, {key}, "the name is no string", "it is passed over", "write a string");
+      checkKeys(CheckedFile(name, findings, ""), {}, Place::words);
     }
   }
 }

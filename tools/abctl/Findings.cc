@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <tuple>
@@ -51,7 +52,7 @@ KeyPath operator/(KeyPath path, const platform::String& key) {
 
 Value valueAt(Value value, const KeyPath& path) {
   for (const platform::String& key : path) {
-    size_t index = 0;
+    size_t index = SIZE_MAX;  // of a word
     const Array* const array = value.array();
     if (array != nullptr) std::from_chars(key.view().data(), key.view().data() + key.size(), index);
     Value next = array == nullptr ? value[key.view()] : index < array->size() ? (*array)[index] : Value();

@@ -79,6 +79,9 @@ constexpr KnownKey kKnownKeys[] = {
     {Place::rules, bundlekey::identifier, any},
     {Place::rules, bundlekey::version, any},
     {Place::rules, bundlekey::shortVersion, any},
+
+    {Place::words, "BWBundleDisplayName", string, kPassedOver},
+    {Place::words, "BWBundleName", string, kPassedOver},
 };
 
 /// Where a key of that place stands.
@@ -87,7 +90,8 @@ constexpr const char* kPlaceNames[] = {"the top level of Info.plist",
                                        "ZQExtensionAttributes",
                                        "QMXService",
                                        "entitlements",
-                                       "rules"};
+                                       "rules",
+                                       "localizations"};
 
 bool isOfKind(const platform::Value& value, unsigned kinds) {
   if (kinds == any) return true;
@@ -151,7 +155,7 @@ void checkUnknownKey(const CheckedFile& file, const platform::KeyPath& path, Pla
               "nothing reads the key as it is written", "rename it to \"" + meant + "\"");
     return;
   }
-  if (place == Place::service || place == Place::entitlements) return;
+  if (place == Place::service || place == Place::entitlements || place == Place::words) return;
   if (const KnownKey* const elsewhere = knownElsewhere(place, key)) {
     const std::string right = kPlaceNames[static_cast<size_t>(elsewhere->place)];
     if (place == Place::rules) {

@@ -15,7 +15,7 @@
 
 namespace abctl {
 
-enum class Place { info, section, attributes, service, entitlements, rules };
+enum class Place { info, section, attributes, service, entitlements, rules, words };
 
 /// Judges the keys, and the kinds of values, of the dictionary at `path` in `file`, which is a `place`.
 /// `custom`: keys that others define there.
