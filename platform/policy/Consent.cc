@@ -17,7 +17,7 @@ ConsentDecisions readConsentDecisions() {
   static PropertyListCache cache(1);
   const std::string path = consentFile();
   if (path.empty()) return Dictionary();
-  if (auto dictionary = cache.dictionary(path)) return dictionary;
+  if (auto dictionary = cache.settings(path)) return dictionary;
   // The cache does not tell a missing file from a bad one.
   const Result<Value> contents = readPropertyListFile(path);
   if (const Error* error = std::get_if<Error>(&contents)) {

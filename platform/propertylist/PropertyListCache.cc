@@ -1,14 +1,33 @@
 #include "platform/propertylist/PropertyListCache.h"
 
 #include <algorithm>
+#include <map>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "platform/log/Log.h"
 #include "platform/propertylist/FileReplacement.h"
 #include "platform/propertylist/PropertyList.h"
 
 namespace platform {
+
+namespace {
+
+/// Tells the log, once for each state of the file, that it says nothing.
+void reportUnreadable(const std::string& file, const FileIdentity& identity) {
+  static std::mutex mutex;
+  static std::map<std::string, FileIdentity> reported;
+  {
+    const std::lock_guard lock(mutex);
+    const auto [known, isNew] = reported.try_emplace(file, identity);
+    if (!isNew && known->second == identity) return;
+    known->second = identity;
+  }
+  systemLog("settings at %@ cannot be read and do not count", file);
+}
+
+}  // namespace
 
 // Entries are few: going through their hashes needs no nodes of a table, and an entry that makes room hands
 // its storage on.
@@ -92,6 +111,13 @@ std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path,
   entry.dictionary = dictionary;
   entry.used = ++cache.clock;
   return dictionary;
+}
+
+std::optional<Dictionary> PropertyListCache::settings(const std::string& path) {
+  auto known = dictionary(path);
+  if (known) return known;
+  if (const auto identity = FileIdentity::ofFile(path)) reportUnreadable(path, *identity);
+  return std::nullopt;
 }
 
 void PropertyListCache::clear() {

@@ -42,7 +42,7 @@ std::string hostPreferencesPath(const std::string& domain) {
 Value hostPreference(const std::string& domain, std::string_view key) {
   static PropertyListCache cache(kParsedDomains);
   if (!isSafeFileName(domain) || Directories::shared().configUser.empty()) return {};
-  const auto preferences = cache.dictionary(hostPreferencesPath(domain));
+  const auto preferences = cache.settings(hostPreferencesPath(domain));
   return preferences ? (*preferences)[key] : Value();
 }
 
