@@ -3,11 +3,13 @@
 // This file stands above server, client and transaction, which know each other by name only.
 
 #include <algorithm>
+#include <new>
 
 #include "abd/ABDQmxClient.h"
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
 #include "abd/requests/Transaction.h"
+#include "platform/log/Log.h"
 
 namespace abd {
 
@@ -27,7 +29,12 @@ void ABDServer::installConnectionHandlers() {
   using Service = ABDQmxClient::Service;
   const auto handler = [server = server()](Service service) {
     return [server, service](std::shared_ptr<qmx::Connection> connection) {
-      ABDQmxClient::initWithConnection(connection, *server, service);
+      try {
+        ABDQmxClient::initWithConnection(connection, *server, service);
+      } catch (const std::bad_alloc&) {
+        systemLog("closing %@: out of memory", *connection);
+        connection->cancel();
+      }
     };
   };
   service_->setConnectionHandler(handler(Service::main));
@@ -50,10 +57,10 @@ std::vector<std::shared_ptr<ABDQmxClient>> ABDServer::clients() const {
 std::shared_ptr<ABDQmxClient> ABDQmxClient::initWithConnection(
     const std::shared_ptr<qmx::Connection>& connection, ABDServer& server, Service service) {
   const std::shared_ptr<ABDQmxClient> client(new ABDQmxClient(connection, server, service));
-  if (service == Service::main) server.clients_.insert(client.get());
   client->identify();
   connection->setContext(client);
   connection->setEventHandler([client](qmx::Event&& event) { client->handleEvent(std::move(event)); });
+  if (service == Service::main) server.clients_.insert(client.get());  // until its death is told
   connection->resume();
   return client;
 }

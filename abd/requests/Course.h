@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <coroutine>
+#include <exception>
 #include <utility>
 
 namespace abd {
@@ -31,7 +32,9 @@ class Course {
     std::suspend_never initial_suspend() noexcept { return {}; }
     std::suspend_always final_suspend() noexcept { return {}; }
     void return_void() {}
-    void unhandled_exception() { throw; }
+    void unhandled_exception() noexcept { failure = std::current_exception(); }
+
+    std::exception_ptr failure;
   };
   /// What a handler awaits.
   struct Pause {
@@ -57,6 +60,10 @@ class Course {
   bool isOver() const { return !handle_ || handle_.done(); }
   /// REQUIRES: not over.
   void goOn() { handle_.resume(); }
+  /// Throws what the handler threw, when it ended so.
+  void throwIfFailed() const {
+    if (handle_ && handle_.promise().failure) std::rethrow_exception(handle_.promise().failure);
+  }
 
  private:
   using Handle = std::coroutine_handle<promise_type>;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 
 #include "Ambrel/ABDiagnostics.h"
 #include "Ambrel/ABErrors.h"
@@ -9,6 +10,7 @@
 #include "abd/ABDQmxClient.h"
 #include "abd/ABDServer.h"
 #include "abd/ABDTrace.h"
+#include "platform/log/Log.h"
 
 namespace abd {
 
@@ -65,7 +67,21 @@ void Transaction::beginSlice(Slice::Clock::time_point now) {
 
 void Transaction::dispatch() {
   began_ = Slice::Clock::now();
-  begin();
+  goThrough([this] { begin(); });
+}
+
+/// What memory is lacking for is refused; entries of lists that were done keep their effects.
+template <typename Part>
+void Transaction::goThrough(Part part) {
+  try {
+    part();
+    course_.throwIfFailed();
+    return goOnOrEnd();
+  } catch (const std::bad_alloc&) {
+    systemLog("out of memory for a request of client %d", client_->pid());
+  }
+  course_ = Course();
+  fail(kABErrorRequest, "out of memory");
   goOnOrEnd();
 }
 
@@ -123,8 +139,7 @@ void Transaction::goOnLater() {
   connection_->goOnLater([transaction = shared_from_this()] {
     transaction->server().submitWork([transaction] {
       transaction->beginSlice(Slice::Clock::now());
-      transaction->course_.goOn();
-      transaction->goOnOrEnd();
+      transaction->goThrough([&] { transaction->course_.goOn(); });
     });
   });
 }

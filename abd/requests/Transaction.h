@@ -55,6 +55,9 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
   /// The request's place in the table; kRequestCount when there is no such request.
   size_t find(std::string_view name) const;
 
+  /// Runs a part of the request, and sees to what is left of it.
+  template <typename Part>
+  void goThrough(Part part);
   /// Checks the request, and runs its handler until that ends or gives way.
   void begin();
   /// Goes on with a course that has given way, at this request's next turn; counts one that is over.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
+#include <new>
 #include <utility>
 
 #include "platform/log/Log.h"
@@ -98,6 +99,15 @@ bool isTransient(const Error& error) {
   return error.code == EMFILE || error.code == ENFILE || error.code == ENOMEM || error.code == EINTR;
 }
 
+/// What memory is lacking for is read again later.
+Result<Value> readInfo(const std::string& path) {
+  try {
+    return readPropertyListFile(path + "/Info.plist");
+  } catch (const std::bad_alloc&) {
+    return Error::posix(ENOMEM, path);
+  }
+}
+
 /// Only a file that is there is worth asking for.
 void addEntitlements(const std::string& path, BundleFacts& facts) {
   if (facts.entitlementsFile == FileIdentity()) return;
@@ -136,7 +146,7 @@ std::shared_ptr<const BundleFacts> readBundleFacts(const std::string& path, cons
     facts->refusal = "its path is not UTF-8";
     return facts;
   }
-  const Result<Value> read = readPropertyListFile(path + "/Info.plist");
+  const Result<Value> read = readInfo(path);
   if (const Error* error = std::get_if<Error>(&read)) {
     facts->refusal = error->localizedDescription();
     facts->isTransient = isTransient(*error);

@@ -118,7 +118,8 @@ bool Catalog::isNews(const Sighting& sighting) const {
   return isAccepted(state.facts) && state.proxies.empty() && (!state.isUnregistered || state.goneSince != 0);
 }
 
-void Catalog::apply(std::span<const Sighting> sightings, uint64_t since, double now, Outcome& outcome) {
+void Catalog::apply(std::span<const Sighting> sightings, uint64_t since, double now,
+                    Outcome& outcome) noexcept {
   const std::lock_guard lock(mutex_);
   Change change{{}, {}, &outcome, now};
   for (const Sighting& sighting : sightings) {
@@ -186,7 +187,8 @@ void Catalog::miss(State& state, const std::shared_ptr<const BundleFacts>& facts
   touch(state);
 }
 
-void Catalog::registerBundle(const Sighting& sighting, uint64_t since, double now, Outcome& outcome) {
+void Catalog::registerBundle(const Sighting& sighting, uint64_t since, double now,
+                             Outcome& outcome) noexcept {
   const std::lock_guard lock(mutex_);
   State& state = findOrAdd(sighting.path);
   if (state.changed > since) {
@@ -213,7 +215,7 @@ void Catalog::registerBundle(const Sighting& sighting, uint64_t since, double no
   announcer_.enqueue(std::move(change.uninstalled), std::move(change.installed));
 }
 
-bool Catalog::unregisterBundle(std::string_view path, double now) {
+bool Catalog::unregisterBundle(std::string_view path, double now) noexcept {
   const std::lock_guard lock(mutex_);
   State* state = find(path);
   if (state != nullptr) rouse(*state);
@@ -432,7 +434,7 @@ std::vector<String> Catalog::registeredByPath() const {
   return out;
 }
 
-std::vector<Registration> Catalog::takeUnsaved(size_t most) {
+std::vector<Registration> Catalog::takeUnsaved(size_t most) noexcept {
   const std::lock_guard lock(mutex_);
   std::vector<Registration> out;
   const size_t count = std::min(most, unsaved_.size());
@@ -450,7 +452,7 @@ std::vector<Registration> Catalog::takeUnsaved(size_t most) {
   return out;
 }
 
-void Catalog::giveBackUnsaved(const std::vector<Registration>& registrations) {
+void Catalog::giveBackUnsaved(const std::vector<Registration>& registrations) noexcept {
   const std::lock_guard lock(mutex_);
   for (const Registration& registration : registrations) {
     State* state = find(registration.path);

@@ -3,7 +3,9 @@
 // All bundles that the registry knows, and the indexes over their registered plug-ins, in memory. Queries
 // hold the one lock only to copy references, never while a filter or an observer runs; nothing here touches
 // a file or the database. Changes are announced in the order in which they become visible, and become
-// visible before they are announced. Any thread; shared by the registry and its application proxies.
+// visible before they are announced. What changes several tables is noexcept: rather than with half of it
+// done, the process ends for want of memory, and all is built anew from the disk. Any thread; shared by the
+// registry and its application proxies.
 
 #include <cstdint>
 #include <memory>
@@ -83,11 +85,11 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
                                                const FileIdentity& entitlements) const;
   /// Whether a sighting (facts as unchanged() found them, or null) would change anything.
   bool isNews(const Sighting& sighting) const;
-  void apply(std::span<const Sighting> sightings, uint64_t since, double now, Outcome& outcome);
+  void apply(std::span<const Sighting> sightings, uint64_t since, double now, Outcome& outcome) noexcept;
   /// Registers a bundle on demand; by path unless `sighting.entry` says that scans find it.
-  void registerBundle(const Sighting& sighting, uint64_t since, double now, Outcome& outcome);
+  void registerBundle(const Sighting& sighting, uint64_t since, double now, Outcome& outcome) noexcept;
   /// False when nothing is registered at that path.
-  bool unregisterBundle(std::string_view path, double now);
+  bool unregisterBundle(std::string_view path, double now) noexcept;
 
   struct Missing {
     String path, entry;
@@ -108,7 +110,7 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
   /// The same for all plug-ins that are registered.
   std::vector<String> unknownSDKs(uint64_t& generation) const;
   /// False when SDKs changed since: read it again.
-  bool addSDK(const String& name, const SDKFacts& facts, uint64_t generation);
+  bool addSDK(const String& name, const SDKFacts& facts, uint64_t generation) noexcept;
   /// Whether the SDK is known from that file (zero: known not to be there).
   bool knowsSDK(std::string_view name, const FileIdentity& file) const;
   /// Names of all SDKs in use; what others read until now does not count any more.
@@ -118,11 +120,11 @@ class Catalog : public std::enable_shared_from_this<Catalog> {
     SDKFacts facts;
   };
   /// Plug-ins that took over something else are registered anew, all in one announcement.
-  void setSDKs(std::span<const SDKReading> readings, double now, Outcome& outcome);
+  void setSDKs(std::span<const SDKReading> readings, double now, Outcome& outcome) noexcept;
 
   // The store. What changed is taken, written, and given back when that failed.
-  std::vector<Registration> takeUnsaved(size_t most);
-  void giveBackUnsaved(const std::vector<Registration>& registrations);
+  std::vector<Registration> takeUnsaved(size_t most) noexcept;
+  void giveBackUnsaved(const std::vector<Registration>& registrations) noexcept;
   /// Everything is to be written again.
   void markAllUnsaved();
 

@@ -160,7 +160,7 @@ std::vector<String> Catalog::unknownSDKs(uint64_t& generation) const {
   return out;
 }
 
-bool Catalog::addSDK(const String& name, const SDKFacts& facts, uint64_t generation) {
+bool Catalog::addSDK(const String& name, const SDKFacts& facts, uint64_t generation) noexcept {
   const std::lock_guard lock(mutex_);
   if (generation != sdkGeneration_) return false;
   SDK& sdk = sdks_[name];
@@ -185,7 +185,7 @@ std::vector<String> Catalog::beginSDKRefresh() {
 
 /// Names change together with the plug-ins: who took over the SDK as it was is marked by now, and found no
 /// more.
-void Catalog::setSDKs(std::span<const SDKReading> readings, double now, Outcome& outcome) {
+void Catalog::setSDKs(std::span<const SDKReading> readings, double now, Outcome& outcome) noexcept {
   const std::lock_guard lock(mutex_);
   Change change{{}, {}, &outcome, now};
   for (const auto& [name, facts] : readings) {

@@ -1,6 +1,7 @@
 #include "platform/hollin/Registrar.h"
 
 #include <algorithm>
+#include <new>
 #include <unordered_map>
 
 #include "platform/hollin/PlatformThread.h"
@@ -287,6 +288,15 @@ void Registrar::refreshSDKs() {
 
 void Registrar::save() {
   const std::lock_guard lock(storeMutex_);
+  try {
+    saveUnsaved();
+  } catch (const std::bad_alloc&) {
+    catalog_.markAllUnsaved();  // some may have been taken
+    throw;
+  }
+}
+
+void Registrar::saveUnsaved() {
   std::vector<Registration> taken;
   const auto next = [this, &taken] {
     std::vector<Registration> batch = catalog_.takeUnsaved(kBatch);

@@ -49,6 +49,7 @@ class Registrar {
   void refreshSDKs();
   /// Writes what changed to the store; what cannot be written now is written with the next change.
   void save();
+  void saveUnsaved();
 
  private:
   struct Sightings;

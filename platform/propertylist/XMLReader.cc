@@ -8,6 +8,7 @@
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <new>
 #include <pugixml.hpp>
 #include <utility>
 
@@ -428,6 +429,7 @@ Result<Value> parseXMLPropertyList(std::string& text, size_t* where) {
   pugi::xml_document document;
   const pugi::xml_parse_result parsed =
       document.load_buffer_inplace(text.data(), text.size(), options, pugi::encoding_utf8);
+  if (parsed.status == pugi::status_out_of_memory) throw std::bad_alloc();
   if (!parsed) {
     if (where != nullptr) *where = static_cast<size_t>(parsed.offset);
     return corrupt(parsed.description());

@@ -23,9 +23,8 @@ class Encoder {
   explicit Encoder(std::string& out) : out_(out) {}
   Encoder(const Encoder&) = delete;
   Encoder& operator=(const Encoder&) = delete;
-  ~Encoder() { flush(); }
 
-  /// Hands on what is collected.
+  /// Hands on what is collected; the last call of all, which may lack memory.
   void flush() {
     out_.append(reinterpret_cast<const char*>(buffer_), used_);
     used_ = 0;
@@ -156,10 +155,18 @@ class Encoder {
   unsigned char buffer_[1024];
 };
 
+void appendHead(size_t (*encode)(size_t, unsigned char*, size_t), size_t count, std::string& out) {
+  Encoder encoder(out);
+  encoder.head(encode, count);
+  encoder.flush();
+}
+
 }  // namespace
 
 void encode(const Value& value, std::string& out) {
-  Encoder(out).value(value);
+  Encoder encoder(out);
+  encoder.value(value);
+  encoder.flush();
 }
 
 Data encoded(const Value& value) {
@@ -178,7 +185,9 @@ Data encodeEntries(const Dictionary& dictionary) {
   constexpr size_t kMostSpare = 64u << 10;
   thread_local std::string out;
   out.clear();
-  Encoder(out).entries(dictionary);
+  Encoder encoder(out);
+  encoder.entries(dictionary);
+  encoder.flush();
   Data part{std::string_view(out)};
   if (out.capacity() > kMostSpare) out = std::string();
   return part;
@@ -190,14 +199,14 @@ void EncodedListBuilder::beginArray(size_t count) {
   // Mostly an element is a kept part and what is fresh around it.
   pieces_.reserve(pieces_.size() + 2 * count + 1);
   const size_t from = fresh_.size();
-  Encoder(fresh_).head(cbor_encode_array_start, count);
+  appendHead(cbor_encode_array_start, count, fresh_);
   extendFresh(from);
 }
 
 void EncodedListBuilder::beginMap(size_t count) {
   if (fresh_.size() >= kFreshChunk) seal();
   const size_t from = fresh_.size();
-  Encoder(fresh_).head(cbor_encode_map_start, count);
+  appendHead(cbor_encode_map_start, count, fresh_);
   extendFresh(from);
 }
 

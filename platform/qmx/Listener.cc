@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "platform/log/Log.h"
@@ -130,7 +131,7 @@ bool ServiceListener::acceptPeer() {
   return !isPaused_;
 }
 
-void ServiceListener::serve(FileDescriptor peer) {
+void ServiceListener::serve(FileDescriptor peer) try {
   std::shared_ptr<const PeerIdentity> identity = PeerIdentity::ofSocket(peer.get());
   if (identity->uid() != geteuid() && identity->uid() != 0) {
     systemLog("refusing a connection of user %u (process %d)", identity->uid(), identity->pid());
@@ -147,6 +148,8 @@ void ServiceListener::serve(FileDescriptor peer) {
   queue_.async([handler = handler_, connection = std::move(connection)] {
     if (handler != nullptr && *handler) (*handler)(connection);
   });
+} catch (const std::bad_alloc&) {
+  systemLog("closing a connection: out of memory");
 }
 
 void ServiceListener::refuse(const PeerIdentity& peer) {

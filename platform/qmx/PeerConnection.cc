@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "platform/log/Failure.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr RunLoop::Events kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 constexpr const char* kMalformedFrame = "a malformed frame";
 constexpr const char* kOversizedFrame = "an oversized frame";
+constexpr const char* kOutOfMemory = "out of memory";
 
 // The loop looks at descriptors, and so takes ends of streams, after every request that took long.
 static_assert(RunLoop::kTurnBudget <= kLongRequest);
@@ -79,7 +81,11 @@ PeerConnection::PeerConnection(RunLoop& loop, FileDescriptor socket, std::shared
 
 /// Replies to what was handed over at the end were sent after the death.
 PeerConnection::~PeerConnection() {
-  settleOutput();
+  try {
+    settleOutput();
+  } catch (const std::bad_alloc&) {
+    output_.clear();  // nothing is left that could be written later
+  }
 }
 
 std::string PeerConnection::description() const {
@@ -100,11 +106,23 @@ void PeerConnection::resume() {
     isProcessWatched_ = loop_.add(process, EPOLLIN, [this](RunLoop::Events) { handleProcessExit(); });
 }
 
+/// Runs a part of the connection's own work. What memory is lacking for ends with the connection.
+template <typename Part>
+void PeerConnection::guarded(Part part) {
+  try {
+    part();
+  } catch (const std::bad_alloc&) {
+    die(Ending::drop, kOutOfMemory);
+  }
+}
+
 void PeerConnection::handleEvents(RunLoop::Events events) {
   if ((events & EPOLLOUT) != 0) flush();
   const bool hasEnded = (events & kEnd) != 0;
-  if ((events & EPOLLIN) != 0 && (interest_ & EPOLLIN) != 0) readAvailable(hasEnded);
-  if (hasEnded || isReadOver_) noteEnd();
+  guarded([&] {
+    if ((events & EPOLLIN) != 0 && (interest_ & EPOLLIN) != 0) readAvailable(hasEnded);
+    if (hasEnded || isReadOver_) noteEnd();
+  });
 }
 
 /// Reads once, or with `untilEnd` what there is.
@@ -157,12 +175,13 @@ bool PeerConnection::hasWork() const {
 
 void PeerConnection::enlistWhenReady() {
   if (isEnlisted_ || !hasWork()) return;
-  isEnlisted_ = true;
   loop_.enlist(std::shared_ptr<RunLoop::Source>(self(), this));
+  isEnlisted_ = true;
 }
 
 bool PeerConnection::supply() {
-  const bool mayGoOn = takeTurn();
+  bool mayGoOn = false;
+  guarded([&] { mayGoOn = takeTurn(); });
   isEnlisted_ = mayGoOn && state_ == State::live && hasWork();
   return isEnlisted_;
 }
@@ -235,14 +254,21 @@ bool PeerConnection::deliverFront() {
 
 void PeerConnection::send(Message message) {
   if (isWritingOver_) return;
-  if (!output_.append(message)) {
+  try {
+    if (output_.append(message)) return flushAtEndOfTurn();
     systemLog("%@: a reply is too large for a frame", *this);
-    if (state_ != State::dead) dieSoon(Ending::drop);
-    return;
+  } catch (const std::bad_alloc&) {
+    isWritingOver_ = true;  // what is there may end in the midst of a reply
+    output_.clear();
+    systemLog("closing %@: %s", *this, kOutOfMemory);
   }
+  if (state_ != State::dead) dieSoon(Ending::drop);
+}
+
+void PeerConnection::flushAtEndOfTurn() {
   if (isTurnNoted_ || state_ == State::dead) return;
-  isTurnNoted_ = true;
   loop_.tellEndOfTurn(std::shared_ptr<RunLoop::Source>(self(), this));
+  isTurnNoted_ = true;
 }
 
 void PeerConnection::goOnLater(Work rest) {

@@ -63,6 +63,8 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   std::shared_ptr<PeerConnection> self() {
     return std::static_pointer_cast<PeerConnection>(shared_from_this());
   }
+  template <typename Part>
+  void guarded(Part part);
   void handleEvents(RunLoop::Events events);
   void handleProcessExit();
   void readAvailable(bool untilEnd);
@@ -74,6 +76,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   bool hasWork() const;
   void enlistWhenReady();
   void flush();
+  void flushAtEndOfTurn();
   void updateInterest();
   /// A reason is logged.
   void die(Ending ending, const char* reason = nullptr);

@@ -273,14 +273,14 @@ bool RunLoop::isRunning() const {
 }
 
 bool RunLoop::add(int fd, Events interest, std::function<void(Events)> handler) {
+  auto& registrations = implementation_->registrations;
+  const auto index = static_cast<size_t>(fd);
+  if (registrations.size() <= index) registrations.resize(index + 1);
   auto registration = std::make_unique<Implementation::Registration>();
   registration->fd = fd;
   registration->handler = std::move(handler);
   epoll_event event{.events = interest, .data = {.ptr = registration.get()}};
   if (epoll_ctl(implementation_->epoll, EPOLL_CTL_ADD, fd, &event) != 0) return false;
-  auto& registrations = implementation_->registrations;
-  const auto index = static_cast<size_t>(fd);
-  if (registrations.size() <= index) registrations.resize(index + 1);
   registrations[index] = std::move(registration);
   ++implementation_->registered;
   return true;

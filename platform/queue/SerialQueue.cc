@@ -17,8 +17,8 @@ bool SerialQueue::Implementation::mayRunHere() const {
 void SerialQueue::Implementation::async(Work work) {
   const std::lock_guard lock(mutex_);
   if (isClosed_) return;
+  items_.push(Item{.work = std::move(work)});  // for which memory may be lacking
   const uint32_t before = state.fetch_or(kQueued, std::memory_order_acq_rel);
-  items_.push(Item{.work = std::move(work)});
   // Whoever has the turn enlists the queue when giving it back.
   if ((before & kBusy) == 0) enlistWithLoop();
 }
@@ -78,8 +78,8 @@ void SerialQueue::Implementation::wakeWaiters() {
 
 void SerialQueue::Implementation::enlistWithLoop() {
   if (isEnlisted_) return;
-  isEnlisted_ = true;
   loop.implementation_->submit({.work = {}, .queue = shared_from_this()});
+  isEnlisted_ = true;
 }
 
 /// Runs the first item, asynchronous work. REQUIRES: nobody has the turn; `lock` holds the mutex.
