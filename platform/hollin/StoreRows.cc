@@ -8,6 +8,7 @@
 
 #include "platform/propertylist/PropertyList.h"
 #include "platform/qmx/Encoding.h"
+#include "platform/value/UTF8.h"
 
 namespace platform::hollin {
 
@@ -54,6 +55,11 @@ bool isNull(sqlite3_stmt* row, int column) {
 
 std::optional<String> stringOrNone(sqlite3_stmt* row, int column) {
   return isNull(row, column) ? std::nullopt : std::optional<String>(blob(row, column));
+}
+
+/// Whether these columns hold text, which goes into replies, or nothing.
+bool areText(sqlite3_stmt* row, std::initializer_list<int> columns) {
+  return std::ranges::all_of(columns, [row](int column) { return isValidText(blob(row, column)); });
 }
 
 /// A missing file's identity is empty.
@@ -103,7 +109,7 @@ bool splitNames(std::string_view bytes, std::vector<String>& names) {
     if (bytes.size() < sizeof size) return false;
     std::memcpy(&size, bytes.data(), sizeof size);
     bytes.remove_prefix(sizeof size);
-    if (bytes.size() < size) return false;
+    if (bytes.size() < size || !isValidText(bytes.substr(0, size))) return false;
     names.push_back(String::interned(bytes.substr(0, size)));
     bytes.remove_prefix(size);
   }
@@ -138,7 +144,9 @@ std::optional<Registration> readBundleRow(sqlite3_stmt* row, std::shared_ptr<Bun
   bundle.isByPath = sqlite3_column_int(row, byPath) != 0;
   bundle.isUnregistered = sqlite3_column_int(row, unregistered) != 0;
   bundle.goneSince = sqlite3_column_double(row, gone);
-  if (bundle.row <= 0 || !bundle.path.view().starts_with('/')) return std::nullopt;
+  if (bundle.row <= 0 || !bundle.path.view().starts_with('/') ||
+      !areText(row, {bundlePath, bundleIdentifier, bundleVersion}))
+    return std::nullopt;
   if (isNull(row, infoFile)) return bundle;
   facts = std::make_shared<BundleFacts>();
   facts->path = bundle.path;
@@ -154,6 +162,7 @@ std::optional<Registration> readBundleRow(sqlite3_stmt* row, std::shared_ptr<Bun
 }
 
 bool readPlugInRow(sqlite3_stmt* row, Registration& bundle, BundleFacts* facts) {
+  if (!areText(row, {plugInIdentifier, originalIdentifier, sdk})) return false;
   Slot slot;
   slot.identifier = String(blob(row, plugInIdentifier));
   const std::string_view first = blob(row, originalIdentifier);
