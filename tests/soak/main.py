@@ -17,6 +17,7 @@ import harness
 import neighbours  # noqa: F401
 import hostile  # noqa: F401
 import changes  # noqa: F401
+import failures  # noqa: F401
 
 
 def run(name, is_long):
