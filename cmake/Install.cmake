@@ -1,4 +1,6 @@
 # cmake --install: the daemon, abctl in its bundle, the client library with its headers, units and documents.
+# The components Library, Development and Examples (which has to be asked for) are packages of their own;
+# what names none belongs to the daemon's.
 include(GNUInstallDirs)
 
 install(TARGETS abd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -28,7 +30,7 @@ while(headers)
   list(APPEND public_headers ${header})
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
   get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${header} DESTINATION ${AMBREL_INCLUDEDIR}/${folder})
+  install(FILES ${header} DESTINATION ${AMBREL_INCLUDEDIR}/${folder} COMPONENT Development)
   file(STRINGS ${header} includes REGEX "^#include \"")
   list(TRANSFORM includes REPLACE "^#include \"(.*)\".*" "\\1")
   list(APPEND headers ${includes})
@@ -42,19 +44,21 @@ foreach(kind shared static)
     set(target ambrel_shared)
   endif()
   set_target_properties(${target} PROPERTIES EXPORT_NAME ${kind})
-  install(TARGETS ${target} EXPORT ambrel_${kind} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${AMBREL_INCLUDEDIR})
-  install(EXPORT ambrel_${kind} NAMESPACE ambrel:: FILE ${kind}.cmake DESTINATION ${AMBREL_CMAKEDIR})
+  install(TARGETS ${target} EXPORT ambrel_${kind}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Library NAMELINK_COMPONENT Development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development INCLUDES DESTINATION ${AMBREL_INCLUDEDIR})
+  install(EXPORT ambrel_${kind} NAMESPACE ambrel:: FILE ${kind}.cmake DESTINATION ${AMBREL_CMAKEDIR}
+    COMPONENT Development)
 endforeach()
 include(CMakePackageConfigHelpers)
 write_basic_package_version_file(ambrelConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES packaging/ambrelConfig.cmake ${CMAKE_BINARY_DIR}/ambrelConfigVersion.cmake
-  DESTINATION ${AMBREL_CMAKEDIR})
+  DESTINATION ${AMBREL_CMAKEDIR} COMPONENT Development)
 
 # The prefix in the files below is the one of the installation, which may differ from the configured one.
 file(RELATIVE_PATH AMBREL_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(packaging/ambrel.pc.in ambrel.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/ambrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${CMAKE_BINARY_DIR}/ambrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 
 install(CODE "
   set(BINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
@@ -70,3 +74,8 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(ZSH_COMPLETIONS vendor-completions)
 endif()
 install(FILES packaging/completions/_abctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${ZSH_COMPLETIONS})
+
+set(EXAMPLES ${CMAKE_INSTALL_LIBDIR}/ambrel/examples)
+install(DIRECTORY examples/ DESTINATION ${EXAMPLES} USE_SOURCE_PERMISSIONS COMPONENT Examples EXCLUDE_FROM_ALL
+  PATTERN CMakeLists.txt EXCLUDE)
+install(TARGETS share-desk share-card DESTINATION ${EXAMPLES} COMPONENT Examples EXCLUDE_FROM_ALL)

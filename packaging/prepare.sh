@@ -4,7 +4,8 @@
 # Whoever builds the same sources in another directory finds what was compiled before.
 export CCACHE_NOHASHDIR=1 CCACHE_BASEDIR=$PWD
 
-# Installs the Debian packages of packaging/packages that are missing; quick when none is.
+# install_packages [LIST...]: installs the Debian packages of packaging/packages, and of further lists, that are
+# missing; quick when none is.
 install_packages() {
   local package missing=() as_root=()
   while read -r package; do
@@ -12,7 +13,7 @@ install_packages() {
     if [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
       missing+=("$package")
     fi
-  done <packaging/packages
+  done < <(cat packaging/packages "$@")
   [[ ${#missing[@]} -eq 0 ]] && return
   if [[ $(id -u) -ne 0 ]]; then
     if ! command -v sudo >/dev/null; then
