@@ -1,5 +1,6 @@
-"""What scenarios are made of: a private device, the real daemon on it, clients with prepared frames, processes
-that do something beside, and figures with their bounds. Everything ends with the scenario that began it."""
+"""What scenarios are made of: a private device, the real daemon on it, clients with prepared frames,
+processes that do something beside, and figures with their bounds. Everything ends with the scenario that
+began it."""
 
 import contextlib
 import ctypes
@@ -54,7 +55,7 @@ def end_with_parent():
 
 
 def eventually(condition, seconds=PATIENCE):
-    """Waits until `condition()` is true and answers that; what it is at last when it never is."""
+    """Waits until `condition()` is true; answers what it was last."""
     end = time.monotonic() + seconds
     while not (result := condition()) and time.monotonic() < end:
         time.sleep(0.005)
@@ -81,13 +82,9 @@ def write_list(path, value):
 
 
 def plug_in_info(identifier, version="1.0", point="org.example.soak", **attributes):
-    return {
-        "BWBundleIdentifier": identifier,
-        "BWBundleShortVersionString": version,
-        "BWBundleExecutable": "run",
-        "BWBundleName": identifier,
-        "ZQExtension": {"ZQExtensionAttributes": {"ZQExtensionPointName": point, **attributes}},
-    }
+    names = {"BWBundleIdentifier": identifier, "BWBundleName": identifier, "BWBundleExecutable": "run"}
+    plug_in = {"ZQExtensionAttributes": {"ZQExtensionPointName": point, **attributes}}
+    return {**names, "BWBundleShortVersionString": version, "ZQExtension": plug_in}
 
 
 def write_bundle(path, info):
@@ -102,19 +99,14 @@ class Device:
 
     def __init__(self):
         # Not /tmp: that may be memory, where syncing costs nothing.
-        self.path = pathlib.Path(tempfile.mkdtemp(prefix="abdsoak-", dir=os.environ.get("TMPDIR", "/var/tmp")))
-        for name in ("data", "share", "config", "device", "state", "run"):
+        place = os.environ.get("TMPDIR", "/var/tmp")
+        self.path = pathlib.Path(tempfile.mkdtemp(prefix="abdsoak-", dir=place))
+        names = ("data", "share", "config", "device", "state", "run")
+        for name in names:
             (self.path / name / "veltra").mkdir(parents=True, mode=0o700)
             (self.path / name).chmod(0o700)
-        for variable, name in {
-            "XDG_DATA_HOME": "data",
-            "XDG_DATA_DIRS": "share",
-            "XDG_CONFIG_HOME": "config",
-            "XDG_CONFIG_DIRS": "device",
-            "XDG_STATE_HOME": "state",
-            "XDG_RUNTIME_DIR": "run",
-        }.items():
-            os.environ[variable] = str(self.path / name)
+        kinds = ("DATA_HOME", "DATA_DIRS", "CONFIG_HOME", "CONFIG_DIRS", "STATE_HOME", "RUNTIME_DIR")
+        os.environ.update({f"XDG_{kind}": str(self.path / name) for kind, name in zip(kinds, names)})
         os.environ.update(HOME=str(self.path), ABD_LOG="stderr")
         self.applications = self.path / "data/veltra/Applications"
         self.applications.mkdir()
@@ -127,8 +119,7 @@ class Device:
         """Installs the application `name`.app with a plug-in for each Info dictionary, by one rename."""
         fresh = self.path / f"{name}.fresh"
         shutil.rmtree(fresh, ignore_errors=True)  # of an installation that was cut short
-        info = {"BWBundleIdentifier": f"org.example.{name}", "BWBundleName": name, "BWBundleExecutable": "run"}
-        write_bundle(fresh, info)
+        write_bundle(fresh, {"BWBundleIdentifier": f"org.example.{name}", "BWBundleExecutable": "run"})
         for each in infos:
             write_bundle(fresh / "PlugIns" / f"{each['BWBundleIdentifier']}.appex", each)
         return fresh.rename(self.applications / f"{name}.app")
@@ -136,7 +127,7 @@ class Device:
     def populate(self, count, **attributes):
         """Installs `count` plug-ins, ten to an application; every hundredth serves "org.example.narrow"."""
         for first in range(0, count, 10):
-            points = ["org.example.soak" if i % 100 else "org.example.narrow" for i in range(first, first + 10)]
+            points = [f"org.example.{'soak' if i % 100 else 'narrow'}" for i in range(first, first + 10)]
             names = [f"org.example.app{first // 10}.part{i}" for i in range(10)]
             infos = [plug_in_info(name, point=point, **attributes) for name, point in zip(names, points)]
             self.install(f"App{first // 10}", infos)
@@ -146,12 +137,10 @@ class Device:
 
 
 class Daemon:
-    """The daemon on the run's device; `open_files`: its limit of descriptors, `before`: a command it is run by,
-    `preload`: libraries that are loaded into it."""
+    """The daemon on a device; `open_files`: its limit of descriptors, `preload`: libraries loaded into it."""
 
-    def __init__(self, device, *options, program=BUILD / "abd", environment=(), preload=(), before=(), open_files=None):
-        self.device, self.log_path = device, device.path / "abd.log"
-        self.command = [*map(str, before), str(program), *options]
+    def __init__(self, device, *options, program=BUILD / "abd", environment=(), preload=(), open_files=None):
+        self.log_path, self.command = device.path / "abd.log", [str(program), *options]
         self.environment = dict(environment)
         if preload:
             self.environment["LD_PRELOAD"] = ":".join(map(str, preload))
@@ -165,15 +154,9 @@ class Daemon:
     def start(self):
         """Starts it, waits until it accepts connections."""
         with open(self.log_path, "ab") as log:
-            self.process = subprocess.Popen(
-                self.command,
-                stdin=subprocess.DEVNULL,
-                stdout=log,
-                stderr=log,
-                env={**os.environ, **self.environment},
-                preexec_fn=self._prepare,
-            )
-        if not eventually(lambda: accepts() or self.process.poll() is not None) or self.process.poll() is not None:
+            self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                            env={**os.environ, **self.environment}, preexec_fn=self._prepare)
+        if not eventually(accepts):
             raise Missed(f"the daemon does not start: {self.log()[-500:]}")
         return self
 
@@ -186,8 +169,7 @@ class Daemon:
 
     def stop(self, number=signal.SIGTERM):
         """Ends it and waits; a daemon that had ended by itself is a fault."""
-        ended = self.process.poll()
-        if ended is not None:
+        if (ended := self.process.poll()) is not None:
             raise Missed(f"the daemon ended by itself with {ended}: {self.log()[-500:]}")
         self.send_signal(number)
         self.send_signal(signal.SIGCONT)
@@ -244,11 +226,7 @@ def connect():
     """A connection for prepared frames; `client()` is the convenient one."""
     connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     connection.settimeout(60)
-    try:
-        connection.connect(os.path.join(plugins.runtime_directory(), SERVICE))
-    except OSError:
-        connection.close()
-        raise
+    connection.connect(os.path.join(plugins.runtime_directory(), SERVICE))
     return connection
 
 
@@ -344,11 +322,6 @@ class Child:
 # --- A run ---
 
 
-class Figure:
-    def __init__(self, what, figure, bound, verdict):
-        self.what, self.figure, self.bound, self.verdict = what, figure, bound, verdict
-
-
 class Run:
     """One scenario's run, in its long or quick form: what it began, what it found."""
 
@@ -386,9 +359,11 @@ class Run:
 
     def at_most(self, what, figure, bound, show="{:.2f}"):
         """Notes a figure that holds when it does not exceed `bound`; `show` prints both."""
-        verdict = "holds" if figure <= bound else "missed"
-        self.figures.append(Figure(what, show.format(figure), "<= " + show.format(bound), verdict))
+        self._note(what, figure <= bound, figure, "<= ", bound, show)
 
     def at_least(self, what, figure, bound, show="{:.2f}"):
-        verdict = "holds" if figure >= bound else "missed"
-        self.figures.append(Figure(what, show.format(figure), ">= " + show.format(bound), verdict))
+        self._note(what, figure >= bound, figure, ">= ", bound, show)
+
+    def _note(self, what, holds, figure, sign, bound, show):
+        verdict = "holds" if holds else "missed"
+        self.figures.append((what, show.format(figure), sign + show.format(bound), verdict))

@@ -24,18 +24,12 @@ REQUESTS = [SMALLEST] + [
 
 def hostile_frame(chance):
     """A request with bytes changed, cut out, doubled or in another order; whether the length is its own."""
-    data = bytearray(chance.choice(REQUESTS)[4:])
+    data = chance.choice(REQUESTS)[4:]
     for _ in range(chance.choice((0, 0, 0, 0, 1, 3))):
         a, b = sorted(chance.randrange(len(data) + 1) for _ in range(2))
-        data = chance.choice(
-            (
-                lambda: data[:a] + data[b:],
-                lambda: data[:b] + data[a:],
-                lambda: data[b:] + data[a:b] + data[:a],
-                lambda: data[:a] + chance.randbytes(b - a) + data[b:],
-                lambda: data[:a] + b"\x81" * chance.randrange(2000) + data[a:],
-            )
-        )() or bytearray(b"\xff")
+        deep = b"\x81" * chance.randrange(2000)
+        middle = chance.choice((b"", 2 * data[a:b], chance.randbytes(b - a), deep))
+        data = chance.choice((data[:a] + middle + data[b:], data[b:] + data[a:b] + data[:a])) or b"\xff"
     length = chance.choice([len(data)] * 15 + [chance.getrandbits(chance.choice((10, 32)))])
     return struct.pack(">I", length) + data, length == len(data)
 

@@ -1,5 +1,5 @@
-"""The scenarios of ./soak: each runs against the real daemon (build/release) on a private device and shows its
-figures and their bounds. Without names all are run, in their quick form."""
+"""The scenarios of ./soak: each runs against the real daemon (build/release) on a private device and shows
+its figures and their bounds. Without names all are run, in their quick form."""
 
 import argparse
 import datetime
@@ -29,12 +29,12 @@ def run(name, is_long):
         with this.stack:
             scenario(this)
     except harness.NotShown as reason:
-        this.figures.append(harness.Figure(str(reason), "-", "-", "not shown"))
+        this.figures.append((str(reason), "-", "-", "not shown"))
     except (harness.Missed, OSError, RuntimeError, TimeoutError) as error:
-        this.figures.append(harness.Figure(f"{type(error).__name__}: {error}", "-", "-", "missed"))
+        this.figures.append((f"{type(error).__name__}: {error}", "-", "-", "missed"))
     finally:
         signal.alarm(0)
-    return [(name, each.what, each.figure, each.bound, each.verdict) for each in this.figures]
+    return [(name, *each) for each in this.figures]
 
 
 def machine():
@@ -44,14 +44,9 @@ def machine():
         return subprocess.run(command, capture_output=True, text=True, cwd=harness.ROOT).stdout.split("\n")[0]
 
     memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / (1 << 30)
-    return {
-        "cores": os.cpu_count(),
-        "memory": f"{memory:.0f} GiB",
-        "kernel": platform.release(),
-        "compiler": first_line("c++", "--version"),
-        "commit": first_line("git", "describe", "--always", "--dirty"),
-        "date": datetime.date.today().isoformat(),
-    }
+    commit, compiler = first_line("git", "describe", "--always", "--dirty"), first_line("c++", "--version")
+    return (("cores", os.cpu_count()), ("memory", f"{memory:.0f} GiB"), ("kernel", platform.release()),
+            ("compiler", compiler), ("commit", commit), ("date", datetime.date.today().isoformat()))
 
 
 HEADINGS = ("scenario", "measured", "figure", "bound", "verdict")
@@ -69,7 +64,7 @@ def markdown_table(rows):
 
 
 def document(rows, form):
-    about = "\n".join(f"| {key} | {value} |" for key, value in machine().items())
+    about = "\n".join(f"| {key} | {value} |" for key, value in machine())
     return f"| machine | |\n|---|---|\n{about}\n\nThe {form} form of `./soak`:\n\n{markdown_table(rows)}\n"
 
 
