@@ -345,15 +345,16 @@ class Damage:
         kept.daemon.stop(signal.SIGKILL)
 
     def compare(self, forms):
+        """A bit that nothing tells of may turn a name into another's: then two are hit."""
         told = self.kept.daemon.log()
         if "unable to load" not in told:
             elections = {name: form["annotations"].get("election") for name, form in forms.items()}
             lost = sum(elections.get(name) != each for name, each in self.kept.elections.items())
-            need(lost <= 1, f"{lost} elections differ, and nothing was said")
+            need(lost <= 2, f"{lost} elections differ, and nothing was said")
         if "is damaged" not in told:
             lost = sum(name not in forms or forms[name]["uuid"] != each for name, each in self.kept.uuids.items())
             lost += len(self.kept.added - forms.keys())
-            need(lost <= 1, f"{lost} registrations differ, and nothing was said")
+            need(lost <= 2, f"{lost} registrations differ, and nothing was said")
 
 
 def keep_damaging(count):
