@@ -28,11 +28,16 @@ install_packages() {
     "${missing[@]}" </dev/null
 }
 
-# build PRESET [TARGET...]: configures (again when the files changed, CMake sees to that) and builds.
+# configure PRESET: anew when the presets changed; CMake itself looks at all other files.
+configure() {
+  if [[ ! build/$1/build.ninja -nt CMakePresets.json ]]; then cmake --preset "$1"; fi
+}
+
+# build PRESET [TARGET...]: configures and builds.
 build() {
   local preset=$1
   shift
-  if [[ ! -e build/$preset/build.ninja ]]; then cmake --preset "$preset"; fi
+  configure "$preset"
   if [[ $# -gt 0 ]]; then
     cmake --build --preset "$preset" --target "$@"
   else
