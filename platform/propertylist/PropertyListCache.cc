@@ -114,10 +114,12 @@ std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path,
 }
 
 std::optional<Dictionary> PropertyListCache::settings(const std::string& path) {
+  // Mostly there is none, which one look tells.
+  const auto identity = FileIdentity::ofFile(path);
+  if (!identity) return std::nullopt;
   auto known = dictionary(path);
-  if (known) return known;
-  if (const auto identity = FileIdentity::ofFile(path)) reportUnreadable(path, *identity);
-  return std::nullopt;
+  if (!known) reportUnreadable(path, *identity);
+  return known;
 }
 
 void PropertyListCache::clear() {
