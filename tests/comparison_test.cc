@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 
 #include "platform/propertylist/PropertyList.h"
@@ -23,11 +22,9 @@
 namespace testsupport {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
 
-constexpr uint64_t kOneOfEach = 0, kAllVersions = 0x5, kAll = 0x200;
+constexpr uint64_t kOneOfEach = 0, kEvery = kAllVersions | kDuplicates;
 constexpr int kDevices = 8;
 
 /// ABD_COMPARISON_STEPS (changes of each device), _SEED and _MILLISECONDS (until answers are equal).
@@ -57,7 +54,7 @@ struct Party {
                                .service = home.empty() ? "abd.old" : "abd.new",
                                .home = home}),
         manager(device.root(), daemon, device.managerBundle()),
-        guest(device.root(), daemon, device.root().path() + "/hosts/Guest.app"),
+        guest(device.root(), daemon, device.guestBundle()),
         client(daemon.connect()) {}
 
   Daemon daemon;
@@ -90,12 +87,7 @@ class Comparison : public testing::TestWithParam<int> {
 
 Comparison::Comparison() {
   readAsUsersDo();
-  writePropertyList(device_.managerBundle() + "/Entitlements.plist",
-                    Dictionary{{"com.veltra.private.ambrel.manager", true}});
-  writePropertyList(
-      device_.root().path() + "/hosts/Guest.app/Entitlements.plist",
-      Dictionary{{"com.veltra.developer.ambrel.allowedplugins", Dictionary{{"Colour", Array{"red", "blue"}}}},
-                 {"org.key", true}});
+  device_.entitleHosts();
   old_.emplace(device_, "");
 }
 
@@ -108,14 +100,15 @@ Value Comparison::nameOf(const Value& uuid) {
 }
 
 Value Comparison::canonical(std::vector<Dictionary> forms) {
-  std::map<std::string, Dictionary> sorted;
-  for (Dictionary& form : forms) {
-    const std::string name = Value(form["path"]).description() + " " + form["identifier"].description();
-    names_[std::string(form["uuid"].string().value_or(""))] = name;
-    seen_[name] = form["uuid"].string().value_or("");
+  const auto name = [](const Value& form) {
+    return form["path"].description() + " " + form["identifier"].description();
+  };
+  for (const Dictionary& form : forms) {
+    names_[uuidIn(form).string()] = name(form);
+    seen_[name(form)] = uuidIn(form).string();
   }
+  Dictionary result;
   for (Dictionary& form : forms) {
-    const std::string name = Value(form["path"]).description() + " " + form["identifier"].description();
     form.remove("lastmodified");
     Array shared;
     if (const Dictionary* tokens = form["extensions"].dictionary())
@@ -123,11 +116,9 @@ Value Comparison::canonical(std::vector<Dictionary> forms) {
     form.set("extensions", shared);
     for (const char* key : {"uuid", "overrider"})
       if (form.contains(key)) form.set(key, nameOf(form[key]));
-    EXPECT_FALSE(sorted.contains(name)) << name << " was answered twice";
-    sorted[name] = form;
+    EXPECT_FALSE(result.contains(name(form))) << name(form) << " was answered twice";
+    result.set(name(form), form);
   }
-  Dictionary result;
-  for (const auto& [name, form] : sorted) result.set(name, form);
   return result;
 }
 
@@ -135,12 +126,11 @@ Value Comparison::canonical(std::vector<Dictionary> forms) {
 void Comparison::addReady(Party& party, Dictionary& all) {
   haveContainers_ = true;
   for (const Dictionary& form : match(party.client)) {
-    const auto uuid = UUID::fromString(form["uuid"].string().value_or(""));
-    const std::string file =
-        party.daemon.runtime() + "/Launcher/" + std::to_string(getpid()) + "/" + uuid->string() + ".plist";
+    const UUID uuid = uuidIn(form);
+    const std::string file = party.daemon.launchFile(getpid(), uuid);
     fs::remove(file);
-    std::string error = errorOf(party.client.call(message("ready", {{"uuids", uuidArray({*uuid})}})));
-    if (const size_t at = error.find(uuid->string()); at != std::string::npos) error.erase(at, 36);
+    std::string error = errorOf(party.client.call(message("ready", {{"uuids", Array{uuid}}})));
+    if (const size_t at = error.find(uuid.string()); at != std::string::npos) error.erase(at, 36);
     Dictionary registration = readDictionaryFile(file).value_or(Dictionary());
     registration.set("error", error);
     const Value& variables = registration["LaunchDescription"]["QMXService"]["EnvironmentVariables"];
@@ -153,21 +143,20 @@ void Comparison::addReady(Party& party, Dictionary& all) {
 Dictionary Comparison::answers(Party& party) {
   static const std::pair<Dictionary, uint64_t> questions[] = {
       {{}, kOneOfEach},
-      {{}, kAllVersions},
-      {{{"ZQExtensionPointName", Array{"share", "=sdk.a"}}}, kAllVersions},
-      {{{"ZQExtensionPointName", "point.a"}}, kAllVersions},
+      {{}, kEvery},
+      {{{"ZQExtensionPointName", Array{"share", "=sdk.a"}}}, kEvery},
+      {{{"ZQExtensionPointName", "point.a"}}, kEvery},
       {{{"ZQExtensionPointName", "sdk.b"}, {"Colour", "<>red"}}, kOneOfEach},
-      {{{"ZQExtensionIdentifier", Array{"common", "usual"}}, {"ZQUserElection", Array{"1", "2"}}},
-       kAllVersions},
+      {{{"ZQExtensionIdentifier", Array{"common", "usual"}}, {"ZQUserElection", Array{"1", "2"}}}, kEvery},
       {{{"ZQExtensionPointName", "edit"}, {"ENTITLEMENT:special", true}}, kOneOfEach},
       {{{"ZQUserElection", "<>0"}}, kOneOfEach},
-      {{{"ENTITLEMENT:special", true}}, kAllVersions},
+      {{{"ENTITLEMENT:special", true}}, kEvery},
   };
-  Dictionary all;
-  all.set("all", canonical(match(party.manager.client(), {}, kAll | kAllVersions)));
-  all.set("one of each", canonical(match(party.manager.client(), {}, kAll)));
-  all.set("manager", canonical(match(party.manager.client())));
-  all.set("guest", canonical(match(party.guest.client(), {}, kAllVersions)));
+  WireClient &manager = party.manager.client(), &guest = party.guest.client();
+  Dictionary all = {{"all", canonical(match(manager, {}, kAll | kEvery))},
+                    {"one of each", canonical(match(manager, {}, kAll))},
+                    {"manager", canonical(match(manager))},
+                    {"guest", canonical(match(guest, {}, kEvery))}};
   for (const auto& [rules, flags] : questions)
     all.set(Value(rules).description() + " " + std::to_string(flags),
             canonical(match(party.client, rules, flags)));
@@ -179,13 +168,11 @@ std::string Comparison::perform(Party& party, const ChangingDevice::Change& chan
   if (change.request.empty()) return "";
   if (change.request != "annotate")
     return errorOf(party.client.call(message(change.request, {{"paths", Array{change.path}}})));
-  std::vector<UUID> uuids;
-  for (const Dictionary& form : match(party.manager.client(), {}, kAll | kAllVersions))
-    if (form["path"].string() == change.path)
-      uuids.push_back(*UUID::fromString(form["uuid"].string().value_or("")));
-  return errorOf(
-      party.client.call(message("annotate", {{"uuids", uuidArray(uuids)},
-                                             {"annotations", Dictionary{{"election", change.election}}}})));
+  Array uuids;
+  for (const Dictionary& form : match(party.manager.client(), {}, kAll | kEvery))
+    if (form["path"].string() == change.path) uuids.append(uuidIn(form));
+  const Dictionary annotations = {{"election", change.election}};
+  return errorOf(party.client.call(message("annotate", {{"uuids", uuids}, {"annotations", annotations}})));
 }
 
 /// Copies the old daemon's state, once it holds all that was answered last and nothing is being saved.
@@ -193,7 +180,7 @@ void Comparison::copyState() {
   const std::string store = device_.root().state() + "/Hollin/Registry.sqlite";
   const auto isStored = [](const std::string& bytes, const std::string& uuid) {
     const UUID::Bytes raw = UUID::fromString(uuid)->bytes();
-    return bytes.find(std::string(raw.begin(), raw.end())) != std::string::npos;
+    return contains(bytes, std::string(raw.begin(), raw.end()));
   };
   EXPECT_TRUE(eventually([&] {
     const std::string before = readText(store);

@@ -1,9 +1,7 @@
 // What the system does for an answer, seen from outside: for an "annotate" the calls and their order, for a
 // "match" how many there are.
 
-#include <algorithm>
 #include <csignal>
-#include <sstream>
 
 #include "tests/support/DaemonTest.h"
 
@@ -20,10 +18,9 @@ class SystemCalls {
     fs::remove(errors);
     options.insert(options.begin(), {"/usr/bin/strace", "-f", "-y", "-o", file_, "-p", std::to_string(pid)});
     strace_ = std::make_unique<Process>(options, root.environment(), errors);
-    isAttached_ = eventually([&] {
-                    return readText(errors).find(" attached") != std::string::npos || !strace_->isRunning();
-                  }) &&
-                  strace_->isRunning();
+    isAttached_ =
+        eventually([&] { return contains(readText(errors), " attached") || !strace_->isRunning(); }) &&
+        strace_->isRunning();
   }
   ~SystemCalls() { lines(); }
 
@@ -32,11 +29,9 @@ class SystemCalls {
   std::vector<std::string> lines() {
     strace_->signal(SIGINT);
     strace_->waitForExit();
-    std::vector<std::string> result;
-    std::istringstream text(readText(file_));
-    for (std::string line; std::getline(text, line);)
-      result.push_back(line.substr(std::min(line.find_first_not_of("0123456789 "), line.size())));
-    return result;
+    std::vector<std::string> lines = linesOf(readText(file_));
+    for (std::string& each : lines) each.erase(0, each.find_first_not_of("0123456789 "));
+    return lines;
   }
 
  private:
@@ -60,10 +55,10 @@ TEST_F(Durability, TheFileAndItsNameAreOnDiskBeforeTheReply) {
   for (const std::string& line : calls.lines()) {
     const std::string call = line.substr(0, line.find('('));
     // The log's socket is written to by the same call, but may block.
-    if (call == "sendto" && line.find("MSG_DONTWAIT") != std::string::npos) order.push_back("reply");
-    if (line.find(temporary) != std::string::npos) order.push_back(call + " file");
-    if (line.find("<" + directory + ">") != std::string::npos) order.push_back(call + " directory");
-    if (line.find("annotation-change>") != std::string::npos) order.push_back(call + " notification");
+    if (call == "sendto" && contains(line, "MSG_DONTWAIT")) order.push_back("reply");
+    if (contains(line, temporary)) order.push_back(call + " file");
+    if (contains(line, "<" + directory + ">")) order.push_back(call + " directory");
+    if (contains(line, "annotation-change>")) order.push_back(call + " notification");
   }
   EXPECT_EQ(order, (std::vector<std::string>{"write file", "fsync file", "rename file", "fsync directory",
                                              "write notification", "reply"}));

@@ -32,43 +32,32 @@ std::string encodeToString(const Value& value) {
   return out;
 }
 
+void expectBytes(const std::string& bytes, const Value& value) {
+  EXPECT_EQ(encodeToString(value), bytes) << value.description();
+  const Value again = decode(span(bytes), kMaximumNesting).value_or(Value());
+  EXPECT_EQ(again.kind(), value.kind()) << value.description();
+  EXPECT_EQ(encodeToString(again), bytes) << value.description();
+}
+
 TEST(Encoding, RestoresEveryValueAndWritesWhatOtherProgramsExpect) {
-  const std::string s24(24, 's'), s256(256, 's'), s65536(65536, 's');
-  const std::pair<Value, std::string> cases[] = {
-      {Dictionary{{"b", -1}, {"a", Array{true, false, 1.5}}},
-       hex("a2 6161 83 f5 f4 fb3ff8000000000000 6162 20")},
-      {23, hex("17")},
-      {24, hex("18 18")},
-      {256, hex("19 0100")},
-      {65536, hex("1a 00010000")},
-      {uint64_t{1} << 32, hex("1b 0000000100000000")},
-      {UINT64_MAX, hex("1b ffffffffffffffff")},
-      {-25, hex("38 18")},
-      {INT64_MIN, hex("3b 7fffffffffffffff")},
-      {Date{1.5}, hex("c1 fb3ff8000000000000")},
-      {UUID(), hex("d825 50 00000000000000000000000000000000")},
-      {Data("x"), hex("41 78")},
-      {s24, hex("78 18") + s24},
-      {s256, hex("79 0100") + s256},
-      {s65536, hex("7a 00010000") + s65536},
-      {encodePropertyList(Array{1}), hex("d818 42 8101")},
-  };
-  for (const auto& [value, bytes] : cases) {
-    EXPECT_EQ(encodeToString(value), bytes) << value.description();
-    const Value again = decode(span(bytes), kMaximumNesting).value_or(Value());
-    EXPECT_EQ(again.kind(), value.kind()) << value.description();
-    EXPECT_EQ(encodeToString(again), bytes) << value.description();
-  }
+  expectBytes(hex("a2 6161 83 f5 f4 fb3ff8000000000000 6162 20"),
+              Dictionary{{"b", -1}, {"a", Array{true, false, 1.5}}});
+  const Value numbers = Array{23, 24, 256, 65536, uint64_t{1} << 32, UINT64_MAX, -25, INT64_MIN};
+  expectBytes(
+      hex("88 17 1818 190100 1a00010000 1b0000000100000000 1bffffffffffffffff 3818 3b7fffffffffffffff"),
+      numbers);
+  expectBytes(hex("c1 fb3ff8000000000000"), Date{1.5});
+  expectBytes(hex("d825 50 00000000000000000000000000000000"), UUID());
+  expectBytes(hex("41 78"), Data("x"));
+  for (const auto& [head, size] : {std::pair("78 18", 24u), {"79 0100", 256u}, {"7a 00010000", 65536u}})
+    expectBytes(hex(head) + std::string(size, 's'), std::string(size, 's'));
+  expectBytes(hex("d818 42 8101"), encodePropertyList(Array{1}));
 }
 
 TEST(Encoding, ReadsTheWiderFormsToo) {
-  for (const auto& [bytes, value] : {std::pair<const char*, Value>("f9 3e00", 1.5),
-                                     {"fa 3fc00000", 1.5},
-                                     {"c1 01", Date{1}},
-                                     {"c1 20", Date{-1}},
-                                     {"c1 f9 3e00", Date{1.5}},
-                                     {"a2 6161 f6 6162 01", Dictionary{{"b", 1}}}})  // null: an absent key
-    EXPECT_EQ(decodeHex(bytes), value) << bytes;
+  EXPECT_EQ(decodeHex("84 f93e00 fa3fc00000 1817 190005"), Value(Array{1.5, 1.5, 23, 5}));
+  EXPECT_EQ(decodeHex("83 c101 c120 c1f93e00"), Value(Array{Date{1}, Date{-1}, Date{1.5}}));
+  EXPECT_EQ(decodeHex("a2 6161 f6 6162 01"), Value(Dictionary{{"b", 1}})) << "null: an absent key";
 }
 
 TEST(Encoding, RefusesEverythingElse) {

@@ -12,9 +12,6 @@
 namespace testsupport {
 namespace {
 
-constexpr uint64_t kAllVersions = 0x1, kDuplicates = 0x4, kSystemOnly = 0x8, kAll = 0x200;
-constexpr const char* kManager = "com.veltra.private.ambrel.manager";
-constexpr const char* kAllowedPlugIns = "com.veltra.developer.ambrel.allowedplugins";
 constexpr const char* kDiagnostics = ".diagnostics";
 
 Array explain(WireClient& client, const Dictionary& request) {
@@ -42,9 +39,8 @@ class Explain : public DaemonTest {
     manager.emplace(root, *daemon, hostBundle("Manager", {{kManager, true}}), false, kDiagnostics);
   }
   std::string why(const std::string& plugIn, const Dictionary& rules = {}, const Dictionary& more = {}) {
-    Dictionary request = {{"plugins", Array{plugIn}}, {"rules", rules}};
-    for (const auto& [key, value] : more) request.set(key.view(), value);
-    const Array all = explain(manager->client(), request);
+    const Array all =
+        explain(manager->client(), merged({{"plugins", Array{plugIn}}, {"rules", rules}}, more));
     return all.size() == 1 ? verdict(all[0]) : std::to_string(all.size()) + " explanations";
   }
   std::string errorOfExplain(const Dictionary& request) {
@@ -166,7 +162,7 @@ TEST_F(Explain, OthersAreServedBetweenItsCandidates) {
   const std::vector<std::string> log = daemon->log();
   const auto replied = [&](const char* key) {
     return std::find_if(log.begin() + static_cast<long>(before), log.end(), [key](const std::string& line) {
-      return line.starts_with("Replying") && line.find(key) != std::string::npos;
+      return line.starts_with("Replying") && contains(line, key);
     });
   };
   EXPECT_LT(replied("matches"), replied("explanations"));
@@ -217,9 +213,8 @@ class ExplainRandom : public testing::Test {
         anyOf<uint64_t>({0, kAllVersions, kAllVersions | kDuplicates, kSystemOnly, more.empty() ? kAll : 0});
     std::multiset<std::string> found, offered;
     for (const Dictionary& form : match(host, rules, flags)) found.emplace(*form["uuid"].string());
-    Dictionary request = {{"plugins", plugIns}, {"rules", rules}, {"flags", flags}};
-    for (const auto& [key, value] : more) request.set(key.view(), value);
-    for (const Value& each : explain(diagnostics, request)) {
+    const Dictionary request = {{"plugins", plugIns}, {"rules", rules}, {"flags", flags}};
+    for (const Value& each : explain(diagnostics, merged(request, more))) {
       const bool isOffered = each["offered"].booleanValue();
       if (isOffered) offered.emplace(*each["uuid"].string());
       EXPECT_EQ(verdict(each) == "offered", isOffered) << each.description();
@@ -239,15 +234,11 @@ TEST_F(ExplainRandom, SaysOfferedOfExactlyWhatIsFound) {
   for (uint64_t seed = 100; seed < 104; ++seed) {
     ChangingDevice device(seed);
     const DeviceRoot& root = device.root();
-    const std::string guestBundle = root.path() + "/hosts/Guest.app";
-    const Dictionary guestMay = {{kAllowedPlugIns, Dictionary{{"Colour", Array{"red", "blue"}}}},
-                                 {"org.key", true}};
-    writePropertyList(device.managerBundle() + "/Entitlements.plist", Dictionary{{kManager, true}});
-    writePropertyList(guestBundle + "/Entitlements.plist", guestMay);
+    device.entitleHosts();
     for (int world = 0; world < 6; ++world) {
       for (int i = 0; i < 12; ++i) device.change();
       const Daemon daemon(root, {.environment = {"ABTEST_SDK=" + device.testSDKs()}});
-      Host manager(root, daemon, device.managerBundle()), guest(root, daemon, guestBundle),
+      Host manager(root, daemon, device.managerBundle()), guest(root, daemon, device.guestBundle()),
           diagnostics(root, daemon, device.managerBundle(), false, kDiagnostics);
       std::set<std::string> paths;
       for (const Dictionary& form : match(manager.client(), {}, kAll | kAllVersions | kDuplicates))
@@ -258,7 +249,7 @@ TEST_F(ExplainRandom, SaysOfferedOfExactlyWhatIsFound) {
       for (int i = 0; i < 15; ++i) {
         compare(manager.client(), diagnostics.client(), plugIns, {});
         compare(guest.client(), diagnostics.client(), plugIns, {{"pid", guest.pid()}});
-        compare(guest.client(), diagnostics.client(), plugIns, {{"bundle", guestBundle}});
+        compare(guest.client(), diagnostics.client(), plugIns, {{"bundle", device.guestBundle()}});
       }
     }
   }

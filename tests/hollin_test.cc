@@ -76,8 +76,9 @@ Strings identifiers(const HLProxyList& proxies) {
 
 /// An SDK of data plug-ins.
 Dictionary sdkNamed(const Value& name) {
-  return {{"ZQExtension", Dictionary{{"ZQExtensionAttributes", Dictionary{{"ZQExtensionPointName", name}}},
-                                     {"ZQExtensionProtocol", "#Data"}}}};
+  const Dictionary attributes = {{"ZQExtensionPointName", name}};
+  return {
+      {"ZQExtension", Dictionary{{"ZQExtensionAttributes", attributes}, {"ZQExtensionProtocol", "#Data"}}}};
 }
 
 class HollinTest : public testing::Test {
@@ -92,9 +93,7 @@ class HollinTest : public testing::Test {
   /// Opens the registry (anew).
   void open() {
     registry.reset();
-    auto result = Registry::open(directories);
-    if (const auto* error = std::get_if<Error>(&result)) FAIL() << error->description();
-    registry = std::get<std::unique_ptr<Registry>>(std::move(result));
+    registry = std::get<std::unique_ptr<Registry>>(Registry::open(directories));
   }
   Strings installed() const { return identifiers(*registry->installedPlugins()); }
   std::shared_ptr<const HLAmbrelProxy> only(const std::string& identifier) const {
@@ -233,8 +232,8 @@ TEST_F(HollinTest, badBundlesHarmNoOther) {
   // Wrong types everywhere: the record will judge.
   writePropertyList(info("types"), Dictionary{{"ZQExtension", "text"}, {"BWBundleIdentifier", Array{}}});
   writePropertyList(info("old"), Dictionary{{"Ambrel", 0}, {"BWBundleIdentifier", "old"}});
-  writePropertyList(info("listed"), infoDictionary({.identifier = "listed",
-                                                    .info = {{"ZQExtensionPointName", Array{1, "top"}}}}));
+  const Dictionary names = {{"ZQExtensionPointName", Array{1, "top"}}};
+  writePropertyList(info("listed"), infoDictionary({.identifier = "listed", .info = names}));
   mkfifo((plugIns + "listed.appex/Entitlements.plist").c_str(), 0600);
 
   const Strings log = logOf([this] { open(); });
@@ -251,8 +250,7 @@ TEST_F(HollinTest, badBundlesHarmNoOther) {
 
 TEST_F(HollinTest, anUnregisteredApplicationPlugInStaysSoUntilItChangesOrIsAdded) {
   const std::string application = root.install("A.app", {{.identifier = "a"}, {.identifier = "b"}});
-  const std::string a = DeviceRoot::plugInPath(application, "a"),
-                    b = DeviceRoot::plugInPath(application, "b");
+  const std::string a = root.plugInPath(application, "a"), b = root.plugInPath(application, "b");
   open();
   EXPECT_TRUE(unregisters(a) && unregisters(b) && registers(a));
   open();
@@ -386,7 +384,7 @@ std::string HollinTest::liveWith(const std::string& count, const std::string& li
   const std::string log = root.path() + "/log", sdk = root.path() + "/tests/point",
                     loose = root.path() + "/loose.appex";
   dup2(::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
-  const auto logs = [&log](const char* text) { return readText(log).find(text) != std::string::npos; };
+  const auto logs = [&log](const char* text) { return contains(readText(log), text); };
   fs::current_path(root.path());
   setenv("ABTEST_SDK", "tests", 1);
   const auto installs = [&](const std::string& name, const Value& point) {

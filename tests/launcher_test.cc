@@ -103,7 +103,7 @@ TEST_F(LauncherTest, ARegistrationForAnEarlierProcessOfTheSameIdIsNotTheHosts) {
 
 TEST_F(LauncherTest, HostsComeAndGoWhileOthersAreSwept) {
   std::vector<std::jthread> threads;
-  for (int t = 0; t < 3; ++t) {
+  for (int t = 0; t < 3; ++t)
     threads.emplace_back([&] {
       for (int i = 0; i < 60; ++i) {
         ExternalService service = service_;
@@ -113,7 +113,6 @@ TEST_F(LauncherTest, HostsComeAndGoWhileOthersAreSwept) {
         writeText(hostDirectory(host.pid()) + "/.unfinished", "");
       }
     });
-  }
   for (int i = 0; i < 60; ++i) remove("com.example.none", "1");
   threads.clear();
   remove("com.example.none", "1");

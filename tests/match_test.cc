@@ -2,9 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <filesystem>
+#include <numeric>
 #include <random>
+#include <set>
 
 #include "Ambrel/ABCollections.h"
 #include "abd/requests/DuplicateResolver.h"
@@ -13,11 +13,6 @@
 
 namespace testsupport {
 namespace {
-
-constexpr uint64_t kAllVersions = 0x1, kDuplicates = 0x4, kSystemOnly = 0x8, kAll = 0x200;
-constexpr const char* kManager = "com.veltra.private.ambrel.manager";
-constexpr const char* kAllowedPlugIns = "com.veltra.developer.ambrel.allowedplugins";
-constexpr const char* kReplacePlugIn = "com.veltra.developer.replace-plugin";
 
 class Match : public DaemonTest {
  protected:
@@ -39,23 +34,21 @@ TEST_F(Match, TheFormTellsAHostAllItNeedsToKnow) {
                                   .info = {{"BWBundleDisplayName", "Share it"}, {"DTTool", "dropped"}}}});
   start();
   const Dictionary form = this->form("notes.share");
-  const Dictionary plain = {{"identifier", "notes.share"},
-                            {"original-identifier", "notes.share"},
-                            {"version", "2.5"},
-                            {"path", DeviceRoot::plugInPath(application, "notes.share")},
-                            {"containingPath", application},
-                            {"localizedDisplayName", "Share it"},
-                            {"localizedContainingDisplayName", "Notes"},
-                            {"systemResident", false},
-                            {"hubProtocolVersion", 2},
-                            {"annotations", Dictionary()},
-                            {"info", form["bundleInfo"]["ZQExtension"]}};
-  for (const auto& [key, value] : plain) EXPECT_EQ(form[key], value) << key.view();
-  EXPECT_TRUE(UUID::fromString(form["uuid"].string().value_or("")).has_value());
+  Dictionary plain = form;
+  for (const char* key : {"bundleInfo", "info", "uuid", "lastmodified", "extensions"}) plain.remove(key);
+  EXPECT_EQ(Value(plain).description(),
+            "{annotations = {}; containingPath = \"" + application +
+                "\"; hubProtocolVersion = 2; "
+                "identifier = \"notes.share\"; localizedContainingDisplayName = \"Notes\"; "
+                "localizedDisplayName = \"Share it\"; localizedShortName = \"notes.share\"; "
+                "original-identifier = \"notes.share\"; path = \"" +
+                DeviceRoot::plugInPath(application, "notes.share") +
+                "\"; systemResident = false; version = \"2.5\"}");
+  EXPECT_NE(uuidIn(form), UUID());
   EXPECT_NEAR(form["lastmodified"].realValue(), static_cast<double>(time(nullptr)), 60);
+  EXPECT_EQ(form["info"], form["bundleInfo"]["ZQExtension"]);
   EXPECT_EQ(form["info"]["ZQExtensionAttributes"]["Depth"], deep);
-  for (const Value& none : {form["bundleInfo"]["DTTool"], form["overrider"], form["overriding"]})
-    EXPECT_TRUE(none.isNone());
+  EXPECT_TRUE(form["bundleInfo"]["DTTool"].isNone());
   EXPECT_TRUE(form["extensions"]["."].isString()) << "an application extension shares its bundle";
   EXPECT_NE(this->form("notes.share")["extensions"], form["extensions"]) << "tokens are issued anew";
 }
@@ -79,22 +72,18 @@ TEST_F(Match, OfOneIdentifierTheNewestIsReturnedUnlessMoreIsAskedFor) {
   root.install("Vendor.app", {{.identifier = "tie"}}, true);
   ASSERT_TRUE(eventually([&] { return match(*client, {}, kAllVersions | kDuplicates).size() == 6; }));
   const auto found = [this](uint64_t flags) {
-    std::vector<std::string> all;
+    std::multiset<std::string> all;
     for (const Dictionary& form :
          match(*client, Dictionary{{"ZQExtensionIdentifier", Array{"x", "tie"}}}, flags))
-      all.push_back(std::string(*form["version"].string()) + " " +
-                    std::string(*form["localizedContainingDisplayName"].string()));
-    std::ranges::sort(all);
-    return all;
+      all.insert(std::string(*form["version"].string()) +
+                 std::string(*form["localizedContainingDisplayName"].string()) + " ");
+    return std::accumulate(all.begin(), all.end(), std::string());
   };
-  using Found = std::vector<std::string>;
   for (const uint64_t flags : {uint64_t{0}, kDuplicates, uint64_t{0x1'0000'0002}})
-    EXPECT_EQ(found(flags), (Found{"1.0 Vendor", "1.10 Second"}))
-        << "the system's, else the later registered";
-  EXPECT_EQ(found(kAllVersions), (Found{"1.0 Vendor", "1.10 Second", "1.9 Old"}));
-  EXPECT_EQ(found(kAllVersions | kDuplicates),
-            (Found{"1.0 First", "1.0 Vendor", "1.10 First", "1.10 Second", "1.9 Old"}));
-  EXPECT_EQ(found(kSystemOnly), Found{"1.0 Vendor"});
+    EXPECT_EQ(found(flags), "1.0Vendor 1.10Second ") << "the system's, else the later registered";
+  EXPECT_EQ(found(kAllVersions), "1.0Vendor 1.10Second 1.9Old ");
+  EXPECT_EQ(found(kAllVersions | kDuplicates), "1.0First 1.0Vendor 1.10First 1.10Second 1.9Old ");
+  EXPECT_EQ(found(kSystemOnly), "1.0Vendor ");
 }
 
 TEST_F(Match, APlugInWithoutAnApplicationIsSeenOnlyByManagers) {
@@ -124,10 +113,11 @@ TEST_F(Match, APlugInWithoutAnApplicationIsSeenOnlyByManagers) {
 }
 
 TEST_F(Match, ADedicatedPlugInIsSeenOnlyByTheApplicationAroundIt) {
-  const std::string application =
-      root.install("Owner.app", {{.identifier = "own", .plugIn = {{"Dedicated", true}}}});
-  const std::string other =
-      root.install("Other.app", {{.identifier = "public", .plugIn = {{"Dedicated", false}}}});
+  const auto installed = [this](const char* name, bool isDedicated) {
+    return root.install(name + std::string(".app"),
+                        {{.identifier = name, .plugIn = {{"Dedicated", isDedicated}}}});
+  };
+  const std::string application = installed("own", true), other = installed("public", false);
   start();
   Host owner(root, *daemon, application), stranger(root, *daemon, other);
   EXPECT_EQ(foundBy(owner), "own public");
@@ -209,14 +199,11 @@ TEST_F(Match, AReplacementAndWhatItReplacesNameEachOther) {
   }
   EXPECT_TRUE(formOf(forms, "lone")["overrider"].isNone());
   // A replacement that is displaced as a duplicate after it was found counts still.
-  Array added;
-  for (const PlugInBundle& each :
-       {PlugInBundle{.identifier = "b", .entitlements = {{kReplacePlugIn, "lone"}}},
-        PlugInBundle{.identifier = "b", .version = "2"}}) {
-    added.append(DeviceRoot::plugInPath(root.path() + "/" + each.version + ".app", "b"));
-    root.writeBundle(std::string(*added[added.size() - 1].string()), each);
-  }
-  ASSERT_EQ(error("add", {{"paths", added}}), "");
+  const std::string one = root.path() + "/1.app/PlugIns/b.appex",
+                    two = root.path() + "/2.app/PlugIns/b.appex";
+  root.writeBundle(one, {.identifier = "b", .entitlements = {{kReplacePlugIn, "lone"}}});
+  root.writeBundle(two, {.identifier = "b", .version = "2"});
+  ASSERT_EQ(error("add", {{"paths", Array{one, two}}}), "");
   forms = match(*client);
   EXPECT_TRUE(formOf(forms, "lone")["overrider"].isString() && formOf(forms, "b")["overriding"].isNone());
   EXPECT_NE(formOf(forms, "lone")["overrider"], formOf(forms, "b")["uuid"]);
@@ -244,10 +231,8 @@ std::vector<size_t> scan(const std::vector<Candidate>& candidates, uint64_t flag
                                                 : std::weak_ordering::equivalent;
       if ((flags & kAllVersions) != 0 && (order != 0 || (flags & kDuplicates) != 0)) continue;
       const bool isPreferred = (p.onSystemVolume && !e.onSystemVolume) || p.lastModified > e.lastModified;
-      if (order > 0 || (order == 0 && isPreferred))
-        accepted.erase(accepted.begin() + static_cast<std::ptrdiff_t>(at));
-      else
-        isDropped = true;
+      isDropped = order < 0 || (order == 0 && !isPreferred);
+      if (!isDropped) accepted.erase(accepted.begin() + static_cast<std::ptrdiff_t>(at));
       break;
     }
     if (!isDropped) accepted.push_back(i);
@@ -257,16 +242,14 @@ std::vector<size_t> scan(const std::vector<Candidate>& candidates, uint64_t flag
 
 std::vector<size_t> resolve(const std::vector<Candidate>& candidates, uint64_t flags) {
   DuplicateResolver resolver(flags);
-  std::vector<std::optional<size_t>> accepted;
+  std::vector<size_t> accepted;
   for (size_t i = 0; i < candidates.size(); ++i) {
     const DuplicateResolver::Verdict verdict = resolver.admit(candidates[i]);
-    if (verdict.accepted && verdict.rival) accepted[*verdict.rival].reset();
-    if (verdict.accepted) accepted.emplace_back(i);
+    if (verdict.accepted && verdict.rival) accepted[*verdict.rival] = candidates.size();
+    if (verdict.accepted) accepted.push_back(i);
   }
-  std::vector<size_t> remaining;
-  for (const auto& each : accepted)
-    if (each) remaining.push_back(*each);
-  return remaining;
+  std::erase(accepted, candidates.size());
+  return accepted;
 }
 
 TEST(Duplicates, AreResolvedAsAScanOfTheAcceptedOnesWould) {

@@ -105,19 +105,17 @@ TEST_F(Rules, NamedKeysReadTheRecordAndOthersTheAttributesThenTheTopLevel) {
 
 TEST_F(Rules, EveryKindOfPatternMeetsEveryKindOfValue) {
   const Value items = Dictionary{{"items", Array{Dictionary{{"types", Array{"type.child"}}}}}};
-  const struct {
-    const char* key;
-    const char*
-        holdsUnder;  // t: true, f: false, s: "=3", v: a list with "value", d: items, n: number 3, e: data
-  } cases[] = {{"text", "tv"}, {"list", "t"}, {"empty", "t"}, {"three", "t"}, {"zero", "f"},
-               {"yes", "td"},  {"no", "f"},   {"data", "t"},  {"rule", "td"}, {"missing", "f"}};
+  // Under which patterns it holds. t: true, f: false, s: "=3", v: a list with "value", d: items, n: 3, e:
+  // data
+  const std::pair<const char*, std::string_view> cases[] = {
+      {"text", "tv"}, {"list", "t"}, {"empty", "t"}, {"three", "t"}, {"zero", "f"},
+      {"yes", "td"},  {"no", "f"},   {"data", "t"},  {"rule", "td"}, {"missing", "f"}};
   const std::pair<char, Value> patterns[] = {{'t', true},  {'t', 1},    {'f', false},
                                              {'f', 0.0},   {'s', "=3"}, {'v', Array{"x", "value"}},
                                              {'d', items}, {'n', 3},    {'e', Data(std::string_view("d"))}};
   for (const auto& [key, holdsUnder] : cases)
     for (const auto& [letter, pattern] : patterns)
-      EXPECT_EQ(holds(key, pattern), std::string_view(holdsUnder).find(letter) != std::string_view::npos)
-          << key << " under " << pattern.description();
+      EXPECT_EQ(holds(key, pattern), contains(holdsUnder, {&letter, 1})) << key << pattern.description();
   EXPECT_TRUE(holds("list", "?TY-CONFORMS:type.parent"));
   EXPECT_FALSE(holds("list", "=5"));
 }

@@ -53,8 +53,7 @@ Array manyPatterns() {
 TEST_F(Neighbours, AreServedWhileALongRequestIsUnfinishedAndItsOwnClientWaitsInOrder) {
   install(100);
   Array plugIns;
-  for (const Dictionary& form : match(*client))
-    plugIns.append(*UUID::fromString(form["uuid"].string().value_or("")));
+  for (const Dictionary& form : match(*client)) plugIns.append(uuidIn(form));
   const Dictionary long_[] = {
       message("match", {{"rules", Dictionary{{"k", manyPatterns()}}}}),
       message("annotate", {{"uuids", plugIns}, {"annotations", Dictionary{{"election", 1}}}}),
@@ -96,8 +95,7 @@ TEST_F(Neighbours, AHoldIsGrantedWhenWhatIsBeingEnabledIsEnabled) {
     holder.send(message("lock", {{"paths", held}, {"flags", 2}}));
   });
   holder.receive();
-  const bool isEnabled = std::filesystem::exists(daemon->runtime() + "/Launcher/" + std::to_string(getpid()) +
-                                                 "/" + plugIns.back().string() + ".plist");
+  const bool isEnabled = fs::exists(daemon->launchFile(getpid(), plugIns.back()));
   const std::string error = errorOf(*client->receive().value().body.dictionary());
   EXPECT_EQ(isEnabled, error.empty()) << error;
 }

@@ -70,11 +70,7 @@ TEST(Probes, FireWithTheirArguments) {
          "request__output:" + pid + " {}"});
   }
   for (const std::string& line : expected)
-    EXPECT_TRUE(eventually([&] {
-      return ("\n" + readText(output)).find("\n" + line + "\n") != std::string::npos;
-    })) << line
-        << " in\n"
-        << readText(output);
+    EXPECT_TRUE(eventually([&] { return contains("\n" + readText(output), "\n" + line + "\n"); })) << line;
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ namespace platform {
 namespace {
 
 using namespace std::literals;
-
 using namespace testsupport;
 
 Value parsed(std::string_view bytes) {
@@ -135,8 +134,7 @@ TEST(XMLPropertyList, WhateverCanBeReadCanBeWrittenAndSentInsideAForm) {
 
 /// A binary list of the given objects, the first on top.
 std::string binary(const std::vector<std::string>& objects) {
-  std::string out = "bplist00";
-  std::string table;
+  std::string out = "bplist00", table;
   const auto append = [](std::string& to, uint64_t number, int size) {
     for (int i = size - 1; i >= 0; --i) to += static_cast<char>(number >> (8 * i) & 0xFF);
   };
@@ -146,34 +144,21 @@ std::string binary(const std::vector<std::string>& objects) {
   }
   const size_t tableOffset = out.size();
   out += table + std::string(6, '\0');
-  append(out, 4, 1);
-  append(out, 1, 1);
-  append(out, objects.size(), 8);
-  append(out, 0, 8);
-  append(out, tableOffset, 8);
+  append(out, 0x401, 2);  // bytes of an offset, and of a reference
+  for (const size_t number : {objects.size(), size_t{0}, tableOffset}) append(out, number, 8);
   return out;
 }
 
 TEST(BinaryPropertyList, ReadsEveryKindOfValue) {
-  std::vector<std::string> objects = {
-      "\xDA\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E\x0F\x10\x11\x12\x13\x14"};
-  for (char key = 'a'; key <= 'j'; ++key) objects.push_back({'\x51', key});
-  objects.insert(objects.end(), {"\x08", "\x09", "\x10\xFF", "\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFE",
-                                 "\x14\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s, "\x22\x3F\xC0\0\0"s,
-                                 "\x23\x3F\xF8\0\0\0\0\0\0"s, "\x33\x3F\xF0\0\0\0\0\0\0"s,
-                                 "\x4F\x10\x10" + "0123456789abcdef"s, "\x62\0\xE9\x4E\x2D"s});
-  const std::string list = binary(objects);
-  EXPECT_EQ(parsed(list), Value(Dictionary{{"a", false},
-                                           {"b", true},
-                                           {"c", 255},
-                                           {"d", -2},
-                                           {"e", UINT64_MAX},
-                                           {"f", 1.5},
-                                           {"g", 1.5},
-                                           {"h", Date{978307201}},
-                                           {"i", Data("0123456789abcdef")},
-                                           {"j", "\xC3\xA9\xE4\xB8\xAD"}}));
-  EXPECT_EQ(parsed(list)["a"].kind(), Value::Kind::boolean);
+  const std::string list =
+      binary({"\xAA\1\2\3\4\5\6\7\x08\x09\x0A", "\x08", "\x09", "\x10\xFF",
+              "\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFE", "\x14\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s,
+              "\x22\x3F\xC0\0\0"s, "\x23\x3F\xF8\0\0\0\0\0\0"s, "\x33\x3F\xF0\0\0\0\0\0\0"s,
+              "\x4F\x10\x10" + "0123456789abcdef"s, "\xD1\x0B\x0C", "\x51k", "\x62\0\xE9\x4E\x2D"s});
+  const Dictionary text = {{"k", "\xC3\xA9\xE4\xB8\xAD"}};
+  EXPECT_EQ(parsed(list), Value(Array{false, true, 255, -2, UINT64_MAX, 1.5, 1.5, Date{978307201},
+                                      Data("0123456789abcdef"), text}));
+  EXPECT_EQ((*parsed(list).array())[0].kind(), Value::Kind::boolean);
 }
 
 TEST(BinaryPropertyList, RefusesMalformedObjects) {

@@ -365,11 +365,10 @@ TEST(ServiceManagerTest, hearsThatTheDaemonServesThatItsLoopTurnsAndThatItEnds) 
     return std::string(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
   };
   for (const bool isWatched : {true, false}) {
-    std::vector<std::string> environment = device.environment();
-    environment.insert(environment.end(),
-                       {"ABD_LOG=stderr", "NOTIFY_SOCKET=" + path, "WATCHDOG_USEC=200000"});
-    if (!isWatched) environment.push_back("WATCHDOG_PID=1");
-    Process daemon({ABD_PROGRAM, "-S", "managed"}, environment, device.path() + "/managed.log");
+    Process daemon({ABD_PROGRAM, "-S", "managed"},
+                   device.environment({"NOTIFY_SOCKET=" + path, "WATCHDOG_USEC=200000",
+                                       isWatched ? "NONE=" : "WATCHDOG_PID=1"}),
+                   device.path() + "/managed.log");
     for (const char* text : {"STATUS=looking for plug-ins", "STATUS=idle", "READY=1"})
       ASSERT_EQ(next(), text);
     const auto ready = std::chrono::steady_clock::now();

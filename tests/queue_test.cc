@@ -27,10 +27,10 @@ class LoopThread {
   LoopThread() : thread_([this] { loop.run(); }) {
     while (!loop.isRunning()) std::this_thread::yield();
   }
-  ~LoopThread() { join(); }
+  ~LoopThread() { loop.stop(); }
   void join() {
     loop.stop();
-    if (thread_.joinable()) thread_.join();
+    thread_.join();
   }
   /// Runs `work` on the loop and waits for it.
   void run(const Work& work) {
@@ -45,7 +45,7 @@ class LoopThread {
   RunLoop loop;
 
  private:
-  std::thread thread_;
+  std::jthread thread_;
 };
 
 TEST(SerialQueueTest, runsOnePieceAtATimeInEachThreadsOwnOrder) {
@@ -57,7 +57,7 @@ TEST(SerialQueueTest, runsOnePieceAtATimeInEachThreadsOwnOrder) {
   std::vector<std::vector<int>> seen(kThreads);
   {
     std::vector<std::jthread> threads;
-    for (std::vector<int>& mine : seen) {
+    for (std::vector<int>& mine : seen)
       threads.emplace_back([&] {
         for (int i = 0; i < kPieces; ++i) {
           const auto piece = [&, i] {
@@ -69,7 +69,6 @@ TEST(SerialQueueTest, runsOnePieceAtATimeInEachThreadsOwnOrder) {
           i % 3 == 0 ? queue.async(piece) : queue.sync(piece);
         }
       });
-    }
   }
   queue.sync([] {});
   EXPECT_FALSE(isOverlapping);

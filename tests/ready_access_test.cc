@@ -17,13 +17,10 @@ class Ready : public DaemonTest {
   void hold(const char* identifier) {
     EXPECT_EQ(error("lock", {{"paths", Array{form(identifier)["path"]}}, {"flags", 2}}), "");
   }
-  std::string registrationPath(const UUID& plugIn) const {
-    return root.runtime() + "/Launcher/" + std::to_string(getpid()) + "/" + plugIn.string() + ".plist";
-  }
   Dictionary registration(const UUID& plugIn) const {
-    return readDictionaryFile(registrationPath(plugIn)).value_or(Dictionary());
+    return readDictionaryFile(daemon->launchFile(getpid(), plugIn)).value_or(Dictionary());
   }
-  bool isRegistered(const UUID& plugIn) const { return fs::exists(registrationPath(plugIn)); }
+  bool isRegistered(const UUID& plugIn) const { return !registration(plugIn).empty(); }
   /// Starts the daemon, and a host with the entitlement that "sealed" plug-ins ask for.
   WireClient& startWithHolder() {
     const std::string bundle = hostBundle("Holder", {{"org.key", true}});
@@ -152,8 +149,7 @@ TEST_F(Ready, ARefusalEnablesNothingOfTheListDataPlugInsNeedNoEnablingAndAccessA
   EXPECT_FALSE(fs::exists(root.dataUser() + "/Containers/data"));
 
   EXPECT_EQ(errorOf(other.call(message("ready", {{"uuids", Array{s}}}))), "");
-  EXPECT_TRUE(fs::exists(root.runtime() + "/Launcher/" + std::to_string(holder->pid()) + "/" + s.string() +
-                         ".plist"));
+  EXPECT_TRUE(fs::exists(daemon->launchFile(holder->pid(), s)));
 
   const Dictionary reply = call("access", {{"uuids", Array{free, held, s, free}}});
   EXPECT_EQ(errorOf(reply), "") << "nothing is asked";

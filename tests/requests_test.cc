@@ -9,13 +9,11 @@ namespace {
 
 /// Runs the daemon until it ends by itself; answers what it wrote to standard error.
 std::string outputOfFailedStart(const DeviceRoot& root, std::vector<std::string> arguments, int status,
-                                std::vector<std::string> environment = {}) {
+                                const std::vector<std::string>& environment = {}) {
   arguments.insert(arguments.begin(), ABD_PROGRAM);
-  environment.emplace_back("ABD_LOG=stderr");  // of each variable the first counts
-  for (const std::string& each : root.environment()) environment.push_back(each);
   const std::string errors = root.path() + "/ending.log";
   fs::remove(errors);
-  EXPECT_EQ(Process(arguments, environment, errors).waitForExit(), status);
+  EXPECT_EQ(Process(arguments, root.environment(environment), errors).waitForExit(), status);
   return readText(errors);
 }
 
@@ -33,9 +31,7 @@ TEST_F(StartUp, WithoutOptionsItServesTheDefaultNameAndKeeps150Records) {
   for (int i = 0; i < 151; ++i) plugIns.push_back({.identifier = "p" + std::to_string(i)});
   root.install("A.app", plugIns);
   const std::string log = root.path() + "/bare.log";
-  std::vector<std::string> environment = root.environment();
-  environment.insert(environment.begin(), "ABD_LOG=stderr");
-  const Process process({ABD_PROGRAM}, environment, log);
+  const Process process({ABD_PROGRAM}, root.environment(), log);
   const std::string socket = root.runtime() + "/com.veltra.ambrel.abd";
   ASSERT_TRUE(eventually([&] { return WireClient::connect(socket).fd() >= 0; }));
   client.emplace(WireClient::connect(socket));
@@ -44,7 +40,7 @@ TEST_F(StartUp, WithoutOptionsItServesTheDefaultNameAndKeeps150Records) {
   EXPECT_EQ(found(Dictionary{{"ZQExtensionIdentifier", "p0"}}), "p0");
   root.install("B.app", {{.identifier = "another"}});
   EXPECT_TRUE(eventually([&] { return match(*client).size() == 152; }));
-  EXPECT_NE(readText(log).find("purging cache for 151 > 150"), std::string::npos);
+  EXPECT_TRUE(contains(readText(log), "purging cache for 151 > 150"));
 
   start({.arguments = {"-c", "x"}, .environment = {"XDG_STATE_HOME=" + root.path() + "/other"}});
   EXPECT_EQ(match(*client).size(), 152u);
@@ -54,8 +50,8 @@ TEST_F(StartUp, WithoutOptionsItServesTheDefaultNameAndKeeps150Records) {
 TEST_F(StartUp, FailsWithAReasonForServiceNamesThatCannotBeListenedOn) {
   for (const std::string& name : {std::string(), std::string("a/b"), std::string(150, 'n')}) {
     const std::string output = outputOfFailedStart(root, {"-S", name}, 1);
-    EXPECT_NE(output.find("unable to listen for service \"" + name + "\""), std::string::npos) << output;
-    EXPECT_NE(output.find("unable to construct server"), std::string::npos) << output;
+    EXPECT_TRUE(contains(output, "unable to listen for service \"" + name + "\"")) << output;
+    EXPECT_TRUE(contains(output, "unable to construct server")) << output;
   }
 }
 
@@ -65,7 +61,7 @@ TEST_F(StartUp, LeavesALivingDaemonAloneAndTakesOverTheSocketOfADeadOne) {
   for (const std::string& output :
        {outputOfFailedStart(other, {"-S", "abd.test"}, 1, {"XDG_RUNTIME_DIR=" + root.path() + "/run"}),
         outputOfFailedStart(root, {"-S", "another"}, 1)})
-    EXPECT_NE(output.find("unable to construct server"), std::string::npos) << output;
+    EXPECT_TRUE(contains(output, "unable to construct server")) << output;
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(errorOf(daemon->connect().call(message("bulk"))), "");
     daemon->kill();
@@ -81,7 +77,7 @@ TEST_F(StartUp, EndsWithoutADirectoryForTheAnnotations) {
                   std::string("unable to locate user directory: errno 2")),
         {outputOfFailedStart(root, {}, 128 + SIGABRT),
          "unable to create plugin annotations directory:file://" + directory + "/ error:POSIX "}})
-    EXPECT_NE(output.find(text), std::string::npos) << output;
+    EXPECT_TRUE(contains(output, text)) << output;
 }
 
 class Requests : public DaemonTest {

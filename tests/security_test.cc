@@ -54,9 +54,8 @@ TEST_F(ReadTokenTest, ATokenForABundlesResourceSaysItsCanonicalPathAndNeverLeads
   fs::create_symlink("../secret", bundle_ + "/escape");
   fs::create_directory(bundle_ + "-more");
   for (const std::string& path : {bundle_ + "/../secret", bundle_ + "/escape", std::string("../secret"),
-                                  std::string("/etc/passwd"), bundle_ + "/..", bundle_ + "-more"}) {
+                                  std::string("/etc/passwd"), bundle_ + "/..", bundle_ + "-more"})
     EXPECT_EQ(failure(inside(path)), EACCES) << path;
-  }
 }
 
 TEST_F(ReadTokenTest, WhatDoesNotExistOrCannotBeReadGetsTheSystemsError) {
@@ -80,9 +79,8 @@ TEST_F(ReadTokenTest, NoChangedTokenIsAuthentic) {
   }
   for (const std::string& wrong :
        {std::string(), std::string("v1."), token.substr(0, token.size() - 1), token + "A", token + "=",
-        token + std::string(1, '\0'), "v2" + token.substr(2), std::string(100'000, 'A')}) {
+        token + std::string(1, '\0'), "v2" + token.substr(2), std::string(100'000, 'A')})
     EXPECT_EQ(failure(verifyReadToken(wrong)), EBADMSG);
-  }
 }
 
 TEST_F(ReadTokenTest, ATokenIsForOneFileAndNotForItsName) {

@@ -22,10 +22,11 @@ using namespace platform;
 using namespace testsupport;
 using namespace std::literals;
 
+using Paths = std::vector<std::string>;
+
 const DeviceRoot& ownDevice = thisDevice();
 
-/// Waits until a file that was just written counts as unchanged from now on, and until the types are looked
-/// at again.
+/// After this a file that was just written counts as unchanged, and the types are looked at again.
 void letFilesSettle() {
   usleep(150'000);
 }
@@ -54,18 +55,16 @@ class DirectoriesTest : public testing::Test {
 };
 
 TEST_F(DirectoriesTest, WhatTheVariablesDoNotNameLiesInTheHomeDirectory) {
-  const Directories directories = directoriesWith({{"HOME", base_},
-                                                   {"XDG_DATA_HOME", std::nullopt},
-                                                   {"XDG_CONFIG_HOME", ""},
-                                                   {"XDG_STATE_HOME", "relative/state"},
-                                                   {"XDG_DATA_DIRS", ""},
-                                                   {"XDG_CONFIG_DIRS", std::nullopt}});
+  std::map<std::string, std::optional<std::string>> variables = {{"HOME", base_},
+                                                                 {"XDG_STATE_HOME", "relative/state"}};
+  for (const char* unset : {"XDG_DATA_HOME", "XDG_CONFIG_DIRS"}) variables[unset] = std::nullopt;
+  for (const char* empty : {"XDG_CONFIG_HOME", "XDG_DATA_DIRS"}) variables[empty] = "";
+  const Directories directories = directoriesWith(variables);
   EXPECT_EQ(directories.dataUser, base_ + "/.local/share/veltra");
   EXPECT_EQ(directories.configUser, base_ + "/.config/veltra");
   EXPECT_EQ(directories.state, base_ + "/.local/state/veltra");
-  EXPECT_EQ(directories.dataSystem,
-            (std::vector<std::string>{"/usr/local/share/veltra", "/usr/share/veltra"}));
-  EXPECT_EQ(directories.configDevice, std::vector<std::string>{"/etc/xdg/veltra"});
+  EXPECT_EQ(directories.dataSystem, (Paths{"/usr/local/share/veltra", "/usr/share/veltra"}));
+  EXPECT_EQ(directories.configDevice, Paths{"/etc/xdg/veltra"});
   EXPECT_EQ(directories.mimeData.front(), base_ + "/.local/share/mime");
 }
 
@@ -76,8 +75,8 @@ TEST_F(DirectoriesTest, ARootThatIsNamedTwiceCountsOnceAndInCanonicalForm) {
       {{"XDG_DATA_HOME", base_ + "/link"},
        {"XDG_DATA_DIRS", "/one:" + base_ + "/real/:relative:/two:/one/:" + base_ + "/real/./"}});
   EXPECT_EQ(directories.dataUser, base_ + "/real/veltra");
-  EXPECT_EQ(directories.dataSystem, (std::vector<std::string>{"/one/veltra", "/two/veltra"}));
-  EXPECT_EQ(directories.mimeData, (std::vector<std::string>{base_ + "/real/mime", "/one/mime", "/two/mime"}));
+  EXPECT_EQ(directories.dataSystem, (Paths{"/one/veltra", "/two/veltra"}));
+  EXPECT_EQ(directories.mimeData, (Paths{base_ + "/real/mime", "/one/mime", "/two/mime"}));
 }
 
 TEST_F(DirectoriesTest, APrivateDirectoryIsRefusedUnlessItIsOursAlone) {
@@ -227,25 +226,20 @@ TEST(TypeConformance, EveryRootDeclaresTypesAndChangesAreNoticed) {
   writePropertyList(mine + "mine.plist", Dictionary{{"public.data", Array{"more", "example.thing"}}});
   writeText(mine + "broken.plist", "no property list");
   letFilesSettle();
-  for (const auto& [type, to] : {std::pair("image/x-png", "example.thing"),
-                                 {"unknown", "unknown"},
-                                 {"loop", "round"},
-                                 {"round", "loop"},
-                                 {"image/svg+xml", "text/xml"},
-                                 {"text/xml", "application/x-xml"}})
-    EXPECT_TRUE(typeConformsTo(type, to)) << type;
-  for (const auto& [type, to] : {std::pair("example.thing", "image/png"),
-                                 {"loop", "public.data"},
-                                 {"image/png", "unknown"},
-                                 {"LOOP", "round"},
-                                 {"application/xml", "image/svg+xml"},
-                                 {"image/png", "example.other"}})
-    EXPECT_FALSE(typeConformsTo(type, to)) << type;
+  const auto conforms = [](std::string_view types) {
+    const size_t blank = types.find(' ');
+    return typeConformsTo(types.substr(0, blank), types.substr(blank + 1));
+  };
+  for (const char* types : {"image/x-png example.thing", "unknown unknown", "loop round", "round loop",
+                            "image/svg+xml text/xml", "text/xml application/x-xml"})
+    EXPECT_TRUE(conforms(types)) << types;
+  for (const char* types : {"example.thing image/png", "loop public.data", "image/png unknown", "LOOP round",
+                            "application/xml image/svg+xml", "image/png example.other"})
+    EXPECT_FALSE(conforms(types)) << types;
   fs::remove(mine + "mine.plist");
   writePropertyList(mine + "more.plist", Dictionary{{"image/png", "example.other"}});
   letFilesSettle();
-  EXPECT_TRUE(typeConformsTo("image/x-png", "example.other"));
-  EXPECT_FALSE(typeConformsTo("image/x-png", "example.thing"));
+  EXPECT_TRUE(conforms("image/x-png example.other") && !conforms("image/x-png example.thing"));
 }
 
 class ActivationRulesTest : public testing::Test {
@@ -270,8 +264,7 @@ class ActivationRulesTest : public testing::Test {
 
 TEST_F(ActivationRulesTest, EachItemCountsForEveryTypeThatItConformsTo) {
   const Value limits = Dictionary{{"image", 2}, {"file", 3}};
-  for (const auto& types : {std::vector{"photo", "image"}, {"photo", "image", "movie"}})
-    EXPECT_TRUE(accepts(limits, items(types)));
+  EXPECT_TRUE(accepts(limits, items({"photo", "image", "movie"})));
   // Three images, four files, and one that counts nowhere.
   for (const auto& types :
        {std::vector{"photo", "image", "photo"}, {"photo", "image", "movie", "movie"}, {"photo", "song"}})

@@ -29,40 +29,30 @@ TEST(Value, AContainerMayBeReplacedByAPartOfItselfOrStoredInItself) {
   EXPECT_EQ(array[0], Value(Array{1, 2, 1})) << "a change of a copy is the copy's alone";
 }
 
+/// Expects of each pair, first and second one after the other, that they are equal, or that they are not.
+void expectPairs(bool areEqual, const auto&... values) {
+  const Value all[] = {values...};
+  for (size_t i = 0; i < std::size(all); i += 2)
+    EXPECT_EQ(all[i] == all[i + 1], areEqual) << all[i].description() << " " << all[i + 1].description();
+}
+
 TEST(Value, NumbersAndBooleansAreEqualByValueAndNeverByRounding) {
-  for (const auto& [one, other] : {std::pair<Value, Value>(true, 1),
-                                   {false, 0.0},
-                                   {-0.0, 0},
-                                   {uint64_t{5}, 5},
-                                   {0x1p53, int64_t{1} << 53},
-                                   {-0x1p63, INT64_MIN},
-                                   {0x1p63, uint64_t{1} << 63}})
-    EXPECT_EQ(one, other);
+  expectPairs(true, true, 1, false, 0.0, -0.0, 0, uint64_t{5}, 5, 0x1p53, int64_t{1} << 53, -0x1p63,
+              INT64_MIN, 0x1p63, uint64_t{1} << 63);
+  expectPairs(false, true, 2, 1, "1", 0, Value(), Date{1}, 1, "x", Data("x"), Array{1, 2}, Array{1, 2, 3},
+              std::nan(""), std::nan(""));
   // Where doubles are coarser than integers, and where the integers overlap in their bits.
-  for (const auto& [one, other] : {std::pair<Value, Value>(true, 2),
-                                   {1, "1"},
-                                   {0, Value()},
-                                   {Date{1}, 1},
-                                   {"x", Data("x")},
-                                   {Array{1, 2}, Array{1, 2, 3}},
-                                   {0x1p53, (int64_t{1} << 53) + 1},
-                                   {0x1p63, INT64_MAX},
-                                   {0x1p64, UINT64_MAX},
-                                   {-1, UINT64_MAX},
-                                   {std::nan(""), std::nan("")}})
-    EXPECT_NE(one, other);
+  expectPairs(false, 0x1p53, (int64_t{1} << 53) + 1, 0x1p63, INT64_MAX, 0x1p64, UINT64_MAX, -1, UINT64_MAX);
 }
 
 TEST(Value, NumbersConvertByTruncationAndClampingAndNothingElseConverts) {
-  for (const auto& [value, number] : {std::pair<Value, int64_t>(-1.9, -1),
-                                      {1e300, INT64_MAX},
-                                      {-1e300, INT64_MIN},
-                                      {std::nan(""), 0},
-                                      {"12", 0}})
-    EXPECT_EQ(value.integerValue(), number) << value.description();
-  for (const auto& [value, number] :
-       {std::pair<Value, uint64_t>(std::nan(""), 0), {1e300, UINT64_MAX}, {-1, UINT64_MAX}})
-    EXPECT_EQ(value.unsignedValue(), number) << value.description();
+  EXPECT_EQ(Value(-1.9).integerValue(), -1);
+  EXPECT_EQ(Value(1e300).integerValue(), INT64_MAX);
+  EXPECT_EQ(Value(-1e300).integerValue(), INT64_MIN);
+  EXPECT_EQ(Value(1e300).unsignedValue(), UINT64_MAX);
+  EXPECT_EQ(Value(-1).unsignedValue(), UINT64_MAX);
+  for (const Value& none : {Value(std::nan("")), Value("12")})
+    EXPECT_TRUE(none.integerValue() == 0 && none.unsignedValue() == 0) << none.description();
 }
 
 TEST(Value, TheGenericBooleanReadingFollowsTheFirstTellingCharacter) {

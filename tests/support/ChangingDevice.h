@@ -51,6 +51,15 @@ class ChangingDevice {
   const DeviceRoot& root() const { return root_; }
   /// An application of the user's that is always there, with plug-ins dedicated to it.
   std::string managerBundle() const { return root_.dataUser() + "/Applications/Main.app"; }
+  /// Of a host elsewhere, that may not use everything.
+  std::string guestBundle() const { return root_.path() + "/hosts/Guest.app"; }
+  void entitleHosts() const {
+    const Dictionary red = {{"Colour", Array{"red", "blue"}}};
+    writePropertyList(managerBundle() + kEntitlements,
+                      Dictionary{{"com.veltra.private.ambrel.manager", true}});
+    writePropertyList(guestBundle() + kEntitlements,
+                      Dictionary{{"com.veltra.developer.ambrel.allowedplugins", red}, {"org.key", true}});
+  }
   /// The directory for ABTEST_SDK.
   std::string testSDKs() const { return root_.path() + "/sdks"; }
 
@@ -59,13 +68,10 @@ class ChangingDevice {
     for (const auto& [weight, kind] : kinds_) total += weight;
     for (;;) {
       size_t chosen = any(total);
-      const auto found = std::ranges::find_if(kinds_, [&chosen](const auto& each) {
-        if (chosen < each.first) return true;
-        chosen -= each.first;
-        return false;
-      });
+      auto kind = kinds_.begin();
+      while (chosen >= kind->first) chosen -= kind++->first;
       try {
-        if (Change done = found->second(); !done.description.empty()) return done;
+        if (Change done = kind->second(); !done.description.empty()) return done;
       } catch (const fs::filesystem_error& error) {  // in the place of a directory is something else
         return {error.what()};
       }
@@ -227,6 +233,7 @@ class ChangingDevice {
       if (!oneIn(3)) decisions.set(application, Dictionary{{"kQSVServiceKeyboardNetwork", !oneIn(3)}});
     return decisions;
   }
+  Dictionary anyRating() { return {{"maximumAppsRating", 100 * anyInt(4)}}; }
   Dictionary anyExclusion() {
     const char* const key = anyOf<const char*>({"Colour", "ZQExtensionPointName"});
     return {{"exclusions", Array{Dictionary{{key, anyOf<const char*>({"red", "edit", "sdk.a"})}}}}};
@@ -270,10 +277,10 @@ class ChangingDevice {
                                              "damaged ",
                                              "no ",
                                              "another mode of ",
-                                             "a directory in the place of ",
-                                             "a pipe in the place of ",
-                                             "a link to nowhere in the place of ",
-                                             "a link to its new place in the place of "};
+                                             "a directory at ",
+                                             "a pipe at ",
+                                             "a link to nowhere at ",
+                                             "a link to its new place at "};
     const Way way = anyOf(ways);
     const bool isThere = exists(path), isFile = fs::is_regular_file(fs::symlink_status(path));
     if (path.empty() || (way > damaged && !isThere) || (way == mode && !isFile)) return {};
@@ -366,18 +373,11 @@ class ChangingDevice {
       return {};
     return {"exchanged " + one + " and " + other};
   }
-  Change linkApplication() {
-    const std::string path = anyOf(applications()), target = anyOf(applications());
-    if (path.empty()) return {};
-    fs::rename(path, staged());
-    link(target, path);
-    return {"a link to " + target + " in the place of " + path};
-  }
-  Change linkPlugIn() {
-    const std::string path = anyOf(plugIns()), target = anyOf(plugIns());
+  Change linkOneToAnother(const Paths& present, bool mayRepoint) {
+    const std::string path = anyOf(present), target = anyOf(present);
     if (path.empty() || target.starts_with(loose_)) return {};
     fs::rename(path, staged());
-    fs::create_symlink(target, path);
+    mayRepoint ? link(target, path) : fs::create_symlink(target, path);
     return {"a link to " + target + " in the place of " + path};
   }
   Change moveSDKs() {
@@ -411,6 +411,7 @@ class ChangingDevice {
                                   hostIdentifier() + ".plist";
   Paths links_;         // that others lead to
   unsigned count_ = 0;  // of what needs a name or a version of its own
+  static std::vector<Way> ways(auto... each) { return {each...}; }
   const std::vector<Way> often_ = {edited, edited, edited, gone},
                          badly_ = {edited, edited, edited, damaged, gone};
   /// What may happen, and how often each of it does.
@@ -418,11 +419,8 @@ class ChangingDevice {
       {3, [this] { return install(); }},
       {2, [this] { return applications().size() < 3 ? Change() : alter(anyOf(applications()), {gone}); }},
       {2, [this] { return moveApplication(); }},
-      {1,
-       [this] {
-         return alter(anyOf(applications()), {damaged, linked});
-       }},
-      {1, [this] { return linkApplication(); }},
+      {1, [this] { return alter(anyOf(applications()), ways(damaged, linked)); }},
+      {1, [this] { return linkOneToAnother(applications(), true); }},
       {1, [this] { return rewriteApplication(); }},
       {1, [this] { return repointLink(); }},
       {2, [this] { return alter(fileIn(applications(), "/Info.plist"), often_, anyApplication(false)); }},
@@ -431,29 +429,20 @@ class ChangingDevice {
       {3, [this] { return addPlugIn(); }},
       {3, [this] { return swap(); }},
       {2, [this] { return exchange(oneIn(2) ? plugIns() : applications()); }},
-      {3,
-       [this] {
-         return alter(anyOf(plugIns()), {damaged, linked, dangling});
-       }},
-      {1, [this] { return linkPlugIn(); }},
+      {3, [this] { return alter(anyOf(plugIns()), ways(damaged, linked, dangling)); }},
+      {1, [this] { return linkOneToAnother(plugIns(), false); }},
       {6, [this] { return editInfo(); }},
       {3,
        [this] {
-         return alter(fileIn(plugIns(), "/Info.plist"), {damaged, directory, linked, pipe, gone});
+         return alter(fileIn(plugIns(), "/Info.plist"), ways(damaged, directory, linked, pipe, gone));
        }},
       {4, [this] { return alter(fileIn(plugIns(), kEntitlements), {edited}, anyEntitlements()); }},
-      {3,
-       [this] {
-         return alter(fileIn(plugIns(), kEntitlements), {gone, mode, linked});
-       }},
+      {3, [this] { return alter(fileIn(plugIns(), kEntitlements), ways(gone, mode, linked)); }},
       {4, [this] { return alter(anyLocalization(), often_, anyNames()); }},
       {1, [this] { return alter(fs::path(anyLocalization()).parent_path(), {gone}); }},
       {6, [this] { return alter(anySDKFile(), badly_, anySDK()); }},
       {1, [this] { return moveSDKs(); }},
-      {2,
-       [this] {
-         return alter(anyRestrictions(), badly_, Dictionary{{"maximumAppsRating", 100 * anyInt(4)}});
-       }},
+      {2, [this] { return alter(anyRestrictions(), badly_, anyRating()); }},
       {2, [this] { return alter(root_.configUser() + "/Consent.plist", often_, anyConsent()); }},
       {2,
        [this] {

@@ -8,8 +8,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <sstream>
-
 #include "tests/support/ThisProcess.h"
 
 namespace testsupport {
@@ -83,13 +81,11 @@ void Daemon::start() {
   logFile_ = root_.path() + "/abd." + options_.service + "." + std::to_string(starts_++) + ".log";
   std::vector<std::string> arguments = {ABD_PROGRAM, "-S", options_.service};
   arguments.insert(arguments.end(), options_.arguments.begin(), options_.arguments.end());
-  std::vector<std::string> environment = root_.environment();
-  environment.insert(environment.end(), {"ABD_LOG=stderr", "TSAN_OPTIONS=halt_on_error=1"});
+  std::vector<std::string> environment = options_.environment;
   if (!options_.home.empty())
-    environment.insert(environment.begin(), {"XDG_STATE_HOME=" + options_.home + "/state",
-                                             "XDG_RUNTIME_DIR=" + options_.home + "/run"});
-  environment.insert(environment.begin(), options_.environment.begin(), options_.environment.end());
-  process_ = std::make_unique<Process>(arguments, environment, logFile_);
+    environment.insert(environment.end(), {"XDG_STATE_HOME=" + options_.home + "/state",
+                                           "XDG_RUNTIME_DIR=" + options_.home + "/run"});
+  process_ = std::make_unique<Process>(arguments, root_.environment(environment), logFile_);
   const bool isServing = eventually([&] { return connect().fd() >= 0 || !process_->isRunning(); });
   if (!isServing || !process_->isRunning())
     ADD_FAILURE() << "the daemon did not start:\n" << readText(logFile_);
@@ -102,28 +98,19 @@ void Daemon::pause() {
 }
 
 void Daemon::kill() {
-  if (!process_->isRunning()) {
-    ADD_FAILURE() << "the daemon ended by itself with " << process_->waitForExit() << ":\n"
-                  << readText(logFile_);
-  }
+  const bool wasRunning = process_->isRunning();
   process_->kill();
-  checkLog();
+  const std::string text = readText(logFile_);
+  EXPECT_TRUE(wasRunning) << "it ended by itself with " << process_->waitForExit() << ":\n" << text;
+  EXPECT_FALSE(contains(text, "Sanitizer") || contains(text, "runtime error:")) << text;
 }
 
-void Daemon::checkLog() const {
-  const std::string text = readText(logFile_);
-  for (const char* report : {"Sanitizer", "runtime error:"})
-    if (text.find(report) != std::string::npos) ADD_FAILURE() << text;
+std::string Daemon::launchFile(pid_t host, const UUID& plugIn) const {
+  return runtime() + "/Launcher/" + std::to_string(host) + "/" + plugIn.string() + ".plist";
 }
 
 std::vector<std::string> Daemon::log() const {
-  std::vector<std::string> entries;
-  std::istringstream text(readText(logFile_));
-  for (std::string line; std::getline(text, line);) {
-    const size_t prefix = line.find("]: ");
-    entries.push_back(prefix == std::string::npos ? line : line.substr(prefix + 3));
-  }
-  return entries;
+  return logEntries(readText(logFile_));
 }
 
 size_t Daemon::logCount(std::string_view text) const {

@@ -70,6 +70,8 @@ class Daemon {
     return options_.home.empty() ? root_.runtime() : options_.home + "/run/veltra";
   }
   std::string socketPath() const { return runtime() + "/" + options_.service; }
+  /// What the service launcher is told about a plug-in that `host` may start.
+  std::string launchFile(pid_t host, const UUID& plugIn) const;
   WireClient connect() const { return WireClient::connect(socketPath()); }
 
   /// The log's entries without their prefixes. What was logged before a reply was sent is there when the
@@ -82,7 +84,6 @@ class Daemon {
                   std::chrono::milliseconds timeout = kPatience) const;
 
  private:
-  void checkLog() const;
   const DeviceRoot& root_;
   const Options options_;
   std::string logFile_;

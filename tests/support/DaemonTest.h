@@ -8,6 +8,12 @@
 
 namespace testsupport {
 
+/// Flags of "match".
+constexpr uint64_t kAllVersions = 0x1, kDuplicates = 0x4, kSystemOnly = 0x8, kAll = 0x200;
+constexpr const char* kManager = "com.veltra.private.ambrel.manager";
+constexpr const char* kAllowedPlugIns = "com.veltra.developer.ambrel.allowedplugins";
+constexpr const char* kReplacePlugIn = "com.veltra.developer.replace-plugin";
+
 class DaemonTest : public testing::Test {
  protected:
   /// Starts the daemon (anew) on what lies on the device by then, and connects.

@@ -14,13 +14,10 @@
 
 namespace testsupport {
 
-namespace {
-
-void addAll(Dictionary& dictionary, const Dictionary& more) {
+Dictionary merged(Dictionary dictionary, const Dictionary& more) {
   for (const auto& [key, value] : more) dictionary.set(key, value);
+  return dictionary;
 }
-
-}  // namespace
 
 void writeText(const std::string& path, std::string_view text, unsigned mode) {
   fs::create_directories(fs::path(path).parent_path());
@@ -39,19 +36,23 @@ std::string readText(const std::string& path) {
   return text.str();
 }
 
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
 Dictionary infoDictionary(const PlugInBundle& bundle) {
   Dictionary attributes = bundle.attributes;
   if (!bundle.point.empty()) attributes.set("ZQExtensionPointName", bundle.point);
-  Dictionary plugIn = {{"ZQExtensionAttributes", attributes}};
-  addAll(plugIn, bundle.plugIn);
-  Dictionary info = {{"BWBundleIdentifier", bundle.identifier},
-                     {"BWBundleVersion", "100"},
-                     {"BWBundleShortVersionString", bundle.version},
-                     {"BWBundleExecutable", "run"},
-                     {"BWBundleName", bundle.identifier},
-                     {"ZQExtension", plugIn}};
-  addAll(info, bundle.info);
-  return info;
+  const Dictionary info = {{"BWBundleIdentifier", bundle.identifier},
+                           {"BWBundleVersion", "100"},
+                           {"BWBundleShortVersionString", bundle.version},
+                           {"BWBundleExecutable", "run"},
+                           {"BWBundleName", bundle.identifier},
+                           {"ZQExtension", merged({{"ZQExtensionAttributes", attributes}}, bundle.plugIn)}};
+  return merged(info, bundle.info);
 }
 
 DeviceRoot::DeviceRoot() {
@@ -69,18 +70,15 @@ DeviceRoot::~DeviceRoot() {
   fs::remove_all(path_, ignored);
 }
 
-std::vector<std::string> DeviceRoot::environment() const {
-  std::vector<std::string> variables = {"XDG_DATA_HOME=" + path_ + "/data",
-                                        "XDG_DATA_DIRS=" + path_ + "/share",
-                                        "XDG_CONFIG_HOME=" + path_ + "/config",
-                                        "XDG_CONFIG_DIRS=" + path_ + "/device",
-                                        "XDG_STATE_HOME=" + path_ + "/state",
-                                        "XDG_RUNTIME_DIR=" + path_ + "/run",
-                                        "HOME=" + path_,
-                                        "LC_ALL=C.UTF-8"};
+std::vector<std::string> DeviceRoot::environment(std::vector<std::string> more) const {
+  for (const char* variable :
+       {"XDG_DATA_HOME=/data", "XDG_DATA_DIRS=/share", "XDG_CONFIG_HOME=/config", "XDG_CONFIG_DIRS=/device",
+        "XDG_STATE_HOME=/state", "XDG_RUNTIME_DIR=/run", "HOME="})
+    more.push_back(std::string(variable).insert(std::string_view(variable).find('=') + 1, path_));
+  more.insert(more.end(), {"LC_ALL=C.UTF-8", "ABD_LOG=stderr", "TSAN_OPTIONS=halt_on_error=1"});
   for (const char* name : {"PATH", "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS"})
-    if (const char* value = std::getenv(name)) variables.push_back(std::string(name) + "=" + value);
-  return variables;
+    if (const char* value = std::getenv(name)) more.push_back(std::string(name) + "=" + value);
+  return more;
 }
 
 size_t DeviceRoot::changeNotifications(std::string_view name) const {

@@ -26,6 +26,8 @@ struct PlugInBundle {
   Dictionary entitlements = {};
 };
 
+/// `dictionary` with all entries of `more`.
+Dictionary merged(Dictionary dictionary, const Dictionary& more);
 /// The bundle's Info dictionary.
 Dictionary infoDictionary(const PlugInBundle& bundle);
 
@@ -49,8 +51,9 @@ class DeviceRoot {
   /// The stored annotation table; an empty one when the file is missing or no whole annotation file.
   Dictionary storedAnnotations() const;
 
-  /// The XDG variables (and PATH) of a process that lives on this device.
-  std::vector<std::string> environment() const;
+  /// `more` (of each variable the first counts), and the XDG variables and PATH of a process that lives on
+  /// this device and logs to its standard error.
+  std::vector<std::string> environment(std::vector<std::string> more = {}) const;
 
   /// Writes a bundle directory at `path` with its files.
   void writeBundle(const std::string& path, const PlugInBundle& bundle) const;
@@ -71,5 +74,9 @@ class DeviceRoot {
 void writePropertyList(const std::string& path, const Value& value);
 void writeText(const std::string& path, std::string_view text, unsigned mode = 0644);
 std::string readText(const std::string& path);
+std::vector<std::string> linesOf(const std::string& text);
+inline bool contains(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
 
 }  // namespace testsupport

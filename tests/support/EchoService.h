@@ -29,29 +29,19 @@ inline EncodedPropertyList encodedOfSize(size_t size) {
 class EchoService {
  public:
   /// Listens at once.
-  explicit EchoService(std::string name) : name_(std::move(name)) {
-    auto listener = qmx::Listener::create(name_, listenerQueue_, loop);
-    if (const auto* error = std::get_if<Error>(&listener)) {
-      ADD_FAILURE() << error->description();
-      return;
-    }
-    listener_ = std::move(std::get<std::unique_ptr<qmx::Listener>>(listener));
+  explicit EchoService(const std::string& name)
+      : name_(name), listener_(std::get<0>(qmx::Listener::create(name, listenerQueue_, loop))) {
     listener_->setConnectionHandler(
         [this](const std::shared_ptr<qmx::Connection>& connection) { welcome(connection); });
     EXPECT_FALSE(listener_->resume());
-    thread_ = std::thread([this] { loop.run(); });
+    thread_ = std::jthread([this] { loop.run(); });
   }
-  ~EchoService() {
-    loop.stop();
-    if (thread_.joinable()) thread_.join();
-  }
-  EchoService(const EchoService&) = delete;
-  EchoService& operator=(const EchoService&) = delete;
+  ~EchoService() { loop.stop(); }
 
   WireClient connect() const { return WireClient::connect(qmx::servicePath(name_)); }
 
-  /// What happened so far, one word each: "+" a connection, "m" a message, "!" imminent termination, "?" an
-  /// unexpected object, "-" a death; and a request's "tag" when it is served.
+  /// What happened so far, one word each: "+" a connection, "m" a message, "!" imminent termination,
+  /// "-" a death; and a request's "tag" when it is served.
   std::string history() const {
     const std::lock_guard lock(mutex_);
     std::string all;
@@ -81,16 +71,12 @@ class EchoService {
   }
 
   void handle(const std::weak_ptr<qmx::Connection>& weak, qmx::Event&& event) {
-    if (auto* message = std::get_if<qmx::Message>(&event)) {
-      add("m");
-      serviceQueue_.async([this, weak, request = std::move(*message)] {
-        if (const auto connection = weak.lock()) serve(*connection, request);
-      });
-    } else if (const auto* error = std::get_if<qmx::ConnectionError>(&event)) {
-      add(*error == qmx::ConnectionError::terminationImminent ? "!" : "-");
-    } else {
-      add("?");
-    }
+    const auto* error = std::get_if<qmx::ConnectionError>(&event);
+    if (error != nullptr) return add(*error == qmx::ConnectionError::terminationImminent ? "!" : "-");
+    add("m");
+    serviceQueue_.async([this, weak, request = std::get<qmx::Message>(std::move(event))] {
+      if (const auto connection = weak.lock()) serve(*connection, request);
+    });
   }
 
   void serve(qmx::Connection& connection, const qmx::Message& request) {
@@ -110,7 +96,7 @@ class EchoService {
   mutable std::mutex mutex_;
   std::vector<std::string> history_;  // guarded by mutex_
 
-  std::thread thread_;
+  std::jthread thread_;  // ends first
 };
 
 }  // namespace testsupport

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <sstream>
 
 namespace testsupport {
 
@@ -13,7 +12,6 @@ const DeviceRoot& thisDevice() {
       const size_t equals = variable.find('=');
       setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
     }
-    setenv("ABD_LOG", "stderr", 1);
     return &root;
   }();
   return *device;
@@ -27,19 +25,15 @@ void clearOwnDevice() {
 }
 
 std::vector<std::string> logEntries(const std::string& standardError) {
-  std::vector<std::string> entries;
-  std::istringstream lines(standardError);
-  for (std::string line; std::getline(lines, line);) {
-    const size_t prefix = line.find("]: ");
-    if (prefix != std::string::npos) line.erase(0, prefix + 3);
-    if (!line.starts_with("INSTALLED:") && !line.starts_with("UNINSTALLED:")) entries.push_back(line);
-  }
+  std::vector<std::string> entries = linesOf(standardError);
+  for (std::string& line : entries)
+    if (const size_t prefix = line.find("]: "); prefix != std::string::npos) line.erase(0, prefix + 3);
   return entries;
 }
 
 size_t entriesWith(const std::vector<std::string>& log, std::string_view text) {
-  return static_cast<size_t>(std::ranges::count_if(
-      log, [text](const std::string& each) { return each.find(text) != std::string::npos; }));
+  return static_cast<size_t>(
+      std::ranges::count_if(log, [text](const auto& each) { return contains(each, text); }));
 }
 
 }  // namespace testsupport

@@ -31,19 +31,23 @@ const DeviceRoot& thisDevice();
 /// Empties the directories of the device, for the next test.
 void clearOwnDevice();
 
-/// Lines of this process's log, without their prefixes, out of what was written to standard error. The
-/// registry's announcements come in their own time and are left out.
+/// Lines of a log, without their prefixes, out of what was written to standard error.
 std::vector<std::string> logEntries(const std::string& standardError);
 
 /// How many of the entries contain `text`.
 size_t entriesWith(const std::vector<std::string>& log, std::string_view text);
 
-/// What `work` writes to the log.
+/// What `work` writes to this process's log. The registry's announcements come in their own time and are
+/// left out.
 template <typename F>
 std::vector<std::string> logOf(F work) {
   testing::internal::CaptureStderr();
   work();
-  return logEntries(testing::internal::GetCapturedStderr());
+  auto log = logEntries(testing::internal::GetCapturedStderr());
+  std::erase_if(log, [](const auto& each) {
+    return each.starts_with("INSTALLED:") || each.starts_with("UNINSTALLED:");
+  });
+  return log;
 }
 
 }  // namespace testsupport

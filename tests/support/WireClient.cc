@@ -7,6 +7,7 @@
 
 #include "platform/qmx/Encoding.h"
 #include "tests/support/Child.h"
+#include "tests/support/DeviceRoot.h"
 
 namespace testsupport {
 
@@ -120,10 +121,11 @@ void WireClient::shutdownSending() {
 }
 
 Dictionary message(std::string_view name, const Dictionary& more) {
-  Dictionary body = more;
-  body.set("request", name);
-  if (!body.contains("version")) body.set("version", 3);
-  return body;
+  return merged({{"request", name}, {"version", 3}}, more);
+}
+
+UUID uuidIn(const Value& form) {
+  return UUID::fromString(form["uuid"].string().value_or("")).value_or(UUID());
 }
 
 Array uuidArray(const std::vector<UUID>& uuids) {
@@ -155,7 +157,7 @@ UUID uuidOf(WireClient& client, std::string_view identifier) {
     ADD_FAILURE() << forms.size() << " plug-ins named " << identifier;
     return {};
   }
-  return UUID::fromString(*forms[0]["uuid"].string()).value_or(UUID());
+  return uuidIn(forms[0]);
 }
 
 std::string identifiers(const std::vector<Dictionary>& forms) {

@@ -60,6 +60,8 @@ class WireClient {
 std::string frameBytes(qmx::FrameKind kind, uint64_t id, const Value& body);
 /// A request's body of version 3.
 Dictionary message(std::string_view name, const Dictionary& more = {});
+/// The UUID that a form says.
+UUID uuidIn(const Value& form);
 Array uuidArray(const std::vector<UUID>& uuids);
 
 /// The forms that a "match" finds; the request has to succeed.
