@@ -1,8 +1,5 @@
 #include "platform/policy/Consent.h"
 
-#include <variant>
-
-#include "platform/propertylist/PropertyList.h"
 #include "platform/propertylist/PropertyListCache.h"
 #include "platform/system/Directories.h"
 
@@ -17,15 +14,7 @@ ConsentDecisions readConsentDecisions() {
   static PropertyListCache cache(1);
   const std::string path = consentFile();
   if (path.empty()) return Dictionary();
-  if (auto dictionary = cache.settings(path)) return dictionary;
-  // The cache does not tell a missing file from a bad one.
-  const Result<Value> contents = readPropertyListFile(path);
-  if (const Error* error = std::get_if<Error>(&contents)) {
-    if (error->code == kFileReadNoSuchFile) return Dictionary();
-    return std::nullopt;
-  }
-  const Dictionary* dictionary = std::get<Value>(contents).dictionary();
-  return dictionary != nullptr ? std::optional(*dictionary) : std::nullopt;
+  return cache.settings(path);
 }
 
 std::optional<std::vector<ConsentEntry>> QSVAccessCopyInformationForBundle(

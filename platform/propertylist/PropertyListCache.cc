@@ -1,8 +1,10 @@
 #include "platform/propertylist/PropertyListCache.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -115,10 +117,12 @@ std::optional<Dictionary> PropertyListCache::dictionary(const std::string& path,
 
 std::optional<Dictionary> PropertyListCache::settings(const std::string& path) {
   // Mostly there is none, which one look tells.
-  const auto identity = FileIdentity::ofFile(path);
-  if (!identity) return std::nullopt;
-  auto known = dictionary(path);
-  if (!known) reportUnreadable(path, *identity);
+  std::error_code ignored;
+  if (std::filesystem::status(path, ignored).type() == std::filesystem::file_type::not_found)
+    return Dictionary();
+  FileIdentity identity;
+  auto known = dictionary(path, &identity);
+  if (!known) reportUnreadable(path, identity);
   return known;
 }
 

@@ -23,8 +23,8 @@ class PropertyListCache {
   /// The dictionary in the file at `path` as it is now; none when there is none. `source` becomes the
   /// identity of the file that it was read from. No lock is held while reading.
   std::optional<Dictionary> dictionary(const std::string& path, FileIdentity* source = nullptr);
-  /// dictionary() of a file that administrators and users write; the log says, once for each state of the
-  /// file, that it cannot be read.
+  /// What administrators and users wrote to the file at `path`: empty when there is no file, none when it
+  /// cannot be read, which the log says once for each state of the file.
   std::optional<Dictionary> settings(const std::string& path);
   /// Forgets every parsed dictionary.
   void clear();
