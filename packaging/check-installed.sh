@@ -7,7 +7,7 @@ trap 'echo "check-installed: line $LINENO: $BASH_COMMAND" >&2; cat /tmp/{abd,fol
 
 say() { printf '\n==> %s\n' "$*"; }
 install_from() {
-  apt-get install -q -y --no-install-recommends --allow-downgrades "$1"/!(*-dbgsym*).deb >>/tmp/apt.log 2>&1 ||
+  apt-get install -q -y --no-install-recommends "$1"/!(*-dbgsym*).deb >>/tmp/apt.log 2>&1 ||
     { tail -n 20 /tmp/apt.log; return 1; }
 }
 eventually() { # COMMAND...
@@ -50,12 +50,12 @@ last_news() { grep " $card\$" /tmp/follow.log | tail -n 1 | grep -q "^$1"; }
 daemon() { cat "/proc/$manager/task/$manager/children"; }
 state() { # everything that an upgrade may not change
   "${user[@]}" bash -c 'rm -f elections; abctl match --all; abctl match --all --json | grep -i uuid
-    abctl elections export elections >&2; cat elections'
+    abctl elections export elections; cat elections'
 }
 "${user[@]}" /tmp/program2 >/tmp/follow.log 2>&1 &
 follower=$!
 eventually last_news +
-"${user[@]}" abctl elect org.example.typewriter.keyboard ignore
+"${user[@]}" abctl elect org.example.typewriter.keyboard ignore >/dev/null
 known=$(state)
 "${user[@]}" abctl hold --plugin $card >/tmp/hold.log 2>&1 &
 holder=$!

@@ -23,7 +23,7 @@ check_packages() {
   # What the checks need themselves; all else has to come with the packages.
   if [[ ! -s $base ]]; then
     mmdebstrap --quiet --format=tar --variant=minbase --include=g++,pkg-config,python3-minimal bookworm "$base.new" &&
-      mv "$base.new" "$base" || { not_shown "this machine makes no fresh root"; return; }
+      mv "$base.new" "$base" || { not_shown "this machine makes no fresh root"; return 1; }
   fi
   "${as_root[@]}" rm -rf "$root"
   mkdir "$root"
