@@ -45,13 +45,11 @@ Course Transaction::readyPlugIns() {
   }
   if (plugIns.hasFailed()) co_return;
 
-  std::optional<Error> first;
   for (const std::shared_ptr<ABDPlugIn>& plugIn : accepted) {
-    auto error = plugIn->enableForPid(client_->pid(), client_->settings(), &client_->peer());
-    if (!first) first = std::move(error);
+    const auto error = plugIn->enableForPid(client_->pid(), client_->settings(), &client_->peer());
+    if (error && !hasFailed_) fail(error->code, *error);  // the others are enabled all the same
     co_await giveWay();
   }
-  if (first) co_return fail(first->code, *first);
   done();
 }
 
