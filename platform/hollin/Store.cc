@@ -6,6 +6,7 @@
 #include "platform/hollin/Store.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -109,17 +110,34 @@ int Store::connect() {
   database_.reset(database);
   if (opened != SQLITE_OK) return opened;
   if (const int code = execute(kSettings); code != SQLITE_OK) return code;
-  sqlite3_stmt* query = nullptr;
-  int code = sqlite3_prepare_v2(database, "PRAGMA user_version", -1, &query, nullptr);
-  const Statement statement(query);
-  if (code != SQLITE_OK) return code;
-  code = sqlite3_step(query);
-  if (code != SQLITE_ROW) return code;
-  const int version = sqlite3_column_int(query, 0);
-  sqlite3_reset(query);
+  int64_t version = 0;
+  if (const int code = readNumber("PRAGMA user_version", version); code != SQLITE_OK) return code;
   isNew_ = version == 0;
-  if (version == kVersion) return SQLITE_OK;
+  if (version == kVersion) return checkLength();
   return isNew_ ? execute(kSchema) : SQLITE_MISMATCH;
+}
+
+/// The first number that `query` finds.
+int Store::readNumber(const char* query, int64_t& number) {
+  sqlite3_stmt* prepared = nullptr;
+  int code = sqlite3_prepare_v2(database_.get(), query, -1, &prepared, nullptr);
+  const Statement statement(prepared);
+  if (code != SQLITE_OK) return code;
+  code = sqlite3_step(prepared);
+  if (code != SQLITE_ROW) return code;
+  number = sqlite3_column_int64(prepared, 0);
+  return SQLITE_OK;
+}
+
+/// The library reads the missing end of a last page as zeros, and finds nothing wrong with them.
+int Store::checkLength() {
+  int64_t length = 0;
+  const int code =
+      readNumber("SELECT page_size * page_count FROM pragma_page_size, pragma_page_count", length);
+  if (code != SQLITE_OK) return code;
+  struct stat status {};
+  const bool isWhole = stat(path_.c_str(), &status) == 0 && status.st_size >= length;
+  return isWhole ? SQLITE_OK : SQLITE_CORRUPT;
 }
 
 int Store::prepareStatements() {

@@ -59,6 +59,8 @@ class Store {
   int write(const Registration& registration);
   int writeAll(const std::function<std::vector<Registration>()>& next);
   int execute(const char* statements);
+  int readNumber(const char* query, int64_t& number);
+  int checkLength();
   void close();
   void setAside(const char* reason, const char* loss);
   std::string reason(int code) const;
