@@ -195,15 +195,36 @@ def churn_forever(device):
             shutil.rmtree(each)
 
 
+def mix_forever(device, number):
+    """Adds, readies, reads, holds and removes a bundle; every other hold ends with its client."""
+    bundle = device.path / f"Mixed{number}.appex"
+    write_bundle(bundle, plug_in_info(f"org.example.mixed{number}"))
+    paths, rules = [str(bundle)], {"ZQExtensionIdentifier": f"org.example.mixed{number}"}
+    yield True
+    while True:
+        for dies in (True, False):
+            connection = client()
+            connection.request("add", paths=paths)
+            uuids = [uuid.UUID(connection.request("match", rules=rules, flags=0)["matches"][0]["uuid"])]
+            connection.request("ready", uuids=uuids)
+            connection.request("access", uuids=uuids)
+            token = connection.request("lock", paths=paths, flags=2)["uuids"]
+            if not dies:
+                connection.request("lock", uuids=[token])
+                connection.request("remove", paths=paths)
+            connection.socket.close()
+
+
 @scenario("long")
 def everything_at_once(run):
-    """All of it at once, in rounds with a pause behind each, for 10 minutes (long form)."""
+    """All of it at once, every request among it, in rounds with a pause behind each, for 10 minutes (long form)."""
     device = run.device()
     device.populate(300)
     daemon = run.daemon(device)
     loads = ((neighbours.flood,), (neighbours.match_much,), (annotate_forever,),
              (neighbours.never_read, run.amount(1, 4)), (neighbours.stay_connected, 200),
-             (send_hostile_frames, 1), (churn_forever, device), (match_forever, 0))
+             (send_hostile_frames, 1), (churn_forever, device), (match_forever, 0),
+             *((mix_forever, device, number) for number in range(2)))
     samples = []
     for _ in range(run.amount(5, 20)):
         children = [run.child(*load) for load in loads]
