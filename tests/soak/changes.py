@@ -198,14 +198,17 @@ def churn_forever(device):
 def mix_forever(device, number):
     """Adds, readies, reads, holds and removes a bundle; every other hold ends with its client."""
     bundle = device.path / f"Mixed{number}.appex"
-    write_bundle(bundle, plug_in_info(f"org.example.mixed{number}"))
+    if not bundle.exists():  # since the last round
+        write_bundle(bundle, plug_in_info(f"org.example.mixed{number}"))
     paths, rules = [str(bundle)], {"ZQExtensionIdentifier": f"org.example.mixed{number}"}
     yield True
     while True:
         for dies in (True, False):
             connection = client()
             connection.request("add", paths=paths)
-            uuids = [uuid.UUID(connection.request("match", rules=rules, flags=0)["matches"][0]["uuid"])]
+            # It is hidden until the last client's hold has gone after it.
+            forms = eventually(lambda: connection.request("match", rules=rules, flags=0)["matches"])
+            uuids = [uuid.UUID(forms[0]["uuid"])]
             connection.request("ready", uuids=uuids)
             connection.request("access", uuids=uuids)
             token = connection.request("lock", paths=paths, flags=2)["uuids"]
