@@ -170,7 +170,8 @@ void PeerConnection::noteEnd() {
 
 /// Whether there is something to do when the connection's turn comes.
 bool PeerConnection::hasWork() const {
-  return rest_ || reader_.count() > 0 || reader_.isOversized() || (isEnding_ && isReadOver_);
+  if (rest_ || state_ != State::live) return static_cast<bool>(rest_);
+  return reader_.count() > 0 || reader_.isOversized() || (isEnding_ && isReadOver_);
 }
 
 void PeerConnection::enlistWhenReady() {
@@ -182,7 +183,7 @@ void PeerConnection::enlistWhenReady() {
 bool PeerConnection::supply() {
   bool mayGoOn = false;
   guarded([&] { mayGoOn = takeTurn(); });
-  isEnlisted_ = mayGoOn && state_ == State::live && hasWork();
+  isEnlisted_ = mayGoOn && hasWork();
   return isEnlisted_;
 }
 
@@ -195,16 +196,12 @@ bool PeerConnection::standsBack() const {
 
 /// One piece of work; false when there is none for now.
 bool PeerConnection::takeTurn() {
-  if (state_ != State::live) return false;
   if (rest_) {
-    if (isEnding_ && !mayFinish()) {
-      die(Ending::deliverAndFlush);
-      return false;
-    }
-    Work rest = std::move(rest_);
+    Work rest = std::exchange(rest_, {});
     rest();
     return true;
   }
+  if (state_ != State::live) return false;
   // Room for replies brings it back (flush()).
   if (output_.size() > kMaximumUnsentBytes) return false;
   if (reader_.count() == 0) {
@@ -213,14 +210,6 @@ bool PeerConnection::takeTurn() {
   }
   if (!deliverFront()) die(Ending::flush, kMalformedFrame);
   return true;
-}
-
-/// Whether an ending connection's unfinished work goes on: while nobody else waits, and not for a reply that
-/// nobody will read.
-bool PeerConnection::mayFinish() const {
-  if (loop_.hasOthers(*this)) return false;
-  pollfd stream{.fd = number_, .events = 0, .revents = 0};
-  return !isReplyWanted_ || poll(&stream, 1, 0) == 0;
 }
 
 /// While that is quick: the requests come too late to be served, and others wait.
@@ -243,7 +232,6 @@ bool PeerConnection::deliverFront() {
   if (!frame || frame->kind == FrameKind::reply) return false;
   hadTakenLong_ = hasTakenLong_;
   hasTakenLong_ = false;
-  isReplyWanted_ = frame->kind == FrameKind::request;
   if (!handler_) return true;
   if (const Dictionary* body = frame->body.dictionary())
     handler_(Event(Message{.body = *body, .kind = frame->kind, .id = frame->id}));
@@ -272,7 +260,6 @@ void PeerConnection::flushAtEndOfTurn() {
 }
 
 void PeerConnection::goOnLater(Work rest) {
-  if (state_ == State::dead) return;
   rest_ = std::move(rest);
   enlistWhenReady();
 }
@@ -346,7 +333,6 @@ void PeerConnection::die(Ending ending, const char* reason) {
   if (reason != nullptr) systemLog("closing %@: %s", *this, reason);
   const bool wasLive = state_ == State::live;
   const std::shared_ptr<PeerConnection> keep = self();
-  rest_ = {};
   // What had arrived comes before the end, as it came.
   if (ending == Ending::deliverAndFlush) deliverTheRest();
   state_ = State::dead;
@@ -354,7 +340,11 @@ void PeerConnection::die(Ending ending, const char* reason) {
   sendLimit_.stop();
   stopWatchingProcess();
   if (wasLive) loop_.remove(number_);
-  if (isEnlisted_) loop_.withdraw(*this);
+  // What was begun is done to its end.
+  if (isEnlisted_ && !rest_) {
+    loop_.withdraw(*this);
+    isEnlisted_ = false;
+  }
   if (ending == Ending::drop) {
     isWritingOver_ = true;
     output_.clear();

@@ -13,7 +13,8 @@
 // When the end is noticed (a failed write brings it about) and nothing stands before what has arrived,
 // neither work of a connection that is not ending nor unsent replies of its own beyond the limit, the
 // connection is ending: it goes on taking turns until everything that had arrived was handed over, and dies
-// then. Else it dies at once. Work that takes more than its turn goes on only while nobody else waits.
+// then. Else it dies at once. What is left to do for a message that was handed over is done in any case,
+// after the death, too.
 
 #include <sys/epoll.h>
 
@@ -58,7 +59,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   void tookLong() override { hasTakenLong_ = true; }
   bool takeTurn();
   void finishTurn() override;
-  bool isOrphaned() const override { return isEnding_; }
+  bool isOrphaned() const override { return isEnding_ || state_ == State::dead; }
 
   std::shared_ptr<PeerConnection> self() {
     return std::static_pointer_cast<PeerConnection>(shared_from_this());
@@ -72,7 +73,6 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   void noteEnd();
   bool deliverFront();
   void deliverTheRest();
-  bool mayFinish() const;
   bool hasWork() const;
   void enlistWhenReady();
   void flush();
@@ -96,7 +96,6 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   FrameReader reader_;
   // Of the message that was handed over last.
   Work rest_;
-  bool isReplyWanted_ = false;
   bool hasTakenLong_ = false, hadTakenLong_ = false;  // it, and the one before it
   OutputQueue output_;
   RunLoop::Events interest_ = EPOLLIN | EPOLLRDHUP;
