@@ -197,6 +197,7 @@ bool PeerConnection::standsBack() const {
 /// One piece of work; false when there is none for now.
 bool PeerConnection::takeTurn() {
   if (rest_) {
+    if (isEnding_ && !mayServeMore()) die(Ending::deliverAndFlush);
     Work rest = std::exchange(rest_, {});
     rest();
     return true;
@@ -210,6 +211,14 @@ bool PeerConnection::takeTurn() {
   }
   if (!deliverFront()) die(Ending::flush, kMalformedFrame);
   return true;
+}
+
+/// Whether an ending connection that took long gets to what waits behind that: while nobody else waits, and
+/// not for a reply that nobody will read.
+bool PeerConnection::mayServeMore() const {
+  if (loop_.hasOthers(*this)) return false;
+  pollfd stream{.fd = number_, .events = 0, .revents = 0};
+  return !isReplyWanted_ || poll(&stream, 1, 0) == 0;
 }
 
 /// While that is quick: the requests come too late to be served, and others wait.
@@ -232,6 +241,7 @@ bool PeerConnection::deliverFront() {
   if (!frame || frame->kind == FrameKind::reply) return false;
   hadTakenLong_ = hasTakenLong_;
   hasTakenLong_ = false;
+  isReplyWanted_ = frame->kind == FrameKind::request;
   if (!handler_) return true;
   if (const Dictionary* body = frame->body.dictionary())
     handler_(Event(Message{.body = *body, .kind = frame->kind, .id = frame->id}));

@@ -13,8 +13,8 @@
 // When the end is noticed (a failed write brings it about) and nothing stands before what has arrived,
 // neither work of a connection that is not ending nor unsent replies of its own beyond the limit, the
 // connection is ending: it goes on taking turns until everything that had arrived was handed over, and dies
-// then. Else it dies at once. What is left to do for a message that was handed over is done in any case,
-// after the death, too.
+// then, or when a message takes more than a turn and others wait. Else it dies at once. What is left to do
+// for a message that was handed over is done in any case, after the death, too.
 
 #include <sys/epoll.h>
 
@@ -73,6 +73,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   void noteEnd();
   bool deliverFront();
   void deliverTheRest();
+  bool mayServeMore() const;
   bool hasWork() const;
   void enlistWhenReady();
   void flush();
@@ -96,6 +97,7 @@ class PeerConnection final : public Connection, private RunLoop::Source {
   FrameReader reader_;
   // Of the message that was handed over last.
   Work rest_;
+  bool isReplyWanted_ = false;
   bool hasTakenLong_ = false, hadTakenLong_ = false;  // it, and the one before it
   OutputQueue output_;
   RunLoop::Events interest_ = EPOLLIN | EPOLLRDHUP;
