@@ -1,7 +1,6 @@
 // "lock" puts plug-ins on hold, or releases holds that were granted before.
 
 #include <string>
-#include <unordered_set>
 
 #include "Ambrel/ABCollections.h"
 #include "Ambrel/ABProtocol.h"
@@ -48,25 +47,27 @@ Course Transaction::releaseHolds(Array tokens) {
 Course Transaction::holdPlugIns() {
   const uint64_t flags = request_.unsignedValue(key::flags);
   ABDPlugInHold::PlugIns plugIns;
-  std::unordered_set<std::string> seen;
+  const ABDServer::Held held = server().heldBy(*client_);
   PathWalk paths(*this);
   while (const auto entry = paths.next()) {
     const std::string& path = entry->path;
     if (!entry->resolved) co_return fail(kABErrorPath, format("invalid path: %@", path));
     if (flags != ABHoldPlugIns && flags != ABHoldApplications)
       co_return fail(kABErrorRequest, "invalid request format (unsupported hold flags)");
-    const bool isNew = seen.insert(path).second;
-    if (isNew && flags == ABHoldPlugIns) {
+    if (flags == ABHoldPlugIns) {
       std::shared_ptr<ABDPlugIn> plugIn = server().findPlugInAtPath(URL::file(path));
       if (plugIn == nullptr) co_return fail(kABErrorPath, format("no plug-in at path:%@", path));
       plugIns.push_back(std::move(plugIn));
-    } else if (isNew) {
+    } else {
       ABDPlugInSearch contained = server().searchApplication(URL::file(path));
       while (!contained.isOver()) {
         if (auto plugIn = contained.next()) plugIns.push_back(std::move(plugIn));
         co_await giveWay();
       }
     }
+    if (held.plugIns + plugIns.size() > kMaximumHeldPlugIns)
+      co_return fail(kABErrorRequest,
+                     format("invalid request (more than %d plug-ins on hold)", kMaximumHeldPlugIns));
     co_await giveWay();
   }
   if (paths.hasFailed()) co_return;
@@ -88,12 +89,8 @@ Course Transaction::holdPlugIns() {
     }
   }
 
-  const ABDServer::Held held = server().heldBy(*client_);
   if (held.holds >= kMaximumHolds)
     co_return fail(kABErrorRequest, format("invalid request (more than %d holds)", kMaximumHolds));
-  if (held.plugIns + plugIns.size() > kMaximumHeldPlugIns)
-    co_return fail(kABErrorRequest,
-                   format("invalid request (more than %d plug-ins on hold)", kMaximumHeldPlugIns));
   const auto hold = std::make_shared<ABDPlugInHold>(plugIns, client_);
   server().addHold(hold);
   // What was found free of holds before is still enabled; nothing is after the reply.
