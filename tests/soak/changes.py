@@ -197,8 +197,10 @@ def churn_forever(device):
 
 def mix_forever(device, number):
     """Adds, readies, reads, holds and removes a bundle; every other hold ends with its client."""
-    bundle = device.path / f"Mixed{number}.appex"
+    application = device.path / f"Mixed{number}.app"  # where no scan looks
+    bundle = application / "PlugIns/Mixed.appex"
     if not bundle.exists():  # since the last round
+        write_bundle(application, {"BWBundleIdentifier": f"org.example.mixing{number}"})
         write_bundle(bundle, plug_in_info(f"org.example.mixed{number}"))
     paths, rules = [str(bundle)], {"ZQExtensionIdentifier": f"org.example.mixed{number}"}
     yield True
@@ -244,6 +246,9 @@ def everything_at_once(run):
         time.sleep(3)  # what is free goes back to the system
         samples.append((daemon.memory() / MIB, daemon.descriptors(), daemon.watches()))
     warm, late = samples[1 : (len(samples) + 2) // 2], samples[(len(samples) + 2) // 2 :]
+    status = json.loads(subprocess.check_output([BUILD / "abctl", "status", "--json"]))
+    used = [each["name"] for each in status["requests"] if each["count"] > each["failed"]]
+    run.at_least("kinds of requests that were served", len(used), 8, "{}")
     for i, (what, bound) in enumerate((("memory, MiB", 1), ("descriptors", 0), ("watches", 0))):
         growth = min(each[i] for each in late) - min(each[i] for each in warm)
         run.at_most(f"growth after warm-up: {what}", growth, bound)
