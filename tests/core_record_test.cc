@@ -46,6 +46,7 @@ TEST(VersionComparison, OrdersRunsOfDigitsByTheirNumber) {
     for (size_t j = 0; j < ascending.size(); ++j) {
       const std::string second = ascending[j].substr(ascending[j].find(' ') + 1);
       EXPECT_TRUE(compareVersionString(first, second) == (i <=> j)) << first << " and " << second;
+      EXPECT_EQ(canonicalVersionString(first) == canonicalVersionString(second), i == j) << first << second;
     }
   }
 }

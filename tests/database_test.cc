@@ -1,16 +1,13 @@
-// The database and what it keeps: records that come and go meanwhile, the annotation
-// store (what it reads, what it refuses and leaves alone), and a hold that is made when its client has died.
+// The database and what it keeps: records that come and go meanwhile, and the annotation store (what it
+// reads, what it refuses and leaves alone).
 
 #include <future>
 
 #include "Ambrel/ABCollections.h"
-#include "abd/ABDPlugInHold.h"
-#include "abd/ABDQmxClient.h"
 #include "abd/RequestSettings.h"
 #include "abd/database/ABDAnnotationStore.h"
 #include "platform/launcher/ServiceLauncher.h"
 #include "platform/propertylist/PropertyList.h"
-#include "platform/qmx/Listener.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/ThisServer.h"
 
@@ -135,39 +132,6 @@ TEST_F(AnnotationStore, AFileThatCannotBeReadIsReportedAndKept) {
   }
   writePropertyList(file(), Dictionary{{"version", "16 or so"}, {"data", Array()}});
   EXPECT_NE(refusal().find("\"data\" is not a dictionary"), std::string::npos);
-}
-
-// --- Holds ---
-
-/// Runs the main loop until `condition` holds.
-template <typename F>
-bool runUntil(F condition) {
-  return eventually([&] {
-    RunLoop::main().after(std::chrono::milliseconds(5), [] { RunLoop::main().stop(); });
-    RunLoop::main().run();
-    return condition();
-  });
-}
-
-TEST(Hold, ThatComesAfterTheDeathOfItsClientIsReleasedAtOnce) {
-  const auto plugIn = registeredRecord({.identifier = "late"});
-  ASSERT_NE(plugIn, nullptr);
-  // A real connection to this process's server, accepted by a listener of the test's own.
-  SerialQueue queue("peers", RunLoop::main());
-  auto listener = std::move(std::get<0>(qmx::Listener::create("peer.test", queue, RunLoop::main())));
-  std::shared_ptr<ABDQmxClient> client;
-  listener->setConnectionHandler([&client](const std::shared_ptr<qmx::Connection>& connection) {
-    client = ABDQmxClient::initWithConnection(connection, thisServer());
-  });
-  listener->resume();
-  WireClient wire = WireClient::connect(qmx::servicePath("peer.test"));
-  ASSERT_TRUE(runUntil([&client] { return client != nullptr; }));
-  wire.close();
-  ASSERT_TRUE(runUntil([&client] { return !client->acceptWork() && client->connection() == nullptr; }));
-  const size_t notifications = thisDevice().changeNotifications();
-  thisServer().addHold(std::make_shared<ABDPlugInHold>(ABDPlugInHold::PlugIns{plugIn}, client));
-  EXPECT_FALSE(thisServer().holdOnPlugIn(*plugIn));
-  EXPECT_EQ(thisDevice().changeNotifications(), notifications + 2) << "made known, and its end, too";
 }
 
 }  // namespace

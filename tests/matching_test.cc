@@ -1,8 +1,6 @@
-// The matching engine: operators, rule keys, kinds of values and patterns; and that a narrowed search loses
-// nothing that the engine would find.
+// The matching engine: operators, rule keys, kinds of values and patterns.
 
 #include <algorithm>
-#include <random>
 
 #include "tests/support/ThisServer.h"
 
@@ -118,118 +116,6 @@ TEST_F(Rules, EveryKindOfPatternMeetsEveryKindOfValue) {
       EXPECT_EQ(holds(key, pattern), contains(holdsUnder, {&letter, 1})) << key << pattern.description();
   EXPECT_TRUE(holds("list", "?TY-CONFORMS:type.parent"));
   EXPECT_FALSE(holds("list", "=5"));
-}
-
-// --- Narrowing ---
-
-class Narrowing : public testing::Test {
- protected:
-  static constexpr int kBundles = 120, kRules = 600;
-
-  size_t below(size_t count) { return random_() % count; }
-  template <typename T>
-  T anyOf(const std::vector<T>& choices) {
-    return choices[below(choices.size())];
-  }
-  Value point() { return anyOf(points_); }
-
-  /// What a dictionary may say about its extension point's name.
-  Value pointAttribute() {
-    const Value odd = anyOf<Value>({5, true, Array(), Array{7, point()}, Dictionary()});
-    return anyOf<Value>({Value(), Array{point(), point()}, odd, point(), point()});
-  }
-  Dictionary section() {
-    Dictionary attributes = {{"flavour", anyOf(flavours_)}}, section;
-    attributes.set("ZQExtensionPointName", pointAttribute());
-    section.set("ZQExtensionAttributes", attributes);
-    if (below(2) == 0) section.set("ZQExtensionPointIdentifier", anyOf(sdks_));
-    return section;
-  }
-  void registerRandomBundle(int number) {
-    const std::string identifier = "narrow." + std::to_string(number % (kBundles - 20));  // some twice
-    PlugInBundle bundle{.identifier = identifier, .point = "", .plugIn = section()};
-    if (below(4) == 0) bundle.info.set("ZQExtensionPointName", pointAttribute());
-    if (below(4) == 0)
-      bundle.plugIn.set("Multiple",
-                        Dictionary{{identifier + ".x", section()}, {identifier + ".y", section()}});
-    registerBundle(bundle, thisDevice().path() + "/narrow/" + std::to_string(number) + ".appex");
-  }
-
-  Value pattern(const std::vector<Value>& literals) {
-    const auto one = [&](const char* prefix) { return prefix + std::string(*anyOf(literals).string()); };
-    return anyOf<Value>({Array{one(""), one("="), one("")}, Array{one(""), one(">")}, one(""), one(""),
-                         one("="), anyOf<Value>({"<>nothing", ">a", true, Array{"none.such", one("=")}})});
-  }
-  Dictionary rules() {
-    Dictionary rules;
-    const size_t kind = below(8);
-    if (kind < 3) rules.set("ZQExtensionIdentifier", pattern(identifiers_));
-    if (kind == 7)  // half of them, so that the name decides
-      rules.set("ZQExtensionIdentifier", Array({identifiers_.begin(), identifiers_.begin() + kBundles / 2}));
-    if (kind >= 3) rules.set("ZQExtensionPointName", pattern(points_));
-    if (below(4) == 0) rules.set("flavour", below(2) == 0 ? anyOf(flavours_) : pattern(flavours_));
-    return rules;
-  }
-
-  /// Whether a rule says literally what it wants: with "=", or a letter of any script or a digit in front.
-  static bool isLiteral(const Value& pattern) {
-    if (const Array* list = pattern.array()) return std::ranges::all_of(*list, isLiteral);
-    const std::string_view text = pattern.string().value_or("");
-    return !text.empty() && !text.starts_with("€") && text.find_first_of("<>?- ") != 0;
-  }
-  /// The plain reading of rules: every entry holds, and of a list one pattern by itself.
-  static bool holds(const ABDPlugIn& record, const Dictionary& rules) {
-    return std::ranges::all_of(rules, [&record](const Dictionary::Entry& rule) {
-      const Array* list = rule.value.array();
-      if (list == nullptr) return record.matchKey(rule.key.view(), rule.value);
-      return std::ranges::any_of(*list, [&](const Value& each) {
-        return each.isString() && record.matchKey(rule.key.view(), each);
-      });
-    });
-  }
-  static std::set<std::string> matching(const ABDPlugInSet& candidates, const Dictionary& rules) {
-    std::set<std::string> found;
-    for (const auto& candidate : candidates) {
-      const bool matches = candidate->match(rules);
-      EXPECT_EQ(matches, holds(*candidate, rules)) << Value(rules).description();
-      EXPECT_TRUE(!matches || found.insert(candidate->uuid().string()).second) << "it stands there twice";
-    }
-    return found;
-  }
-
-  std::mt19937 random_{20261122};
-  const std::vector<Value> points_ = {"point.a", "point.b", "Point.a", "point.a.b", "éa", "Жa",
-                                      "日a",     "𐐀a",      "€a",      "-a",        " a", ""},
-                           sdks_ = {"sdk.one", "sdk.list", "sdk.bare", "point.a", "no.such.sdk"},
-                           flavours_ = {"sweet", "sour", "v007", "v7.", "v07.", "a1b", "a01b", "10", "1.00"};
-  std::vector<Value> identifiers_;
-};
-
-TEST_F(Narrowing, LosesNothingThatTheEngineWouldFind) {
-  for (const auto& [name, attributes] :
-       {std::pair("sdk.one", Dictionary{{"ZQExtensionPointName", "point.b"}}),
-        {"sdk.list", Dictionary{{"ZQExtensionPointName", Array{"point.a.b", "Point.a"}}}},
-        {"sdk.bare", Dictionary()}})
-    writePropertyList(thisDevice().dataUser() + "/SDKs/" + name + ".plist",
-                      Dictionary{{"ZQExtension", Dictionary{{"ZQExtensionAttributes", attributes}}}});
-  ABDPlugInSet all;
-  logOf([&] {
-    for (int number = 0; number < kBundles; ++number) registerRandomBundle(number);
-    all = thisServer().findPlugIns(std::nullopt).value();
-  });
-  ASSERT_GE(all.size(), static_cast<size_t>(kBundles));
-  for (const auto& each : all) identifiers_.emplace_back(each->identifier());
-  int found = 0;
-  for (int number = 0; number < kRules; ++number) {
-    const Dictionary rule = rules();
-    const auto expected = matching(all, rule);
-    const ABDPlugInSet candidates = thisServer().findPlugIns(rule).value();
-    EXPECT_EQ(matching(candidates, rule), expected) << Value(rule).description();
-    if (!expected.empty()) ++found;
-    const bool isNarrow = isLiteral(rule["ZQExtensionIdentifier"]) || isLiteral(rule["ZQExtensionPointName"]);
-    EXPECT_EQ(candidates.size() < all.size(), isNarrow) << Value(rule).description();
-  }
-  EXPECT_GE(found, kRules / 3);
 }
 
 }  // namespace

@@ -83,21 +83,28 @@ TEST_F(Neighbours, AreServedWhileALongRequestIsUnfinishedAndItsOwnClientWaitsInO
   EXPECT_EQ(bulks(), expected);
 }
 
-TEST_F(Neighbours, AHoldIsGrantedWhenWhatIsBeingEnabledIsEnabled) {
+TEST_F(Neighbours, AHoldIsGrantedWhenWhatIsBeingEnabledIsEnabledOrEndsWithItsClient) {
   install(100);
   std::vector<UUID> plugIns;
   for (int i = 0; i < 100; ++i) plugIns.push_back(uuid("many." + std::to_string(i)));
-  const Array held = {DeviceRoot::plugInPath(application, "many.99")};
-  WireClient holder = daemon->connect();
-  holder.call(bulk(0));
+  const Array one = {DeviceRoot::plugInPath(application, "many.99")},
+              often = Array(std::vector<Value>(100, application));
+  WireClient holder = daemon->connect(), dying = daemon->connect();
+  for (WireClient* each : {&holder, &dying}) each->call(bulk(0));
   atOnce([&] {
     client->send(message("ready", {{"uuids", uuidArray(plugIns)}}));
-    holder.send(message("lock", {{"paths", held}, {"flags", 2}}));
+    holder.send(message("lock", {{"paths", one}, {"flags", 2}}));
+    dying.send(message("lock", {{"paths", often}, {"flags", 1}}));
   });
+  EXPECT_TRUE(daemon->waitForLog(" request lock", 2));
+  dying.close();
   holder.receive();
   const bool isEnabled = fs::exists(daemon->launchFile(getpid(), plugIns.back()));
   const std::string error = errorOf(*client->receive().value().body.dictionary());
   EXPECT_EQ(isEnabled, error.empty()) << error;
+  EXPECT_TRUE(daemon->waitForLog(" is dead"));
+  holder.close();
+  EXPECT_TRUE(eventually([&] { return match(*client).size() == 100; }));
 }
 
 TEST_F(Neighbours, WaitNotForWhatIsServedToItsEndWithoutItsClient) {

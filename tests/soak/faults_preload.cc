@@ -136,22 +136,19 @@ EXPORT int close(int fd) {
 
 // --- Allocations ---
 
-EXPORT void* malloc(size_t size) noexcept {
-  static const auto real = next<void*(size_t)>("malloc");
-  return lacksMemory() ? nullptr : counted(real(size));
-}
-EXPORT void* calloc(size_t count, size_t size) noexcept {
-  static const auto real = next<void*(size_t, size_t)>("calloc");
-  return lacksMemory() ? nullptr : counted(real(count, size));
-}
+#define ALLOCATING(name, parameters, arguments)               \
+  EXPORT void* name parameters noexcept {                     \
+    static const auto real = next<void * parameters>(#name);  \
+    return lacksMemory() ? nullptr : counted(real arguments); \
+  }
+
+ALLOCATING(malloc, (size_t size), (size))
+ALLOCATING(calloc, (size_t count, size_t size), (count, size))
+ALLOCATING(aligned_alloc, (size_t alignment, size_t size), (alignment, size))
 EXPORT void* realloc(void* block, size_t size) noexcept {
   static const auto real = next<void*(void*, size_t)>("realloc");
   if (lacksMemory()) return nullptr;
   return block == nullptr ? counted(real(block, size)) : real(block, size);
-}
-EXPORT void* aligned_alloc(size_t alignment, size_t size) noexcept {
-  static const auto real = next<void*(size_t, size_t)>("aligned_alloc");
-  return lacksMemory() ? nullptr : counted(real(alignment, size));
 }
 EXPORT void free(void* block) noexcept {
   static const auto real = next<void(void*)>("free");
@@ -164,37 +161,18 @@ static void* orThrow(void* block) {
   if (block == nullptr) throw std::bad_alloc();
   return block;
 }
-#define OPERATOR __attribute__((visibility("default"))) void
-OPERATOR* operator new(size_t size) {
-  return orThrow(malloc(size));
-}
-OPERATOR* operator new[](size_t size) {
-  return orThrow(malloc(size));
-}
-OPERATOR* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return malloc(size);
-}
-OPERATOR* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return malloc(size);
-}
-OPERATOR* operator new(size_t size, std::align_val_t alignment) {
-  return orThrow(aligned_alloc(static_cast<size_t>(alignment), size));
-}
-OPERATOR operator delete(void* block) noexcept {
-  free(block);
-}
-OPERATOR operator delete[](void* block) noexcept {
-  free(block);
-}
-OPERATOR operator delete(void* block, size_t) noexcept {
-  free(block);
-}
-OPERATOR operator delete[](void* block, size_t) noexcept {
-  free(block);
-}
-OPERATOR operator delete(void* block, std::align_val_t) noexcept {
-  free(block);
-}
-OPERATOR operator delete(void* block, size_t, std::align_val_t) noexcept {
-  free(block);
-}
+#define OPERATOR(signature, body)                         \
+  __attribute__((visibility("default"))) void signature { \
+    body;                                                 \
+  }
+
+OPERATOR(*operator new(size_t size), return orThrow(malloc(size)))
+OPERATOR(*operator new[](size_t size), return orThrow(malloc(size)))
+OPERATOR(*operator new(size_t size, const std::nothrow_t&) noexcept, return malloc(size))
+OPERATOR(*operator new(size_t size, std::align_val_t to), return orThrow(aligned_alloc(size_t(to), size)))
+OPERATOR(operator delete(void* block) noexcept, free(block))
+OPERATOR(operator delete[](void* block) noexcept, free(block))
+OPERATOR(operator delete(void* block, size_t) noexcept, free(block))
+OPERATOR(operator delete[](void* block, size_t) noexcept, free(block))
+OPERATOR(operator delete(void* block, std::align_val_t) noexcept, free(block))
+OPERATOR(operator delete(void* block, size_t, std::align_val_t) noexcept, free(block))

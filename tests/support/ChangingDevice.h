@@ -162,8 +162,11 @@ class ChangingDevice {
 
   PlugInBundle anyBundle() {
     const std::string before = "p" + std::to_string(count_), number = std::to_string(++count_);
-    PlugInBundle bundle{.identifier = "p" + number, .version = std::to_string(any(3)) + "." + number};
-    bundle.point = anyOf<const char*>({"share", "edit", ""});
+    PlugInBundle bundle{.identifier = "p" + number, .version = std::to_string(any(3)) + ".0" + number};
+    bundle.point = anyOf<const char*>({"share", "edit", "éa", "-a", ""});
+    const std::vector<Value> odd = {5, true, Dictionary(), Array{7, "share"}, Array{"edit", "éa"}};
+    if (bundle.point.empty()) bundle.attributes.set("ZQExtensionPointName", anyOf(odd));
+    if (oneIn(8)) bundle.info.set("ZQExtensionPointName", anyOf<Value>({"edit", odd[4]}));
     if (!oneIn(3)) bundle.attributes.set("Colour", anyOf<const char*>({"red", "green"}));
     Dictionary& plugIn = bundle.plugIn;
     if (!oneIn(3))
