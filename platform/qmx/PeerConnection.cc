@@ -197,7 +197,7 @@ bool PeerConnection::standsBack() const {
 /// One piece of work; false when there is none for now.
 bool PeerConnection::takeTurn() {
   if (rest_) {
-    if (isEnding_ && !mayServeMore()) die(Ending::deliverAndFlush);
+    if (state_ == State::live && isEnding_ && !mayServeMore()) die(Ending::deliverAndFlush);
     Work rest = std::exchange(rest_, {});
     rest();
     return true;
