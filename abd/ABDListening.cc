@@ -89,14 +89,16 @@ void ABDQmxClient::handleMessage(qmx::Message&& message) {
   if (server_.verbose() >= ABDServer::kVerboseMessages) server_.debug("incoming request %@", message);
   if (trace::requestInputIsEnabled()) trace::requestInput(pid(), message.description());
   auto transaction = std::make_shared<Transaction>(std::move(message), shared_from_this());
-  server_.submitWork([transaction = std::move(transaction)] { transaction->client().serve(*transaction); });
+  server_.submitWork([transaction = std::move(transaction)] { transaction->client().serve(transaction); });
 }
 
-void ABDQmxClient::serve(Transaction& transaction) {
+void ABDQmxClient::serve(std::shared_ptr<Transaction> transaction) {
+  // A connection hands over one after the other, but all that is left when it dies.
+  if (const auto unfinished = unfinished_.lock()) return unfinished->setNext(std::move(transaction));
   if (++requestCount_ % kRequestsPerCountLine == 0)
     server_.debug("client %d used %u requests so far", pid(), requestCount_);
   beginRequest();
-  transaction.dispatch();
+  transaction->dispatch();
 }
 
 }  // namespace abd

@@ -48,6 +48,10 @@ class ABDQmxClient : public RequestHost, public std::enable_shared_from_this<ABD
   const qmx::PeerIdentity& peer() const { return *peer_; }
   /// Requests that it has sent and that had their turn. On the service queue.
   uint32_t requestCount() const { return requestCount_; }
+  /// Begins with a request, or has it wait for the one that is unfinished. On the service queue.
+  void serve(std::shared_ptr<Transaction> transaction);
+  /// Has coming requests wait for one that goes on later; none: they need not wait. On the service queue.
+  void setUnfinished(std::weak_ptr<Transaction> transaction) { unfinished_ = std::move(transaction); }
   /// Whether requests of this peer are still served.
   bool acceptWork() const { return acceptWork_.load(std::memory_order_acquire); }
 
@@ -64,7 +68,6 @@ class ABDQmxClient : public RequestHost, public std::enable_shared_from_this<ABD
   void identify();
   void handleEvent(qmx::Event&& event);
   void handleMessage(qmx::Message&& message);
-  void serve(Transaction& transaction);
 
   // Set before the first event.
   const std::weak_ptr<qmx::Connection> connection_;
@@ -76,6 +79,7 @@ class ABDQmxClient : public RequestHost, public std::enable_shared_from_this<ABD
 
   // Only on the service queue.
   uint32_t requestCount_ = 0;
+  std::weak_ptr<Transaction> unfinished_;
 
   // Only on the server's "serverSync" queue.
   std::vector<std::shared_ptr<ABDPlugInHold>> holds_;  // the peer's, in creation order

@@ -126,6 +126,23 @@ TEST_F(Neighbours, WaitNotForWhatIsServedToItsEndWithoutItsClient) {
       << "after the other's and the death";
 }
 
+TEST_F(Neighbours, WhoEndsIsStillAnsweredInOrder) {
+  install(300);
+  Array patterns = manyPatterns();
+  patterns.append("?unknown");
+  WireClient ending = daemon->connect();
+  ending.send(message("match", {{"rules", Dictionary{{"k", patterns}}}}));
+  ASSERT_TRUE(daemon->waitForLog("unrecognized match operator"));
+  atOnce([&] {
+    client->send(bulk(0));
+    for (int i = 0; i < 3; ++i) ending.send({{"request", "bulk"}, {"version", 1}});
+    ending.shutdownSending();
+  });
+  std::string errors;
+  while (const auto reply = ending.receive()) errors += errorOf(*reply->body.dictionary()).substr(0, 1) + ";";
+  EXPECT_EQ(errors, ";7;7;7;") << "what was begun, and those that are not served any more";
+}
+
 TEST_F(Neighbours, AreSparedWhatIsBeyondTheLimits) {
   install(100);
   // Rules: the entries count, their patterns, items and the items' types.

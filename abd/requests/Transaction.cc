@@ -106,12 +106,26 @@ void Transaction::begin() {
 }
 
 void Transaction::goOnOrEnd() {
-  if (!course_.isOver()) return goOnLater();
+  if (course_.isOver())
+    end();
+  else
+    goOnLater();
+}
+
+void Transaction::setNext(std::shared_ptr<Transaction> next) {
+  Transaction* last = this;
+  while (last->next_ != nullptr) last = last->next_.get();
+  last->next_ = std::move(next);
+}
+
+void Transaction::end() {
   // What is no request of the table is counted behind it.
   static_assert(std::size(kRequests) < Statistics::kMostNames);
   Statistics::Requests& requests = server().statistics().requests[kind_];
   requests.latencies.add(Slice::Clock::now() - began_);
   if (hasFailed_) ++requests.failed;
+  client_->setUnfinished({});
+  if (next_ != nullptr) client_->serve(std::exchange(next_, nullptr));
 }
 
 Array Transaction::requestFigures() const {
@@ -136,6 +150,7 @@ Array Transaction::requestFigures() const {
 
 void Transaction::goOnLater() {
   if (connection_ == nullptr) return;
+  client_->setUnfinished(weak_from_this());
   connection_->goOnLater([transaction = shared_from_this()] {
     transaction->server().submitWork([transaction] {
       transaction->beginSlice(Slice::Clock::now());

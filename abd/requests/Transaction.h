@@ -38,6 +38,9 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
 
   /// Checks version and client, then runs the request's handler.
   void dispatch();
+  /// Has a request of the same client begin when this unfinished one, and those that wait already, have
+  /// ended.
+  void setNext(std::shared_ptr<Transaction> next);
 
   ABDQmxClient& client() const { return *client_; }
   ABDServer& server() const;
@@ -60,9 +63,10 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
   void goThrough(Part part);
   /// Checks the request, and runs its handler until that ends or gives way.
   void begin();
-  /// Goes on with a course that has given way, at this request's next turn; counts one that is over.
+  /// Goes on with a course that has given way, at this request's next turn; ends one that is over.
   void goOnOrEnd();
   void goOnLater();
+  void end();
   /// Where a handler lets others in: `co_await giveWay()`.
   Course::Pause giveWay() const { return {slice_}; }
   void beginSlice(Slice::Clock::time_point now);
@@ -111,6 +115,7 @@ class Transaction : public std::enable_shared_from_this<Transaction> {
   Slice::Clock::time_point began_;
   Slice slice_;
   Course course_;
+  std::shared_ptr<Transaction> next_;  // what waits for the end of this one
 };
 
 }  // namespace abd

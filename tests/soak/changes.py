@@ -242,6 +242,8 @@ def everything_at_once(run):
             each.end()
         for each in device.applications.glob("Churn*"):
             shutil.rmtree(each)
+        for name in ("add", "remove"):  # whether or not their clients came to that
+            client().request(name, paths=[str(each) for each in device.path.glob("Mixed*.app/PlugIns/*")])
         eventually(lambda: daemon.processor_share(0.5) < 0.02)
         time.sleep(3)  # what is free goes back to the system
         samples.append((daemon.memory() / MIB, daemon.descriptors(), daemon.watches()))
