@@ -245,8 +245,8 @@ def everything_at_once(run):
         for name in ("add", "remove"):  # whether or not their clients came to that
             client().request(name, paths=[str(each) for each in device.path.glob("Mixed*.app/PlugIns/*")])
         eventually(lambda: daemon.processor_share(0.5) < 0.02)
-        time.sleep(3)  # what is free goes back to the system
-        samples.append((daemon.memory() / MIB, daemon.descriptors(), daemon.watches()))
+        memory = daemon.settled_memory(seconds=6) / MIB
+        samples.append((memory, daemon.descriptors(), daemon.watches()))
     warm, late = samples[1 : (len(samples) + 2) // 2], samples[(len(samples) + 2) // 2 :]
     status = json.loads(subprocess.check_output([BUILD / "abctl", "status", "--json"]))
     used = [each["name"] for each in status["requests"] if each["count"] > each["failed"]]
